@@ -1,0 +1,30 @@
+// Extraction of the symbol definitions of one source file with tree-sitter.
+//
+// Thread-safe: each call uses a parser of its own thread. A file with syntax errors is still indexed
+// from its partial parse; a parse that fails (no tree, or over the time limit) is reported as failed.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "brenloc/storage/records.h"
+
+namespace brenloc::engines {
+
+struct ParseResult {
+  bool ok = false;            // false: the parser failed; `error` says why
+  std::string error;
+  bool syntax_errors = false;  // the tree has error nodes (the symbols come from the partial parse)
+  std::vector<storage::SymbolRow> symbols;
+};
+
+// `language` is a language of LANGUAGE_EXTENSIONS.
+ParseResult extract_symbols(std::string_view language, std::string_view source,
+                            std::chrono::milliseconds time_limit = std::chrono::milliseconds(5000));
+
+// Parses only (no definition query): the floor that the indexer's speed is measured against.
+bool parse_only(std::string_view language, std::string_view source);
+
+}  // namespace brenloc::engines

@@ -1,0 +1,42 @@
+// What the MCP server needs from the daemon: the tools it offers, a way to call them, and the status
+// messages it is to pass on to every client.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "brenloc/aio/task.h"
+
+namespace brenloc::mcp {
+
+struct ToolSpec {
+  std::string name;
+  std::string description;
+  nlohmann::ordered_json input_schema;
+};
+
+// A status message for the clients: `level` is an MCP logging level ("info", "error", ...), `data` the
+// message as the daemon made it.
+using BroadcastSink = std::function<void(const std::string& level, const nlohmann::ordered_json& data)>;
+
+class ToolHost {
+ public:
+  virtual ~ToolHost() = default;
+  virtual std::vector<ToolSpec> tools() const = 0;
+  // Runs on the event loop. Throws brenloc::ArgumentError for arguments the binder rejects, and
+  // UnknownTool for a name it does not serve; any other error is the tool's own failure.
+  virtual aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) = 0;
+  // Registers the sink that receives every broadcast; returns an id for unsubscribe().
+  virtual int subscribe(BroadcastSink sink) = 0;
+  virtual void unsubscribe(int id) = 0;
+};
+
+class UnknownTool : public std::runtime_error {
+ public:
+  explicit UnknownTool(const std::string& name) : std::runtime_error("unknown tool '" + name + "'") {}
+};
+
+}  // namespace brenloc::mcp

@@ -1,0 +1,52 @@
+// One SQLite index database file (WAL mode, busy timeout, versioned schema).
+//
+// The Database owns the writer connection of its file. Its operations may be called from different
+// threads one after another (opened on one, checkpointed on a second, closed on a third); an internal
+// mutex makes each call safe, and two threads never use the connection at once. Readers use their own
+// connections (see Repository), so they never wait for the writer.
+//
+// Virtual so that tests can make one step fail over a real file; the daemon uses this class as is.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace brenloc::storage {
+
+// The schema version written to PRAGMA user_version by create_schema().
+inline constexpr int kSchemaVersion = 1;
+
+class Database {
+ public:
+  explicit Database(std::filesystem::path path);
+  virtual ~Database();  // closes the connection if still open
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  // Opens the writer connection (creating the file), WAL mode, busy timeout. Throws StorageError.
+  virtual void connect();
+  // Creates the tables and indexes if missing and sets user_version; idempotent. Throws on a file whose
+  // user_version is newer than kSchemaVersion.
+  virtual void create_schema();
+  // Closes the writer connection; a closed database may be closed again.
+  virtual void close();
+  // Runs one or more statements on the writer connection; result rows are ignored.
+  virtual void execute(const std::string& sql);
+
+  const std::filesystem::path& path() const { return path_; }
+  bool is_open() const;
+
+  // Runs `fn` with the writer connection under the database's mutex. Throws when not connected.
+  void with_connection(const std::function<void(sqlite3*)>& fn);
+
+ private:
+  std::filesystem::path path_;
+  mutable std::mutex mu_;
+  sqlite3* db_ = nullptr;
+};
+
+}  // namespace brenloc::storage

@@ -1,0 +1,59 @@
+// The index store over one Database: writes for the indexer, queries for clients, and the swap of a
+// staged index onto the live connection.
+//
+// Writes go through the Database's writer connection and are blocking (run them off the event loop).
+// Queries run on read connections of their own (WAL readers): they never wait for a reindex or a swap,
+// and see the index as of their transaction's start. Query results are cached (LRU) until the index
+// changes or clear_query_cache() is called.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "brenloc/storage/database.h"
+#include "brenloc/storage/records.h"
+
+namespace brenloc::storage {
+
+class Repository {
+ public:
+  explicit Repository(std::shared_ptr<Database> database);
+  virtual ~Repository();
+  Repository(const Repository&) = delete;
+  Repository& operator=(const Repository&) = delete;
+
+  const std::shared_ptr<Database>& database() const { return db_; }
+
+  // --- writes (blocking, on the writer connection) ---
+  // Path -> content hash of every indexed file.
+  std::unordered_map<std::string, std::string> file_hashes();
+  // Stores each entry in one transaction, replacing the file's earlier rows.
+  void store_files(const std::vector<FileEntry>& entries);
+  // Removes the files (and their symbols) with these relative paths; unknown paths are ignored.
+  void remove_files(const std::vector<std::string>& paths);
+
+  // --- queries (own read connections, cached) ---
+  std::vector<SymbolHit> search_symbols(const SymbolQuery& query);
+  std::vector<FileRow> list_files(const std::string& path_prefix = "");
+  Counts counts();
+
+  // Replaces the live index with the one in the staging file, in one transaction on the writer
+  // connection (attach read-only, check the schema version, replace the rows, commit, detach). Any
+  // failure rolls back and leaves the live index exactly as it was; readers see the old index or the new
+  // one, never a mix. Returns the row counts {"files": N, "symbols": M}.
+  virtual nlohmann::ordered_json swap_index_from(const std::filesystem::path& staging_path);
+  // Drops every cached query result.
+  virtual void clear_query_cache();
+
+ private:
+  struct Impl;
+  std::shared_ptr<Database> db_;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace brenloc::storage

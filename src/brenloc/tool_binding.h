@@ -1,0 +1,39 @@
+// Binding of tool arguments against the argument schemas of the daemon's tools.
+//
+// Each schema is a list of named, typed, optional arguments with defaults. bind_arguments(name, params)
+// checks `params` against the schema called `name` and returns the bound mapping: every argument of the
+// schema, in schema order, with its default where omitted. An unknown argument, a wrong type or a
+// missing required one is an ArgumentError whose message names the argument.
+//
+// Schemas: "status" (the arguments of a reindex request answered with a status: "paths", an array of
+// strings, default empty; "clear_existing", a boolean, default false), "search" ("query" string,
+// required; "kind" string; "limit" integer 1..1000, default 20) and "none" (no arguments).
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace brenloc {
+
+class ArgumentError : public std::invalid_argument {
+ public:
+  ArgumentError(std::string argument, const std::string& message)
+      : std::invalid_argument(message), argument_(std::move(argument)) {}
+  const std::string& argument() const { return argument_; }
+
+ private:
+  std::string argument_;
+};
+
+// Throws ArgumentError for bad arguments, std::out_of_range for an unknown schema name. `params` may be
+// null (no arguments given).
+nlohmann::ordered_json bind_arguments(std::string_view name, const nlohmann::ordered_json& params);
+
+// The JSON Schema ("type": "object", "properties", "required", "additionalProperties": false) of a
+// binding, for a tool listing.
+nlohmann::ordered_json input_schema(std::string_view name);
+
+}  // namespace brenloc

@@ -1,0 +1,66 @@
+// The indexer: index passes over a repository into one Repository.
+//
+// full_index(paths): with paths absent, the whole repository (new files added, changed ones re-indexed
+// by content hash, vanished ones removed); with a list, exactly those files (a listed file that no
+// longer exists drops its stale rows; an empty list indexes nothing). Parsing runs on pool threads,
+// storage on one writer through the `offload` it was given (the loop's default pool when absent). Files
+// that cannot be looked at, read, parsed or stored are left out and counted in IndexStats::errors, and
+// every pass writes errors.jsonl into the data directory (the directory of the repository's database).
+//
+// A cancelled pass stops starting new work within about 100 ms; settle() completes once its work still
+// running on threads has ended. Virtual so that tests can stand in for it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "brenloc/aio/task.h"
+#include "brenloc/daemon/offload.h"
+#include "brenloc/storage/repository.h"
+#include "brenloc/workers/index_stats.h"
+
+namespace brenloc::workers {
+
+struct IndexerOptions {
+  std::shared_ptr<storage::Repository> repository;
+  std::filesystem::path repo_root;  // absolute, resolved
+  std::optional<daemon::Offloader::Run> offload;
+  bool refresh_report = true;  // write the report (not forced) after each pass
+};
+
+// Told files done / files total while a pass runs (on the event loop).
+using ProgressFn = std::function<void(std::int64_t done, std::int64_t total)>;
+
+class Indexer {
+ public:
+  explicit Indexer(IndexerOptions options);
+  virtual ~Indexer();
+  Indexer(const Indexer&) = delete;
+  Indexer& operator=(const Indexer&) = delete;
+
+  virtual aio::Task<IndexStats> full_index(std::optional<std::vector<std::filesystem::path>> paths = std::nullopt);
+  virtual aio::Task<void> settle();
+
+  void set_progress(ProgressFn fn) { progress_ = std::move(fn); }
+  const IndexerOptions& options() const { return options_; }
+
+  // Completed passes, recorded for status.
+  IndexStats stats;
+
+ protected:
+  void report_progress(std::int64_t done, std::int64_t total) {
+    if (progress_) progress_(done, total);
+  }
+
+ private:
+  IndexerOptions options_;
+  ProgressFn progress_;
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace brenloc::workers
