@@ -1,0 +1,358 @@
+// The definitions found in small sources of every language: names, kinds, lines and scopes,
+// including the cases that stock tag queries get wrong.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "brenloc/engines/languages.h"
+#include "brenloc/engines/symbols.h"
+
+namespace brenloc::engines {
+namespace {
+
+struct Def {
+  std::string name;
+  std::string kind;
+  int line;
+  std::string scope;
+};
+
+struct Case {
+  std::string label;
+  std::string language;
+  std::string source;
+  std::vector<Def> expected;     // each must be found exactly so
+  std::vector<std::string> absent;  // names that must not be found at all
+};
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
+
+std::string describe(const std::vector<storage::SymbolRow>& rows) {
+  std::string out;
+  for (const auto& r : rows) {
+    out += "  " + r.name + " " + r.kind + " line " + std::to_string(r.line) + " scope '" + r.scope + "'\n";
+  }
+  return out;
+}
+
+class ExtractSymbols : public ::testing::TestWithParam<Case> {};
+
+TEST_P(ExtractSymbols, FindsTheDefinitions) {
+  const Case& c = GetParam();
+  const ParseResult r = extract_symbols(c.language, c.source);
+  ASSERT_TRUE(r.ok) << r.error;
+  EXPECT_FALSE(r.syntax_errors) << "the sample should parse cleanly";
+  for (const Def& d : c.expected) {
+    const bool found = std::any_of(r.symbols.begin(), r.symbols.end(), [&](const storage::SymbolRow& s) {
+      return s.name == d.name && s.kind == d.kind && s.line == d.line && s.scope == d.scope;
+    });
+    EXPECT_TRUE(found) << "missing " << d.name << " " << d.kind << " line " << d.line << " scope '" << d.scope
+                       << "'; found:\n"
+                       << describe(r.symbols);
+  }
+  for (const std::string& name : c.absent) {
+    const bool found = std::any_of(r.symbols.begin(), r.symbols.end(),
+                                   [&](const storage::SymbolRow& s) { return s.name == name; });
+    EXPECT_FALSE(found) << name << " must not be a definition; found:\n" << describe(r.symbols);
+  }
+  // Every symbol is found once: no definition tagged twice.
+  for (std::size_t i = 0; i < r.symbols.size(); ++i) {
+    for (std::size_t j = i + 1; j < r.symbols.size(); ++j) {
+      EXPECT_FALSE(r.symbols[i].name == r.symbols[j].name && r.symbols[i].line == r.symbols[j].line &&
+                   r.symbols[i].column == r.symbols[j].column)
+          << "tagged twice: " << r.symbols[i].name;
+    }
+  }
+}
+
+std::string case_name(const ::testing::TestParamInfo<Case>& info) { return info.param.label; }
+
+// clang-format off
+const Case python_cases[] = {
+  {"python_functions_methods_classes", "python", R"(import os
+CONSTANT = 3
+counter = 0
+a, b = 1, 2
+
+def top(x):
+    local = x + 1
+    def inner():
+        pass
+    return local
+
+class Outer:
+    attr = 1
+
+    def method(self):
+        self.value = 2
+        temp = 3
+
+    @staticmethod
+    def static_one():
+        pass
+
+    class Inner:
+        def deep(self):
+            pass
+
+async def fetch():
+    pass
+)",
+   {{"CONSTANT", "constant", 2, ""}, {"counter", "variable", 3, ""}, {"a", "variable", 4, ""},
+    {"b", "variable", 4, ""}, {"top", "function", 6, ""}, {"inner", "function", 8, "top"},
+    {"Outer", "class", 12, ""}, {"attr", "variable", 13, "Outer"}, {"method", "method", 15, "Outer"},
+    {"static_one", "method", 20, "Outer"}, {"Inner", "class", 23, "Outer"},
+    {"deep", "method", 24, "Outer.Inner"}, {"fetch", "function", 27, ""}},
+   {"local", "temp", "value", "os", "x"}},
+};
+
+const Case c_cases[] = {
+  {"c_macros_structs_enums_typedefs", "c", R"(#include <stdio.h>
+#define MAX 10
+#define SQUARE(x) ((x) * (x))
+struct point {
+    int x, y;
+    struct point *next;
+};
+typedef struct {
+    int a;
+} anon_t;
+union value { int i; float f; };
+enum color { RED, GREEN = 2 };
+typedef int (*callback_t)(int);
+static int counter = 0;
+int *pointer_var, array_var[4];
+extern int declared_elsewhere;
+int prototype(int a);
+void (*handler)(int);
+static inline int add(int a, int b) {
+    int local = a + b;
+    return local;
+}
+int *make(void) { return 0; }
+#ifdef FEATURE
+int feature_flag = 1;
+#endif
+)",
+   {{"MAX", "macro", 2, ""}, {"SQUARE", "macro", 3, ""}, {"point", "struct", 4, ""},
+    {"x", "field", 5, "point"}, {"y", "field", 5, "point"}, {"next", "field", 6, "point"},
+    {"a", "field", 9, "anon_t"}, {"anon_t", "type", 10, ""}, {"value", "union", 11, ""},
+    {"i", "field", 11, "value"}, {"color", "enum", 12, ""}, {"RED", "enumerator", 12, "color"},
+    {"GREEN", "enumerator", 12, "color"}, {"callback_t", "type", 13, ""},
+    {"counter", "variable", 14, ""}, {"pointer_var", "variable", 15, ""},
+    {"array_var", "variable", 15, ""}, {"handler", "variable", 18, ""}, {"add", "function", 19, ""},
+    {"make", "function", 23, ""}, {"feature_flag", "variable", 25, ""}},
+   {"declared_elsewhere", "prototype", "local", "b"}},
+};
+
+const Case cpp_cases[] = {
+  {"cpp_namespaces_classes_out_of_class", "cpp", R"(#define VERSION 3
+namespace outer {
+namespace inner {
+class Widget : public Base {
+ public:
+  Widget();
+  ~Widget();
+  int size() const { return size_; }
+  void draw();
+  static int count;
+ private:
+  int size_ = 0;
+};
+struct Pod { int a; };
+enum class Mode { fast, slow };
+}  // namespace inner
+Widget::Widget() {}
+inner::Widget::~Widget() {}
+void inner::Widget::draw() {
+  int local = 0;
+  auto lambda = [](int v) { int in_lambda = v; return in_lambda; };
+}
+int inner::Widget::count = 0;
+void free_function() {}
+void inner::helper() {}
+using Alias = std::vector<int>;
+template <typename T>
+class Box { T value; };
+}  // namespace outer
+namespace a::b { int nested_value = 1; }
+)",
+   {{"VERSION", "macro", 1, ""}, {"outer", "namespace", 2, ""}, {"inner", "namespace", 3, "outer"},
+    {"Widget", "class", 4, "outer::inner"}, {"size", "method", 8, "outer::inner::Widget"},
+    {"size_", "field", 12, "outer::inner::Widget"}, {"count", "field", 10, "outer::inner::Widget"},
+    {"Pod", "struct", 14, "outer::inner"}, {"a", "field", 14, "outer::inner::Pod"},
+    {"Mode", "enum", 15, "outer::inner"}, {"fast", "enumerator", 15, "outer::inner::Mode"},
+    {"Widget", "constructor", 17, "outer::Widget"}, {"~Widget", "method", 18, "outer::inner::Widget"},
+    {"draw", "method", 19, "outer::inner::Widget"}, {"count", "variable", 23, "outer::inner::Widget"},
+    {"free_function", "function", 24, "outer"}, {"helper", "function", 25, "outer::inner"},
+    {"Alias", "type", 26, "outer"}, {"Box", "class", 28, "outer"}, {"value", "field", 28, "outer::Box"},
+    {"a::b", "namespace", 30, ""}, {"nested_value", "variable", 30, "a::b"}},
+   {"local", "lambda", "in_lambda", "v"}},
+  // A header named .h (given as C) that is really C++.
+  {"cpp_header_given_as_c", "c", R"(#pragma once
+namespace lib {
+class Parser {
+ public:
+  bool parse(const char* text) { return text != nullptr; }
+};
+}
+)",
+   {{"lib", "namespace", 2, ""}, {"Parser", "class", 3, "lib"}, {"parse", "method", 5, "lib::Parser"}},
+   {}},
+};
+
+const Case javascript_cases[] = {
+  {"javascript_functions_classes_consts", "javascript", R"(const LIMIT = 5;
+let mutable = 1;
+var old = 2;
+function plain(a) { const inside = a; return inside; }
+function* gen() {}
+const arrow = (x) => { let y = x; return y; };
+class Shape {
+  static count = 0;
+  constructor(n) { this.n = n; }
+  area() { return 0; }
+  #secret() {}
+}
+)",
+   {{"LIMIT", "constant", 1, ""}, {"mutable", "variable", 2, ""}, {"old", "variable", 3, ""},
+    {"plain", "function", 4, ""}, {"gen", "function", 5, ""}, {"arrow", "function", 6, ""},
+    {"Shape", "class", 7, ""}, {"count", "field", 8, "Shape"}, {"constructor", "constructor", 9, "Shape"},
+    {"area", "method", 10, "Shape"}, {"#secret", "method", 11, "Shape"}},
+   {"inside", "y", "a", "x"}},
+};
+
+const Case typescript_cases[] = {
+  {"typescript_enums_aliases_interfaces", "typescript", R"(export enum Direction { Up, Down = 2 }
+type Id = string | number;
+interface Named {
+  name: string;
+  greet(): void;
+}
+abstract class Base {
+  abstract run(): void;
+  protected value: number = 0;
+}
+namespace Space { export const inSpace = 1; }
+declare function external(x: number): void;
+export function make(): Named { return { name: "", greet() {} }; }
+)",
+   {{"Direction", "enum", 1, ""}, {"Up", "enumerator", 1, "Direction"}, {"Down", "enumerator", 1, "Direction"},
+    {"Id", "type", 2, ""}, {"Named", "interface", 3, ""}, {"name", "property", 4, "Named"},
+    {"greet", "method", 5, "Named"}, {"Base", "class", 7, ""}, {"run", "method", 8, "Base"},
+    {"value", "field", 9, "Base"}, {"Space", "namespace", 11, ""}, {"inSpace", "constant", 11, "Space"},
+    {"external", "function", 12, ""}, {"make", "function", 13, ""}},
+   {}},
+  {"tsx_component", "tsx", R"(interface Props { title: string }
+export const Title = (p: Props) => <h1>{p.title}</h1>;
+export default class Page extends Component<Props> {
+  render() { return <div />; }
+}
+)",
+   {{"Props", "interface", 1, ""}, {"title", "property", 1, "Props"}, {"Title", "function", 2, ""},
+    {"Page", "class", 3, ""}, {"render", "method", 4, "Page"}},
+   {}},
+};
+
+const Case go_cases[] = {
+  {"go_consts_vars_methods", "go", R"(package shapes
+
+const Pi = 3.14
+const (
+	A = iota
+	B
+)
+var Global, Other int
+
+type Point struct {
+	X, Y int
+}
+type Shape interface {
+	Area() float64
+}
+type Celsius float64
+
+func New() *Point { v := 1; var local int; _ = v; return &Point{} }
+func (p *Point) Move(dx int) {}
+func (p Point) Area() float64 { return 0 }
+func (s *Stack[T]) Push(v T) {}
+)",
+   {{"shapes", "module", 1, ""}, {"Pi", "constant", 3, ""}, {"A", "constant", 5, ""}, {"B", "constant", 6, ""},
+    {"Global", "variable", 8, ""}, {"Other", "variable", 8, ""}, {"Point", "struct", 10, ""},
+    {"X", "field", 11, "Point"}, {"Y", "field", 11, "Point"}, {"Shape", "interface", 13, ""},
+    {"Area", "method", 14, "Shape"}, {"Celsius", "type", 16, ""}, {"New", "function", 18, ""},
+    {"Move", "method", 19, "Point"}, {"Area", "method", 20, "Point"}, {"Push", "method", 21, "Stack"}},
+   {"local", "v", "dx"}},
+};
+
+const Case rust_cases[] = {
+  {"rust_impls_traits_enums", "rust", R"(mod geometry {
+    pub struct Point { pub x: i32, y: i32 }
+    pub enum Shape { Circle(f64), Square { side: f64 } }
+    pub trait Area {
+        fn area(&self) -> f64;
+        fn describe(&self) -> String { String::new() }
+    }
+    impl Area for Point {
+        fn area(&self) -> f64 { let local = 0.0; local }
+    }
+    impl<T> Wrapper<T> {
+        pub fn new() -> Self { todo!() }
+        const LIMIT: usize = 3;
+    }
+}
+const MAX: u32 = 10;
+static mut COUNTER: u32 = 0;
+type Pair = (i32, i32);
+macro_rules! square { ($x:expr) => { $x * $x }; }
+union Bits { i: u32, f: f32 }
+fn main() { let closure = |v: i32| v + 1; }
+)",
+   {{"geometry", "module", 1, ""}, {"Point", "struct", 2, "geometry"}, {"x", "field", 2, "geometry::Point"},
+    {"Shape", "enum", 3, "geometry"}, {"Circle", "enumerator", 3, "geometry::Shape"},
+    {"Area", "trait", 4, "geometry"}, {"area", "method", 5, "geometry::Area"},
+    {"describe", "method", 6, "geometry::Area"}, {"area", "method", 9, "geometry::Point"},
+    {"new", "method", 12, "geometry::Wrapper"}, {"LIMIT", "constant", 13, "geometry::Wrapper"},
+    {"MAX", "constant", 16, ""}, {"COUNTER", "variable", 17, ""}, {"Pair", "type", 18, ""},
+    {"square", "macro", 19, ""}, {"Bits", "union", 20, ""}, {"i", "field", 20, "Bits"},
+    {"main", "function", 21, ""}},
+   {"local", "closure", "v"}},
+};
+
+const Case java_cases[] = {
+  {"java_enums_constructors_fields", "java", R"(package app;
+public class Account {
+    private static final int LIMIT = 5;
+    private int balance, overdraft;
+    public Account(int start) { int local = start; balance = local; }
+    public void deposit(int amount) {}
+    enum Status { OPEN, CLOSED; boolean open() { return this == OPEN; } }
+    interface Listener { int VERSION = 1; void changed(); }
+    record Entry(int id) {}
+}
+@interface Marker {}
+)",
+   {{"Account", "class", 2, ""}, {"LIMIT", "field", 3, "Account"}, {"balance", "field", 4, "Account"},
+    {"overdraft", "field", 4, "Account"}, {"Account", "constructor", 5, "Account"},
+    {"deposit", "method", 6, "Account"}, {"Status", "enum", 7, "Account"},
+    {"OPEN", "enumerator", 7, "Account.Status"}, {"CLOSED", "enumerator", 7, "Account.Status"},
+    {"open", "method", 7, "Account.Status"}, {"Listener", "interface", 8, "Account"},
+    {"VERSION", "constant", 8, "Account.Listener"}, {"changed", "method", 8, "Account.Listener"},
+    {"Entry", "class", 9, "Account"}, {"Marker", "interface", 11, ""}},
+   {"local", "amount", "start"}},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Python, ExtractSymbols, ::testing::ValuesIn(python_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(C, ExtractSymbols, ::testing::ValuesIn(c_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Cpp, ExtractSymbols, ::testing::ValuesIn(cpp_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(JavaScript, ExtractSymbols, ::testing::ValuesIn(javascript_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(TypeScript, ExtractSymbols, ::testing::ValuesIn(typescript_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Go, ExtractSymbols, ::testing::ValuesIn(go_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Rust, ExtractSymbols, ::testing::ValuesIn(rust_cases), case_name);
+INSTANTIATE_TEST_SUITE_P(Java, ExtractSymbols, ::testing::ValuesIn(java_cases), case_name);
+
+}  // namespace
+}  // namespace brenloc::engines
