@@ -215,6 +215,16 @@ Future<T> spawn(Task<T> task, EventLoop* loop = nullptr) {
   return Future<T>(std::shared_ptr<FutureState<T>>(std::move(state)));
 }
 
+// A coroutine that awaits `f` shielded (see shield()), for places that take a Task.
+template <class T>
+Task<T> await_shielded(Future<T> f) {
+  if constexpr (std::is_void_v<T>) {
+    co_await shield(f);
+  } else {
+    co_return co_await shield(f);
+  }
+}
+
 // Runs `task` on `loop` from outside the loop until it has finished, and returns its result. Work still
 // queued when it finishes stays queued for the next run.
 template <class T>

@@ -1,0 +1,188 @@
+#include "brenloc/daemon/worker.h"
+
+#include <fmt/format.h>
+
+#include <system_error>
+
+#include "brenloc/aio/thread.h"
+#include "brenloc/tool_binding.h"
+#include "brenloc/utils/logging.h"
+#include "brenloc/workers/report_generator.h"
+
+namespace brenloc::daemon {
+
+namespace fs = std::filesystem;
+using json = nlohmann::ordered_json;
+
+namespace {
+
+const std::shared_ptr<spdlog::logger>& logger() {
+  static auto l = utils::get_logger("brenloc.daemon.worker");
+  return l;
+}
+
+fs::path resolve_root(const fs::path& root) {
+  std::error_code ec;
+  fs::path resolved = fs::weakly_canonical(fs::absolute(root), ec);
+  return ec ? fs::absolute(root).lexically_normal() : resolved;
+}
+
+// Logs an index pass and carries its progress to the worker's clients.
+class ReportingPass final : public PassScope {
+ public:
+  ReportingPass(RepoWorker& worker, workers::Indexer& indexer) : worker_(worker), indexer_(indexer) {}
+  void enter() override {
+    indexer_.set_progress([w = &worker_](std::int64_t done, std::int64_t total) { w->notify_progress(done, total); });
+    logger()->debug("Index pass started");
+  }
+  bool exit(const aio::ScopeExit& how) override {
+    indexer_.set_progress(nullptr);
+    static const char* names[] = {"finished", "failed", "cancelled"};
+    logger()->debug("Index pass {}", names[how.kind]);
+    return false;
+  }
+
+ private:
+  RepoWorker& worker_;
+  workers::Indexer& indexer_;
+};
+
+}  // namespace
+
+RepoWorker::RepoWorker(const fs::path& root, fs::path data) : WorkerReindex(resolve_root(root), std::move(data)) {}
+
+RepoWorker::~RepoWorker() = default;
+
+aio::Task<void> RepoWorker::start() {
+  fs::create_directories(data_dir);
+  _database = _new_database(data_dir / "index.db");
+  co_await aio::to_thread([db = _database] {
+    db->connect();
+    db->create_schema();
+  });
+  _repository = _new_repository(_database);
+  _indexer = _new_indexer({.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run});
+  std::vector<PassScheduler::Pass> passes = {
+      {"report", [repo = _repository, root = repo_root] { workers::write_report(repo, root, false); }},
+      {"checkpoint", [db = _database] { db->execute("PRAGMA wal_checkpoint(PASSIVE)"); }},
+      {"optimize", [db = _database] { db->execute("PRAGMA optimize"); }},
+  };
+  _passes = std::make_unique<PassScheduler>(_passes_lane.run, std::move(passes));
+  started_ = true;
+}
+
+aio::Task<void> RepoWorker::stop() {
+  if (stopping_) co_return;
+  stopping_ = true;
+  if (_indexer_task && !_indexer_task->done()) {
+    _indexer_task->cancel();
+    co_await aio::wait_all({_indexer_task->base()});
+  }
+  if (_passes) co_await _passes->drain();
+  co_await _passes_lane.shutdown();
+  co_await _maintenance.shutdown();
+  if (_database) co_await aio::to_thread([db = _database] { db->close(); });
+}
+
+json RepoWorker::_check_repository(std::string_view tool) {
+  if (stopping_ || !started_) {
+    return json{{"error", fmt::format("The worker for {} is not running", repo_root.string())}, {"status", "failed"}};
+  }
+  std::error_code ec;
+  auto st = fs::status(repo_root, ec);
+  if (!fs::exists(st)) {
+    return json{{"error", fmt::format("Repository root no longer exists: {}", repo_root.string())},
+                {"status", "failed"}};
+  }
+  if (!fs::is_directory(st)) {
+    return json{{"error", fmt::format("Repository root is not a directory: {}", repo_root.string())},
+                {"status", "failed"}};
+  }
+  return json::object();
+}
+
+aio::Task<void> RepoWorker::_start_indexing() {
+  auto guard = co_await _indexing_lock.scoped();
+  ++_indexing_in_progress;
+}
+
+aio::Task<void> RepoWorker::_finish_indexing() {
+  auto guard = co_await _indexing_lock.scoped();
+  --_indexing_in_progress;
+}
+
+std::unique_ptr<PassScope> RepoWorker::_reporting_pass(workers::Indexer& indexer) {
+  return std::make_unique<ReportingPass>(*this, indexer);
+}
+
+aio::Task<void> RepoWorker::broadcast_status(json message) {
+  send(message);
+  co_return;
+}
+
+void RepoWorker::notify_progress(std::int64_t done, std::int64_t total) {
+  auto now = std::chrono::steady_clock::now();
+  if (now - last_progress_ < std::chrono::milliseconds(500)) return;
+  last_progress_ = now;
+  send(json{{"type", "reindex_progress"}, {"files_done", done}, {"files_total", total}});
+}
+
+void RepoWorker::send(const json& message) {
+  auto sinks = sinks_;  // a sink may unsubscribe while we go through them
+  for (auto& [id, sink] : sinks) {
+    try {
+      sink(message);
+    } catch (const std::exception&) {
+      utils::log_exception(*logger(), fmt::format("Status sink {} failed", id), std::current_exception());
+    }
+  }
+}
+
+int RepoWorker::subscribe(StatusSink sink) {
+  sinks_[next_sink_] = std::move(sink);
+  return next_sink_++;
+}
+
+void RepoWorker::unsubscribe(int id) { sinks_.erase(id); }
+
+aio::Task<json> RepoWorker::index_status() {
+  auto counts = co_await aio::to_thread([repo = _repository] { return repo->counts(); });
+  const bool task_running = _indexer_task && !_indexer_task->done();
+  auto opt = [](const std::optional<std::string>& s) { return s ? json(*s) : json(); };
+  json last_index;
+  if (_indexer) {
+    json info = _indexer->stats.get_last_index_info();
+    if (!info.is_null() && !info.empty()) last_index = info;
+  }
+  co_return json{{"repo_root", repo_root.string()},
+                 {"data_dir", data_dir.string()},
+                 {"indexing", task_running || _indexing_in_progress > 0},
+                 {"last_reindex_error", opt(_last_reindex_error)},
+                 {"rebuild_refusal", opt(_rebuild_refusal)},
+                 {"files", counts.files},
+                 {"symbols", counts.symbols},
+                 {"last_index", last_index}};
+}
+
+aio::Task<json> RepoWorker::search_symbols(json params) {
+  json bound = bind_arguments("search", params);
+  storage::SymbolQuery query;
+  query.text = bound["query"].get<std::string>();
+  query.match = storage::SymbolQuery::Match::substring;
+  if (!bound["kind"].is_null()) query.kind = bound["kind"].get<std::string>();
+  query.limit = bound["limit"].get<int>();
+  auto hits = co_await aio::to_thread([repo = _repository, query] { return repo->search_symbols(query); });
+  json results = json::array();
+  for (const auto& h : hits) {
+    results.push_back(json{{"name", h.name},
+                           {"kind", h.kind},
+                           {"path", h.path},
+                           {"line", h.line},
+                           {"column", h.column},
+                           {"end_line", h.end_line},
+                           {"scope", h.scope}});
+  }
+  co_return json{{"query", query.text}, {"count", results.size()}, {"results", results}};
+}
+
+}  // namespace brenloc::daemon

@@ -1,0 +1,85 @@
+// Forced reindexing of a repository worker: the force_reindex tool.
+//
+// A request is refused by the worker's repository check, answered "in_progress" while any indexing is
+// under way, or accepted at once while its indexing runs as a background task: a pass of the live index
+// over the requested paths or the whole repository, or, for clear_existing without paths, a full rebuild
+// into a staging database beside index.db that is swapped onto the live connection only when every file
+// was indexed. A failed, partial, cancelled or crashed rebuild never loses the live index; a rebuild
+// that left files out is refused with IncompleteRebuildError, whose text stays on the worker until a
+// rebuild succeeds.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "brenloc/aio/task.h"
+#include "brenloc/daemon/worker_state.h"
+#include "brenloc/storage/database.h"
+#include "brenloc/storage/repository.h"
+#include "brenloc/workers/index_stats.h"
+#include "brenloc/workers/indexer.h"
+
+namespace brenloc::daemon {
+
+// A full rebuild whose staging pass left files or directories out; the live index was kept.
+class IncompleteRebuildError : public std::runtime_error {
+ public:
+  explicit IncompleteRebuildError(std::int64_t failed);
+};
+
+class WorkerReindex : public WorkerState {
+ public:
+  using WorkerState::WorkerState;
+
+  using json = nlohmann::ordered_json;
+  using Paths = std::vector<std::filesystem::path>;
+  using PathResolution = std::pair<Paths, std::optional<std::string>>;
+
+  // The text of the last full rebuild refused for leaving files out; absent once a rebuild succeeds.
+  std::optional<std::string> _rebuild_refusal = std::nullopt;
+
+  // The force_reindex tool: returns the response dictionary at once.
+  aio::Task<json> _handle_force_reindex(json params);
+
+  // Turns requested path strings into the files to index, or a refusal reason. Blocking.
+  PathResolution _resolve_reindex_paths(const std::vector<std::string>& paths_param) const;
+
+  // --- the staging database's files ---
+  static std::pair<std::filesystem::path, Paths> _staging_db_paths(const std::filesystem::path& db_path);
+  // Opens a fresh staging database (over any leftovers) with its schema. Blocking.
+  virtual std::shared_ptr<storage::Database> _open_staging_db(const std::filesystem::path& staging_path,
+                                                              const Paths& sidecars);
+  // Closes the staging database and deletes its files. Blocking.
+  virtual void _discard_staging(const std::shared_ptr<storage::Database>& staging_db, const Paths& sidecars);
+  // Deletes those of `paths` that exist; file-system errors are swallowed path by path. Blocking.
+  static void _remove_files(const Paths& paths);
+
+  // --- the full rebuild ---
+  virtual aio::Task<workers::IndexStats> _full_reindex_via_staging();
+  // Makes the staged index the live one. Blocking; runs on the passes' lane.
+  static json _swap_in_staged_index(const std::shared_ptr<storage::Repository>& repository,
+                                    const std::shared_ptr<storage::Database>& staging_db,
+                                    const std::filesystem::path& staging_path);
+  // Discards the staging database once the staging indexer has settled and a started swap has ended.
+  virtual aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap,
+                                           std::shared_ptr<storage::Database> staging_db, Paths sidecars,
+                                           std::shared_ptr<workers::Indexer> staging_indexer = nullptr);
+
+  // Writes the report after a swap; runs on the passes' lane (a seam for tests).
+  virtual void _write_report(std::shared_ptr<storage::Repository> repository, std::filesystem::path repo_root,
+                             bool force);
+
+ private:
+  static aio::Task<void> run_indexing(WorkerReindex* self, bool rebuild, std::shared_ptr<workers::Indexer> indexer,
+                                      std::optional<Paths> index_paths);
+};
+
+}  // namespace brenloc::daemon

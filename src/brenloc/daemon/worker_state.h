@@ -1,0 +1,83 @@
+// The state of a repository worker and the operations its mixins call.
+//
+// One worker serves one repository: its resolved root, its data directory (with the live index.db), the
+// live repository store, its own indexer, the pass scheduler and two lanes (the passes' lane, where the
+// swap, the report and the live indexer's storage work run; the maintenance lane, for path resolution).
+// Everything here is touched on the event loop only.
+//
+// The operations are virtual: RepoWorker gives the real ones; tests stand in where a fault is injected.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "brenloc/aio/lock.h"
+#include "brenloc/aio/scope.h"
+#include "brenloc/aio/task.h"
+#include "brenloc/daemon/offload.h"
+#include "brenloc/daemon/passes.h"
+#include "brenloc/storage/database.h"
+#include "brenloc/storage/repository.h"
+#include "brenloc/workers/indexer.h"
+
+namespace brenloc::daemon {
+
+// The scope of one index pass (see _reporting_pass).
+class PassScope {
+ public:
+  virtual ~PassScope() = default;
+  virtual void enter() = 0;
+  // Told how the pass ended; returns true only to declare a failure handled.
+  virtual bool exit(const aio::ScopeExit& how) = 0;
+};
+
+class WorkerState {
+ public:
+  WorkerState(std::filesystem::path repo_root, std::filesystem::path data_dir);
+  virtual ~WorkerState();
+  WorkerState(const WorkerState&) = delete;
+  WorkerState& operator=(const WorkerState&) = delete;
+
+  std::filesystem::path repo_root;  // absolute, resolved
+  std::filesystem::path data_dir;   // holds index.db
+
+  // --- operations used by the force-reindex facility ---
+  // A non-empty response dictionary when the worker refuses `tool`; empty (or null) when it may run.
+  virtual nlohmann::ordered_json _check_repository(std::string_view tool) = 0;
+  // Raise and lower the count of indexing passes under way.
+  virtual aio::Task<void> _start_indexing() = 0;
+  virtual aio::Task<void> _finish_indexing() = 0;
+  // A scope entered around an index pass of `indexer`; never declares a failure handled.
+  virtual std::unique_ptr<PassScope> _reporting_pass(workers::Indexer& indexer) = 0;
+  // Sends a status message to the daemon's clients.
+  virtual aio::Task<void> broadcast_status(nlohmann::ordered_json message) = 0;
+
+  // Builds an indexer (the daemon's real one; tests stand in).
+  virtual std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions options);
+  // Builds a database object over a file (not yet connected).
+  virtual std::shared_ptr<storage::Database> _new_database(const std::filesystem::path& path);
+  // Builds a repository store over a database.
+  virtual std::shared_ptr<storage::Repository> _new_repository(std::shared_ptr<storage::Database> database);
+
+  // --- fields (public so that status and tests can read them; changed on the event loop only) ---
+  aio::Lock _indexer_lock;    // serialises force-reindex requests
+  aio::Lock _indexing_lock;   // guards _indexing_in_progress
+  std::optional<aio::Future<void>> _indexer_task;  // the last accepted request's background run
+  std::int64_t _indexing_in_progress = 0;
+  std::optional<std::string> _last_reindex_error;
+
+  std::shared_ptr<storage::Database> _database;      // the live index.db
+  std::shared_ptr<storage::Repository> _repository;  // the live store
+  std::shared_ptr<workers::Indexer> _indexer;        // the worker's own indexer; may be absent
+  Offloader _passes_lane{"passes", 1};
+  Offloader _maintenance{"maintenance", 1};
+  std::unique_ptr<PassScheduler> _passes;
+};
+
+}  // namespace brenloc::daemon
