@@ -1,0 +1,327 @@
+#include "brenloc/mcp/server.h"
+
+#include <atomic>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "brenloc/aio/thread.h"
+#include "brenloc/mcp/line_io.h"
+#include "brenloc/mcp/protocol.h"
+#include "brenloc/tool_binding.h"
+#include "brenloc/utils/logging.h"
+
+namespace brenloc::mcp {
+
+namespace {
+
+std::shared_ptr<spdlog::logger> logger() { return utils::get_logger("brenloc.mcp"); }
+
+constexpr int kDefaultLevel = 1;  // info
+
+std::string_view trim_line(std::string_view line) {
+  while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) line.remove_suffix(1);
+  while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+  return line;
+}
+
+Json invalid_params(const Json& id, const std::string& what, Json data = nullptr) {
+  return make_error(id, kInvalidParams, "Invalid params: " + what, std::move(data));
+}
+
+// What the broadcast sink shares with the server: it may be called after the server is gone.
+struct Outbox {
+  Outbox(int fd, std::size_t soft_limit) : writer(fd, soft_limit) {}
+  LineWriter writer;
+  std::atomic<int> min_level{kDefaultLevel};
+};
+
+}  // namespace
+
+struct McpServer::Core : std::enable_shared_from_this<Core> {
+  struct Running {
+    aio::Future<void> task;
+    bool cancellable = true;
+    bool cancelled = false;  // the client asked to hear no more of it
+  };
+
+  // Forgets a request once its task has ended, however it ended (also when it was cancelled before
+  // its body ever ran).
+  struct Reaper final : aio::DoneListener {
+    Reaper(std::weak_ptr<Core> c, std::string k) : core(std::move(c)), key(std::move(k)) {}
+    void on_done() override {
+      if (auto c = core.lock()) c->running.erase(key);
+      delete this;
+    }
+    std::weak_ptr<Core> core;
+    std::string key;
+  };
+
+  Core(aio::EventLoop& l, ToolHost& h, int in, int out_fd, ServerOptions o)
+      : loop(&l),
+        host(&h),
+        input_fd(in),
+        options(o),
+        out(std::make_shared<Outbox>(out_fd, o.max_queued_output_bytes)),
+        ended(std::make_shared<aio::FutureState<void>>()) {}
+
+  aio::EventLoop* loop;
+  ToolHost* host;
+  int input_fd;
+  ServerOptions options;
+  std::shared_ptr<Outbox> out;
+  std::unique_ptr<LineReader> reader;
+  std::unordered_map<std::string, Running> running;
+  std::shared_ptr<aio::FutureState<void>> ended;
+  std::optional<int> subscription;
+  aio::Future<void> stopping_task;
+  bool stopping = false;
+
+  void send(const Json& message) { out->writer.send(serialize(message)); }
+
+  void start() {
+    std::weak_ptr<Core> weak = weak_from_this();
+    aio::EventLoop* l = loop;
+    reader = std::make_unique<LineReader>(input_fd, options.max_line_bytes, options.max_pending_input_bytes,
+                                          [weak, l](InputEvent ev) {
+                                            l->post([weak, ev = std::move(ev)]() mutable {
+                                              if (auto c = weak.lock()) c->on_input(std::move(ev));
+                                            });
+                                          });
+    subscription = host->subscribe([out = out](const std::string& level, const Json& data) {
+      // A level the protocol does not know would make clients drop the message: it goes out as info.
+      auto rank = level_rank(level);
+      if (rank.value_or(kDefaultLevel) < out->min_level.load()) return;
+      Json params = Json::object();
+      params["level"] = rank ? level : "info";
+      params["logger"] = "brenloc";
+      params["data"] = data;
+      out->writer.send(serialize(make_notification("notifications/message", std::move(params))), true);
+    });
+    reader->start();
+  }
+
+  void unsubscribe() {
+    if (subscription) host->unsubscribe(*std::exchange(subscription, std::nullopt));
+  }
+
+  void on_input(InputEvent ev) {
+    switch (ev.kind) {
+      case InputEvent::Kind::line:
+        if (!stopping) on_line(ev.text);
+        if (reader) reader->consumed(ev.size);
+        break;
+      case InputEvent::Kind::oversized:
+        if (stopping) break;
+        logger()->warn("Refused an MCP input line of {} bytes (limit {})", ev.size, options.max_line_bytes);
+        send(make_error(nullptr, kInvalidRequest,
+                        "Invalid Request: line of " + std::to_string(ev.size) + " bytes is longer than the limit of " +
+                            std::to_string(options.max_line_bytes) + " bytes"));
+        break;
+      case InputEvent::Kind::end:
+        if (ev.text.empty()) {
+          logger()->info("MCP input ended");
+        } else {
+          logger()->warn("MCP input ended: {}", ev.text);
+        }
+        ended->set_result();
+        break;
+    }
+  }
+
+  void on_line(std::string_view raw) {
+    std::string_view line = trim_line(raw);
+    if (line.empty()) return;
+    Incoming m = parse_message(line);
+    switch (m.kind) {
+      case Incoming::Kind::invalid:
+        logger()->warn("Refused an MCP message: {}", m.error_message);
+        send(make_error(m.id, m.error_code, std::move(m.error_message)));
+        break;
+      case Incoming::Kind::response:
+        logger()->debug("Dropped an MCP response to id {}: this server sends no requests", id_key(m.id));
+        break;
+      case Incoming::Kind::notification:
+        on_notification(m);
+        break;
+      case Incoming::Kind::request:
+        begin_request(std::move(m));
+        break;
+    }
+  }
+
+  void on_notification(const Incoming& m) {
+    if (m.method == "notifications/cancelled") {
+      if (!m.params.is_object() || !m.params.contains("requestId")) return;
+      std::string key = id_key(m.params["requestId"]);
+      auto it = running.find(key);
+      if (it == running.end() || !it->second.cancellable) return;
+      logger()->debug("MCP request {} cancelled by the client", key);
+      it->second.cancelled = true;
+      // Copied: the task may end during cancel() and its entry be erased with it.
+      aio::Future<void> task = it->second.task;
+      task.cancel();
+    } else if (m.method == "notifications/initialized") {
+      logger()->debug("MCP client initialised");
+    }
+    // Any other notification needs nothing from this server.
+  }
+
+  void begin_request(Incoming m) {
+    std::string key = id_key(m.id);
+    if (running.contains(key)) {
+      send(make_error(m.id, kInvalidRequest, "Invalid Request: id " + key + " is already in use by a running request"));
+      return;
+    }
+    bool cancellable = m.method != "initialize";
+    auto task = aio::spawn(run_request(shared_from_this(), m.id, key, std::move(m.method), std::move(m.params)), loop);
+    running.emplace(key, Running{task, cancellable});
+    task.state()->add_listener(new Reaper(weak_from_this(), key));
+  }
+
+  bool cancelled_by_client(const std::string& key) const {
+    auto it = running.find(key);
+    return it != running.end() && it->second.cancelled;
+  }
+
+  static aio::Task<void> run_request(std::shared_ptr<Core> self, Json id, std::string key, std::string method,
+                                     Json params) {
+    Json reply;
+    std::exception_ptr failure;
+    try {
+      reply = co_await self->answer(id, method, std::move(params));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    if (failure) {
+      if (aio::is_cancellation(failure)) std::rethrow_exception(failure);
+      utils::log_exception(*logger(), "MCP request '" + method + "' failed", failure);
+      reply = make_error(id, kInternalError, "Internal error: " + utils::error_text(failure));
+    }
+    if (self->cancelled_by_client(key)) co_return;
+    self->send(reply);
+  }
+
+  aio::Task<Json> answer(Json id, std::string method, Json params) {
+    if (method == "tools/call") co_return co_await call_tool(std::move(id), std::move(params));
+    if (method == "initialize") {
+      log_client(params);
+      co_return make_result(id, initialize_result(params));
+    }
+    if (method == "ping") co_return make_result(id, Json::object());
+    if (method == "tools/list") co_return make_result(id, tool_listing(host->tools()));
+    if (method == "logging/setLevel") co_return set_level(id, params);
+    co_return make_error(id, kMethodNotFound, "Method not found: " + method);
+  }
+
+  static void log_client(const Json& params) {
+    if (!params.is_object()) return;
+    auto info = params.value("clientInfo", Json::object());
+    if (!info.is_object()) return;
+    auto text = [](const Json& v) { return v.is_string() ? v.get<std::string>() : std::string("?"); };
+    logger()->info("MCP client {} {} connected", text(info.value("name", Json())),
+                   text(info.value("version", Json())));
+  }
+
+  Json set_level(const Json& id, const Json& params) {
+    std::optional<int> rank;
+    if (params.is_object() && params.contains("level") && params["level"].is_string()) {
+      rank = level_rank(params["level"].get<std::string>());
+    }
+    if (!rank) {
+      return invalid_params(
+          id, "\"level\" must be one of debug, info, notice, warning, error, critical, alert, emergency");
+    }
+    out->min_level.store(*rank);
+    return make_result(id, Json::object());
+  }
+
+  aio::Task<Json> call_tool(Json id, Json params) {
+    if (!params.is_object() || !params.contains("name") || !params["name"].is_string()) {
+      co_return invalid_params(id, "\"name\" must be a string");
+    }
+    std::string name = params["name"].get<std::string>();
+    Json arguments = params.contains("arguments") ? params["arguments"] : Json();
+    if (!arguments.is_null() && !arguments.is_object()) co_return invalid_params(id, "\"arguments\" must be an object");
+
+    Json dictionary;
+    std::exception_ptr failure;
+    try {
+      dictionary = co_await host->call_tool(name, std::move(arguments));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    if (!failure) co_return make_result(id, tool_call_result(dictionary));
+
+    Json reply;
+    try {
+      std::rethrow_exception(failure);
+    } catch (const UnknownTool& e) {
+      reply = invalid_params(id, e.what());
+    } catch (const ArgumentError& e) {
+      reply = invalid_params(id, e.what(), e.argument().empty() ? Json() : Json{{"argument", e.argument()}});
+    } catch (const aio::Cancelled&) {
+      throw;
+    } catch (...) {
+      utils::log_exception(*logger(), "MCP tool '" + name + "' failed", failure);
+      reply = make_result(id, tool_failure_result(utils::error_text(failure)));
+    }
+    co_return reply;
+  }
+
+  // Stops the reader and cancels the requests without waiting: what stop() does first, and all the
+  // destructor can do.
+  std::vector<std::shared_ptr<aio::FutureBase>> halt() {
+    stopping = true;
+    if (reader) reader->stop();
+    unsubscribe();
+    std::vector<aio::Future<void>> tasks;
+    for (auto& [key, r] : running) {
+      r.cancelled = true;
+      tasks.push_back(r.task);
+    }
+    std::vector<std::shared_ptr<aio::FutureBase>> bases;
+    for (auto& t : tasks) {
+      t.cancel();
+      bases.push_back(t.base());
+    }
+    return bases;
+  }
+
+  static aio::Task<void> shutdown(std::shared_ptr<Core> self) {
+    co_await aio::wait_all(self->halt());
+    // Raw pointers: `self` keeps both alive until this coroutine resumes on the loop.
+    LineReader* reader = self->reader.get();
+    LineWriter* writer = &self->out->writer;
+    auto timeout = self->options.flush_timeout;
+    co_await aio::to_thread([reader, writer, timeout] {
+      if (reader != nullptr) reader->join();
+      writer->close(timeout);
+    });
+  }
+
+  static aio::Task<void> stop(std::shared_ptr<Core> self) {
+    if (!self->stopping_task.valid()) self->stopping_task = aio::spawn(shutdown(self), self->loop);
+    co_await aio::shield(self->stopping_task);
+  }
+};
+
+McpServer::McpServer(aio::EventLoop& loop, ToolHost& host, int input_fd, int output_fd, ServerOptions options)
+    : core_(std::make_shared<Core>(loop, host, input_fd, output_fd, options)) {}
+
+McpServer::~McpServer() {
+  core_->halt();
+  if (core_->reader) core_->reader->join();
+  core_->out->writer.abort();
+}
+
+void McpServer::start() { core_->start(); }
+
+aio::Future<void> McpServer::input_ended() const { return aio::Future<void>(core_->ended); }
+
+aio::Task<void> McpServer::stop() { return Core::stop(core_); }
+
+std::size_t McpServer::running_requests() const { return core_->running.size(); }
+
+}  // namespace brenloc::mcp
