@@ -20,6 +20,13 @@
 
 namespace brenloc::storage {
 
+// How long the last successful swap took: the whole call (during which the writer connection is held
+// and the indexer's writes wait), and the part of it that held SQLite's write lock on the live file.
+struct SwapTiming {
+  double total_seconds = 0;
+  double write_lock_seconds = 0;
+};
+
 class Repository {
  public:
   explicit Repository(std::shared_ptr<Database> database);
@@ -49,6 +56,8 @@ class Repository {
   virtual nlohmann::ordered_json swap_index_from(const std::filesystem::path& staging_path);
   // Drops every cached query result.
   virtual void clear_query_cache();
+  // Timing of the last swap_index_from that succeeded (zeros before the first).
+  SwapTiming last_swap_timing() const;
 
  private:
   struct Impl;

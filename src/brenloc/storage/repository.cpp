@@ -1,0 +1,466 @@
+#include "brenloc/storage/repository.h"
+
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <variant>
+
+#include <fmt/format.h>
+
+#include "brenloc/storage/errors.h"
+#include "brenloc/storage/query_cache.h"
+#include "brenloc/storage/sqlite_util.h"
+#include "brenloc/utils/logging.h"
+
+namespace brenloc::storage {
+
+namespace {
+
+using detail::Statement;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kReaderBusyTimeoutMs = 5000;
+constexpr std::size_t kMaxIdleReaders = 4;
+constexpr std::size_t kCacheEntries = 512;
+// A file listing longer than this is not cached (it would pin a large copy of the files table).
+constexpr std::size_t kMaxCachedFiles = 20000;
+
+const char* const kSymbolColumns = "s.name, s.kind, f.path, s.line, s.col, s.end_line, s.scope";
+
+double seconds_since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+// The smallest string greater than every string that starts with `prefix`, or empty when there is none
+// (a prefix of 0xFF bytes only).
+std::string prefix_upper_bound(std::string prefix) {
+  while (!prefix.empty() && static_cast<unsigned char>(prefix.back()) == 0xFF) prefix.pop_back();
+  if (!prefix.empty()) prefix.back() = static_cast<char>(static_cast<unsigned char>(prefix.back()) + 1);
+  return prefix;
+}
+
+// A path prefix as a directory (or file) of the index: "./src/" and "src" both mean "src". Empty when it
+// selects everything.
+std::string normalise_path_prefix(std::string p) {
+  while (p.starts_with("./")) p.erase(0, 2);
+  while (!p.empty() && p.back() == '/') p.pop_back();
+  if (p == ".") p.clear();
+  return p;
+}
+
+// The LIKE pattern that matches names containing `text`, with LIKE's wildcards escaped by '\'.
+std::string like_contains(const std::string& text) {
+  std::string out = "%";
+  for (char c : text) {
+    if (c == '%' || c == '_' || c == '\\') out += '\\';
+    out += c;
+  }
+  out += '%';
+  return out;
+}
+
+// A cache key made of length-prefixed parts, so that no two different queries share one.
+class Key {
+ public:
+  explicit Key(char tag) { key_ += tag; }
+  Key& add(const std::string& part) {
+    key_ += fmt::format("{}:{}", part.size(), part);
+    return *this;
+  }
+  Key& add(const std::optional<std::string>& part) {
+    if (!part) {
+      key_ += '-';
+      return *this;
+    }
+    key_ += '+';
+    return add(*part);
+  }
+  Key& add(std::int64_t n) {
+    key_ += fmt::format("{};", n);
+    return *this;
+  }
+  std::string str() const { return key_; }
+
+ private:
+  std::string key_;
+};
+
+// "file:" URI of a path, opened read-only. Percent-encodes what a URI would otherwise read as syntax.
+std::string read_only_uri(const std::filesystem::path& path) {
+  std::string out = "file:";
+  for (unsigned char c : path.string()) {
+    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/' ||
+                 c == '-' || c == '_' || c == '.' || c == '~';
+    if (plain) {
+      out += static_cast<char>(c);
+    } else {
+      out += fmt::format("%{:02X}", c);
+    }
+  }
+  out += "?mode=ro";
+  return out;
+}
+
+// One read connection with its prepared statements.
+struct Reader {
+  sqlite3* db = nullptr;
+  std::unordered_map<std::string, std::unique_ptr<Statement>> statements;
+
+  ~Reader() {
+    statements.clear();
+    sqlite3_close_v2(db);
+  }
+
+  Statement& statement(const std::string& sql, const std::filesystem::path& file) {
+    auto& slot = statements[sql];
+    if (!slot) slot = std::make_unique<Statement>(db, sql, file, "preparing a query");
+    return *slot;
+  }
+};
+
+// Resets a statement when a query is done with it, ending its read transaction.
+struct ResetOnExit {
+  Statement& stmt;
+  ~ResetOnExit() { stmt.reset(); }
+};
+
+}  // namespace
+
+using CachedValue = std::variant<std::vector<SymbolHit>, std::vector<FileRow>, Counts>;
+
+struct Repository::Impl {
+  std::filesystem::path path;
+  std::shared_ptr<spdlog::logger> log = utils::get_logger("brenloc.storage");
+  detail::QueryCache<CachedValue> cache{kCacheEntries};
+
+  std::mutex readers_mu;
+  std::vector<std::unique_ptr<Reader>> idle_readers;
+
+  mutable std::mutex timing_mu;
+  SwapTiming timing;
+
+  std::unique_ptr<Reader> open_reader() {
+    auto reader = std::make_unique<Reader>();
+    int rc = sqlite3_open_v2(path.c_str(), &reader->db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, nullptr);
+    if (rc != SQLITE_OK) throw detail::sqlite_error(reader->db, rc, path, "opening a read connection");
+    sqlite3_extended_result_codes(reader->db, 1);
+    sqlite3_busy_timeout(reader->db, kReaderBusyTimeoutMs);
+    detail::run_script(reader->db, "PRAGMA query_only = ON", path, "opening a read connection");
+    return reader;
+  }
+
+  // Runs `fn(reader)` on an idle read connection (a new one when none is idle).
+  template <class Fn>
+  auto with_reader(Fn&& fn) {
+    std::unique_ptr<Reader> reader;
+    {
+      std::lock_guard lock(readers_mu);
+      if (!idle_readers.empty()) {
+        reader = std::move(idle_readers.back());
+        idle_readers.pop_back();
+      }
+    }
+    if (!reader) reader = open_reader();
+    auto result = fn(*reader);
+    std::lock_guard lock(readers_mu);
+    if (idle_readers.size() < kMaxIdleReaders) idle_readers.push_back(std::move(reader));
+    return result;
+  }
+
+  // The cached value of `key`, or `compute()` (cached unless the index changed meanwhile).
+  template <class T, class Fn>
+  T cached(std::string key, Fn&& compute) {
+    if (auto hit = cache.get(key)) return std::get<T>(std::move(*hit));
+    auto generation = cache.generation();
+    T value = compute();
+    bool keep = true;
+    if constexpr (std::is_same_v<T, std::vector<FileRow>>) keep = value.size() <= kMaxCachedFiles;
+    if (keep) cache.put(key, CachedValue(value), generation);
+    return value;
+  }
+
+  // Writes on the writer connection, in one transaction; the cache is dropped after the commit.
+  template <class Fn>
+  void write(Database& db, std::string_view operation, Fn&& fn) {
+    db.with_connection([&](sqlite3* c) {
+      detail::run_script(c, "BEGIN IMMEDIATE", path, operation);
+      try {
+        fn(c);
+        detail::run_script(c, "COMMIT", path, operation);
+      } catch (...) {
+        if (sqlite3_get_autocommit(c) == 0) sqlite3_exec(c, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+      }
+    });
+    cache.clear();
+  }
+};
+
+Repository::Repository(std::shared_ptr<Database> database) : db_(std::move(database)), impl_(std::make_unique<Impl>()) {
+  impl_->path = db_->path();
+}
+
+Repository::~Repository() = default;
+
+// ---------------------------------------------------------------------------------------------------
+// Writes
+
+std::unordered_map<std::string, std::string> Repository::file_hashes() {
+  std::unordered_map<std::string, std::string> out;
+  const auto& path = impl_->path;
+  db_->with_connection([&](sqlite3* c) {
+    Statement stmt(c, "SELECT path, content_hash FROM files", path, "reading the file hashes");
+    while (stmt.step(path, "reading the file hashes")) out.emplace(stmt.text(0), stmt.text(1));
+  });
+  return out;
+}
+
+void Repository::store_files(const std::vector<FileEntry>& entries) {
+  if (entries.empty()) return;
+  const auto& path = impl_->path;
+  impl_->write(*db_, "storing files", [&](sqlite3* c) {
+    Statement drop(c, "DELETE FROM symbols WHERE file_id = (SELECT id FROM files WHERE path = ?1)", path,
+                   "storing files");
+    Statement upsert(c,
+                     "INSERT INTO files(path, language, size, mtime_ns, content_hash) VALUES(?1, ?2, ?3, ?4, ?5) "
+                     "ON CONFLICT(path) DO UPDATE SET language = excluded.language, size = excluded.size, "
+                     "mtime_ns = excluded.mtime_ns, content_hash = excluded.content_hash RETURNING id",
+                     path, "storing files");
+    Statement insert(c,
+                     "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope) "
+                     "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
+                     path, "storing files");
+    for (const auto& entry : entries) {
+      const std::string op = fmt::format("storing {}", entry.file.path);
+      drop.bind(1, entry.file.path);
+      drop.step(path, op);
+      drop.reset();
+      upsert.bind(1, entry.file.path);
+      upsert.bind(2, entry.file.language);
+      upsert.bind(3, entry.file.size);
+      upsert.bind(4, entry.file.mtime_ns);
+      upsert.bind(5, entry.file.content_hash);
+      upsert.step(path, op);
+      std::int64_t file_id = upsert.integer(0);
+      upsert.step(path, op);  // ends the statement (RETURNING gives one row)
+      upsert.reset();
+      for (const auto& s : entry.symbols) {
+        insert.bind(1, file_id);
+        insert.bind(2, s.name);
+        insert.bind(3, s.kind);
+        insert.bind(4, s.line);
+        insert.bind(5, s.column);
+        insert.bind(6, s.end_line);
+        insert.bind(7, s.end_column);
+        insert.bind(8, s.scope);
+        insert.step(path, op);
+        insert.reset();
+      }
+    }
+  });
+}
+
+void Repository::remove_files(const std::vector<std::string>& paths) {
+  if (paths.empty()) return;
+  const auto& path = impl_->path;
+  impl_->write(*db_, "removing files", [&](sqlite3* c) {
+    Statement drop_symbols(c, "DELETE FROM symbols WHERE file_id = (SELECT id FROM files WHERE path = ?1)", path,
+                           "removing files");
+    Statement drop_file(c, "DELETE FROM files WHERE path = ?1", path, "removing files");
+    for (const auto& p : paths) {
+      const std::string op = fmt::format("removing {}", p);
+      drop_symbols.bind(1, p);
+      drop_symbols.step(path, op);
+      drop_symbols.reset();
+      drop_file.bind(1, p);
+      drop_file.step(path, op);
+      drop_file.reset();
+    }
+  });
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Queries
+//
+// Exact and prefix matches compare bytes (case-sensitive) and use the name index as a range; a substring
+// match ignores ASCII case (LIKE) and scans the name index in order until the limit is reached. Results
+// are ordered by name, path, line and column.
+
+std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
+  const std::string prefix = q.path_prefix ? normalise_path_prefix(*q.path_prefix) : std::string();
+  std::string key = Key('S')
+                        .add(static_cast<std::int64_t>(q.match))
+                        .add(q.text)
+                        .add(q.kind)
+                        .add(prefix)
+                        .add(static_cast<std::int64_t>(q.limit))
+                        .str();
+  return impl_->cached<std::vector<SymbolHit>>(std::move(key), [&] {
+    // Parameters: ?1 name (or pattern), ?2 name's upper bound, ?3 kind, ?4 path, ?5 path's lower bound,
+    // ?6 path's upper bound, ?7 limit.
+    std::string upper;
+    std::string sql = fmt::format("SELECT {} FROM symbols s JOIN files f ON f.id = s.file_id WHERE ", kSymbolColumns);
+    switch (q.match) {
+      case SymbolQuery::Match::exact:
+        sql += "s.name = ?1";
+        break;
+      case SymbolQuery::Match::prefix:
+        upper = prefix_upper_bound(q.text);
+        sql += upper.empty() ? "s.name >= ?1" : "s.name >= ?1 AND s.name < ?2";
+        break;
+      case SymbolQuery::Match::substring:
+        sql += "s.name LIKE ?1 ESCAPE '\\'";
+        break;
+    }
+    if (q.kind) sql += " AND s.kind = ?3";
+    if (!prefix.empty()) sql += " AND (f.path = ?4 OR (f.path >= ?5 AND f.path < ?6))";
+    sql += " ORDER BY s.name, f.path, s.line, s.col LIMIT ?7";
+
+    return impl_->with_reader([&](Reader& r) {
+      Statement& stmt = r.statement(sql, impl_->path);
+      ResetOnExit done{stmt};
+      stmt.bind(1, q.match == SymbolQuery::Match::substring ? like_contains(q.text) : q.text);
+      if (!upper.empty()) stmt.bind(2, upper);
+      if (q.kind) stmt.bind(3, *q.kind);
+      if (!prefix.empty()) {
+        stmt.bind(4, prefix);
+        stmt.bind(5, prefix + "/");
+        stmt.bind(6, prefix + "0");  // '0' follows '/'
+      }
+      stmt.bind(7, q.limit);
+      std::vector<SymbolHit> hits;
+      while (stmt.step(impl_->path, "searching symbols")) {
+        hits.push_back(SymbolHit{stmt.text(0), stmt.text(1), stmt.text(2), static_cast<int>(stmt.integer(3)),
+                                 static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)),
+                                 stmt.text(6)});
+      }
+      return hits;
+    });
+  });
+}
+
+std::vector<FileRow> Repository::list_files(const std::string& path_prefix) {
+  const std::string prefix = normalise_path_prefix(path_prefix);
+  return impl_->cached<std::vector<FileRow>>(Key('L').add(prefix).str(), [&] {
+    std::string sql = "SELECT path, language, size, mtime_ns, content_hash FROM files";
+    if (!prefix.empty()) sql += " WHERE path = ?1 OR (path >= ?2 AND path < ?3)";
+    sql += " ORDER BY path";
+    return impl_->with_reader([&](Reader& r) {
+      Statement& stmt = r.statement(sql, impl_->path);
+      ResetOnExit done{stmt};
+      if (!prefix.empty()) {
+        stmt.bind(1, prefix);
+        stmt.bind(2, prefix + "/");
+        stmt.bind(3, prefix + "0");
+      }
+      std::vector<FileRow> rows;
+      while (stmt.step(impl_->path, "listing files")) {
+        rows.push_back(FileRow{stmt.text(0), stmt.text(1), stmt.integer(2), stmt.integer(3), stmt.text(4)});
+      }
+      return rows;
+    });
+  });
+}
+
+Counts Repository::counts() {
+  return impl_->cached<Counts>(Key('C').str(), [&] {
+    return impl_->with_reader([&](Reader& r) {
+      // One statement: both counts come from one read transaction, hence from one version of the index.
+      Statement& stmt = r.statement("SELECT (SELECT count(*) FROM files), (SELECT count(*) FROM symbols)",
+                                    impl_->path);
+      ResetOnExit done{stmt};
+      Counts c;
+      if (stmt.step(impl_->path, "counting rows")) {
+        c.files = stmt.integer(0);
+        c.symbols = stmt.integer(1);
+      }
+      return c;
+    });
+  });
+}
+
+void Repository::clear_query_cache() { impl_->cache.clear(); }
+
+SwapTiming Repository::last_swap_timing() const {
+  std::lock_guard lock(impl_->timing_mu);
+  return impl_->timing;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Swap
+
+nlohmann::ordered_json Repository::swap_index_from(const std::filesystem::path& staging_path) {
+  const auto start = Clock::now();
+  const std::string what =
+      fmt::format("swapping in the index of {} onto {}", staging_path.string(), impl_->path.string());
+  // Before any SQLite call: ATTACH of a missing file in read-only mode would only say "unable to open".
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(staging_path, ec)) {
+    throw StorageError(fmt::format("{}: the staging file {}", what,
+                                   std::filesystem::exists(staging_path, ec) ? "is not a regular file"
+                                                                             : "does not exist"),
+                       SQLITE_CANTOPEN);
+  }
+
+  Counts rows;
+  double write_lock_seconds = 0;
+  const std::filesystem::path named_in_what;  // `what` names both files
+  db_->with_connection([&](sqlite3* c) {
+    auto step = [&](const char* sql, std::string_view op) {
+      detail::run_script(c, sql, named_in_what, fmt::format("{}: {}", what, op));
+    };
+    // A DETACH that failed after an earlier swap would make this ATTACH fail; clear it first.
+    if (sqlite3_db_filename(c, "staging") != nullptr) sqlite3_exec(c, "DETACH DATABASE staging", nullptr, nullptr, nullptr);
+    {
+      const std::string op = what + ": attaching the staging file";
+      Statement attach(c, "ATTACH DATABASE ?1 AS staging", named_in_what, op);
+      attach.bind(1, read_only_uri(staging_path));
+      attach.step(named_in_what, op);
+    }
+
+    std::exception_ptr failure;
+    try {
+      step("BEGIN IMMEDIATE", "starting the transaction");
+      const auto locked = Clock::now();
+      auto version = detail::query_int(c, "PRAGMA staging.user_version", named_in_what,
+                                       what + ": reading the staging schema version");
+      if (version != kSchemaVersion) {
+        throw StorageError(fmt::format("{}: the staging file has schema version {}, expected {}", what, version,
+                                       kSchemaVersion),
+                           SQLITE_MISMATCH);
+      }
+      // The tables are emptied first so that the copies below go b-tree to b-tree (see schema.h).
+      step("DELETE FROM main.symbols", "emptying the live symbols");
+      step("DELETE FROM main.files", "emptying the live files");
+      step("INSERT INTO main.files SELECT * FROM staging.files", "copying the files");
+      rows.files = sqlite3_changes64(c);
+      step("INSERT INTO main.symbols SELECT * FROM staging.symbols", "copying the symbols");
+      rows.symbols = sqlite3_changes64(c);
+      step("COMMIT", "committing");
+      write_lock_seconds = seconds_since(locked);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    if (failure) {
+      // SQLite may have rolled back by itself (I/O errors, a full disk); otherwise roll back here.
+      if (sqlite3_get_autocommit(c) == 0) sqlite3_exec(c, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    if (sqlite3_exec(c, "DETACH DATABASE staging", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      impl_->log->warn("{}: detaching the staging file: {}", what, sqlite3_errmsg(c));
+    }
+    if (failure) std::rethrow_exception(failure);
+  });
+  impl_->cache.clear();
+
+  SwapTiming timing{seconds_since(start), write_lock_seconds};
+  {
+    std::lock_guard lock(impl_->timing_mu);
+    impl_->timing = timing;
+  }
+  impl_->log->info("Swapped in {} files and {} symbols from {} in {:.3f} s (write lock held {:.3f} s)", rows.files,
+                   rows.symbols, staging_path.string(), timing.total_seconds, timing.write_lock_seconds);
+  nlohmann::ordered_json out;
+  out["files"] = rows.files;
+  out["symbols"] = rows.symbols;
+  return out;
+}
+
+}  // namespace brenloc::storage

@@ -1,0 +1,51 @@
+// The tables and indexes of an index database, and the options of its connections.
+//
+// A staging database and the live one are created by the same statements, so their tables and indexes
+// are identical; the swap relies on that: "INSERT INTO main.t SELECT * FROM staging.t" into an empty
+// table with identical indexes lets SQLite copy the b-trees in order (table and indexes alike) instead
+// of inserting row by row, which is what makes the swap of a million rows take a couple of seconds.
+// A change here is a change of kSchemaVersion.
+#pragma once
+
+namespace brenloc::storage::detail {
+
+inline constexpr const char* kSchemaSql = R"sql(
+CREATE TABLE IF NOT EXISTS files (
+  id INTEGER PRIMARY KEY,
+  path TEXT NOT NULL UNIQUE,
+  language TEXT NOT NULL,
+  size INTEGER NOT NULL,
+  mtime_ns INTEGER NOT NULL,
+  content_hash TEXT NOT NULL
+);
+CREATE TABLE IF NOT EXISTS symbols (
+  id INTEGER PRIMARY KEY,
+  file_id INTEGER NOT NULL,
+  name TEXT NOT NULL,
+  kind TEXT NOT NULL,
+  line INTEGER NOT NULL,
+  col INTEGER NOT NULL,
+  end_line INTEGER NOT NULL,
+  end_col INTEGER NOT NULL,
+  scope TEXT NOT NULL
+);
+-- Exact and prefix search (a range on the name), and substring search by a scan of this index in name
+-- order that stops at the limit.
+CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name);
+-- Replacing or removing one file's symbols, and the path filter (files by path range, then their symbols).
+CREATE INDEX IF NOT EXISTS symbols_by_file ON symbols(file_id);
+)sql";
+
+// The writer connection: WAL commits without a sync (the index can be rebuilt from the repository, and
+// WAL keeps the file consistent), freed pages not zeroed (this SQLite is built with secure_delete on,
+// which would make the swap's "DELETE FROM symbols" rewrite every page), a larger page cache for the
+// swap, and a cap on the log file kept after a checkpoint.
+inline constexpr const char* kWriterPragmas = R"sql(
+PRAGMA synchronous = NORMAL;
+PRAGMA secure_delete = OFF;
+PRAGMA cache_size = -65536;
+PRAGMA journal_size_limit = 67108864;
+PRAGMA temp_store = MEMORY;
+)sql";
+
+}  // namespace brenloc::storage::detail
