@@ -1,0 +1,372 @@
+#include "brenloc/workers/indexer.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <exception>
+#include <fstream>
+#include <set>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+
+#include <fmt/format.h>
+
+#include "brenloc/aio/thread.h"
+#include "brenloc/engines/symbols.h"
+#include "brenloc/utils/logging.h"
+#include "brenloc/workers/pass_files.h"
+#include "brenloc/workers/report_generator.h"
+#include "brenloc/workers/wait_any.h"
+#include "brenloc/workers/walker.h"
+
+namespace brenloc::workers {
+
+namespace {
+
+using HashMap = std::unordered_map<std::string, std::string>;
+
+// Files per parse job: small enough to spread a small pass over every thread and to bound the work
+// that still runs after a cancellation, large enough that a trip through the loop is noise.
+constexpr std::size_t kParseBatch = 16;
+// A store transaction is started once this many files or symbols are waiting.
+constexpr std::size_t kStoreFiles = 512;
+constexpr std::size_t kStoreSymbols = 50000;
+
+struct Outcome {
+  enum class Kind { indexed, unchanged, gone, skipped, failed };
+  Kind kind = Kind::failed;
+  std::string rel;
+  storage::FileEntry entry;  // indexed
+  LeftOut error;             // failed
+};
+using Outcomes = std::shared_ptr<std::vector<Outcome>>;
+
+Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const HashMap& existing,
+                  std::int64_t max_size) {
+  Outcome out;
+  out.rel = c.rel;
+  SourceFile src = read_source(root / c.rel, max_size);
+  switch (src.status) {
+    case SourceFile::Status::gone:
+      out.kind = Outcome::Kind::gone;
+      return out;
+    case SourceFile::Status::skipped:
+      out.kind = Outcome::Kind::skipped;
+      return out;
+    case SourceFile::Status::failed:
+      out.error = {c.rel, "read", src.error};
+      return out;
+    case SourceFile::Status::ok:
+      break;
+  }
+  std::string hash = content_hash(src.content);
+  if (auto it = existing.find(c.rel); it != existing.end() && it->second == hash) {
+    out.kind = Outcome::Kind::unchanged;
+    return out;
+  }
+  engines::ParseResult parsed;
+  try {
+    parsed = engines::extract_symbols(c.language, src.content);
+  } catch (const std::exception& e) {
+    parsed.ok = false;
+    parsed.error = e.what();
+  }
+  if (!parsed.ok) {
+    out.error = {c.rel, "parse", parsed.error.empty() ? "the parser failed" : parsed.error};
+    return out;
+  }
+  out.kind = Outcome::Kind::indexed;
+  out.entry.file = storage::FileRow{c.rel, c.language, src.size, src.mtime_ns, std::move(hash)};
+  out.entry.symbols = std::move(parsed.symbols);
+  return out;
+}
+
+Outcomes parse_batch(const std::filesystem::path& root, const std::vector<Candidate>& batch,
+                     const HashMap& existing, std::int64_t max_size) {
+  auto out = std::make_shared<std::vector<Outcome>>();
+  out->reserve(batch.size());
+  for (const Candidate& c : batch) out->push_back(parse_one(root, c, existing, max_size));
+  return out;
+}
+
+struct Stored {
+  std::int64_t files = 0;
+  std::int64_t symbols = 0;
+  std::vector<LeftOut> failed;
+};
+
+// Stores the entries in one transaction; when that fails, each file on its own, so that only the files
+// whose rows cannot be stored are left out.
+Stored store_batch(storage::Repository& repo, const std::vector<storage::FileEntry>& entries) {
+  Stored out;
+  auto count = [&](const storage::FileEntry& e) {
+    ++out.files;
+    out.symbols += static_cast<std::int64_t>(e.symbols.size());
+  };
+  try {
+    repo.store_files(entries);
+    for (const auto& e : entries) count(e);
+    return out;
+  } catch (const std::exception&) {
+  }
+  for (const auto& e : entries) {
+    try {
+      repo.store_files({e});
+      count(e);
+    } catch (const std::exception& err) {
+      out.failed.push_back({e.file.path, "store", err.what()});
+    }
+  }
+  return out;
+}
+
+std::vector<LeftOut> remove_rows(storage::Repository& repo, const std::vector<std::string>& paths) {
+  std::vector<LeftOut> failed;
+  try {
+    repo.remove_files(paths);
+    return failed;
+  } catch (const std::exception&) {
+  }
+  for (const auto& p : paths) {
+    try {
+      repo.remove_files({p});
+    } catch (const std::exception& err) {
+      failed.push_back({p, "store", err.what()});
+    }
+  }
+  return failed;
+}
+
+// Sets the walk's stop flag when the pass ends, however it ends.
+struct StopOnExit {
+  std::shared_ptr<std::atomic<bool>> flag;
+  ~StopOnExit() { flag->store(true); }
+};
+
+}  // namespace
+
+struct Indexer::Impl {
+  // Thread work started by passes and not yet known to have ended; settle() waits for it.
+  std::vector<std::shared_ptr<aio::FutureBase>> inflight;
+
+  template <class T>
+  aio::Future<T> track(aio::Future<T> f) {
+    if (inflight.size() >= 32) std::erase_if(inflight, [](const auto& x) { return x->done(); });
+    inflight.push_back(f.base());
+    return f;
+  }
+
+  // Database work: on the offload when one was given, else on the loop's pool.
+  template <class F>
+  auto on_writer(const IndexerOptions& o, F fn) {
+    if (o.offload && *o.offload) return track((*o.offload)(std::move(fn)));
+    return track(aio::to_thread(std::move(fn)));
+  }
+};
+
+Indexer::Indexer(IndexerOptions options) : options_(std::move(options)), impl_(std::make_shared<Impl>()) {}
+
+Indexer::~Indexer() = default;
+
+aio::Task<void> Indexer::settle() {
+  std::shared_ptr<Impl> impl = impl_;
+  std::erase_if(impl->inflight, [](const auto& f) { return f->done(); });
+  if (impl->inflight.empty()) co_return;
+  co_await aio::wait_all(impl->inflight);
+}
+
+aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesystem::path>> paths) {
+  // Work of an earlier, cancelled pass must not land after this pass's writes.
+  co_await settle();
+
+  const auto started = std::chrono::steady_clock::now();
+  std::shared_ptr<Impl> impl = impl_;
+  const IndexerOptions& o = options_;
+  std::shared_ptr<storage::Repository> repo = o.repository;
+  const std::filesystem::path root = o.repo_root;
+  const std::filesystem::path data_dir = repo->database()->path().parent_path();
+  const bool whole = !paths.has_value();
+  const std::int64_t max_size = o.max_file_size;
+  std::size_t threads = o.parse_threads;
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  auto log = utils::get_logger("brenloc.workers.indexer");
+
+  auto stop = std::make_shared<std::atomic<bool>>(false);
+  StopOnExit stop_on_exit{stop};
+
+  IndexStats stats;
+  std::vector<LeftOut> errors;
+
+  // Find the files, and read the index's hashes meanwhile.
+  const bool nothing = paths && paths->empty();
+  auto collected_f = impl->track(aio::to_thread([root, data_dir, paths = std::move(paths), stop] {
+    std::error_code ec;
+    std::filesystem::path dd = std::filesystem::weakly_canonical(data_dir, ec);
+    WalkPolicy policy{root, ec ? data_dir : dd};
+    return std::make_shared<const Collected>(collect_files(policy, paths, *stop));
+  }));
+  std::shared_ptr<const HashMap> existing = std::make_shared<const HashMap>();
+  if (!nothing) {
+    auto hashes_f = impl->on_writer(o, [repo] { return std::make_shared<const HashMap>(repo->file_hashes()); });
+    existing = co_await hashes_f;
+  }
+  std::shared_ptr<const Collected> collected = co_await collected_f;
+  errors = collected->errors;
+  stats.files_skipped = collected->skipped;
+
+  // Parse on the pool, store on the writer: parse jobs keep every thread busy while one transaction at a
+  // time stores what they produced.
+  const std::vector<Candidate>& files = collected->files;
+  const auto total = static_cast<std::int64_t>(files.size());
+  const std::size_t batch_size =
+      std::clamp<std::size_t>(files.size() / (threads * 4), std::size_t{1}, kParseBatch);
+  std::int64_t done = 0;
+  report_progress(0, total);
+
+  struct ParseJob {
+    aio::Future<Outcomes> future;
+    std::size_t count;
+  };
+  std::deque<ParseJob> parsing;
+  std::optional<aio::Future<std::shared_ptr<Stored>>> storing;
+  auto buffer = std::make_shared<std::vector<storage::FileEntry>>();
+  std::size_t buffer_symbols = 0;
+  std::set<std::string> to_remove;
+  std::size_t next = 0;
+
+  auto take_stored = [&](const std::shared_ptr<Stored>& s) {
+    stats.files_processed += s->files;
+    stats.symbols_added += s->symbols;
+    errors.insert(errors.end(), s->failed.begin(), s->failed.end());
+  };
+
+  while (true) {
+    while (parsing.size() < threads && next < files.size()) {
+      std::size_t end = std::min(files.size(), next + batch_size);
+      std::vector<Candidate> batch(files.begin() + static_cast<std::ptrdiff_t>(next),
+                                   files.begin() + static_cast<std::ptrdiff_t>(end));
+      std::size_t count = end - next;
+      next = end;
+      auto f = impl->track(aio::to_thread([root, batch = std::move(batch), existing, max_size] {
+        return parse_batch(root, batch, *existing, max_size);
+      }));
+      parsing.push_back({std::move(f), count});
+    }
+    if (storing && storing->done()) {
+      take_stored(storing->result());
+      storing.reset();
+    }
+    const bool parsing_done = parsing.empty() && next >= files.size();
+    if (!storing && !buffer->empty() &&
+        (buffer->size() >= kStoreFiles || buffer_symbols >= kStoreSymbols || parsing_done)) {
+      storing = impl->on_writer(o, [repo, entries = std::move(buffer)] {
+        return std::make_shared<Stored>(store_batch(*repo, *entries));
+      });
+      buffer = std::make_shared<std::vector<storage::FileEntry>>();
+      buffer_symbols = 0;
+    }
+    if (parsing.empty() && !storing) break;
+
+    std::vector<std::shared_ptr<aio::FutureBase>> waiting;
+    for (const auto& job : parsing) waiting.push_back(job.future.base());
+    if (storing) waiting.push_back(storing->base());
+    co_await wait_any(std::move(waiting));
+
+    for (auto it = parsing.begin(); it != parsing.end();) {
+      if (!it->future.done()) {
+        ++it;
+        continue;
+      }
+      Outcomes outcomes = it->future.result();
+      for (Outcome& out : *outcomes) {
+        switch (out.kind) {
+          case Outcome::Kind::indexed:
+            buffer_symbols += out.entry.symbols.size();
+            buffer->push_back(std::move(out.entry));
+            break;
+          case Outcome::Kind::unchanged:
+            ++stats.files_processed;
+            ++stats.files_unchanged;
+            break;
+          case Outcome::Kind::skipped:
+            ++stats.files_skipped;
+            [[fallthrough]];
+          case Outcome::Kind::gone:
+            if (existing->contains(out.rel)) to_remove.insert(out.rel);
+            break;
+          case Outcome::Kind::failed:
+            errors.push_back(std::move(out.error));
+            break;
+        }
+      }
+      done += static_cast<std::int64_t>(it->count);
+      it = parsing.erase(it);
+      report_progress(done, total);
+    }
+  }
+
+  // Rows of files that are gone: listed and left out or vanished, or no longer found under a covered
+  // directory (but not under one that could not be listed: those files keep their rows).
+  for (const std::string& rel : collected->drop) {
+    if (existing->contains(rel)) to_remove.insert(rel);
+  }
+  if (!collected->covered.empty() && !existing->empty()) {
+    std::unordered_set<std::string_view> seen;
+    seen.reserve(files.size());
+    for (const Candidate& c : files) seen.insert(c.rel);
+    for (const auto& [rel, hash] : *existing) {
+      if (seen.contains(rel)) continue;
+      auto under = [&](const std::string& dir) { return is_under(rel, dir) || rel == dir; };
+      if (std::none_of(collected->covered.begin(), collected->covered.end(), under)) continue;
+      if (std::any_of(collected->failed_dirs.begin(), collected->failed_dirs.end(), under)) continue;
+      to_remove.insert(rel);
+    }
+  }
+  if (!to_remove.empty()) {
+    std::vector<std::string> removing(to_remove.begin(), to_remove.end());
+    auto removed_f = impl->on_writer(o, [repo, removing] { return remove_rows(*repo, removing); });
+    std::vector<LeftOut> failed = co_await removed_f;
+    stats.files_removed = static_cast<std::int64_t>(removing.size() - failed.size());
+    errors.insert(errors.end(), failed.begin(), failed.end());
+  }
+
+  stats.errors = static_cast<std::int64_t>(errors.size());
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  stats.last_info = nlohmann::ordered_json{{"type", whole ? "full" : "paths"},
+                                           {"duration_seconds", seconds},
+                                           {"files_processed", stats.files_processed},
+                                           {"errors", stats.errors}};
+  auto written_f = impl->on_writer(o, [data_dir, errors = std::move(errors), info = stats.last_info] {
+    write_pass_files(data_dir, errors, info);
+  });
+  co_await written_f;
+
+  log->info("Index pass ({}) of {}: {} files processed ({} unchanged), {} symbols added, {} removed, {} left out, "
+            "{} skipped, {:.2f} s",
+            whole ? "full" : "paths", root.string(), stats.files_processed, stats.files_unchanged,
+            stats.symbols_added, stats.files_removed, stats.errors, stats.files_skipped, seconds);
+
+  if (o.refresh_report) {
+    std::exception_ptr report_error;
+    try {
+      auto report_f = impl->on_writer(o, [repo, root] { write_report(repo, root, false); });
+      co_await report_f;
+    } catch (const std::exception&) {
+      report_error = std::current_exception();
+    }
+    if (report_error) utils::log_exception(*log, "Writing the repository report failed", report_error);
+  }
+
+  this->stats.files_processed = stats.files_processed;
+  this->stats.symbols_added = stats.symbols_added;
+  this->stats.errors = stats.errors;
+  this->stats.files_unchanged = stats.files_unchanged;
+  this->stats.files_removed = stats.files_removed;
+  this->stats.files_skipped = stats.files_skipped;
+  this->stats.last_info = stats.last_info;
+  co_return stats;
+}
+
+}  // namespace brenloc::workers

@@ -1,0 +1,297 @@
+#include "brenloc/workers/walker.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <system_error>
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include "brenloc/engines/languages.h"
+#include "brenloc/workers/gitignore.h"
+
+namespace brenloc::workers {
+
+namespace {
+
+std::string errno_text(int err) { return std::error_code(err, std::generic_category()).message(); }
+
+bool vanished(int err) { return err == ENOENT || err == ENOTDIR; }
+
+std::string join_rel(const std::string& dir, std::string_view name) {
+  return dir.empty() ? std::string(name) : dir + "/" + std::string(name);
+}
+
+std::string shown(const std::string& rel) { return rel.empty() ? "." : rel; }
+
+class Walker {
+ public:
+  Walker(const WalkPolicy& policy, const std::atomic<bool>& stop, Collected& out)
+      : policy_(policy), stop_(stop), out_(out), ignore_(policy.root) {
+    std::filesystem::path rel = policy.data_dir.lexically_normal().lexically_relative(policy.root.lexically_normal());
+    std::string r = rel.generic_string();
+    if (!policy.data_dir.empty() && !r.empty() && r != "." && r.rfind("..", 0) != 0) data_rel_ = r;
+    while (!data_rel_.empty() && data_rel_.back() == '/') data_rel_.pop_back();
+  }
+
+  GitIgnore& ignore() { return ignore_; }
+
+  bool is_data_dir(const std::string& rel) const { return !data_rel_.empty() && rel == data_rel_; }
+  bool inside_data_dir(const std::string& rel) const { return !data_rel_.empty() && is_under(rel, data_rel_); }
+
+  // Walks directory `rel` (not ignored, not skipped) with `lists`, the ignore lists of its ancestors.
+  void walk_dir(const std::string& rel, std::vector<const IgnoreList*>& lists) {
+    if (stop_.load(std::memory_order_relaxed)) return;
+    lists.push_back(&ignore_.list_for(rel));
+    std::filesystem::path abs = rel.empty() ? policy_.root : policy_.root / rel;
+    DIR* d = ::opendir(abs.c_str());
+    if (d == nullptr) {
+      int err = errno;
+      if (!vanished(err)) fail_dir(rel, err);
+      lists.pop_back();
+      return;
+    }
+    struct Entry {
+      std::string name;
+      unsigned char type;
+    };
+    std::vector<Entry> entries;
+    errno = 0;
+    while (dirent* e = ::readdir(d)) {
+      if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+      entries.push_back({e->d_name, e->d_type});
+      errno = 0;
+    }
+    int read_err = errno;
+    int dfd = ::dirfd(d);
+    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.name < b.name; });
+    std::vector<std::string> subdirs;
+    for (const Entry& e : entries) {
+      unsigned char type = e.type;
+      std::string child = join_rel(rel, e.name);
+      if (type == DT_UNKNOWN) {
+        struct stat st {};
+        if (::fstatat(dfd, e.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+          int err = errno;
+          if (!vanished(err)) out_.errors.push_back({child, "walk", errno_text(err)});
+          continue;
+        }
+        type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : S_ISLNK(st.st_mode) ? DT_LNK : DT_FIFO;
+      }
+      if (type == DT_DIR) {
+        if (e.name == ".git" || is_data_dir(child) ||
+            decide(lists, &ignore_.exclude(), child, true) == IgnoreVerdict::ignored) {
+          ++out_.skipped;
+          continue;
+        }
+        subdirs.push_back(std::move(child));
+      } else if (type == DT_REG) {
+        if (e.name == ".git") continue;
+        auto language = engines::language_for_path(e.name);
+        if (!language) continue;
+        if (decide(lists, &ignore_.exclude(), child, false) == IgnoreVerdict::ignored) {
+          ++out_.skipped;
+          continue;
+        }
+        out_.files.push_back({std::move(child), std::string(*language)});
+      } else {
+        // Symbolic links, FIFOs, sockets, devices.
+        ++out_.skipped;
+      }
+    }
+    ::closedir(d);
+    if (read_err != 0) fail_dir(rel, read_err);
+    for (const std::string& sub : subdirs) walk_dir(sub, lists);
+    lists.pop_back();
+  }
+
+  // Walks directory `rel` from outside a walk: builds the ignore lists of its ancestors first.
+  void walk_from(const std::string& rel) {
+    std::vector<const IgnoreList*> lists;
+    std::size_t pos = 0;
+    if (!rel.empty()) {
+      lists.push_back(&ignore_.list_for(""));
+      while (true) {
+        std::size_t slash = rel.find('/', pos);
+        if (slash == std::string::npos) break;
+        lists.push_back(&ignore_.list_for(rel.substr(0, slash)));
+        pos = slash + 1;
+      }
+    }
+    walk_dir(rel, lists);
+  }
+
+ private:
+  void fail_dir(const std::string& rel, int err) {
+    out_.errors.push_back({shown(rel), "walk", errno_text(err)});
+    out_.failed_dirs.push_back(rel);
+  }
+
+  const WalkPolicy& policy_;
+  const std::atomic<bool>& stop_;
+  Collected& out_;
+  GitIgnore ignore_;
+  std::string data_rel_;
+};
+
+bool has_git_component(const std::string& rel) {
+  std::size_t pos = 0;
+  while (pos <= rel.size()) {
+    std::size_t slash = rel.find('/', pos);
+    if (slash == std::string::npos) slash = rel.size();
+    if (rel.compare(pos, slash - pos, ".git") == 0 && slash - pos == 4) return true;
+    pos = slash + 1;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool is_under(std::string_view rel, std::string_view dir) {
+  if (dir.empty()) return true;
+  return rel.size() > dir.size() && rel.compare(0, dir.size(), dir) == 0 && rel[dir.size()] == '/';
+}
+
+Collected collect_files(const WalkPolicy& policy, const std::optional<std::vector<std::filesystem::path>>& paths,
+                        const std::atomic<bool>& stop) {
+  Collected out;
+  Walker walker(policy, stop, out);
+  if (!paths) {
+    out.covered.push_back("");
+    walker.walk_from("");
+    return out;
+  }
+  const std::filesystem::path root = policy.root.lexically_normal();
+  std::set<std::string> seen;
+  for (const std::filesystem::path& given : *paths) {
+    if (stop.load(std::memory_order_relaxed)) break;
+    std::filesystem::path abs = given.is_absolute() ? given : root / given;
+    std::filesystem::path relp = abs.lexically_normal().lexically_relative(root);
+    std::string rel = relp.generic_string();
+    while (!rel.empty() && rel.back() == '/') rel.pop_back();
+    if (relp.empty() || rel.rfind("..", 0) == 0) {
+      out.errors.push_back({abs.string(), "walk", "outside the repository root"});
+      continue;
+    }
+    if (rel == ".") rel.clear();
+    if (!seen.insert(rel).second) continue;
+    if (has_git_component(rel) || walker.is_data_dir(rel) || walker.inside_data_dir(rel)) {
+      ++out.skipped;
+      out.drop.push_back(rel);
+      continue;
+    }
+    struct stat st {};
+    if (::lstat(abs.c_str(), &st) != 0) {
+      int err = errno;
+      if (vanished(err)) {
+        out.drop.push_back(rel);
+      } else {
+        out.errors.push_back({shown(rel), "walk", errno_text(err)});
+      }
+      continue;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      out.covered.push_back(rel);
+      if (!rel.empty() && walker.ignore().ignored(rel, true)) {
+        ++out.skipped;
+        continue;
+      }
+      walker.walk_from(rel);
+      continue;
+    }
+    auto language = engines::language_for_path(abs.filename());
+    if (!S_ISREG(st.st_mode) || !language || walker.ignore().ignored(rel, false)) {
+      if (language) ++out.skipped;
+      out.drop.push_back(rel);
+      continue;
+    }
+    out.files.push_back({rel, std::string(*language)});
+  }
+  // A file reached both on its own and through a listed directory is indexed once.
+  std::set<std::string> unique;
+  std::erase_if(out.files, [&](const Candidate& c) { return !unique.insert(c.rel).second; });
+  return out;
+}
+
+bool looks_binary(std::string_view content) {
+  return content.substr(0, 8000).find('\0') != std::string_view::npos;
+}
+
+std::string content_hash(std::string_view content) {
+  XXH128_hash_t h = XXH3_128bits(content.data(), content.size());
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out(32, '0');
+  for (int i = 0; i < 16; ++i) {
+    std::uint64_t word = i < 8 ? h.high64 : h.low64;
+    unsigned byte = static_cast<unsigned>((word >> (8 * (7 - i % 8))) & 0xff);
+    out[2 * i] = kHex[byte >> 4];
+    out[2 * i + 1] = kHex[byte & 0xf];
+  }
+  return out;
+}
+
+SourceFile read_source(const std::filesystem::path& path, std::int64_t max_size) {
+  SourceFile f;
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    int err = errno;
+    if (vanished(err)) {
+      f.status = SourceFile::Status::gone;
+    } else if (err == ELOOP) {
+      f.status = SourceFile::Status::skipped;  // became a symbolic link
+    } else {
+      f.error = errno_text(err);
+    }
+    return f;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    f.error = errno_text(errno);
+    ::close(fd);
+    return f;
+  }
+  if (!S_ISREG(st.st_mode) || st.st_size > max_size) {
+    f.status = SourceFile::Status::skipped;
+    ::close(fd);
+    return f;
+  }
+  f.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  f.content.resize(static_cast<std::size_t>(st.st_size) + 1);
+  std::size_t used = 0;
+  while (true) {
+    if (used == f.content.size()) {
+      // Grew while being read: read on up to the limit.
+      if (static_cast<std::int64_t>(used) > max_size) break;
+      f.content.resize(std::min<std::size_t>(used * 2 + 4096, static_cast<std::size_t>(max_size) + 1));
+    }
+    ssize_t n = ::read(fd, f.content.data() + used, f.content.size() - used);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      f.error = errno_text(errno);
+      ::close(fd);
+      f.content.clear();
+      return f;
+    }
+    if (n == 0) break;
+    used += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  f.content.resize(used);
+  f.size = static_cast<std::int64_t>(used);
+  if (f.size > max_size || looks_binary(f.content)) {
+    f.status = SourceFile::Status::skipped;
+    f.content.clear();
+    return f;
+  }
+  f.status = SourceFile::Status::ok;
+  return f;
+}
+
+}  // namespace brenloc::workers
