@@ -1,0 +1,376 @@
+// The full rebuild through a staging database, over real SQLite files: every step made to fail or to be
+// cancelled while the rebuild waits there, with the clean-up it must run and what it must leave behind.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <mutex>
+
+#include "brenloc/aio/thread.h"
+#include "brenloc/aio/timer.h"
+#include "brenloc/daemon/worker_reindex.h"
+#include "brenloc/utils/logging.h"
+#include "daemon/fake_worker.h"
+#include "storage/storage_fixture.h"
+#include "support/log_capture.h"
+
+namespace brenloc::testing {
+namespace {
+
+using storage::testing::file_entry;
+using storage::testing::symbol;
+using storage::testing::TempDir;
+
+// Events from the loop and from lane threads, in order.
+class EventLog {
+ public:
+  void add(std::string e) {
+    std::lock_guard l(mu_);
+    events_.push_back(std::move(e));
+  }
+  std::vector<std::string> all() const {
+    std::lock_guard l(mu_);
+    return events_;
+  }
+  bool has(const std::string& e) const {
+    auto v = all();
+    return std::find(v.begin(), v.end(), e) != v.end();
+  }
+
+ private:
+  mutable std::mutex mu_;
+  std::vector<std::string> events_;
+};
+
+// Blocks a thread until the test opens it.
+class ThreadGate {
+ public:
+  void wait() {
+    std::unique_lock l(mu_);
+    entered_ = true;
+    cv_.notify_all();
+    cv_.wait(l, [&] { return open_; });
+  }
+  void open() {
+    std::lock_guard l(mu_);
+    open_ = true;
+    cv_.notify_all();
+  }
+  bool entered() {
+    std::lock_guard l(mu_);
+    return entered_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool open_ = false, entered_ = false;
+};
+
+enum class Step { none, open, repository, indexer, pass, pass_errors, swap, report, release, discard };
+enum class Mode { fail, cancel };
+
+struct Injection {
+  Step step = Step::none;
+  Mode mode = Mode::fail;
+};
+
+// The live store, with a swap that can be made to fail or wait.
+class LiveRepository : public storage::Repository {
+ public:
+  LiveRepository(std::shared_ptr<storage::Database> db, const Injection& inj, EventLog& log, ThreadGate& gate)
+      : storage::Repository(std::move(db)), inj_(inj), log_(log), gate_(gate) {}
+  json swap_index_from(const fs::path& staging_path) override {
+    log_.add("swap");
+    if (inj_.step == Step::swap && inj_.mode == Mode::cancel) gate_.wait();
+    if (inj_.step == Step::swap && inj_.mode == Mode::fail) throw std::runtime_error("swap failed");
+    json counts = storage::Repository::swap_index_from(staging_path);
+    log_.add("swap done");
+    return counts;
+  }
+
+ private:
+  const Injection& inj_;
+  EventLog& log_;
+  ThreadGate& gate_;
+};
+
+// A staging pass that stores one real file with one symbol into the staging store.
+class StagingIndexer : public workers::Indexer {
+ public:
+  StagingIndexer(workers::IndexerOptions o, const Injection& inj, EventLog& log, aio::Future<void> gate)
+      : workers::Indexer(std::move(o)), inj_(inj), log_(log), gate_(std::move(gate)) {}
+  aio::Task<workers::IndexStats> full_index(std::optional<std::vector<fs::path>>) override {
+    log_.add("pass");
+    auto repo = options().repository;
+    co_await aio::to_thread([repo] { repo->store_files({file_entry("new.py", {symbol("new_fn", "function", 1)})}); });
+    if (inj_.step == Step::pass && inj_.mode == Mode::cancel) co_await gate_;
+    if (inj_.step == Step::pass && inj_.mode == Mode::fail) throw std::runtime_error("pass failed");
+    co_return make_stats(1, 1, inj_.step == Step::pass_errors ? 3 : 0);
+  }
+  aio::Task<void> settle() override {
+    log_.add("settle");
+    co_return;
+  }
+
+ private:
+  const Injection& inj_;
+  EventLog& log_;
+  aio::Future<void> gate_;
+};
+
+class StagingWorker : public FakeWorker {
+ public:
+  StagingWorker(const fs::path& root, const fs::path& data, Injection inj) : FakeWorker(root, data), inj(inj) {
+    auto db = std::make_shared<storage::Database>(data / "index.db");
+    db->connect();
+    db->create_schema();
+    _database = db;
+    _repository = std::make_shared<LiveRepository>(db, this->inj, log, thread_gate);
+    _repository->store_files({file_entry("old.py", {symbol("old_fn", "function", 1)})});
+  }
+  ~StagingWorker() override {
+    thread_gate.open();
+    _passes_lane.join();
+    _maintenance.join();
+    _database->close();
+  }
+
+  Injection inj;
+  EventLog log;
+  ThreadGate thread_gate;        // parks the open, the swap or the report on their threads
+  aio::Future<void> loop_gate = make_gate();  // parks the pass or the release on the loop
+
+  std::shared_ptr<storage::Database> _open_staging_db(const fs::path& p, const Paths& s) override {
+    log.add("open");
+    if (inj.step == Step::open && inj.mode == Mode::cancel) thread_gate.wait();
+    if (inj.step == Step::open && inj.mode == Mode::fail) throw std::runtime_error("open failed");
+    return WorkerReindex::_open_staging_db(p, s);
+  }
+  std::shared_ptr<storage::Repository> _new_repository(std::shared_ptr<storage::Database> db) override {
+    if (inj.step == Step::repository) throw std::runtime_error("repository failed");
+    return WorkerReindex::_new_repository(std::move(db));
+  }
+  std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
+    if (inj.step == Step::indexer) throw std::runtime_error("indexer failed");
+    return std::make_shared<StagingIndexer>(std::move(o), inj, log, loop_gate);
+  }
+  void _write_report(std::shared_ptr<storage::Repository>, fs::path, bool force) override {
+    log.add(force ? "report forced" : "report");
+    if (inj.step == Step::report && inj.mode == Mode::cancel) thread_gate.wait();
+    if (inj.step == Step::report && inj.mode == Mode::fail) throw std::runtime_error("report failed");
+  }
+  aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap, std::shared_ptr<storage::Database> db,
+                                   Paths sidecars, std::shared_ptr<workers::Indexer> indexer) override {
+    log.add(std::string("release") + (swap ? " swap" : "") + (indexer ? " indexer" : ""));
+    if (inj.step == Step::release && inj.mode == Mode::cancel) co_await loop_gate;
+    if (inj.step == Step::release && inj.mode == Mode::fail) throw std::runtime_error("release failed");
+    co_await WorkerReindex::_release_staging(std::move(swap), std::move(db), std::move(sidecars), std::move(indexer));
+  }
+  void _discard_staging(const std::shared_ptr<storage::Database>& db, const Paths& sidecars) override {
+    log.add("discard");
+    if (inj.step == Step::discard) throw std::runtime_error("discard failed");
+    WorkerReindex::_discard_staging(db, sidecars);
+  }
+
+  bool staging_files_left() const {
+    for (const auto& p : _staging_db_paths(data_dir / "index.db").second) {
+      if (fs::exists(p)) return true;
+    }
+    return false;
+  }
+  std::string live_symbols() {
+    std::string out;
+    for (const auto& f : _repository->list_files()) out += f.path + ";";
+    return out;
+  }
+};
+
+struct MatrixCase {
+  Injection inj;
+  std::string outcome;  // "ok", "cancelled", or the error text
+  std::vector<std::string> events;
+  bool files_left;
+  std::string live;  // the live files after the rebuild
+};
+
+std::string name_of(const MatrixCase& c) {
+  static const char* steps[] = {"none", "open",   "repository", "indexer", "pass",
+                                "pass_errors", "swap", "report", "release", "discard"};
+  return std::string(steps[static_cast<int>(c.inj.step)]) + (c.inj.mode == Mode::fail ? " fails" : " cancelled");
+}
+
+// Waits on the loop until `cond` holds (work on threads finishing), or fails after a few seconds.
+aio::Task<void> until(std::function<bool()> cond) {
+  for (int i = 0; i < 5000 && !cond(); ++i) co_await aio::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(cond());
+}
+
+TEST(StagedRebuild, FaultMatrix) {
+  const std::string incomplete = daemon::IncompleteRebuildError(3).what();
+  const std::vector<std::string> full = {"open", "pass", "swap", "swap done", "report forced", "release swap indexer",
+                                         "settle", "discard"};
+  const std::vector<MatrixCase> cases = {
+      {{Step::none}, "ok", full, false, "new.py;"},
+      {{Step::open, Mode::fail}, "open failed", {"open"}, false, "old.py;"},
+      {{Step::open, Mode::cancel}, "cancelled", {"open", "release", "discard"}, false, "old.py;"},
+      {{Step::repository}, "repository failed", {"open", "release", "discard"}, false, "old.py;"},
+      {{Step::indexer}, "indexer failed", {"open", "release", "discard"}, false, "old.py;"},
+      {{Step::pass, Mode::fail}, "pass failed", {"open", "pass", "release indexer", "settle", "discard"}, false,
+       "old.py;"},
+      {{Step::pass, Mode::cancel}, "cancelled", {"open", "pass", "release indexer", "settle", "discard"}, false,
+       "old.py;"},
+      {{Step::pass_errors}, incomplete, {"open", "pass", "release indexer", "settle", "discard"}, false, "old.py;"},
+      {{Step::swap, Mode::fail}, "swap failed", {"open", "pass", "swap", "release swap indexer", "settle", "discard"},
+       false, "old.py;"},
+      // The swap runs on to its end on the lane; the release waits for it before it discards anything.
+      {{Step::swap, Mode::cancel}, "cancelled",
+       {"open", "pass", "swap", "release swap indexer", "settle", "swap done", "discard"}, false, "new.py;"},
+      {{Step::report, Mode::fail}, "report failed", full, false, "new.py;"},
+      {{Step::report, Mode::cancel}, "cancelled", full, false, "new.py;"},
+      {{Step::release, Mode::fail}, "release failed",
+       {"open", "pass", "swap", "swap done", "report forced", "release swap indexer"}, true, "new.py;"},
+      // Cancelled while it waits for the release: the release runs on regardless.
+      {{Step::release, Mode::cancel}, "cancelled", full, false, "new.py;"},
+      {{Step::discard}, "discard failed", full, true, "new.py;"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(name_of(c));
+    TempDir root, data;
+    LogCapture logs;
+    StagingWorker w(root.path(), data.path(), c.inj);
+    std::string outcome;
+    aio::EventLoop loop(2);
+    aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+      // A query cached before the rebuild must not be served after a swap.
+      storage::SymbolQuery q{.text = "old_fn", .match = storage::SymbolQuery::Match::exact};
+      EXPECT_EQ(w._repository->search_symbols(q).size(), 1u);
+      auto rebuild = aio::spawn(w._full_reindex_via_staging());
+      if (c.inj.mode == Mode::cancel) {
+        if (c.inj.step == Step::pass || c.inj.step == Step::release) {
+          co_await until([&] { return w.log.has(c.inj.step == Step::pass ? "pass" : "release swap indexer"); });
+          co_await aio::sleep_for(std::chrono::milliseconds(5));
+        } else {
+          co_await until([&] { return w.thread_gate.entered(); });
+        }
+        rebuild.cancel();
+        co_await aio::sleep_for(std::chrono::milliseconds(5));
+        w.thread_gate.open();
+        open_gate(w.loop_gate);
+      }
+      co_await aio::wait_all({rebuild.base()});
+      if (rebuild.cancelled()) {
+        outcome = "cancelled";
+      } else if (auto e = rebuild.exception()) {
+        outcome = utils::error_text(e);
+      } else {
+        outcome = "ok";
+        EXPECT_EQ(rebuild.result().files_processed, 1);
+      }
+      // Work that outlives the rebuild (a released release) must still finish.
+      if (!c.files_left) co_await until([&] { return !w.staging_files_left(); });
+      EXPECT_EQ(w._repository->search_symbols(q).size(), c.live == "old.py;" ? 1u : 0u);
+    }());
+    EXPECT_EQ(outcome, c.outcome);
+    EXPECT_EQ(w.log.all(), c.events);
+    EXPECT_EQ(w.staging_files_left(), c.files_left);
+    EXPECT_EQ(w.live_symbols(), c.live);
+    bool swap_logged = false;
+    for (const auto& r : logs.of("brenloc.daemon.worker")) {
+      if (r.first_line() == R"(Force-reindex swap committed (rows: {"files":1,"symbols":1}))") swap_logged = true;
+    }
+    EXPECT_EQ(swap_logged, w.log.has("swap done") && c.inj.step != Step::swap);
+    if (c.inj.step == Step::open && c.inj.mode == Mode::fail) {
+      auto records = logs.of("brenloc.daemon.worker");
+      ASSERT_EQ(records.size(), 1u);
+      EXPECT_EQ(records[0].first_line(), "Suppressed failure while opening the staging database");
+    }
+  }
+}
+
+TEST(StagingFiles, NamesBesideTheLiveDatabaseInOrder) {
+  for (const fs::path dir : {"/var/lib/x", "relative/dir", "/"}) {
+    auto [staging, sidecars] = daemon::WorkerReindex::_staging_db_paths(dir / "index.db");
+    EXPECT_EQ(staging, dir / "index.db.reindex-staging");
+    EXPECT_EQ(sidecars, (std::vector<fs::path>{dir / "index.db.reindex-staging", dir / "index.db.reindex-staging-wal",
+                                               dir / "index.db.reindex-staging-shm"}));
+  }
+}
+
+TEST(StagingFiles, RemoveFilesGoesOnPastOneThatCannotBeDeleted) {
+  TempDir dir;
+  fs::create_directories(dir.path() / "busy");
+  std::ofstream(dir.path() / "busy" / "inside");  // a non-empty directory cannot be removed as a file
+  std::ofstream(dir.path() / "a");
+  std::ofstream(dir.path() / "c");
+  daemon::WorkerReindex::_remove_files({dir.path() / "a", dir.path() / "busy", dir.path() / "missing", dir.path() / "c"});
+  EXPECT_FALSE(fs::exists(dir.path() / "a"));
+  EXPECT_TRUE(fs::exists(dir.path() / "busy"));
+  EXPECT_FALSE(fs::exists(dir.path() / "c"));
+}
+
+// A database whose schema step fails, for the opening's clean-up.
+class BrokenSchemaDatabase : public storage::Database {
+ public:
+  using storage::Database::Database;
+  void create_schema() override { throw std::runtime_error("schema failed"); }
+};
+
+class BrokenSchemaWorker : public FakeWorker {
+ public:
+  using FakeWorker::FakeWorker;
+  std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
+    return std::make_shared<BrokenSchemaDatabase>(p);
+  }
+};
+
+TEST(StagingFiles, ASchemaFailureClosesDeletesAndRethrows) {
+  TempDir data;
+  BrokenSchemaWorker w(data.path(), data.path());
+  auto [staging, sidecars] = w._staging_db_paths(data.path() / "index.db");
+  try {
+    w._open_staging_db(staging, sidecars);
+    FAIL() << "no error";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "schema failed");
+  }
+  for (const auto& p : sidecars) EXPECT_FALSE(fs::exists(p)) << p;
+}
+
+TEST(StagingFiles, LeftoversOfAKilledRebuildAreDeletedBeforeTheNewDatabaseOpens) {
+  TempDir data;
+  FakeWorker w(data.path(), data.path());
+  auto [staging, sidecars] = w._staging_db_paths(data.path() / "index.db");
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // A rebuild in another process: rows written into the staging database's log, never checkpointed.
+    auto db = storage::testing::open_database(staging);
+    storage::Repository repo(db);
+    repo.store_files({file_entry("leftover.py", {symbol("stale", "function", 1)})});
+    char c = 1;
+    (void)::write(ready[1], &c, 1);
+    ::pause();
+    ::_exit(0);
+  }
+  char c;
+  ASSERT_EQ(::read(ready[0], &c, 1), 1);
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  ASSERT_TRUE(fs::exists(sidecars[1]));  // the killed process left its log behind
+
+  auto db = w._open_staging_db(staging, sidecars);
+  storage::Repository fresh(db);
+  EXPECT_EQ(fresh.counts().files, 0);
+  EXPECT_TRUE(fresh.list_files().empty());
+  w._discard_staging(db, sidecars);
+  for (const auto& p : sidecars) EXPECT_FALSE(fs::exists(p)) << p;
+}
+
+}  // namespace
+}  // namespace brenloc::testing
