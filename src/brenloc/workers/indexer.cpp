@@ -30,8 +30,7 @@ using HashMap = std::unordered_map<std::string, std::string>;
 // Files per parse job: small enough to spread a small pass over every thread and to bound the work
 // that still runs after a cancellation, large enough that a trip through the loop is noise.
 constexpr std::size_t kParseBatch = 16;
-// A store transaction is started once this many files or symbols are waiting.
-constexpr std::size_t kStoreFiles = 512;
+// A store transaction is started once this many symbols are waiting (or the option's number of files).
 constexpr std::size_t kStoreSymbols = 50000;
 
 struct Outcome {
@@ -43,11 +42,16 @@ struct Outcome {
 };
 using Outcomes = std::shared_ptr<std::vector<Outcome>>;
 
+struct ParseLimits {
+  std::int64_t max_size;
+  std::chrono::milliseconds time_limit;
+};
+
 Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const HashMap& existing,
-                  std::int64_t max_size) {
+                  const ParseLimits& limits) {
   Outcome out;
   out.rel = c.rel;
-  SourceFile src = read_source(root / c.rel, max_size);
+  SourceFile src = read_source(root / c.rel, limits.max_size);
   switch (src.status) {
     case SourceFile::Status::gone:
       out.kind = Outcome::Kind::gone;
@@ -68,7 +72,7 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const H
   }
   engines::ParseResult parsed;
   try {
-    parsed = engines::extract_symbols(c.language, src.content);
+    parsed = engines::extract_symbols(c.language, src.content, limits.time_limit);
   } catch (const std::exception& e) {
     parsed.ok = false;
     parsed.error = e.what();
@@ -84,10 +88,10 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const H
 }
 
 Outcomes parse_batch(const std::filesystem::path& root, const std::vector<Candidate>& batch,
-                     const HashMap& existing, std::int64_t max_size) {
+                     const HashMap& existing, const ParseLimits& limits) {
   auto out = std::make_shared<std::vector<Outcome>>();
   out->reserve(batch.size());
-  for (const Candidate& c : batch) out->push_back(parse_one(root, c, existing, max_size));
+  for (const Candidate& c : batch) out->push_back(parse_one(root, c, existing, limits));
   return out;
 }
 
@@ -188,7 +192,7 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   const std::filesystem::path root = o.repo_root;
   const std::filesystem::path data_dir = repo->database()->path().parent_path();
   const bool whole = !paths.has_value();
-  const std::int64_t max_size = o.max_file_size;
+  const ParseLimits limits{o.max_file_size, o.parse_time_limit};
   std::size_t threads = o.parse_threads;
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   auto log = utils::get_logger("brenloc.workers.indexer");
@@ -198,6 +202,9 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
 
   IndexStats stats;
   std::vector<LeftOut> errors;
+
+  // Thread work is awaited shielded throughout: a cancellation ends the waiting, not the work, and the
+  // work's future stays pending until the thread is done with it, which is what settle() waits for.
 
   // Find the files, and read the index's hashes meanwhile.
   const bool nothing = paths && paths->empty();
@@ -210,9 +217,9 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   std::shared_ptr<const HashMap> existing = std::make_shared<const HashMap>();
   if (!nothing) {
     auto hashes_f = impl->on_writer(o, [repo] { return std::make_shared<const HashMap>(repo->file_hashes()); });
-    existing = co_await hashes_f;
+    existing = co_await aio::shield(hashes_f);
   }
-  std::shared_ptr<const Collected> collected = co_await collected_f;
+  std::shared_ptr<const Collected> collected = co_await aio::shield(collected_f);
   errors = collected->errors;
   stats.files_skipped = collected->skipped;
 
@@ -249,8 +256,8 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
                                    files.begin() + static_cast<std::ptrdiff_t>(end));
       std::size_t count = end - next;
       next = end;
-      auto f = impl->track(aio::to_thread([root, batch = std::move(batch), existing, max_size] {
-        return parse_batch(root, batch, *existing, max_size);
+      auto f = impl->track(aio::to_thread([root, batch = std::move(batch), existing, limits] {
+        return parse_batch(root, batch, *existing, limits);
       }));
       parsing.push_back({std::move(f), count});
     }
@@ -260,7 +267,7 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
     }
     const bool parsing_done = parsing.empty() && next >= files.size();
     if (!storing && !buffer->empty() &&
-        (buffer->size() >= kStoreFiles || buffer_symbols >= kStoreSymbols || parsing_done)) {
+        (buffer->size() >= std::max<std::size_t>(1, o.store_batch_files) || buffer_symbols >= kStoreSymbols || parsing_done)) {
       storing = impl->on_writer(o, [repo, entries = std::move(buffer)] {
         return std::make_shared<Stored>(store_batch(*repo, *entries));
       });
@@ -327,7 +334,7 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   if (!to_remove.empty()) {
     std::vector<std::string> removing(to_remove.begin(), to_remove.end());
     auto removed_f = impl->on_writer(o, [repo, removing] { return remove_rows(*repo, removing); });
-    std::vector<LeftOut> failed = co_await removed_f;
+    std::vector<LeftOut> failed = co_await aio::shield(removed_f);
     stats.files_removed = static_cast<std::int64_t>(removing.size() - failed.size());
     errors.insert(errors.end(), failed.begin(), failed.end());
   }
@@ -341,7 +348,7 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   auto written_f = impl->on_writer(o, [data_dir, errors = std::move(errors), info = stats.last_info] {
     write_pass_files(data_dir, errors, info);
   });
-  co_await written_f;
+  co_await aio::shield(written_f);
 
   log->info("Index pass ({}) of {}: {} files processed ({} unchanged), {} symbols added, {} removed, {} left out, "
             "{} skipped, {:.2f} s",
@@ -352,7 +359,7 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
     std::exception_ptr report_error;
     try {
       auto report_f = impl->on_writer(o, [repo, root] { write_report(repo, root, false); });
-      co_await report_f;
+      co_await aio::shield(report_f);
     } catch (const std::exception&) {
       report_error = std::current_exception();
     }

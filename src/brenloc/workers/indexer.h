@@ -11,6 +11,7 @@
 // running on threads has ended. Virtual so that tests can stand in for it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -34,6 +35,10 @@ struct IndexerOptions {
   std::size_t parse_threads = 0;
   // Larger files are left out by policy.
   std::int64_t max_file_size = 1 << 20;
+  // Files stored per transaction (at most; also fewer, when the parsing is done or waits on storage).
+  std::size_t store_batch_files = 512;
+  // A file whose parse takes longer is left out (the parser failed).
+  std::chrono::milliseconds parse_time_limit{5000};
 };
 
 // Told files done / files total while a pass runs (on the event loop).

@@ -152,6 +152,20 @@ bool has_git_component(const std::string& rel) {
   return false;
 }
 
+// True when a directory on the way from the root to `rel` is a symbolic link (or is not a directory): the
+// walk would never have gone through it.
+bool through_link(const std::filesystem::path& root, const std::string& rel) {
+  std::size_t pos = 0;
+  while (true) {
+    std::size_t slash = rel.find('/', pos);
+    if (slash == std::string::npos) return false;
+    struct stat st {};
+    std::filesystem::path dir = root / rel.substr(0, slash);
+    if (::lstat(dir.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) return true;
+    pos = slash + 1;
+  }
+}
+
 }  // namespace
 
 bool is_under(std::string_view rel, std::string_view dir) {
@@ -182,7 +196,8 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
     }
     if (rel == ".") rel.clear();
     if (!seen.insert(rel).second) continue;
-    if (has_git_component(rel) || walker.is_data_dir(rel) || walker.inside_data_dir(rel)) {
+    if (has_git_component(rel) || walker.is_data_dir(rel) || walker.inside_data_dir(rel) ||
+        through_link(root, rel)) {
       ++out.skipped;
       out.drop.push_back(rel);
       continue;
