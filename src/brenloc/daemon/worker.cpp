@@ -72,16 +72,21 @@ aio::Task<void> RepoWorker::start() {
 }
 
 aio::Task<void> RepoWorker::stop() {
-  if (stopping_) co_return;
-  stopping_ = true;
-  if (_indexer_task && !_indexer_task->done()) {
-    _indexer_task->cancel();
-    co_await aio::wait_all({_indexer_task->base()});
+  // Every caller waits for the one stop; a caller cancelled while waiting does not cut it short.
+  if (!stopped_) stopped_ = aio::spawn(stop_once(this));
+  co_await aio::shield(*stopped_);
+}
+
+aio::Task<void> RepoWorker::stop_once(RepoWorker* self) {
+  self->stopping_ = true;
+  if (self->_indexer_task && !self->_indexer_task->done()) {
+    self->_indexer_task->cancel();
+    co_await aio::wait_all({self->_indexer_task->base()});
   }
-  if (_passes) co_await _passes->drain();
-  co_await _passes_lane.shutdown();
-  co_await _maintenance.shutdown();
-  if (_database) co_await aio::to_thread([db = _database] { db->close(); });
+  if (self->_passes) co_await self->_passes->drain();
+  co_await self->_passes_lane.shutdown();
+  co_await self->_maintenance.shutdown();
+  if (self->_database) co_await aio::to_thread([db = self->_database] { db->close(); });
 }
 
 json RepoWorker::_check_repository(std::string_view tool) {

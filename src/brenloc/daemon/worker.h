@@ -49,8 +49,10 @@ class RepoWorker : public WorkerReindex {
 
  private:
   void send(const json& message);
+  static aio::Task<void> stop_once(RepoWorker* self);
 
   bool stopping_ = false;
+  std::optional<aio::Future<void>> stopped_;
   bool started_ = false;
   std::map<int, StatusSink> sinks_;
   int next_sink_ = 1;

@@ -1,0 +1,27 @@
+// The tools of a repository worker as the MCP server sees them: force_reindex, index_status and
+// search_symbols, with their argument schemas, and the worker's status messages as MCP log levels
+// ("error" for a failed reindex, "info" otherwise).
+#pragma once
+
+#include "brenloc/daemon/worker.h"
+#include "brenloc/mcp/tool_host.h"
+
+namespace brenloc::app {
+
+class WorkerTools final : public mcp::ToolHost {
+ public:
+  explicit WorkerTools(daemon::RepoWorker& worker) : worker_(worker) {}
+
+  std::vector<mcp::ToolSpec> tools() const override;
+  aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) override;
+  int subscribe(mcp::BroadcastSink sink) override;
+  void unsubscribe(int id) override;
+
+  // The MCP log level of a status message.
+  static std::string level_of(const nlohmann::ordered_json& message);
+
+ private:
+  daemon::RepoWorker& worker_;
+};
+
+}  // namespace brenloc::app
