@@ -1,0 +1,305 @@
+// End-to-end tests of brenloc's MCP server with the official MCP TypeScript SDK client, plus a raw
+// stdio session for what a well-behaved client never sends.
+//
+//   node mcp_e2e.mjs -- SERVER COMMAND...
+//   node mcp_e2e.mjs -- brenloc serve --repo DIR
+//
+// Tools the server may or may not offer (the stand-in's "sleep") only add checks when listed.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import { once } from 'node:events';
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { LoggingMessageNotificationSchema, McpError } from '@modelcontextprotocol/sdk/types.js';
+
+const dash = process.argv.indexOf('--');
+if (dash < 0 || dash + 1 >= process.argv.length) {
+  console.error('usage: node mcp_e2e.mjs -- SERVER COMMAND...');
+  process.exit(64);
+}
+const [command, ...args] = process.argv.slice(dash + 1);
+
+const PARSE_ERROR = -32700;
+const INVALID_REQUEST = -32600;
+const METHOD_NOT_FOUND = -32601;
+const INVALID_PARAMS = -32602;
+const LINE_LIMIT = 8 * 1024 * 1024;
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+// An SDK client connected to a fresh server, collecting the log notifications it receives.
+async function connect() {
+  const transport = new StdioClientTransport({ command, args, stderr: 'inherit' });
+  const client = new Client({ name: 'brenloc-e2e', version: '1.0.0' });
+  const messages = [];
+  client.setNotificationHandler(LoggingMessageNotificationSchema, (n) => messages.push(n.params));
+  await client.connect(transport);
+  return { client, messages };
+}
+
+async function waitFor(predicate, what, timeoutMs = 60_000) {
+  const deadline = Date.now() + timeoutMs;
+  while (Date.now() < deadline) {
+    const found = predicate();
+    if (found) return found;
+    await sleep(20);
+  }
+  throw new Error(`timed out waiting for ${what}`);
+}
+
+function structured(result) {
+  assert.equal(result.content.length, 1);
+  assert.equal(result.content[0].type, 'text');
+  // The text item holds the same JSON as structuredContent, keys in the same order.
+  assert.equal(result.content[0].text, JSON.stringify(result.structuredContent));
+  return result.structuredContent;
+}
+
+// Waits for the reindex that was just accepted to end, and returns its broadcast.
+async function reindexOutcome(messages, from) {
+  return waitFor(
+    () => messages.slice(from).find((m) => ['reindex_complete', 'reindex_failed'].includes(m.data?.type)),
+    'the reindex outcome broadcast',
+  );
+}
+
+// A server on raw pipes: lines in, parsed lines out, in order.
+function rawSession() {
+  const child = spawn(command, args, { stdio: ['pipe', 'pipe', 'inherit'] });
+  const lines = [];
+  let buffer = '';
+  let wake = null;
+  child.stdout.setEncoding('utf8');
+  child.stdout.on('data', (chunk) => {
+    buffer += chunk;
+    let nl;
+    while ((nl = buffer.indexOf('\n')) >= 0) {
+      lines.push(buffer.slice(0, nl));
+      buffer = buffer.slice(nl + 1);
+    }
+    wake?.();
+  });
+  const exited = once(child, 'exit');
+  return {
+    child,
+    exited,
+    send(message) {
+      child.stdin.write((typeof message === 'string' ? message : JSON.stringify(message)) + '\n');
+    },
+    async next(timeoutMs = 10_000) {
+      const deadline = Date.now() + timeoutMs;
+      while (lines.length === 0) {
+        const left = deadline - Date.now();
+        if (left <= 0) return undefined;
+        await new Promise((resolve) => {
+          const timer = setTimeout(resolve, left);
+          wake = () => {
+            clearTimeout(timer);
+            resolve();
+          };
+        });
+      }
+      // Everything on stdout must be a protocol message.
+      return JSON.parse(lines.shift());
+    },
+    pendingLines: () => lines.length,
+  };
+}
+
+test('handshake, ping and tool listing', async () => {
+  const { client } = await connect();
+  try {
+    assert.equal(client.getServerVersion().name, 'brenloc');
+    assert.match(client.getServerVersion().version, /^\d+\.\d+\.\d+/);
+    assert.deepEqual(client.getServerCapabilities(), { tools: {}, logging: {} });
+    assert.deepEqual(await client.ping(), {});
+
+    const { tools } = await client.listTools();
+    const byName = Object.fromEntries(tools.map((t) => [t.name, t]));
+    for (const name of ['force_reindex', 'index_status', 'search_symbols']) {
+      assert.ok(byName[name], `tool ${name} listed`);
+      assert.equal(byName[name].inputSchema.type, 'object');
+      assert.ok(byName[name].description);
+    }
+    const reindex = byName.force_reindex.inputSchema;
+    assert.deepEqual(reindex.properties.paths.type, 'array');
+    assert.deepEqual(reindex.properties.paths.items, { type: 'string' });
+    assert.equal(reindex.properties.clear_existing.type, 'boolean');
+    assert.deepEqual(reindex.required ?? [], []);
+    const search = byName.search_symbols.inputSchema;
+    assert.deepEqual(search.required, ['query']);
+    assert.equal(search.properties.kind.type, 'string');
+    assert.equal(search.properties.limit.type, 'integer');
+    assert.deepEqual(Object.keys(byName.index_status.inputSchema.properties ?? {}), []);
+  } finally {
+    await client.close();
+  }
+});
+
+test('force_reindex answers each form and broadcasts the outcome', async () => {
+  const { client, messages } = await connect();
+  const call = async (args) => client.callTool({ name: 'force_reindex', arguments: args });
+  try {
+    // Whole repository, live: accepted; asked again at once, in progress.
+    let seen = messages.length;
+    let result = await call({});
+    assert.equal(result.isError, false);
+    let answer = structured(result);
+    assert.deepEqual(Object.keys(answer), ['status', 'message', 'clear_existing']);
+    assert.deepEqual(answer, { status: 'accepted', message: 'Reindexing started in background', clear_existing: false });
+
+    result = await call({ clear_existing: true });
+    assert.deepEqual(structured(result), { status: 'in_progress', message: 'Indexing already in progress' });
+    assert.equal(result.isError, false);
+
+    let outcome = await reindexOutcome(messages, seen);
+    assert.equal(outcome.level, 'info');
+    assert.equal(outcome.logger, 'brenloc');
+    assert.deepEqual(Object.keys(outcome.data), ['type', 'files_processed', 'symbols_added', 'errors']);
+    assert.equal(outcome.data.type, 'reindex_complete');
+    for (const m of messages.slice(seen).filter((m) => m.data?.type === 'reindex_progress')) {
+      assert.equal(m.level, 'info');
+      assert.deepEqual(Object.keys(m.data), ['type', 'files_done', 'files_total']);
+    }
+
+    // A path outside the repository: refused, with isError.
+    result = await call({ paths: ['../../../..'], clear_existing: true });
+    assert.equal(result.isError, true);
+    answer = structured(result);
+    assert.deepEqual(Object.keys(answer), ['error', 'status']);
+    assert.deepEqual(answer, { error: 'Path outside repository', status: 'failed' });
+
+    // clear_existing with paths: the paths are reindexed live and the answer says so.
+    seen = messages.length;
+    result = await call({ paths: ['.'], clear_existing: true });
+    assert.deepEqual(structured(result), {
+      status: 'accepted',
+      message: 'Reindexing started in background; clear_existing rebuilds only the whole repository: paths are reindexed',
+      clear_existing: false,
+    });
+    await reindexOutcome(messages, seen);
+
+    // A full rebuild.
+    seen = messages.length;
+    result = await call({ clear_existing: true });
+    assert.deepEqual(structured(result), { status: 'accepted', message: 'Reindexing started in background', clear_existing: true });
+    outcome = await reindexOutcome(messages, seen);
+    assert.equal(outcome.level, outcome.data.type === 'reindex_complete' ? 'info' : 'error');
+
+    const status = structured(await client.callTool({ name: 'index_status', arguments: {} }));
+    assert.deepEqual(Object.keys(status), [
+      'repo_root', 'data_dir', 'indexing', 'last_reindex_error', 'rebuild_refusal', 'files', 'symbols', 'last_index',
+    ]);
+    assert.equal(status.indexing, false);
+    if (outcome.data.type === 'reindex_complete') {
+      assert.equal(status.last_reindex_error, null);
+      assert.equal(status.rebuild_refusal, null);
+    } else {
+      assert.equal(status.last_reindex_error, outcome.data.error);
+    }
+  } finally {
+    await client.close();
+  }
+});
+
+test('argument errors and unknown tools are protocol errors naming the culprit', async () => {
+  const { client } = await connect();
+  const cases = [
+    [{ name: 'search_symbols', arguments: {} }, /query/],
+    [{ name: 'search_symbols', arguments: { query: 'x', limit: 'many' } }, /limit/],
+    [{ name: 'force_reindex', arguments: { paths: 'src' } }, /paths/],
+    [{ name: 'force_reindex', arguments: { colour: 'red' } }, /colour/],
+    [{ name: 'no_such_tool', arguments: {} }, /no_such_tool/],
+  ];
+  try {
+    for (const [params, pattern] of cases) {
+      await assert.rejects(client.callTool(params), (e) => {
+        assert.ok(e instanceof McpError, String(e));
+        assert.equal(e.code, INVALID_PARAMS);
+        assert.match(e.message, pattern);
+        return true;
+      });
+    }
+    const found = structured(await client.callTool({ name: 'search_symbols', arguments: { query: 'main' } }));
+    assert.equal(typeof found, 'object');
+  } finally {
+    await client.close();
+  }
+});
+
+test('a cancelled call leaves the server serving', async () => {
+  const { client } = await connect();
+  try {
+    const { tools } = await client.listTools();
+    const slow = tools.some((t) => t.name === 'sleep')
+      ? { name: 'sleep', arguments: { ms: 30_000 } }
+      : { name: 'index_status', arguments: {} };
+    const controller = new AbortController();
+    const pending = client.callTool(slow, undefined, { signal: controller.signal });
+    setTimeout(() => controller.abort('changed my mind'), 100);
+    await assert.rejects(pending);
+    assert.deepEqual(await client.ping(), {});
+    structured(await client.callTool({ name: 'index_status', arguments: {} }));
+  } finally {
+    await client.close();
+  }
+});
+
+test('bad lines get errors, the stream goes on, end of input stops the server', async () => {
+  const s = rawSession();
+  const cases = [
+    ['this is not json', null, PARSE_ERROR],
+    ['{"jsonrpc":"2.0","id":1,', null, PARSE_ERROR],
+    ['[]', null, INVALID_REQUEST],
+    ['{"jsonrpc":"1.0","id":2,"method":"ping"}', 2, INVALID_REQUEST],
+    ['{"jsonrpc":"2.0","id":3,"method":"no/such/method"}', 3, METHOD_NOT_FOUND],
+    ['{"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"name":"nope"}}', 4, INVALID_PARAMS],
+    ['{"jsonrpc":"2.0","id":5,"method":"tools/call","params":{"name":"search_symbols","arguments":{}}}', 5, INVALID_PARAMS],
+    ['{"jsonrpc":"2.0","id":6,"method":"ping","pad":"' + 'x'.repeat(LINE_LIMIT) + '"}', null, INVALID_REQUEST],
+  ];
+  try {
+    s.send({ jsonrpc: '2.0', id: 0, method: 'initialize', params: { protocolVersion: '2024-11-05', capabilities: {}, clientInfo: { name: 'raw', version: '0' } } });
+    const init = await s.next();
+    assert.equal(init.id, 0);
+    assert.equal(init.result.protocolVersion, '2024-11-05');
+    s.send({ jsonrpc: '2.0', method: 'notifications/initialized' });
+
+    for (const [line, id, code] of cases) {
+      s.send(line);
+      const reply = await s.next();
+      assert.ok(reply, `an answer to ${line.slice(0, 60)}`);
+      assert.equal(reply.jsonrpc, '2.0');
+      assert.equal(reply.id, id, line.slice(0, 60));
+      assert.equal(reply.error.code, code, line.slice(0, 60));
+      assert.equal(typeof reply.error.message, 'string');
+      assert.ok(!('result' in reply), 'no result beside an error');
+    }
+
+    // A request cancelled while it runs is never answered.
+    const { result } = await (async () => {
+      s.send({ jsonrpc: '2.0', id: 7, method: 'tools/list' });
+      return s.next();
+    })();
+    if (result.tools.some((t) => t.name === 'sleep')) {
+      s.send({ jsonrpc: '2.0', id: 8, method: 'tools/call', params: { name: 'sleep', arguments: { ms: 300 } } });
+      s.send({ jsonrpc: '2.0', method: 'notifications/cancelled', params: { requestId: 8, reason: 'test' } });
+      s.send({ jsonrpc: '2.0', id: 9, method: 'tools/call', params: { name: 'sleep', arguments: { ms: 400 } } });
+      const reply = await s.next();
+      assert.equal(reply.id, 9);
+      assert.equal(s.pendingLines(), 0);
+    }
+
+    s.send({ jsonrpc: '2.0', id: 10, method: 'ping' });
+    assert.deepEqual(await s.next(), { jsonrpc: '2.0', id: 10, result: {} });
+
+    s.child.stdin.end();
+    const timer = setTimeout(() => s.child.kill('SIGKILL'), 10_000);
+    const [code, signal] = await s.exited;
+    clearTimeout(timer);
+    assert.equal(signal, null, 'stopped by itself');
+    assert.equal(code, 0);
+  } finally {
+    if (s.child.exitCode === null) s.child.kill('SIGKILL');
+  }
+});
