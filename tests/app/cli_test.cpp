@@ -1,0 +1,142 @@
+// The brenloc binary as a user runs it: exit codes, what goes to stdout and stderr, the data directory.
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::ordered_json;
+
+struct Result {
+  int code;
+  std::string out, err;
+};
+
+std::string slurp(const fs::path& p) {
+  std::ifstream in(p);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+std::string quote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+class Cli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("brenloc-cli-" + std::to_string(::getpid()));
+    fs::remove_all(dir_);
+    fs::create_directories(repo() / "pkg");
+    std::ofstream(repo() / "pkg" / "shapes.py") << "class Circle:\n    def area(self):\n        return 3\n";
+    std::ofstream(repo() / "main.go") << "package main\n\nfunc Launch() {}\n";
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  fs::path repo() const { return dir_ / "repo"; }
+  fs::path data() const { return dir_ / "data"; }
+
+  Result invoke(const std::string& args, const std::string& env = "") {
+    const fs::path out = dir_ / "out", err = dir_ / "err";
+    std::string cmd = env + " " + quote(BRENLOC_BINARY) + " " + args + " >" + quote(out) + " 2>" + quote(err) +
+                      " </dev/null";
+    int status = std::system(cmd.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
+  }
+  std::string where() const { return "--repo " + quote(repo()) + " --data-dir " + quote(data()); }
+
+  fs::path dir_;
+};
+
+TEST_F(Cli, UsageErrorsAreOneLineAndExit64) {
+  for (std::string args : {"", "bogus", "status --no-such-option", "reindex --repo /no/such/dir", "search"}) {
+    SCOPED_TRACE(args);
+    Result r = invoke(args);
+    EXPECT_EQ(r.code, 64);
+    EXPECT_TRUE(r.out.empty()) << r.out;
+    ASSERT_FALSE(r.err.empty());
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
+    EXPECT_EQ(r.err.rfind("brenloc: ", 0), 0u) << r.err;
+  }
+  EXPECT_EQ(invoke("--version").out, "brenloc " BRENLOC_VERSION "\n");
+  EXPECT_EQ(invoke("--help").code, 0);
+}
+
+TEST_F(Cli, ReindexPrintsTheResponseAndTheOutcomeThenSearchAndStatusSeeTheIndex) {
+  Result r = invoke("reindex --clear-existing " + where());
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::istringstream lines(r.out);
+  std::string response, outcome;
+  std::getline(lines, response);
+  std::getline(lines, outcome);
+  EXPECT_EQ(response, R"({"status":"accepted","message":"Reindexing started in background","clear_existing":true})");
+  json o = json::parse(outcome);
+  EXPECT_EQ(o["type"], "reindex_complete");
+  EXPECT_EQ(o["files_processed"], 2);
+  EXPECT_EQ(o["errors"], 0);
+
+  Result s = invoke("search " + where() + " area");
+  ASSERT_EQ(s.code, 0) << s.err;
+  json found = json::parse(s.out);
+  ASSERT_EQ(found["count"], 1);
+  EXPECT_EQ(found["results"][0]["name"], "area");
+  EXPECT_EQ(found["results"][0]["path"], "pkg/shapes.py");
+
+  Result st = invoke("status " + where());
+  ASSERT_EQ(st.code, 0) << st.err;
+  json status = json::parse(st.out);
+  EXPECT_EQ(status["files"], 2);
+  EXPECT_EQ(status["indexing"], false);
+  EXPECT_TRUE(status["rebuild_refusal"].is_null());
+  EXPECT_EQ(status["data_dir"], data().string());
+}
+
+TEST_F(Cli, RefusedRequestsExit2) {
+  struct Case {
+    std::string args;
+    std::string out;
+  };
+  const std::vector<Case> cases = {
+      {"../outside", R"({"error":"Path outside repository","status":"failed"})"},
+      {"/etc/passwd", R"({"error":"Path outside repository","status":"failed"})"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    Result r = invoke("reindex " + where() + " " + quote(c.args));
+    EXPECT_EQ(r.code, 2) << r.err;
+    EXPECT_EQ(r.out, c.out + "\n");
+  }
+}
+
+TEST_F(Cli, PathsAreReindexedInTheLiveIndex) {
+  Result r = invoke("reindex " + where() + " pkg");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find(R"("files_processed":1)"), std::string::npos) << r.out;
+}
+
+TEST_F(Cli, TheDefaultDataDirectoryLiesUnderXdgDataHome) {
+  const fs::path xdg = dir_ / "xdg";
+  Result r = invoke("reindex --repo " + quote(repo()), "XDG_DATA_HOME=" + quote(xdg));
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::vector<fs::path> made;
+  for (const auto& e : fs::directory_iterator(xdg / "brenloc")) made.push_back(e.path());
+  ASSERT_EQ(made.size(), 1u);
+  EXPECT_TRUE(std::regex_match(made[0].filename().string(), std::regex("repo-[0-9a-f]{8}")));
+  EXPECT_TRUE(fs::exists(made[0] / "index.db"));
+  // The same root gives the same directory again.
+  ASSERT_EQ(invoke("status --repo " + quote(repo()), "XDG_DATA_HOME=" + quote(xdg)).code, 0);
+  EXPECT_EQ(std::distance(fs::directory_iterator(xdg / "brenloc"), fs::directory_iterator()), 1);
+}
+
+}  // namespace
