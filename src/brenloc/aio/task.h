@@ -70,10 +70,7 @@ template <class T>
 struct TaskPromise : PromiseBase {
   std::optional<T> value;
   Task<T> get_return_object() noexcept;
-  template <class V>
-  void return_value(V&& v) {
-    value.emplace(std::forward<V>(v));
-  }
+  void return_value(T v) { value.emplace(std::move(v)); }
   T take() {
     if (error) std::rethrow_exception(error);
     return std::move(*value);
