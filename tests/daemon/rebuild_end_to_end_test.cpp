@@ -1,0 +1,108 @@
+// Full rebuilds through the real worker, indexer and store: a rebuild that leaves a file out is refused
+// and keeps the live index; an ignore rule for the file lets the next one through.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "brenloc/aio/timer.h"
+#include "brenloc/daemon/worker.h"
+#include "utils/tree_fixtures.h"
+
+namespace brenloc::testing {
+namespace {
+
+using json = nlohmann::ordered_json;
+
+aio::Task<json> reindex(daemon::RepoWorker& w, json params) {
+  json response = co_await w._handle_force_reindex(std::move(params));
+  EXPECT_EQ(response["status"], "accepted") << response.dump();
+  co_await aio::wait_all({w._indexer_task->base()});
+  co_return response;
+}
+
+std::vector<std::string> names(daemon::RepoWorker& w, const std::string& q) {
+  std::vector<std::string> out;
+  for (const auto& h : w._repository->search_symbols({.text = q, .match = storage::SymbolQuery::Match::prefix})) {
+    out.push_back(h.name);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST(RebuildEndToEnd, AFileThatCannotBeReadRefusesTheRebuildUntilIgnored) {
+  if (ran_as_unprivileged_child("RebuildEndToEnd.AFileThatCannotBeReadRefusesTheRebuildUntilIgnored")) return;
+  TempDir root, data;
+  write_file(root.path() / "app.py", "def alpha():\n    pass\n");
+  aio::EventLoop loop;
+  daemon::RepoWorker w(root.path(), data.path());
+  std::vector<json> broadcasts;
+  w.subscribe([&](const json& m) {
+    if (m["type"] != "reindex_progress") broadcasts.push_back(m);
+  });
+  const std::string refusal = daemon::IncompleteRebuildError(1).what();
+
+  aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+    co_await w.start();
+    co_await reindex(w, {{"clear_existing", true}});
+    EXPECT_EQ(names(w, "alpha"), std::vector<std::string>{"alpha"});
+
+    // A second symbol and a file the worker cannot read.
+    write_file(root.path() / "app.py", "def alpha():\n    pass\n\ndef alpha_two():\n    pass\n");
+    write_file(root.path() / "secret.py", "def hidden():\n    pass\n");
+    ::chmod((root.path() / "secret.py").c_str(), 0);
+    co_await reindex(w, {{"clear_existing", true}});
+    EXPECT_EQ(w._rebuild_refusal, refusal);
+    EXPECT_EQ(w._last_reindex_error, refusal);
+    EXPECT_EQ(broadcasts.back(), (json{{"type", "reindex_failed"}, {"error", refusal}}));
+    EXPECT_EQ(names(w, "alpha"), std::vector<std::string>{"alpha"});  // the live index was kept
+    std::ifstream errors(data.path() / "errors.jsonl");
+    std::string line;
+    std::getline(errors, line);
+    EXPECT_EQ(json::parse(line).value("path", ""), "secret.py") << line;
+
+    // A live reindex keeps reporting the standing refusal.
+    co_await reindex(w, {{"paths", {"app.py"}}});
+    EXPECT_EQ(w._last_reindex_error, refusal);
+    EXPECT_EQ(broadcasts.back()["type"], "reindex_complete");
+
+    write_file(root.path() / ".gitignore", "secret.py\n");
+    co_await reindex(w, {{"clear_existing", true}});
+    EXPECT_FALSE(w._rebuild_refusal.has_value());
+    EXPECT_FALSE(w._last_reindex_error.has_value());
+    EXPECT_EQ(names(w, "alpha"), (std::vector<std::string>{"alpha", "alpha_two"}));
+    EXPECT_TRUE(names(w, "hidden").empty());
+    for (const char* leftover : {"index.db.reindex-staging", "index.db.reindex-staging-wal",
+                                 "index.db.reindex-staging-shm"}) {
+      EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
+    }
+    co_await w.stop();
+  }());
+}
+
+TEST(RebuildEndToEnd, StopDuringARebuildLeavesNoStagingFile) {
+  TempDir root, data;
+  for (int i = 0; i < 400; ++i) {
+    write_file(root.path() / ("m" + std::to_string(i / 50)) / ("f" + std::to_string(i) + ".py"),
+               "def f" + std::to_string(i) + "():\n    return " + std::to_string(i) + "\n");
+  }
+  for (int delay_ms : {0, 2, 10, 40}) {
+    SCOPED_TRACE(delay_ms);
+    aio::EventLoop loop;
+    daemon::RepoWorker w(root.path(), data.path());
+    aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+      co_await w.start();
+      json response = co_await w._handle_force_reindex({{"clear_existing", true}});
+      EXPECT_EQ(response["status"], "accepted");
+      co_await aio::sleep_for(std::chrono::milliseconds(delay_ms));
+      co_await w.stop();
+      EXPECT_TRUE(w._indexer_task->done());
+    }());
+    for (const char* leftover : {"index.db.reindex-staging", "index.db.reindex-staging-wal",
+                                 "index.db.reindex-staging-shm"}) {
+      EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace brenloc::testing
