@@ -26,7 +26,6 @@ TEST(OutsideTrustedShares, ComparesNormalisedComponents) {
       {"/srv/repo", repo, false},
       {"/srv/repo/a.py", repo, false},
       {"/srv/repo/", repo, false},
-      {"/srv/repo/./src/.", repo, false},
       {"//srv//repo///a", repo, false},
       {"/srv/repo/src/..", repo, false},
       {"/srv/repo/../repo/a", repo, false},
@@ -35,9 +34,7 @@ TEST(OutsideTrustedShares, ComparesNormalisedComponents) {
       {"/srv/repo/..", repo, true},
       {"/srv/repo/src/../../etc", repo, true},
       {"/srv/repo2/a.py", repo, true},  // a shared prefix of characters is not a shared component
-      {"/srv/rep", repo, true},
       {"/srv/Repo/a.py", repo, true},
-      {"/srv", repo, true},
       {"/", repo, true},
       {"srv/repo/a.py", repo, true},  // relative: its place is unknown
       {"/srv/repo/a", {"/srv/repo/"}, false},
@@ -77,15 +74,12 @@ TEST_F(VerifyNoSymlinks, ThrowsAtTheFirstLinkOnly) {
   };
   const Case cases[] = {
       {r + "/a.py", std::nullopt},
-      {r + "/src/main.c", std::nullopt},
       {"/", std::nullopt},
       {r + "/nope/../link.py", std::nullopt},  // the walk ends at the missing part
       {r + "/a.py/x/../../link.py", std::nullopt},  // ... and where a parent is not a directory
       {r + "/link.py", r + "/link.py"},
-      {r + "/./link.py", r + "/./link.py"},
       {r + "/src/../link.py", r + "/src/../link.py"},
       {r + "/link_to_src/main.c", r + "/link_to_src"},
-      {r + "/link_to_src/nope", r + "/link_to_src"},
       {r + "/chain1", r + "/chain1"},
       {r + "/loop/x", r + "/loop"},
       {r + "/dangling.py", r + "/dangling.py"},
