@@ -21,11 +21,12 @@ namespace brenloc::testing {
 
 namespace fs = std::filesystem;
 
-// A fresh directory under /tmp, removed with everything in it (permissions restored first).
+// A fresh directory (under $TMPDIR unless told where), removed with everything in it (permissions
+// restored first).
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "brenloc-paths-XXXXXX").string();
+  explicit TempDir(const fs::path& base = fs::temp_directory_path()) {
+    std::string pattern = (base / "brenloc-paths-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = fs::canonical(pattern);
   }
@@ -89,7 +90,7 @@ inline bool ran_as_unprivileged_child(const std::string& full_test_name) {
   }
   if (::geteuid() != 0) return false;
 
-  TempDir shared;
+  TempDir shared("/tmp");  // where the unprivileged user may write
   ::chmod(shared.path().c_str(), 0777);
   const fs::path marker = shared.path() / "ran";
   const std::string self = fs::read_symlink("/proc/self/exe").string();
@@ -98,6 +99,7 @@ inline bool ran_as_unprivileged_child(const std::string& full_test_name) {
   if (pid < 0) throw std::system_error(errno, std::system_category(), "fork");
   if (pid == 0) {
     ::setenv("BRENLOC_UNPRIVILEGED_MARKER", marker.c_str(), 1);
+    ::setenv("TMPDIR", "/tmp", 1);
     ::unsetenv("GTEST_OUTPUT");
     const char* argv[] = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                           self.c_str(), filter.c_str(), nullptr};
