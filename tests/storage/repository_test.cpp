@@ -1,6 +1,9 @@
 #include "brenloc/storage/repository.h"
 
+#include <algorithm>
+#include <cctype>
 #include <future>
+#include <tuple>
 #include <latch>
 #include <thread>
 
@@ -195,6 +198,75 @@ TEST_F(SearchTest, ListsFilesUnderAPathAndCounts) {
   auto counts = repo.counts();
   EXPECT_EQ(counts.files, 4);
   EXPECT_EQ(counts.symbols, 12);
+}
+
+// Every combination of match mode and filters answers what a plain filter over all rows answers, whichever
+// way the search runs (a directory of many files or of few; a selective name or not).
+TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
+  const std::vector<std::string> stems = {"get", "getValue", "Get_value", "set", "reset", "parse", "Parser", "x"};
+  const std::vector<std::string> kinds = {"function", "class", "method"};
+  std::vector<FileEntry> entries;
+  auto add_dir = [&](const std::string& dir, int files) {
+    for (int f = 0; f < files; ++f) {
+      std::vector<SymbolRow> symbols;
+      for (int n = 0; n < 6; ++n) {
+        auto i = static_cast<std::size_t>(f * 7 + n * 3);
+        symbols.push_back(symbol(stems[i % stems.size()] + std::to_string(n % 2), kinds[i % kinds.size()], n + 1));
+      }
+      entries.push_back(file_entry(fmt::format("{}/f{}.cpp", dir, f), std::move(symbols)));
+    }
+  };
+  add_dir("big", 100);  // more files than the directory way takes
+  add_dir("small", 3);
+  add_dir("big/sub", 2);
+  add_dir("bulk", 700);  // enough names that an empty or short prefix is not selective
+  repo.store_files(entries);
+
+  auto lower = [](std::string t) {
+    for (auto& c : t) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return t;
+  };
+  auto reference = [&](const SymbolQuery& q) {
+    std::string dir = q.path_prefix.value_or("");
+    std::vector<std::tuple<std::string, std::string, int>> rows;
+    for (const auto& e : entries) {
+      if (!dir.empty() && e.file.path != dir && !e.file.path.starts_with(dir + "/")) continue;
+      for (const auto& s : e.symbols) {
+        bool match = q.match == SymbolQuery::Match::exact    ? s.name == q.text
+                     : q.match == SymbolQuery::Match::prefix ? s.name.starts_with(q.text)
+                                                             : lower(s.name).find(lower(q.text)) != std::string::npos;
+        if (match && (!q.kind || *q.kind == s.kind)) rows.emplace_back(s.name, e.file.path, s.line);
+      }
+    }
+    std::sort(rows.begin(), rows.end());
+    std::vector<std::string> out;
+    for (const auto& [name, path, line] : rows) {
+      if (q.limit >= 0 && out.size() == static_cast<std::size_t>(q.limit)) break;
+      out.push_back(fmt::format("{}@{}:{}", name, path, line));
+    }
+    return out;
+  };
+
+  int checked = 0;
+  for (auto match : {SymbolQuery::Match::exact, SymbolQuery::Match::prefix, SymbolQuery::Match::substring}) {
+    for (std::string text : {"", "get", "Get", "value1", "Parser0", "zzz"}) {
+      for (std::optional<std::string> kind : {std::optional<std::string>(), std::optional<std::string>("class")}) {
+        for (std::optional<std::string> dir : {std::optional<std::string>(), std::optional<std::string>("big"),
+                                               std::optional<std::string>("small"),
+                                               std::optional<std::string>("big/sub"),
+                                               std::optional<std::string>("big/f7.cpp")}) {
+          for (int limit : {-1, 5}) {
+            SymbolQuery q{.text = text, .match = match, .kind = kind, .path_prefix = dir, .limit = limit};
+            SCOPED_TRACE(fmt::format("match {} text '{}' kind {} dir {} limit {}", static_cast<int>(match), text,
+                                     kind.value_or("-"), dir.value_or("-"), limit));
+            ASSERT_EQ(found(q), reference(q));
+            ++checked;
+          }
+        }
+      }
+    }
+  }
+  EXPECT_EQ(checked, 3 * 6 * 2 * 5 * 2);
 }
 
 // A query answered once is answered from the cache until the index changes through the repository or

@@ -280,9 +280,26 @@ void Repository::remove_files(const std::vector<std::string>& paths) {
 // ---------------------------------------------------------------------------------------------------
 // Queries
 //
-// Exact and prefix matches compare bytes (case-sensitive) and use the name index as a range; a substring
-// match ignores ASCII case (LIKE) and scans the name index in order until the limit is reached. Results
-// are ordered by name, path, line and column.
+// Exact and prefix matches compare bytes (case-sensitive); a substring match ignores ASCII case (LIKE).
+// Results are ordered by name, path, line and column.
+//
+// A search runs one of two ways, chosen per query:
+// - by name: the name index in name order (a range for exact and prefix matches, the whole index for a
+//   substring), each row checked against the other filters, stopping at the limit;
+// - by directory: the files under the path prefix, then their symbols by file, sorted at the end.
+// SQLite's planner, without statistics, picks the first way for a path filter even when the directory
+// holds a handful of files among a million symbols (a scan of the whole name range), and a full table
+// scan and sort for a substring with a kind filter; so the way is fixed here, from two bounded probes:
+// the directory way when the directory has few files and the name match alone is not selective.
+
+namespace {
+
+// At most this many files under the path prefix make the directory way cheap.
+constexpr int kFewFiles = 64;
+// A name range with fewer rows than this is cheap to walk whatever the directory.
+constexpr int kSelectiveNames = 1024;
+
+}  // namespace
 
 std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
   const std::string prefix = q.path_prefix ? normalise_path_prefix(*q.path_prefix) : std::string();
@@ -294,40 +311,73 @@ std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
                         .add(static_cast<std::int64_t>(q.limit))
                         .str();
   return impl_->cached<std::vector<SymbolHit>>(std::move(key), [&] {
+    const auto& file = impl_->path;
     // Parameters: ?1 name (or pattern), ?2 name's upper bound, ?3 kind, ?4 path, ?5 path's lower bound,
     // ?6 path's upper bound, ?7 limit.
     std::string upper;
-    std::string sql = fmt::format("SELECT {} FROM symbols s JOIN files f ON f.id = s.file_id WHERE ", kSymbolColumns);
+    std::string name_term;
     switch (q.match) {
       case SymbolQuery::Match::exact:
-        sql += "s.name = ?1";
+        name_term = "s.name = ?1";
         break;
       case SymbolQuery::Match::prefix:
         upper = prefix_upper_bound(q.text);
-        sql += upper.empty() ? "s.name >= ?1" : "s.name >= ?1 AND s.name < ?2";
+        name_term = upper.empty() ? "s.name >= ?1" : "s.name >= ?1 AND s.name < ?2";
         break;
       case SymbolQuery::Match::substring:
-        sql += "s.name LIKE ?1 ESCAPE '\\'";
+        name_term = "s.name LIKE ?1 ESCAPE '\\'";
         break;
     }
-    if (q.kind) sql += " AND s.kind = ?3";
-    if (!prefix.empty()) sql += " AND (f.path = ?4 OR (f.path >= ?5 AND f.path < ?6))";
-    sql += " ORDER BY s.name, f.path, s.line, s.col LIMIT ?7";
+    const std::string path_term = "(f.path = ?4 OR (f.path >= ?5 AND f.path < ?6))";
+    auto bind_path = [&](Statement& stmt) {
+      stmt.bind(4, prefix);
+      stmt.bind(5, prefix + "/");
+      stmt.bind(6, prefix + "0");  // '0' follows '/'
+    };
 
     return impl_->with_reader([&](Reader& r) {
-      Statement& stmt = r.statement(sql, impl_->path);
+      bool by_directory = false;
+      if (!prefix.empty() && q.match != SymbolQuery::Match::exact) {
+        Statement& few = r.statement(
+            fmt::format("SELECT count(*) FROM (SELECT 1 FROM files f WHERE {} LIMIT {})", path_term, kFewFiles + 1),
+            file);
+        ResetOnExit done{few};
+        bind_path(few);
+        few.step(file, "searching symbols");
+        by_directory = few.integer(0) <= kFewFiles;
+      }
+      if (by_directory && q.match == SymbolQuery::Match::prefix) {
+        Statement& selective = r.statement(
+            fmt::format("SELECT count(*) FROM (SELECT 1 FROM symbols s WHERE {} LIMIT {})", name_term, kSelectiveNames),
+            file);
+        ResetOnExit done{selective};
+        selective.bind(1, q.text);
+        if (!upper.empty()) selective.bind(2, upper);
+        selective.step(file, "searching symbols");
+        by_directory = selective.integer(0) >= kSelectiveNames;
+      }
+
+      std::string sql = fmt::format("SELECT {} FROM ", kSymbolColumns);
+      if (by_directory) {
+        sql += fmt::format("files f CROSS JOIN symbols s INDEXED BY symbols_by_file ON s.file_id = f.id WHERE {} AND {}",
+                           path_term, name_term);
+      } else {
+        sql += fmt::format("symbols s INDEXED BY symbols_by_name CROSS JOIN files f ON f.id = s.file_id WHERE {}",
+                           name_term);
+        if (!prefix.empty()) sql += " AND " + path_term;
+      }
+      if (q.kind) sql += " AND s.kind = ?3";
+      sql += " ORDER BY s.name, f.path, s.line, s.col LIMIT ?7";
+
+      Statement& stmt = r.statement(sql, file);
       ResetOnExit done{stmt};
       stmt.bind(1, q.match == SymbolQuery::Match::substring ? like_contains(q.text) : q.text);
       if (!upper.empty()) stmt.bind(2, upper);
       if (q.kind) stmt.bind(3, *q.kind);
-      if (!prefix.empty()) {
-        stmt.bind(4, prefix);
-        stmt.bind(5, prefix + "/");
-        stmt.bind(6, prefix + "0");  // '0' follows '/'
-      }
+      if (!prefix.empty()) bind_path(stmt);
       stmt.bind(7, q.limit);
       std::vector<SymbolHit> hits;
-      while (stmt.step(impl_->path, "searching symbols")) {
+      while (stmt.step(file, "searching symbols")) {
         hits.push_back(SymbolHit{stmt.text(0), stmt.text(1), stmt.text(2), static_cast<int>(stmt.integer(3)),
                                  static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)),
                                  stmt.text(6)});
