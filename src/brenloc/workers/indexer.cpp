@@ -30,8 +30,8 @@ using HashMap = std::unordered_map<std::string, std::string>;
 // Files per parse job: small enough to spread a small pass over every thread and to bound the work
 // that still runs after a cancellation, large enough that a trip through the loop is noise.
 constexpr std::size_t kParseBatch = 16;
-// A store transaction is started once this many symbols are waiting (or the option's number of files).
-constexpr std::size_t kStoreSymbols = 50000;
+// A store transaction also starts once this many symbols wait.
+constexpr std::size_t kStoreSymbols = 8000;
 
 struct Outcome {
   enum class Kind { indexed, unchanged, gone, skipped, failed };

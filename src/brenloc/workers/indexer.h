@@ -35,8 +35,9 @@ struct IndexerOptions {
   std::size_t parse_threads = 0;
   // Larger files are left out by policy.
   std::int64_t max_file_size = 1 << 20;
-  // Files stored per transaction (at most; also fewer, when the parsing is done or waits on storage).
-  std::size_t store_batch_files = 512;
+  // A store transaction starts once the writer is free and this many parsed files wait (or fewer at the
+  // end of the parsing); what parses while it runs goes into the next one.
+  std::size_t store_batch_files = 64;
   // A file whose parse takes longer is left out (the parser failed).
   std::chrono::milliseconds parse_time_limit{5000};
 };
