@@ -181,7 +181,7 @@ Json make_notification(std::string method, Json params) {
   return m;
 }
 
-Json tool_call_result(const Json& dictionary) {
+Json tool_call_result(Json dictionary) {
   Json text = Json::object();
   text["type"] = "text";
   text["text"] = serialize(dictionary);
@@ -189,8 +189,8 @@ Json tool_call_result(const Json& dictionary) {
   r["content"] = Json::array({std::move(text)});
   bool is_error = false;
   if (dictionary.is_object()) {
-    r["structuredContent"] = dictionary;
     is_error = dictionary.contains("error");
+    r["structuredContent"] = std::move(dictionary);
   }
   r["isError"] = is_error;
   return r;

@@ -82,7 +82,7 @@ Json make_notification(std::string method, Json params);
 // The result of `tools/call` for a tool's response dictionary: the dictionary itself as
 // structuredContent, the same JSON as the one text item of content, and isError when the dictionary
 // has an "error" key.
-Json tool_call_result(const Json& dictionary);
+Json tool_call_result(Json dictionary);
 // The result of `tools/call` when the tool failed with an error: its text, flagged as an error.
 Json tool_failure_result(const std::string& text);
 // The result of `tools/list`.

@@ -252,7 +252,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     } catch (...) {
       failure = std::current_exception();
     }
-    if (!failure) co_return make_result(id, tool_call_result(dictionary));
+    if (!failure) co_return make_result(id, tool_call_result(std::move(dictionary)));
 
     Json reply;
     try {
