@@ -40,6 +40,7 @@ inline constexpr std::string_view c = R"scm(
 (struct_specifier name: (type_identifier) @name body: (field_declaration_list)) @def.struct
 (union_specifier name: (type_identifier) @name body: (field_declaration_list)) @def.union
 (enum_specifier name: (type_identifier) @name body: (enumerator_list)) @def.enum
+(ERROR "enum" . (type_identifier) @name . "{") @def.enum
 (enumerator name: (identifier) @name) @def.enumerator
 (field_declaration declarator: (_) @name.declarator) @def.field
 (preproc_def name: (identifier) @name) @def.macro
@@ -59,6 +60,7 @@ inline constexpr std::string_view cpp = R"scm(
 (struct_specifier name: (_) @name body: (field_declaration_list)) @def.struct
 (union_specifier name: (_) @name body: (field_declaration_list)) @def.union
 (enum_specifier name: (_) @name body: (enumerator_list)) @def.enum
+(ERROR "enum" . "class"? . (type_identifier) @name . "{") @def.enum
 (enumerator name: (identifier) @name) @def.enumerator
 (field_declaration declarator: (_) @name.declarator) @def.field
 (namespace_definition name: (_) @name) @def.namespace

@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "brenloc/engines/annotation_macros.h"
 #include "brenloc/engines/definition_queries.h"
 #include "brenloc/engines/languages.h"
 
@@ -586,6 +587,16 @@ std::string join_scope(const std::string& outer, const std::vector<std::string>&
   return out;
 }
 
+// The text the parser sees: C and C++ without their decoration macros (same offsets), else the
+// source itself. The buffer is the thread's own and lives until its next use.
+std::string_view parser_input(std::size_t index, std::string_view source) {
+  if (index != 1 && index != cpp_index) return source;
+  thread_local std::string buffer;
+  buffer.assign(source);
+  if (!blank_annotation_macros(buffer)) return source;
+  return buffer;
+}
+
 }  // namespace
 
 ParseResult extract_symbols(std::string_view language, std::string_view source,
@@ -610,7 +621,7 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
   };
 
   const CompiledQuery& query = compiled_query(*index);
-  TreePtr tree = parse_tree(*index, source, deadline);
+  TreePtr tree = parse_tree(*index, parser_input(*index, source), deadline);
   if (!tree) {
     result.error = deadline.passed() ? limit_error() : std::string("the parser returned no tree");
     return result;
@@ -721,7 +732,7 @@ bool parse_only(std::string_view language, std::string_view source) {
   auto index = language_index(language);
   if (!index) return false;
   if (*index == 1 && looks_like_cpp(source)) index = cpp_index;
-  TreePtr tree = parse_tree(*index, source, Deadline{});
+  TreePtr tree = parse_tree(*index, parser_input(*index, source), Deadline{});
   return tree != nullptr;
 }
 

@@ -1,0 +1,274 @@
+#include "brenloc/engines/annotation_macros.h"
+
+#include <array>
+#include <string_view>
+
+namespace brenloc::engines {
+namespace {
+
+// Decorations that stand alone.
+constexpr std::array<std::string_view, 44> plain_macros = {
+    "__BEGIN_DECLS", "__END_DECLS", "__THROW", "__THROWNL", "__wur", "__NTH", "__NTHNL", "__LEAF", "__COLD",
+    "__fortify_function", "__always_inline", "__extern_inline", "__extern_always_inline", "__restrict_arr",
+    "__attribute_pure__", "__attribute_malloc__", "__attribute_const__", "__attribute_deprecated__",
+    "__attribute_warn_unused_result__", "__attribute_nonstring__", "__attribute_noinline__",
+    "__attribute_returns_twice__", "__attribute_artificial__", "__attribute_used__",
+    "__attribute_maybe_unused__", "__attr_dealloc_free", "__attr_dealloc_fclose",
+    "_GLIBCXX_NOEXCEPT", "_GLIBCXX_USE_NOEXCEPT", "_GLIBCXX_NOTHROW", "_GLIBCXX_CONSTEXPR",
+    "_GLIBCXX_USE_CONSTEXPR", "_GLIBCXX14_CONSTEXPR", "_GLIBCXX17_CONSTEXPR", "_GLIBCXX20_CONSTEXPR",
+    "_GLIBCXX23_CONSTEXPR", "_GLIBCXX_NODISCARD", "_GLIBCXX_BEGIN_NAMESPACE_VERSION",
+    "_GLIBCXX_END_NAMESPACE_VERSION", "_GLIBCXX_BEGIN_NAMESPACE_CONTAINER", "_GLIBCXX_END_NAMESPACE_CONTAINER",
+    "_GLIBCXX_BEGIN_NAMESPACE_CXX11", "_GLIBCXX_END_NAMESPACE_CXX11", "_GLIBCXX_BEGIN_EXTERN_C",
+};
+
+// Decorations followed by a parenthesised argument list, blanked with it.
+constexpr std::array<std::string_view, 15> call_macros = {
+    "__nonnull", "__attr_access", "__attr_dealloc", "__attribute_alloc_size__", "__attribute_alloc_align__",
+    "__attribute_format_arg__", "__attribute_format_strfmon__", "__attribute_deprecated_msg__",
+    "__attribute_copy__", "__glibc_macro_warning", "_GLIBCXX_VISIBILITY", "_GLIBCXX_THROW",
+    "_GLIBCXX_NOEXCEPT_IF", "_GLIBCXX_DEPRECATED_SUGGEST", "_GLIBCXX_END_EXTERN_C",
+};
+
+bool is_ident_start(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
+bool is_ident_char(char c) { return is_ident_start(c) || (c >= '0' && c <= '9'); }
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
+
+void blank(std::string& text, std::size_t from, std::size_t to) {
+  for (std::size_t i = from; i < to && i < text.size(); ++i) {
+    if (text[i] != '\n') text[i] = ' ';
+  }
+}
+
+// The end of the balanced parentheses starting at `open` (text[open] == '('), or npos.
+std::size_t balanced_end(const std::string& text, std::size_t open) {
+  int depth = 0;
+  for (std::size_t i = open; i < text.size(); ++i) {
+    if (text[i] == '(') ++depth;
+    else if (text[i] == ')' && --depth == 0) return i + 1;
+    else if (text[i] == ';' || text[i] == '{' || text[i] == '}') return std::string::npos;
+  }
+  return std::string::npos;
+}
+
+std::size_t skip_spaces(const std::string& text, std::size_t i) {
+  while (i < text.size() && (is_space(text[i]) || text[i] == '\n')) ++i;
+  return i;
+}
+
+template <std::size_t N>
+bool listed(const std::array<std::string_view, N>& list, std::string_view word) {
+  for (auto w : list) {
+    if (w == word) return true;
+  }
+  return false;
+}
+
+// A line of only an upper-case name, or a call of one, e.g. `G_BEGIN_DECLS` or `Q_OBJECT`.
+bool is_macro_line(std::string_view line) {
+  std::size_t i = 0;
+  if (line.empty() || !is_ident_start(line[0]) || (line[0] >= 'a' && line[0] <= 'z')) return false;
+  bool underscore = false;
+  while (i < line.size() && is_ident_char(line[i])) {
+    if (line[i] >= 'a' && line[i] <= 'z') return false;
+    underscore |= line[i] == '_';
+    ++i;
+  }
+  if (!underscore || i < 3) return false;
+  if (i == line.size()) return true;
+  if (line[i] != '(' || line.back() != ')') return false;
+  return line.find(';') == std::string_view::npos;
+}
+
+// An upper-case name with an underscore: how export and attribute macros are spelled
+// (BOOST_SYMBOL_VISIBLE, LLVM_ABI, G_GNUC_CONST).
+bool is_macro_like(std::string_view word) {
+  if (word.size() < 4) return false;
+  bool underscore = false, letter = false;
+  for (char c : word) {
+    if (c >= 'a' && c <= 'z') return false;
+    underscore |= c == '_';
+    letter |= c >= 'A' && c <= 'Z';
+  }
+  return underscore && letter && word.back() != '_' && word.front() != '_';
+}
+
+constexpr std::array<std::string_view, 29> declaration_keywords = {
+    "constexpr", "static", "inline", "const", "void", "int", "char", "bool", "unsigned", "signed",
+    "long", "short", "float", "double", "class", "struct", "union", "enum", "template", "extern",
+    "typedef", "virtual", "explicit", "friend", "auto", "typename", "using", "namespace", "consteval"};
+
+constexpr std::array<std::string_view, 6> trailing_keywords = {"const", "override", "final", "noexcept",
+                                                               "volatile", "mutable"};
+
+std::string_view word_before(const std::string& text, std::size_t end) {
+  std::size_t i = end;
+  while (i > 0 && is_space(text[i - 1])) --i;
+  const std::size_t stop = i;
+  while (i > 0 && is_ident_char(text[i - 1])) --i;
+  return std::string_view(text.data() + i, stop - i);
+}
+
+// Whether the name at [start, end) follows a parameter list, perhaps with qualifiers between.
+bool follows_parameter_list(const std::string& text, std::size_t start) {
+  std::size_t i = start;
+  for (int guard = 0; guard < 4; ++guard) {
+    while (i > 0 && (is_space(text[i - 1]) || text[i - 1] == '\n' || text[i - 1] == '&')) --i;
+    if (i == 0) return false;
+    if (text[i - 1] == ')') {
+      // Not when the list is a macro's argument list: `STACK_OF(X) NAME;` declares NAME.
+      int depth = 0;
+      std::size_t k = i;
+      const std::size_t limit = i > 4096 ? i - 4096 : 0;
+      while (k > limit) {
+        --k;
+        if (text[k] == ')') ++depth;
+        else if (text[k] == '(' && --depth == 0) break;
+      }
+      if (depth != 0) return false;
+      return !is_macro_like(word_before(text, k));
+    }
+    const std::string_view w = word_before(text, i);
+    if (w.empty() || !listed(trailing_keywords, w)) return false;
+    i -= w.size();
+  }
+  return false;
+}
+
+// The word starting at i (after spaces and new lines), or empty.
+std::string_view word_after(const std::string& text, std::size_t i) {
+  i = skip_spaces(text, i);
+  std::size_t j = i;
+  while (j < text.size() && is_ident_char(text[j])) ++j;
+  return std::string_view(text.data() + i, j - i);
+}
+
+}  // namespace
+
+bool blank_annotation_macros(std::string& text) {
+  bool changed = false;
+  // The last character that ends a statement-like unit before the current line: ';', '{', '}', or
+  // '#' for a preprocessor line, the start of the file, or a comment's end.
+  char previous = ';';
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t eol = text.find('\n', pos);
+    if (eol == std::string::npos) eol = text.size();
+    std::size_t begin = pos;
+    while (begin < eol && is_space(text[begin])) ++begin;
+    std::size_t end = eol;
+    while (end > begin && is_space(text[end - 1])) --end;
+    const std::string_view line(text.data() + begin, end - begin);
+
+    if (line.empty()) {
+      pos = eol + 1;
+      continue;
+    }
+    // Comment lines say nothing about where declarations end.
+    if (line.starts_with("//") || line.starts_with("/*") || line[0] == '*') {
+      pos = eol + 1;
+      continue;
+    }
+    if (line[0] == '#') {
+      // A directive, and its continuation lines.
+      while (eol < text.size() && end > begin && text[end - 1] == '\\') {
+        pos = eol + 1;
+        eol = text.find('\n', pos);
+        if (eol == std::string::npos) eol = text.size();
+        end = eol;
+        while (end > pos && is_space(text[end - 1])) --end;
+        begin = pos;
+      }
+      previous = '#';
+      pos = eol + 1;
+      continue;
+    }
+
+    if (is_macro_line(line) && (previous == ';' || previous == '{' || previous == '}' || previous == '#' ||
+                                previous == '/')) {
+      const std::size_t next = skip_spaces(text, eol);
+      const char after = next < text.size() ? text[next] : ';';
+      if (after != '}' && after != ',' && after != ')' && after != '=' && after != ';' && after != '(' &&
+          after != '[') {
+        blank(text, begin, end);
+        changed = true;
+        pos = eol + 1;
+        continue;
+      }
+    }
+
+    // Listed decorations anywhere on the line.
+    for (std::size_t i = begin; i < eol;) {
+      if (!is_ident_start(text[i]) || (i > 0 && is_ident_char(text[i - 1]))) {
+        ++i;
+        continue;
+      }
+      std::size_t j = i;
+      while (j < text.size() && is_ident_char(text[j])) ++j;
+      const std::string_view word(text.data() + i, j - i);
+      if (is_macro_like(word)) {
+        const std::string_view before = word_before(text, i);
+        const std::string_view after = word_after(text, j);
+        const std::size_t next = skip_spaces(text, j);
+        const char next_char = next < text.size() ? text[next] : ';';
+        bool drop = false;
+        if (before == "class" || before == "struct" || before == "union") {
+          // class EXPORT_MACRO Name {   (but not: typedef struct TAG name;)
+          if (!after.empty() && !is_macro_like(after) && after != "final") {
+            const std::size_t k = skip_spaces(text, static_cast<std::size_t>(after.data() - text.data()) + after.size());
+            const char c = k < text.size() ? text[k] : ';';
+            drop = c == '{' || (c == ':' && (k + 1 >= text.size() || text[k + 1] != ':')) || c == '<' ||
+                   word_after(text, k) == "final";
+          }
+        } else if (i == begin) {
+          // EXPORT_MACRO static int f();
+          drop = listed(declaration_keywords, after);
+        } else if (follows_parameter_list(text, i)) {
+          // void f() const NOEXCEPT_MACRO;
+          drop = next_char == '{' || next_char == ';' || next_char == '=' || next_char == ':' ||
+                 next_char == '(' || is_macro_like(after) || listed(trailing_keywords, after);
+        }
+        if (drop) {
+          std::size_t stop = j;
+          if (next_char == '(' && !(before == "class" || before == "struct" || before == "union")) {
+            const std::size_t close = balanced_end(text, next);
+            if (close != std::string::npos && text.find('\n', j) >= close) stop = close;
+          }
+          blank(text, i, stop);
+          changed = true;
+          i = stop;
+          continue;
+        }
+      }
+      if (text[i] == '_') {
+        if (listed(plain_macros, word)) {
+          blank(text, i, j);
+          changed = true;
+        } else if (listed(call_macros, word)) {
+          std::size_t open = j;
+          while (open < text.size() && is_space(text[open])) ++open;
+          std::size_t close = open < text.size() && text[open] == '(' ? balanced_end(text, open) : std::string::npos;
+          blank(text, i, close == std::string::npos ? j : close);
+          changed = true;
+          if (close != std::string::npos && close > eol) {
+            eol = text.find('\n', close);
+            if (eol == std::string::npos) eol = text.size();
+          }
+          if (close != std::string::npos) j = close;
+        }
+      }
+      i = j;
+    }
+
+    // What this line ends with, for the next one.
+    std::size_t last = eol;
+    while (last > pos && (is_space(text[last - 1]) || text[last - 1] == '\n')) --last;
+    if (last > pos) {
+      const char c = text[last - 1];
+      previous = (c == '/' && last >= 2 && text[last - 2] == '*') ? '/' : c;
+    }
+    pos = eol + 1;
+  }
+  return changed;
+}
+
+}  // namespace brenloc::engines
