@@ -45,7 +45,11 @@ class Repository {
   void remove_files(const std::vector<std::string>& paths);
 
   // --- queries (own read connections, cached) ---
+  // Exact and prefix matches are case-sensitive, a substring match ignores ASCII case; a path prefix
+  // selects a directory or file ("src" takes "src/a.c", not "srcx/a.c"). Hits are ordered by name, path,
+  // line and column; a negative limit means no limit.
   std::vector<SymbolHit> search_symbols(const SymbolQuery& query);
+  // Files under a directory (or that file), ordered by path; all of them for an empty prefix.
   std::vector<FileRow> list_files(const std::string& path_prefix = "");
   Counts counts();
 
