@@ -79,7 +79,9 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
 
  private:
   Json force_reindex(const Json& bound) {
-    if (run_.valid() && !run_.done()) return Json{{"status", "in_progress"}, {"message", "Indexing already in progress"}};
+    if (run_.valid() && !run_.done()) {
+      return Json{{"status", "in_progress"}, {"message", "Indexing already in progress"}};
+    }
     const Json& paths = bound["paths"];
     for (const auto& p : paths) {
       fs::path resolved = fs::weakly_canonical(repo_ / p.get<std::string>());
@@ -116,7 +118,8 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
     self->broadcast("info", {{"type", "reindex_progress"}, {"files_done", 1}, {"files_total", 2}});
     co_await aio::sleep_for(self->run_time_ / 2);
     ++self->runs_;
-    self->broadcast("info", {{"type", "reindex_complete"}, {"files_processed", 2}, {"symbols_added", 5}, {"errors", 0}});
+    self->broadcast("info",
+                    {{"type", "reindex_complete"}, {"files_processed", 2}, {"symbols_added", 5}, {"errors", 0}});
   }
 
   fs::path repo_;

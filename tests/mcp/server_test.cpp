@@ -44,7 +44,8 @@ TEST(McpServer, AnswersEachBadLineExactlyAndGoesOn) {
       {"batch", R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])",
        error_reply(nullptr, kInvalidRequest, "Invalid Request: batches are not supported")},
       {"scalar", "42", error_reply(nullptr, kInvalidRequest, "Invalid Request: a message must be a JSON object")},
-      {"too deep", nested(129), error_reply(nullptr, kInvalidRequest, "Invalid Request: nesting deeper than 128 levels")},
+      {"too deep", nested(129),
+       error_reply(nullptr, kInvalidRequest, "Invalid Request: nesting deeper than 128 levels")},
       {"old jsonrpc", R"({"jsonrpc":"1.0","id":1,"method":"ping"})",
        error_reply(1, kInvalidRequest, "Invalid Request: \"jsonrpc\" must be \"2.0\"")},
       {"no jsonrpc", R"({"id":"a","method":"ping"})",
@@ -127,8 +128,11 @@ TEST(McpServer, NegotiatesTheProtocolVersion) {
 TEST(McpServer, ListsTheHostsTools) {
   Harness h;
   h.send(Harness::request(0, "tools/list"));
-  Json tools = Json::array({{{"name", "echo"}, {"description", "Returns its arguments"}, {"inputSchema", {{"type", "object"}}}},
-                            {{"name", "wait"}, {"description", "Waits for the test"}, {"inputSchema", {{"type", "object"}}}}});
+  // "wait" has no schema of its own: it is listed as taking an object.
+  const Json object_schema = {{"type", "object"}};
+  Json tools = Json::array(
+      {{{"name", "echo"}, {"description", "Returns its arguments"}, {"inputSchema", object_schema}},
+       {{"name", "wait"}, {"description", "Waits for the test"}, {"inputSchema", object_schema}}});
   EXPECT_EQ(h.next(), result_reply(0, {{"tools", tools}}));
 }
 
@@ -240,7 +244,7 @@ TEST(McpServer, RefusesOverlongLinesAndReadsOn) {
   ServerOptions options;
   options.max_line_bytes = 100 * 1024;
   Harness h(options);
-  std::string big = R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{"pad":")" + std::string(300 * 1024, 'x') + "\"}}";
+  std::string big = Harness::request(1, "ping", {{"pad", std::string(300 * 1024, 'x')}});
   // The pipe holds less than the line: write it from another thread while the server reads.
   std::thread writer([&] { h.send(big); });
   EXPECT_EQ(h.next(), error_reply(nullptr, kInvalidRequest,
@@ -265,7 +269,9 @@ TEST(McpServer, KeepsServingWhileTheClientDoesNotRead) {
   const std::string pad(16 * 1024, 'p');
   const int calls = 64;
   std::thread writer([&] {
-    for (int i = 0; i < calls; ++i) h.send(Harness::request(i, "tools/call", {{"name", "echo"}, {"arguments", {{"pad", pad}}}}));
+    for (int i = 0; i < calls; ++i) {
+      h.send(Harness::request(i, "tools/call", {{"name", "echo"}, {"arguments", {{"pad", pad}}}}));
+    }
   });
   writer.join();
   // The loop still runs and takes broadcasts: past the limit they are dropped, not queued.

@@ -48,8 +48,8 @@ struct InputEvent {
 // bytes are counted and skipped up to the next newline, and the stream goes on after it.
 //
 // Flow control: the reader stops reading while more than `max_pending` bytes of delivered lines have
-// not been reported back through consumed() (with each line event's `size`), so a client that writes faster than the server handles
-// requests fills the pipe rather than the daemon's memory.
+// not been reported back through consumed() (with each line event's `size`), so a client that writes
+// faster than the server handles requests fills the pipe rather than the daemon's memory.
 class LineReader {
  public:
   using Deliver = std::function<void(InputEvent)>;  // called on the reader thread
