@@ -165,6 +165,20 @@ TEST(IndexerLeftOut, UnreadableFileAndDirectoryAreCountedAndKeepTheirRows) {
   EXPECT_EQ(h.indexed_paths(), (Paths{"locked/inner.c", "ok.c", "secret.c"}));
 }
 
+TEST(IndexerLeftOut, RootThatIsGoneKeepsTheIndex) {
+  Harness h("");  // data directory outside the root
+  h.write("ok.c", kOk);
+  ASSERT_EQ(h.index().files_processed, 1);
+  fs::rename(h.root(), h.root().string() + ".moved");
+  IndexStats stats = h.index();
+  EXPECT_EQ(stats.errors, 1);
+  EXPECT_EQ(stats.files_removed, 0);
+  EXPECT_EQ(h.indexed_paths(), Paths{"ok.c"});
+  auto lines = h.errors_file();
+  ASSERT_TRUE(lines);
+  EXPECT_EQ(named(*lines), (std::set<std::pair<std::string, std::string>>{{".", "walk"}}));
+}
+
 TEST(IndexerLeftOut, ParserAndStoreFailuresAreLeftOutButSyntaxErrorsAreNot) {
   struct Case {
     const char* name;

@@ -54,7 +54,9 @@ class Walker {
     DIR* d = ::opendir(abs.c_str());
     if (d == nullptr) {
       int err = errno;
-      if (!vanished(err)) fail_dir(rel, err);
+      // A directory that vanished took its files with it, but a root that cannot be opened is an
+      // error: its files must keep their rows.
+      if (!vanished(err) || rel.empty()) fail_dir(rel, err);
       lists.pop_back();
       return;
     }
