@@ -75,6 +75,20 @@ bool has_type(const json& v, Type t) {
   return false;
 }
 
+// A client's name for an argument as an error message shows it: a NUL byte would end the message early
+// (what() is a C string), so it is spelt \0.
+std::string shown_name(const std::string& name) {
+  std::string shown;
+  for (char c : name) {
+    if (c == '\0') {
+      shown += "\\0";
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
 }  // namespace
 
 json bind_arguments(std::string_view name, const json& params) {
@@ -86,7 +100,7 @@ json bind_arguments(std::string_view name, const json& params) {
     for (const auto& [key, value] : params.items()) {
       bool known = false;
       for (const auto& a : s.arguments) known = known || a.name == key;
-      if (!known) throw ArgumentError(key, "unknown argument '" + key + "'");
+      if (!known) throw ArgumentError(key, "unknown argument '" + shown_name(key) + "'");
     }
   }
   json bound = json::object();

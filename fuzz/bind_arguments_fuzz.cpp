@@ -1,0 +1,166 @@
+// Fuzz target: the argument binder of the tools, for every schema it knows.
+//
+// The input is JSON text (anything else is skipped; nesting deeper than the MCP server lets through is skipped
+// too). For each schema the value either binds to a mapping with exactly the schema's keys, in its order, each
+// the given value or the default, or is refused with an ArgumentError naming an argument that really is wrong.
+// Which values are wrong is judged from the JSON Schema the binder advertises to clients, so the binder and
+// its advertised schema must agree on every input.
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "brenloc/tool_binding.h"
+#include "fuzz_check.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using brenloc::fuzz::check;
+using brenloc::fuzz::fail;
+using brenloc::fuzz::shown;
+
+constexpr std::string_view kSchemas[] = {"status", "search", "none"};
+constexpr std::size_t kMaxDepth = 128;  // what the MCP server lets through to a tool
+
+std::size_t depth(const Json& v) {
+  if (!v.is_structured()) return 0;
+  std::size_t deepest = 0;
+  for (const auto& child : v) deepest = std::max(deepest, depth(child));
+  return deepest + 1;
+}
+
+bool within(const Json& value, const Json& property) {
+  const bool has_min = property.contains("minimum");
+  const bool has_max = property.contains("maximum");
+  if (value.is_number_unsigned()) {
+    const auto n = value.get<std::uint64_t>();
+    if (has_min && property["minimum"].get<std::int64_t>() > 0 &&
+        n < static_cast<std::uint64_t>(property["minimum"].get<std::int64_t>())) {
+      return false;
+    }
+    return !has_max || (property["maximum"].get<std::int64_t>() >= 0 &&
+                        n <= static_cast<std::uint64_t>(property["maximum"].get<std::int64_t>()));
+  }
+  const auto n = value.get<std::int64_t>();
+  return (!has_min || n >= property["minimum"].get<std::int64_t>()) &&
+         (!has_max || n <= property["maximum"].get<std::int64_t>());
+}
+
+// Whether `value` is what the schema's `property` describes.
+bool conforms(const Json& value, const Json& property) {
+  const std::string type = property.at("type").get<std::string>();
+  if (type == "string") return value.is_string();
+  if (type == "boolean") return value.is_boolean();
+  if (type == "integer") return value.is_number_integer() && within(value, property);
+  if (type == "array") {
+    if (!value.is_array()) return false;
+    for (const auto& item : value) {
+      if (!conforms(item, property.at("items"))) return false;
+    }
+    return true;
+  }
+  fail("the advertised schema has a type this check does not know: " + type);
+}
+
+// The arguments that make `params` wrong for `schema`: unknown, missing although required, or of the wrong
+// type or range. Empty when the arguments are right.
+std::set<std::string> wrong_arguments(const Json& schema, const Json& params) {
+  std::set<std::string> wrong;
+  const Json& properties = schema.at("properties");
+  for (const auto& [key, value] : params.items()) {
+    if (!properties.contains(key)) {
+      check(schema.value("additionalProperties", true) == false, "a schema that allows any argument");
+      wrong.insert(key);
+    } else if (!conforms(value, properties[key])) {
+      wrong.insert(key);
+    }
+  }
+  for (const auto& name : schema.value("required", Json::array())) {
+    if (!params.contains(name.get<std::string>())) wrong.insert(name.get<std::string>());
+  }
+  return wrong;
+}
+
+// An argument's name as a message must show it: in full, a NUL byte (which would end the message) as \0.
+std::string as_shown(const std::string& name) {
+  std::string out;
+  for (char c : name) out += c == '\0' ? std::string("\\0") : std::string(1, c);
+  return out;
+}
+
+void check_bound(std::string_view name, const Json& schema, const Json& params, const Json& bound) {
+  const std::string where = std::string(name) + " with " + shown(params.dump()) + ": bound " + shown(bound.dump());
+  check(bound.is_object(), where + " is not an object");
+  const Json& properties = schema.at("properties");
+  check(bound.size() == properties.size(), where + " does not have exactly the schema's keys");
+  auto it = bound.begin();
+  for (const auto& [key, property] : properties.items()) {
+    check(it.key() == key, where + ": key " + shown(it.key()) + " where the schema has " + shown(key));
+    const Json& value = it.value();
+    if (params.contains(key)) {
+      check(value == params[key], where + ": argument '" + key + "' is not the value given");
+    } else if (property.contains("default")) {
+      check(value == property["default"], where + ": argument '" + key + "' is not its default");
+    } else {
+      check(value.is_null(), where + ": omitted argument '" + key + "' without a default is not null");
+    }
+    check(value.is_null() || conforms(value, property), where + ": argument '" + key + "' has the wrong type");
+    ++it;
+  }
+}
+
+void check_schema(std::string_view name, const Json& value) {
+  const Json schema = brenloc::input_schema(name);
+  const bool is_arguments = value.is_null() || value.is_object();
+  const Json params = value.is_null() ? Json::object() : value;
+  const std::string where = std::string(name) + " with " + shown(value.dump());
+
+  std::optional<Json> bound;
+  try {
+    bound = brenloc::bind_arguments(name, value);
+  } catch (const brenloc::ArgumentError& e) {
+    const std::string message = e.what();
+    if (!is_arguments) {
+      check(e.argument().empty(), where + ": a value that is not an object blamed on an argument");
+      return;
+    }
+    const auto wrong = wrong_arguments(schema, params);
+    check(!wrong.empty(), where + ": refused arguments the schema accepts: " + shown(message));
+    check(wrong.contains(e.argument()),
+          where + ": refused for argument " + shown(e.argument()) + ", which is right (" + shown(message) + ")");
+    check(message.find("'" + as_shown(e.argument()) + "'") != std::string::npos,
+          where + ": the message " + shown(message) + " does not name the argument");
+    return;
+  } catch (const std::exception& e) {
+    fail(where + ": threw something other than ArgumentError: " + shown(e.what()));
+  }
+  check(is_arguments, where + ": a value that is not an object was bound");
+  const auto wrong = wrong_arguments(schema, params);
+  check(wrong.empty(), where + ": bound although argument " + shown(wrong.empty() ? "" : *wrong.begin()) +
+                           " is wrong");
+  check_bound(name, schema, params, *bound);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // A name no schema has is a programming error, not an argument error.
+  try {
+    brenloc::bind_arguments("no such schema", nullptr);
+    fail("an unknown schema name was bound");
+  } catch (const std::out_of_range&) {
+  }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const Json value = Json::parse(data, data + size, nullptr, /*allow_exceptions=*/false);
+  if (value.is_discarded() || depth(value) > kMaxDepth) return -1;
+  for (auto name : kSchemas) check_schema(name, value);
+  return 0;
+}
