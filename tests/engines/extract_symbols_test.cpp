@@ -25,6 +25,7 @@ struct Case {
   std::string source;
   std::vector<Def> expected;     // each must be found exactly so
   std::vector<std::string> absent;  // names that must not be found at all
+  bool syntax_errors = false;       // the sample is not valid syntax
 };
 
 void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
@@ -43,7 +44,7 @@ TEST_P(ExtractSymbols, FindsTheDefinitions) {
   const Case& c = GetParam();
   const ParseResult r = extract_symbols(c.language, c.source);
   ASSERT_TRUE(r.ok) << r.error;
-  EXPECT_FALSE(r.syntax_errors) << "the sample should parse cleanly";
+  EXPECT_EQ(r.syntax_errors, c.syntax_errors);
   for (const Def& d : c.expected) {
     const bool found = std::any_of(r.symbols.begin(), r.symbols.end(), [&](const storage::SymbolRow& s) {
       return s.name == d.name && s.kind == d.kind && s.line == d.line && s.scope == d.scope;
@@ -135,6 +136,7 @@ int *make(void) { return 0; }
 #ifdef FEATURE
 int feature_flag = 1;
 #endif
+void with_local_type(void) { typedef unsigned local_t; local_t v = 0; (void)v; }
 )",
    {{"MAX", "macro", 2, ""}, {"SQUARE", "macro", 3, ""}, {"point", "struct", 4, ""},
     {"x", "field", 5, "point"}, {"y", "field", 5, "point"}, {"next", "field", 6, "point"},
@@ -143,7 +145,8 @@ int feature_flag = 1;
     {"GREEN", "enumerator", 12, "color"}, {"callback_t", "type", 13, ""},
     {"counter", "variable", 14, ""}, {"pointer_var", "variable", 15, ""},
     {"array_var", "variable", 15, ""}, {"handler", "variable", 18, ""}, {"add", "function", 19, ""},
-    {"make", "function", 23, ""}, {"feature_flag", "variable", 25, ""}},
+    {"make", "function", 23, ""}, {"feature_flag", "variable", 25, ""},
+    {"with_local_type", "function", 27, ""}, {"local_t", "type", 27, "with_local_type"}},
    {"declared_elsewhere", "prototype", "local", "b"}},
 };
 
@@ -190,6 +193,18 @@ namespace a::b { int nested_value = 1; }
     {"Alias", "type", 26, "outer"}, {"Box", "class", 28, "outer"}, {"value", "field", 28, "outer::Box"},
     {"a::b", "namespace", 30, ""}, {"nested_value", "variable", 30, "a::b"}},
    {"local", "lambda", "in_lambda", "v"}},
+  // An enum whose body is filled by the preprocessor is not valid syntax, yet its name is known.
+  {"cpp_enum_filled_by_include", "cpp", R"(class Instruction {
+ public:
+  enum Ops {
+#define HANDLE(N, NAME) NAME = N,
+#include "ops.def"
+  };
+  int opcode;
+};
+)",
+   {{"Instruction", "class", 1, ""}, {"Ops", "enum", 3, "Instruction"}, {"opcode", "field", 7, "Instruction"}},
+   {}, true},
   // A header named .h (given as C) that is really C++.
   {"cpp_header_given_as_c", "c", R"(#pragma once
 namespace lib {

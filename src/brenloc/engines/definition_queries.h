@@ -16,6 +16,12 @@
 // When several patterns capture the same name, the pattern written first wins, so the specific
 // patterns come before the general ones. Predicates #eq?, #not-eq?, #match? and #not-match? may be
 // used.
+//
+// A language may also list its outline: the node types that hold definitions (files, blocks,
+// namespaces, class bodies, preprocessor sections...). The query then runs only on those nodes and
+// their children, never inside expressions or C function bodies, which most of a tree is made of;
+// every pattern must therefore start at an outline node or at a child of one. Error nodes always
+// belong to the outline. A language without an outline is queried over its whole tree.
 #pragma once
 
 #include <string_view>
@@ -32,6 +38,11 @@ inline constexpr std::string_view python = R"scm(
 (function_definition name: (identifier) @name) @def.function
 (lambda) @local
 )scm";
+
+inline constexpr std::string_view python_outline[] = {
+    "module", "block", "class_definition", "function_definition", "decorated_definition", "if_statement",
+    "elif_clause", "else_clause", "for_statement", "while_statement", "try_statement", "except_clause",
+    "except_group_clause", "finally_clause", "with_statement", "match_statement", "case_clause"};
 
 inline constexpr std::string_view c = R"scm(
 (function_definition declarator: (_) @name.declarator) @def.function
@@ -50,6 +61,12 @@ inline constexpr std::string_view c = R"scm(
          (enum_specifier !name body: (_))] @scope
   declarator: (type_identifier) @scope.name)
 )scm";
+
+inline constexpr std::string_view c_outline[] = {
+    "translation_unit", "preproc_if", "preproc_ifdef", "preproc_else", "preproc_elif", "preproc_elifdef",
+    "linkage_specification", "declaration_list", "declaration", "type_definition", "field_declaration",
+    "struct_specifier", "union_specifier", "enum_specifier", "field_declaration_list", "enumerator_list",
+    "function_definition", "compound_statement"};
 
 inline constexpr std::string_view cpp = R"scm(
 (function_definition declarator: (_) @name.declarator) @def.function
@@ -73,6 +90,13 @@ inline constexpr std::string_view cpp = R"scm(
   declarator: (type_identifier) @scope.name)
 (lambda_expression) @local
 )scm";
+
+inline constexpr std::string_view cpp_outline[] = {
+    "translation_unit", "preproc_if", "preproc_ifdef", "preproc_else", "preproc_elif", "preproc_elifdef",
+    "linkage_specification", "declaration_list", "declaration", "type_definition", "field_declaration",
+    "struct_specifier", "union_specifier", "enum_specifier", "class_specifier", "field_declaration_list",
+    "enumerator_list", "namespace_definition", "template_declaration", "friend_declaration",
+    "function_definition", "compound_statement"};
 
 // Shared by JavaScript, TypeScript and TSX.
 #define BRENLOC_JS_COMMON_QUERIES                                                                  \
@@ -135,6 +159,10 @@ inline constexpr std::string_view go = R"scm(
 (func_literal) @local
 )scm";
 
+inline constexpr std::string_view go_outline[] = {
+    "source_file", "type_declaration", "type_spec", "struct_type", "field_declaration_list", "interface_type",
+    "const_declaration", "var_declaration", "var_spec_list"};
+
 inline constexpr std::string_view rust = R"scm(
 (function_item name: (identifier) @name) @def.function
 (function_signature_item name: (identifier) @name) @def.method
@@ -154,6 +182,10 @@ inline constexpr std::string_view rust = R"scm(
 (closure_expression) @local
 )scm";
 
+inline constexpr std::string_view rust_outline[] = {
+    "source_file", "mod_item", "declaration_list", "impl_item", "trait_item", "enum_item", "enum_variant_list",
+    "enum_variant", "struct_item", "union_item", "field_declaration_list"};
+
 inline constexpr std::string_view java = R"scm(
 (class_declaration name: (identifier) @name) @def.class
 (record_declaration name: (identifier) @name) @def.class
@@ -168,5 +200,10 @@ inline constexpr std::string_view java = R"scm(
 (constant_declaration declarator: (variable_declarator name: (identifier) @name)) @def.constant
 (lambda_expression) @local
 )scm";
+
+inline constexpr std::string_view java_outline[] = {
+    "program", "class_declaration", "class_body", "interface_declaration", "interface_body", "enum_declaration",
+    "enum_body", "enum_body_declarations", "record_declaration", "annotation_type_declaration",
+    "annotation_type_body"};
 
 }  // namespace brenloc::engines::queries

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <regex>
+#include <span>
 #include <stdexcept>
 #include <unordered_set>
 
@@ -86,18 +87,19 @@ struct LanguageInfo {
   const TSLanguage* (*grammar)();
   std::string_view query_source;
   std::string_view separator;  // between the parts of a scope
+  std::span<const std::string_view> outline;  // empty: query the whole tree
 };
 
 const std::array<LanguageInfo, 9> language_infos = {{
-    {"python", tree_sitter_python, queries::python, "."},
-    {"c", tree_sitter_c, queries::c, "::"},
-    {"cpp", tree_sitter_cpp, queries::cpp, "::"},
+    {"python", tree_sitter_python, queries::python, ".", queries::python_outline},
+    {"c", tree_sitter_c, queries::c, "::", queries::c_outline},
+    {"cpp", tree_sitter_cpp, queries::cpp, "::", queries::cpp_outline},
     {"javascript", tree_sitter_javascript, queries::javascript, "."},
     {"typescript", tree_sitter_typescript, queries::typescript, "."},
     {"tsx", tree_sitter_tsx, queries::typescript, "."},
-    {"go", tree_sitter_go, queries::go, "."},
-    {"rust", tree_sitter_rust, queries::rust, "::"},
-    {"java", tree_sitter_java, queries::java, "."},
+    {"go", tree_sitter_go, queries::go, ".", queries::go_outline},
+    {"rust", tree_sitter_rust, queries::rust, "::", queries::rust_outline},
+    {"java", tree_sitter_java, queries::java, ".", queries::java_outline},
 }};
 constexpr std::size_t cpp_index = 2;
 
@@ -127,6 +129,7 @@ struct CompiledQuery {
   TSQuery* query = nullptr;
   std::vector<CaptureInfo> captures;                // by capture id
   std::vector<std::vector<Predicate>> predicates;  // by pattern index
+  std::vector<bool> outline;                        // by node symbol; empty: no outline
 };
 
 std::string_view capture_name(const TSQuery* q, std::uint32_t id) {
@@ -185,6 +188,25 @@ CompiledQuery compile_query(const LanguageInfo& info) {
       c.kind = *kind;
     }
     // Other captures only serve predicates.
+  }
+
+  if (!info.outline.empty()) {
+    const TSLanguage* lang = info.grammar();
+    const std::uint32_t n_symbols = ts_language_symbol_count(lang);
+    out.outline.assign(n_symbols, false);
+    for (std::string_view type : info.outline) {
+      bool known = false;
+      for (std::uint32_t sym = 0; sym < n_symbols; ++sym) {
+        if (ts_language_symbol_type(lang, static_cast<TSSymbol>(sym)) == TSSymbolTypeRegular &&
+            type == ts_language_symbol_name(lang, static_cast<TSSymbol>(sym))) {
+          out.outline[sym] = true;  // aliases share a name: mark them all
+          known = true;
+        }
+      }
+      if (!known) {
+        throw std::logic_error(fmt::format("outline of {}: no node type {}", info.name, type));
+      }
+    }
   }
 
   const std::uint32_t n_patterns = ts_query_pattern_count(out.query);
@@ -631,18 +653,50 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
 
   std::vector<Candidate> candidates;
   TSQueryCursor* cursor = thread_cursor();
-  ts_query_cursor_exec(cursor, query.query, root);
-  TSQueryMatch match;
   std::uint32_t n_matches = 0;
-  while (ts_query_cursor_next_match(cursor, &match)) {
-    if ((++n_matches & 255) == 0 && deadline.passed()) {
-      result.error = limit_error();
-      return result;
+  bool late = false;
+  // Runs the query on `node`: on the whole subtree, or (with an outline) only for patterns that
+  // start at the node or at one of its children.
+  const auto run_query = [&](TSNode node, bool whole) {
+    ts_query_cursor_set_max_start_depth(cursor, whole ? UINT32_MAX : 1);
+    ts_query_cursor_exec(cursor, query.query, node);
+    TSQueryMatch match;
+    while (ts_query_cursor_next_match(cursor, &match)) {
+      if ((++n_matches & 255) == 0 && deadline.passed()) {
+        late = true;
+        return;
+      }
+      if (!predicates_hold(query, match, source)) continue;
+      if (auto c = candidate_of(query, match, source, info.name)) candidates.push_back(std::move(*c));
     }
-    if (!predicates_hold(query, match, source)) continue;
-    if (auto c = candidate_of(query, match, source, info.name)) candidates.push_back(std::move(*c));
+  };
+  if (query.outline.empty()) {
+    run_query(root, true);
+  } else {
+    const auto in_outline = [&](TSNode node) {
+      const TSSymbol sym = ts_node_symbol(node);
+      return sym == static_cast<TSSymbol>(-1) || (sym < query.outline.size() && query.outline[sym]);  // -1: an error node
+    };
+    // Depth first over the outline nodes only.
+    TSTreeCursor walk = ts_tree_cursor_new(root);
+    run_query(root, false);
+    bool descend = true;
+    while (!late) {
+      if (!(descend && ts_tree_cursor_goto_first_child(&walk))) {
+        bool moved = false;
+        while (!(moved = ts_tree_cursor_goto_next_sibling(&walk))) {
+          if (!ts_tree_cursor_goto_parent(&walk)) break;
+        }
+        if (!moved) break;
+      }
+      const TSNode node = ts_tree_cursor_current_node(&walk);
+      descend = in_outline(node);
+      if (descend) run_query(node, false);
+      if ((++n_matches & 255) == 0 && deadline.passed()) late = true;
+    }
+    ts_tree_cursor_delete(&walk);
   }
-  if (deadline.passed()) {
+  if (late || deadline.passed()) {
     result.error = limit_error();
     return result;
   }
