@@ -340,6 +340,13 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   }
 
   stats.errors = static_cast<std::int64_t>(errors.size());
+  constexpr std::size_t kLoggedLeftOut = 20;
+  for (std::size_t i = 0; i < errors.size() && i < kLoggedLeftOut; ++i) {
+    log->warn("Left out {} ({}): {}", errors[i].path, errors[i].stage, errors[i].error);
+  }
+  if (errors.size() > kLoggedLeftOut) {
+    log->warn("... and {} more left out; errors.jsonl names them all", errors.size() - kLoggedLeftOut);
+  }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   stats.last_info = nlohmann::ordered_json{{"type", whole ? "full" : "paths"},
                                            {"duration_seconds", seconds},
