@@ -14,15 +14,19 @@
 #include "brenloc/daemon/worker_reindex.h"
 #include "brenloc/utils/logging.h"
 #include "daemon/fake_worker.h"
-#include "storage/storage_fixture.h"
+#include "utils/tree_fixtures.h"
 #include "support/log_capture.h"
 
 namespace brenloc::testing {
 namespace {
 
-using storage::testing::file_entry;
-using storage::testing::symbol;
-using storage::testing::TempDir;
+storage::SymbolRow symbol(std::string name, std::string kind, int line) {
+  return storage::SymbolRow{std::move(name), std::move(kind), line, 1, line, 10, ""};
+}
+
+storage::FileEntry file_entry(std::string path, std::vector<storage::SymbolRow> symbols) {
+  return storage::FileEntry{storage::FileRow{path, "python", 10, 1, "hash-" + path}, std::move(symbols)};
+}
 
 // Events from the loop and from lane threads, in order.
 class EventLog {
@@ -350,7 +354,9 @@ TEST(StagingFiles, LeftoversOfAKilledRebuildAreDeletedBeforeTheNewDatabaseOpens)
   ASSERT_GE(child, 0);
   if (child == 0) {
     // A rebuild in another process: rows written into the staging database's log, never checkpointed.
-    auto db = storage::testing::open_database(staging);
+    auto db = std::make_shared<storage::Database>(staging);
+    db->connect();
+    db->create_schema();
     storage::Repository repo(db);
     repo.store_files({file_entry("leftover.py", {symbol("stale", "function", 1)})});
     char c = 1;
