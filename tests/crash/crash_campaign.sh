@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# Crash campaign: kills `brenloc reindex --clear-existing` with SIGKILL at a random moment of a full
+# rebuild, many times, and checks after each kill that the live index survived whole:
+#   - PRAGMA integrity_check is "ok";
+#   - the index is wholly the one before the rebuild or wholly the one a complete rebuild gives
+#     (row counts and a checksum over every row);
+#   - a query works after the restart;
+#   - the next rebuild succeeds and leaves no staging file.
+# Usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE]
+# The source tree is copied first (default /usr/include); each trial adds a file with a new symbol so
+# that the index before and after a rebuild differ.
+set -euo pipefail
+
+bin=${1:?usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE]}
+trials=${2:-100}
+source_tree=${3:-/usr/include}
+work=$(mktemp -d /tmp/brenloc-crash-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+repo=$work/repo
+data=$work/data
+cp -r "$source_tree" "$repo"
+
+fingerprint() {  # counts and a checksum over every row of the live index
+  sqlite3 "$data/index.db" "
+    SELECT 'files', count(*) FROM files;
+    SELECT 'symbols', count(*) FROM symbols;
+    SELECT f.path, f.content_hash, f.size FROM files f ORDER BY f.path;
+    SELECT f.path, s.name, s.kind, s.line, s.col, s.end_line, s.end_col, s.scope
+      FROM symbols s JOIN files f ON f.id = s.file_id ORDER BY f.path, s.line, s.col, s.name, s.kind;" |
+    md5sum | cut -c1-16
+}
+counts() { sqlite3 "$data/index.db" "SELECT (SELECT count(*) FROM files) || '/' || (SELECT count(*) FROM symbols)"; }
+staging_left() { ls "$data"/index.db.reindex-staging* 2>/dev/null | wc -l; }
+now_ms() { date +%s%3N; }
+
+t0=$(now_ms)
+"$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>"$work/log"
+duration=$(( $(now_ms) - t0 ))
+before=$(fingerprint)
+echo "tree: $source_tree ($(counts) files/symbols), full rebuild ${duration} ms, $trials trials"
+
+old_kept=0 new_swapped=0 failures=0
+for ((i = 1; i <= trials; i++)); do
+  rm -f "$repo"/brenloc_trial_*.h
+  printf 'int brenloc_trial_%d_fn(void);\n' "$i" >"$repo/brenloc_trial_$i.h"
+
+  "$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log" &
+  pid=$!
+  delay=$(( (RANDOM * 32768 + RANDOM) % (duration * 12 / 10 + 1) ))
+  sleep "$(printf '%d.%03d' $((delay / 1000)) $((delay % 1000)))"
+  kill -KILL "$pid" 2>/dev/null || true
+  wait "$pid" 2>/dev/null || true
+
+  problem=""
+  integrity=$(sqlite3 "$data/index.db" "PRAGMA integrity_check" 2>&1 || true)
+  [[ "$integrity" == "ok" ]] || problem+=" integrity=$integrity"
+  after_kill=$(fingerprint)
+  "$bin" search --repo "$repo" --data-dir "$data" --limit 1 main >/dev/null 2>>"$work/log" || problem+=" query failed"
+  if ! "$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log"; then
+    problem+=" next rebuild failed"
+  fi
+  [[ $(staging_left) -eq 0 ]] || problem+=" staging files left"
+  complete=$(fingerprint)
+  if [[ "$after_kill" == "$before" ]]; then
+    old_kept=$((old_kept + 1)); state=old
+  elif [[ "$after_kill" == "$complete" ]]; then
+    new_swapped=$((new_swapped + 1)); state=new
+  else
+    state=mixed; problem+=" index neither old nor new"
+  fi
+  if [[ -n "$problem" ]]; then
+    failures=$((failures + 1))
+    echo "trial $i: killed after ${delay} ms: FAILED:$problem"
+  else
+    echo "trial $i: killed after ${delay} ms: $state index, integrity ok, query ok, next rebuild ok"
+  fi
+  before=$complete
+done
+
+echo "summary: $trials trials, $old_kept kept the old index, $new_swapped had the new one, $failures failed"
+[[ $failures -eq 0 ]]
