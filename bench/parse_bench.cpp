@@ -1,11 +1,11 @@
 // Throughput of parsing and definition extraction on one core, and definition coverage against
 // universal-ctags, on real source trees (by default /usr/include and /usr/lib/python3).
 //
-//   parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [DIR...]
+//   parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [--no-ctags] [DIR...]
 //
-// For each tree: the files of the languages we parse are read into memory, then parsed alone
-// (the floor) and parsed with extraction, alternately for R rounds (the best round of each counts),
-// so that both are measured side by side on the same, possibly noisy, machine. ctags is timed on
+// For each tree: the files of the languages we parse are read into memory, then each file is
+// parsed alone (the floor) and parsed with extraction, in alternating order, for R rounds (the best
+// round of each counts), so that both are measured side by side on the same, noisy, machine. ctags is timed on
 // the whole tree (`ctags -R --links=no --output-format=json -f - DIR > /dev/null`) and run again to
 // read its definitions: the coverage is the share of ctags' definitions, of the kinds we claim, in
 // the files we parse, that we find too (same file, name and line).
@@ -51,6 +51,7 @@ struct Options {
   int errors = 0;  // files with syntax errors to print per tree
   std::string miss_kind;  // print only the misses of this ctags kind
   std::string tags_from;  // read ctags' output from this file (of the first tree) instead of running it
+  bool ctags = true;      // false: throughput only
   std::vector<std::string> dirs;
 };
 
@@ -163,8 +164,9 @@ int main(int argc, char** argv) {
     else if (a == "--errors" && i + 1 < argc) opt.errors = std::atoi(argv[++i]);
     else if (a == "--miss-kind" && i + 1 < argc) opt.miss_kind = argv[++i];
     else if (a == "--tags-from" && i + 1 < argc) opt.tags_from = argv[++i];
+    else if (a == "--no-ctags") opt.ctags = false;
     else if (a == "--help" || a == "-h") {
-      std::cout << "usage: parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [DIR...]\n";
+      std::cout << "usage: parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [--no-ctags] [DIR...]\n";
       return 0;
     } else opt.dirs.push_back(a);
   }
@@ -183,28 +185,44 @@ int main(int argc, char** argv) {
     std::vector<std::vector<brenloc::storage::SymbolRow>> symbols(files.size());
     std::size_t failed = 0, with_errors = 0, n_symbols = 0;
     std::vector<std::string> error_files;
+    // Per file, the parse alone and the parse with extraction, in alternating order, so that both
+    // see the same machine at the same moment and neither always runs with warm caches.
     for (int round = 0; round < opt.rounds; ++round) {
-      auto t0 = Clock::now();
-      for (const auto& f : files) parse_only(f.language, f.content);
-      parse_s = std::min(parse_s, seconds_since(t0));
-
+      double parse_round = 0, extract_round = 0;
       failed = with_errors = n_symbols = 0;
-      t0 = Clock::now();
       for (std::size_t i = 0; i < files.size(); ++i) {
-        auto r = extract_symbols(files[i].language, files[i].content);
-        if (!r.ok) ++failed;
-        if (r.syntax_errors && static_cast<int>(with_errors++) < opt.errors && round == 0) {
-          error_files.push_back(fmt::format("  syntax errors: {} ({})", files[i].path, files[i].language));
+        const auto time_parse = [&] {
+          const auto t0 = Clock::now();
+          parse_only(files[i].language, files[i].content);
+          parse_round += seconds_since(t0);
+        };
+        const auto time_extract = [&] {
+          const auto t0 = Clock::now();
+          auto r = extract_symbols(files[i].language, files[i].content);
+          extract_round += seconds_since(t0);
+          if (!r.ok) ++failed;
+          if (r.syntax_errors && static_cast<int>(with_errors++) < opt.errors && round == 0) {
+            error_files.push_back(fmt::format("  syntax errors: {} ({})", files[i].path, files[i].language));
+          }
+          n_symbols += r.symbols.size();
+          symbols[i] = std::move(r.symbols);
+        };
+        if ((i + static_cast<std::size_t>(round)) % 2 == 0) {
+          time_parse();
+          time_extract();
+        } else {
+          time_extract();
+          time_parse();
         }
-        n_symbols += r.symbols.size();
-        symbols[i] = std::move(r.symbols);
       }
-      extract_s = std::min(extract_s, seconds_since(t0));
+      parse_s = std::min(parse_s, parse_round);
+      extract_s = std::min(extract_s, extract_round);
     }
 
     // Coverage against ctags, on the files we parse.
-    const double ctags_s = opt.tags_from.empty() ? run_ctags_timed(dir) : 0.0;
-    const auto tags = run_ctags_tags(dir, opt.tags_from);
+    const double ctags_s = opt.ctags && opt.tags_from.empty() ? run_ctags_timed(dir) : 0.0;
+    const auto tags = opt.ctags ? run_ctags_tags(dir, opt.tags_from)
+                                : std::unordered_map<std::string, std::vector<Tag>>{};
     opt.tags_from.clear();
     std::size_t total = 0, found = 0;
     std::map<std::string, std::pair<std::size_t, std::size_t>> by_kind;  // kind -> (total, found)
@@ -232,8 +250,9 @@ int main(int argc, char** argv) {
                     fmt::format("{:.2f}", mb / parse_s), fmt::format("{:.0f}", files.size() / parse_s),
                     fmt::format("{:.2f}", extract_s), fmt::format("{:.2f}", mb / extract_s),
                     fmt::format("{:.0f}", files.size() / extract_s), fmt::format("{:.2f}", extract_s / parse_s),
-                    fmt::format("{:.2f}", ctags_s), fmt::format("{:.2f}", extract_s / ctags_s),
-                    fmt::format("{:.1f}%", coverage)});
+                    ctags_s > 0 ? fmt::format("{:.2f}", ctags_s) : "-",
+                    ctags_s > 0 ? fmt::format("{:.2f}", extract_s / ctags_s) : "-",
+                    total ? fmt::format("{:.1f}%", coverage) : "-"});
     std::string note = fmt::format("{}: {} symbols, {} files with syntax errors, {} failed; ctags kinds "
                                    "(found/total):",
                                    dir, n_symbols, with_errors, failed);

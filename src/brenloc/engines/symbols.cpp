@@ -37,6 +37,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Runtimes before ABI 15 cannot limit the depth at which a query's matches start, which querying
+// an outline needs: with them every language is queried over its whole tree.
+#if TREE_SITTER_LANGUAGE_VERSION >= 15
+constexpr bool outline_supported = true;
+#else
+constexpr bool outline_supported = false;
+#endif
+
 // ---------------------------------------------------------------------------------------------
 // Kinds
 
@@ -190,7 +198,7 @@ CompiledQuery compile_query(const LanguageInfo& info) {
     // Other captures only serve predicates.
   }
 
-  if (!info.outline.empty()) {
+  if (outline_supported && !info.outline.empty()) {
     const TSLanguage* lang = info.grammar();
     const std::uint32_t n_symbols = ts_language_symbol_count(lang);
     out.outline.assign(n_symbols, false);
@@ -658,7 +666,9 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
   // Runs the query on `node`: on the whole subtree, or (with an outline) only for patterns that
   // start at the node or at one of its children.
   const auto run_query = [&](TSNode node, bool whole) {
+#if TREE_SITTER_LANGUAGE_VERSION >= 15
     ts_query_cursor_set_max_start_depth(cursor, whole ? UINT32_MAX : 1);
+#endif
     ts_query_cursor_exec(cursor, query.query, node);
     TSQueryMatch match;
     while (ts_query_cursor_next_match(cursor, &match)) {
