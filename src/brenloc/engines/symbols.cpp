@@ -109,6 +109,7 @@ const std::array<LanguageInfo, 9> language_infos = {{
     {"rust", tree_sitter_rust, queries::rust, "::", queries::rust_outline},
     {"java", tree_sitter_java, queries::java, ".", queries::java_outline},
 }};
+constexpr std::size_t c_index = 1;
 constexpr std::size_t cpp_index = 2;
 
 std::optional<std::size_t> language_index(std::string_view language) {
@@ -375,11 +376,7 @@ bool looks_like_cpp(std::string_view src) {
     if (!line.empty() && (line[0] == 'n' || line[0] == 't' || line[0] == 'c' || line[0] == 'p' ||
                           line[0] == 'u')) {
       for (auto m : markers) {
-        if (line.starts_with(m)) {
-          // "class Foo;" or a class declared in a comment-free line: anything after the keyword
-          // that is an identifier counts.
-          return true;
-        }
+        if (line.starts_with(m)) return true;
       }
     }
     pos = eol + 1;
@@ -620,17 +617,14 @@ std::string join_scope(const std::string& outer, const std::vector<std::string>&
 // The text the parser sees: C and C++ without their decoration macros (same offsets), else the
 // source itself. The buffer is the thread's own and lives until its next use.
 std::string_view parser_input(std::size_t index, std::string_view source) {
-  if (index != 1 && index != cpp_index) return source;
+  if (index != c_index && index != cpp_index) return source;
   thread_local std::string buffer;
   buffer.assign(source);
   if (!blank_annotation_macros(buffer)) return source;
   return buffer;
 }
 
-}  // namespace
-
-ParseResult extract_symbols(std::string_view language, std::string_view source,
-                            std::chrono::milliseconds time_limit) {
+ParseResult extract(std::string_view language, std::string_view source, std::chrono::milliseconds time_limit) {
   ParseResult result;
   auto index = language_index(language);
   if (!index) {
@@ -641,7 +635,7 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
     result.error = "file too large for the parser";
     return result;
   }
-  if (*index == 1 && looks_like_cpp(source)) index = cpp_index;
+  if (*index == c_index && looks_like_cpp(source)) index = cpp_index;
   const LanguageInfo& info = language_infos[*index];
 
   Deadline deadline;
@@ -792,12 +786,29 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
   return result;
 }
 
+}  // namespace
+
+ParseResult extract_symbols(std::string_view language, std::string_view source,
+                            std::chrono::milliseconds time_limit) {
+  try {
+    return extract(language, source, time_limit);
+  } catch (const std::exception& e) {  // a grammar that does not load, a query that does not compile
+    ParseResult result;
+    result.error = e.what();
+    return result;
+  }
+}
+
 bool parse_only(std::string_view language, std::string_view source) {
   auto index = language_index(language);
   if (!index) return false;
-  if (*index == 1 && looks_like_cpp(source)) index = cpp_index;
-  TreePtr tree = parse_tree(*index, parser_input(*index, source), Deadline{});
-  return tree != nullptr;
+  if (*index == c_index && looks_like_cpp(source)) index = cpp_index;
+  try {
+    TreePtr tree = parse_tree(*index, parser_input(*index, source), Deadline{});
+    return tree != nullptr;
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 }  // namespace brenloc::engines
