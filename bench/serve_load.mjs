@@ -1,0 +1,118 @@
+// Load on `brenloc serve` over stdio: batches of pipelined index_status and search_symbols calls,
+// idle and while a full rebuild runs. Prints p50/p99 latency and requests/s per phase, checks that every
+// request is answered, and follows the server's resident memory across the batches.
+//
+// Usage: node bench/serve_load.mjs BRENLOC_BINARY REPO [--requests N] [--batches B] [--check]
+// With --check it exits non-zero when an answer is missing or wrong, when the rebuild phase did not
+// overlap a rebuild, or when memory grows batch after batch (the form run by CTest).
+import { spawn } from "node:child_process";
+import { readFileSync, mkdtempSync, rmSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+
+const args = process.argv.slice(2);
+const [bin, repo] = args;
+const opt = (name, dflt) => {
+  const i = args.indexOf(name);
+  return i >= 0 ? Number(args[i + 1]) : dflt;
+};
+const requests = opt("--requests", 10000);
+const batches = opt("--batches", 3);
+const check = args.includes("--check");
+if (!bin || !repo) {
+  console.error("usage: serve_load.mjs BRENLOC_BINARY REPO [--requests N] [--batches B] [--check]");
+  process.exit(64);
+}
+
+const data = mkdtempSync(join(tmpdir(), "brenloc-load-"));
+const server = spawn(bin, ["serve", "--repo", repo, "--data-dir", data], { stdio: ["pipe", "pipe", "ignore"] });
+const pending = new Map();  // id -> {sent, resolve}
+const notifications = [];
+let buffer = "";
+server.stdout.setEncoding("utf8");
+server.stdout.on("data", (chunk) => {
+  buffer += chunk;
+  let nl;
+  while ((nl = buffer.indexOf("\n")) >= 0) {
+    const line = buffer.slice(0, nl);
+    buffer = buffer.slice(nl + 1);
+    const msg = JSON.parse(line);
+    if (msg.id === undefined) {
+      notifications.push(msg);
+      continue;
+    }
+    const p = pending.get(msg.id);
+    if (p) {
+      pending.delete(msg.id);
+      p.resolve({ msg, us: Number(process.hrtime.bigint() - p.sent) / 1000 });
+    }
+  }
+});
+
+let nextId = 0;
+function call(method, params) {
+  const id = nextId++;
+  return new Promise((resolve) => {
+    pending.set(id, { sent: process.hrtime.bigint(), resolve });
+    server.stdin.write(JSON.stringify({ jsonrpc: "2.0", id, method, params }) + "\n");
+  });
+}
+const tool = (name, args) => call("tools/call", { name, arguments: args });
+const rssKiB = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${server.pid}/status`, "utf8"))[1]);
+const pct = (sorted, p) => sorted[Math.min(sorted.length - 1, Math.floor(sorted.length * p))];
+
+async function batch() {
+  const started = process.hrtime.bigint();
+  const calls = [];
+  for (let i = 0; i < requests; i++) {
+    calls.push(i % 2 ? tool("index_status", {}) : tool("search_symbols", { query: ["str", "get", "init", "x"][i % 4], limit: 5 }));
+  }
+  const answers = await Promise.all(calls);
+  const seconds = Number(process.hrtime.bigint() - started) / 1e9;
+  const us = answers.map((a) => a.us).sort((a, b) => a - b);
+  const bad = answers.filter((a) => !a.msg.result || a.msg.result.isError).length;
+  const indexing = answers.some((a) => a.msg.result?.structuredContent?.indexing === true);
+  return { p50: pct(us, 0.5) / 1000, p99: pct(us, 0.99) / 1000, rps: requests / seconds, bad, indexing };
+}
+
+const failures = [];
+await call("initialize", { protocolVersion: "2025-06-18", capabilities: {}, clientInfo: { name: "load", version: "1" } });
+server.stdin.write(JSON.stringify({ jsonrpc: "2.0", method: "notifications/initialized" }) + "\n");
+const first = await tool("force_reindex", { clear_existing: true });
+if (first.msg.result?.structuredContent?.status !== "accepted") failures.push("first rebuild not accepted");
+while (!notifications.some((n) => n.params?.data?.type === "reindex_complete")) await new Promise((r) => setTimeout(r, 50));
+
+console.log(`${"phase".padEnd(18)} ${"batch".padStart(5)} ${"p50 ms".padStart(9)} ${"p99 ms".padStart(9)} ${"req/s".padStart(9)} ${"RSS MiB".padStart(8)}`);
+const rss = [];
+for (const phase of ["idle", "during rebuild"]) {
+  for (let b = 0; b < batches; b++) {
+    let done = 0;
+    if (phase !== "idle") {
+      const r = await tool("force_reindex", { clear_existing: true });
+      if (r.msg.result?.structuredContent?.status !== "accepted") failures.push(`rebuild ${b} not accepted`);
+      done = notifications.length;
+    }
+    const f = await batch();
+    rss.push(rssKiB());
+    console.log(`${phase.padEnd(18)} ${String(b + 1).padStart(5)} ${f.p50.toFixed(2).padStart(9)} ${f.p99.toFixed(2).padStart(9)} ${f.rps.toFixed(0).padStart(9)} ${(rss.at(-1) / 1024).toFixed(1).padStart(8)}`);
+    if (f.bad) failures.push(`${phase} batch ${b + 1}: ${f.bad} failed answers`);
+    if (phase !== "idle") {
+      if (!f.indexing) failures.push(`${phase} batch ${b + 1} did not overlap the rebuild`);
+      while (!notifications.slice(done).some((n) => ["reindex_complete", "reindex_failed"].includes(n.params?.data?.type))) {
+        await new Promise((r) => setTimeout(r, 50));
+      }
+    }
+  }
+}
+// Memory is stable when the last batches do not keep adding: compare the last with the second.
+const growth = (rss.at(-1) - rss[1]) / 1024;
+console.log(`answered ${nextId} requests; RSS after batch 2: ${(rss[1] / 1024).toFixed(1)} MiB, after the last: ${(rss.at(-1) / 1024).toFixed(1)} MiB`);
+if (growth > 64) failures.push(`memory grew by ${growth.toFixed(1)} MiB`);
+if (pending.size) failures.push(`${pending.size} requests unanswered`);
+
+server.stdin.end();
+const code = await new Promise((r) => server.on("exit", r));
+if (code !== 0) failures.push(`server exited with ${code}`);
+rmSync(data, { recursive: true, force: true });
+for (const f of failures) console.error("FAIL: " + f);
+process.exit(check && failures.length ? 1 : 0);
