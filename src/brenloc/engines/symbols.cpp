@@ -770,6 +770,9 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     storage::SymbolRow row;
     row.name = c.name;
     row.kind = std::string(kind_name(c.kind));
+    // The position is the name's (where an editor should jump); the end is the definition's last
+    // byte. Columns count bytes from 1: the parser's exclusive 0-based end is that last byte's
+    // 1-based column.
     row.line = static_cast<int>(c.start.row) + 1;
     row.column = static_cast<int>(c.start.column) + 1;
     row.end_line = static_cast<int>(c.end.row) + 1;
