@@ -113,6 +113,16 @@ TEST(Positions, LinesAndColumnsAreOneBasedAndEndsCoverTheDefinition) {
   ASSERT_NE(x, r.symbols.end());
   EXPECT_EQ(x->line, 1);
   EXPECT_EQ(x->column, 5);
+
+  // A macro's definition takes its newline along; it still ends on its own line.
+  const ParseResult m = extract_symbols("c", "int a;\n#define LIMIT 10\nint b;\n");
+  ASSERT_TRUE(m.ok) << m.error;
+  auto limit = std::find_if(m.symbols.begin(), m.symbols.end(), [](const auto& s) { return s.name == "LIMIT"; });
+  ASSERT_NE(limit, m.symbols.end());
+  EXPECT_EQ(limit->line, 2);
+  EXPECT_EQ(limit->column, 9);
+  EXPECT_EQ(limit->end_line, 2);
+  EXPECT_EQ(limit->end_column, 16);  // the last digit
 }
 
 // One source per language, parsed by many threads at once: every thread gets the same result as a

@@ -777,6 +777,13 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     row.column = static_cast<int>(c.start.column) + 1;
     row.end_line = static_cast<int>(c.end.row) + 1;
     row.end_column = static_cast<int>(c.end.column);
+    if (c.end.column == 0 && c.end.row > c.start.row && c.end_byte > 0 && c.end_byte <= source.size()) {
+      // The definition ends with its line's newline (a macro): it ends on that line, before it.
+      const std::size_t newline = c.end_byte - 1;
+      const std::size_t line_start = source.rfind('\n', newline == 0 ? 0 : newline - 1);
+      row.end_line = static_cast<int>(c.end.row);
+      row.end_column = static_cast<int>(newline - (line_start == std::string_view::npos ? 0 : line_start + 1));
+    }
     row.scope = scope;
     result.symbols.push_back(std::move(row));
 
