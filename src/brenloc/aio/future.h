@@ -81,6 +81,8 @@ class FutureBase {
   // A pending plain future becomes cancelled at once; a task is asked to cancel (task.h). Returns false
   // when there was nothing to cancel.
   virtual bool cancel();
+  // How many times a task still running has been asked to cancel (0 for a plain future).
+  virtual int cancelling() const { return 0; }
 
   // The failure of a finished future, or null. Throws Cancelled for a cancelled future. Marks the failure
   // as retrieved, so it is not logged when the future dies.
@@ -143,6 +145,7 @@ class Future {
   bool done() const { return state_->done(); }
   bool cancelled() const { return state_->cancelled(); }
   bool cancel() { return state_->cancel(); }
+  int cancelling() const { return state_->cancelling(); }
   T result() const { return state_->result(); }
   std::exception_ptr exception() const { return state_->exception(); }
   const std::shared_ptr<FutureState<T>>& state() const { return state_; }

@@ -162,9 +162,11 @@ class TaskState final : public FutureState<T>, public TaskContext, public RootCo
 
   bool cancel() override {
     if (this->done()) return false;
+    ++cancel_requests_;
     request_cancel();
     return true;
   }
+  int cancelling() const override { return this->done() ? 0 : cancel_requests_; }
 
   void body_finished() override {
     auto keep = std::move(self_);
@@ -199,6 +201,7 @@ class TaskState final : public FutureState<T>, public TaskContext, public RootCo
 
   typename Task<T>::Handle h_;
   std::shared_ptr<TaskState> self_;  // keeps the task alive while it runs
+  int cancel_requests_ = 0;
 };
 }  // namespace detail
 

@@ -80,7 +80,9 @@ aio::Task<void> RepoWorker::stop() {
 aio::Task<void> RepoWorker::stop_once(RepoWorker* self) {
   self->stopping_ = true;
   if (self->_indexer_task && !self->_indexer_task->done()) {
-    self->_indexer_task->cancel();
+    // Cancelled once: a run already cancelled is finishing its clean-up, which a second cancellation
+    // could cut short (leaving staging files for the next rebuild to clear).
+    if (self->_indexer_task->cancelling() == 0) self->_indexer_task->cancel();
     co_await aio::wait_all({self->_indexer_task->base()});
   }
   if (self->_passes) co_await self->_passes->drain();

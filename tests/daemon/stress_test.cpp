@@ -1,0 +1,164 @@
+// Random interleavings of force_reindex requests (paths, whole repository, rebuilds), cancellations of
+// the background run and stop(), over the real staging machinery and real SQLite files. After each:
+// never two runs at once, the outcome fields as each run's outcome requires, no staging file left, no
+// task left running. The number of interleavings is BRENLOC_STRESS_INTERLEAVINGS (default 1000).
+#include <cstdlib>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "brenloc/aio/thread.h"
+#include "brenloc/aio/timer.h"
+#include "brenloc/daemon/worker.h"
+#include "utils/tree_fixtures.h"
+
+namespace brenloc::testing {
+namespace {
+
+using json = nlohmann::ordered_json;
+
+// An index pass that stores one real row set, after a random short wait, and ends as it was told.
+class RandomIndexer : public workers::Indexer {
+ public:
+  enum class End { ok, errors, failure };
+  RandomIndexer(workers::IndexerOptions o, End end, int wait_us)
+      : workers::Indexer(std::move(o)), end_(end), wait_us_(wait_us) {}
+  aio::Task<workers::IndexStats> full_index(std::optional<std::vector<fs::path>>) override {
+    auto repo = options().repository;
+    co_await aio::to_thread([repo] {
+      repo->store_files({storage::FileEntry{storage::FileRow{"a.py", "python", 1, 1, "h"},
+                                            {storage::SymbolRow{"f", "function", 1, 1, 1, 5, ""}}}});
+    });
+    co_await aio::sleep_for(std::chrono::microseconds(wait_us_));
+    if (end_ == End::failure) throw std::runtime_error("pass failed");
+    workers::IndexStats s;
+    s.files_processed = 1;
+    s.errors = end_ == End::errors ? 2 : 0;
+    co_return s;
+  }
+  aio::Task<void> settle() override { co_return; }
+
+ private:
+  End end_;
+  int wait_us_;
+};
+
+class StressWorker : public daemon::RepoWorker {
+ public:
+  StressWorker(const fs::path& root, const fs::path& data, std::mt19937& rng) : RepoWorker(root, data), rng_(rng) {}
+
+  // What the invariants saw go wrong.
+  std::vector<std::string> violations;
+  int runs = 0;
+
+  std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
+    auto end = static_cast<RandomIndexer::End>(std::uniform_int_distribution<int>(0, 2)(rng_));
+    return std::make_shared<RandomIndexer>(std::move(o), end, std::uniform_int_distribution<int>(0, 3000)(rng_));
+  }
+  aio::Task<void> _start_indexing() override {
+    co_await RepoWorker::_start_indexing();
+    if (_indexing_in_progress != 1) violations.push_back("two runs at once");
+    ++runs;
+    at_start_ = {_rebuild_refusal, _last_reindex_error};
+    broadcasts_at_start_ = broadcasts_.size();
+  }
+  aio::Task<void> _finish_indexing() override {
+    check_outcome();
+    co_await RepoWorker::_finish_indexing();
+  }
+  aio::Task<void> broadcast_status(json message) override {
+    broadcasts_.push_back(message);
+    co_await RepoWorker::broadcast_status(std::move(message));
+  }
+
+ private:
+  // The outcome fields against the table: what the run's broadcast says it did decides what they hold.
+  void check_outcome() {
+    const auto& [refusal0, last0] = at_start_;
+    auto fail = [&](const std::string& what) { violations.push_back(what); };
+    if (broadcasts_.size() == broadcasts_at_start_) {  // cancelled: nothing changed
+      if (_rebuild_refusal != refusal0 || _last_reindex_error != last0) fail("a cancelled run changed a field");
+      return;
+    }
+    const json& b = broadcasts_.back();
+    if (b["type"] == "reindex_complete") {
+      if (last_was_rebuild_) {
+        if (_rebuild_refusal || _last_reindex_error) fail("a successful rebuild left a field set");
+      } else if (_rebuild_refusal != refusal0 || _last_reindex_error != refusal0) {
+        fail("a successful live reindex did not keep the refusal");
+      }
+      return;
+    }
+    const std::string error = b["error"];
+    if (error.rfind("Rebuild incomplete: ", 0) == 0) {
+      if (_rebuild_refusal != error || _last_reindex_error != error) fail("an incomplete rebuild did not set both fields");
+    } else if (_rebuild_refusal != refusal0 || _last_reindex_error != error) {
+      fail("a failed run did not record its error only");
+    }
+  }
+
+ public:
+  bool last_was_rebuild_ = false;
+
+ private:
+  std::mt19937& rng_;
+  std::pair<std::optional<std::string>, std::optional<std::string>> at_start_;
+  std::vector<json> broadcasts_;
+  std::size_t broadcasts_at_start_ = 0;
+};
+
+// One request, sent without waiting for others: several can wait for the handler's lock at once.
+aio::Task<void> request(StressWorker& w, json params) {
+  json response = co_await w._handle_force_reindex(std::move(params));
+  if (response["status"] == "accepted") w.last_was_rebuild_ = response["clear_existing"] == true;
+}
+
+aio::Task<void> interleave(StressWorker& w, std::mt19937& rng) {
+  co_await w.start();
+  std::vector<std::shared_ptr<aio::FutureBase>> requests;
+  std::uniform_int_distribution<int> op(0, 9), us(0, 4000);
+  const int steps = std::uniform_int_distribution<int>(3, 10)(rng);
+  for (int i = 0; i < steps; ++i) {
+    const int o = op(rng);
+    if (o <= 4) {
+      json params = o <= 1 ? json{{"clear_existing", true}} : o == 2 ? json{{"paths", {"a.py"}}} : json::object();
+      requests.push_back(aio::spawn(request(w, params)).base());
+    } else if (o <= 6) {
+      if (w._indexer_task && !w._indexer_task->done() && w._indexer_task->cancelling() == 0) w._indexer_task->cancel();
+    } else if (o == 7 && i == steps - 1) {
+      break;  // stop below, possibly in the middle of a run
+    } else {
+      co_await aio::sleep_for(std::chrono::microseconds(us(rng)));
+    }
+  }
+  co_await aio::wait_all(requests);
+  co_await w.stop();
+}
+
+TEST(Stress, RandomInterleavingsKeepTheInvariants) {
+  const char* env = std::getenv("BRENLOC_STRESS_INTERLEAVINGS");
+  const int interleavings = env != nullptr ? std::atoi(env) : 1000;
+  TempDir root, data;
+  write_file(root.path() / "a.py", "def f():\n    pass\n");
+  int runs = 0;
+  for (int seed = 1; seed <= interleavings; ++seed) {
+    std::mt19937 rng(seed);
+    fs::remove_all(data.path() / "d");
+    aio::EventLoop loop;
+    StressWorker w(root.path(), data.path() / "d", rng);
+    aio::run_until_complete(loop, interleave(w, rng));
+    runs += w.runs;
+    for (const auto& v : w.violations) ADD_FAILURE() << "seed " << seed << ": " << v;
+    for (const char* f : {"index.db.reindex-staging", "index.db.reindex-staging-wal", "index.db.reindex-staging-shm"}) {
+      EXPECT_FALSE(fs::exists(data.path() / "d" / f)) << "seed " << seed << ": " << f << " left";
+    }
+    EXPECT_TRUE(!w._indexer_task || w._indexer_task->done()) << "seed " << seed;
+    EXPECT_EQ(daemon::detached_task_count(), 0u) << "seed " << seed;
+    if (HasFailure()) break;
+  }
+  RecordProperty("runs", runs);
+  std::printf("%d interleavings, %d background runs\n", interleavings, runs);
+}
+
+}  // namespace
+}  // namespace brenloc::testing
