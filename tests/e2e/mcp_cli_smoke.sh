@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Smoke test with the MCP Inspector's command-line mode: `tools/list` and one `tools/call` against
 # `brenloc serve`, each checked for the answer a client relies on.
-# Usage: inspector_smoke.sh BRENLOC_BINARY REPO DATA_DIR
+# Usage: mcp_cli_smoke.sh BRENLOC_BINARY REPO DATA_DIR
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 inspector=$here/node_modules/.bin/mcp-inspector
