@@ -7,7 +7,8 @@
 // the sandbox directory, whose name changes from run to run, so that absolute paths into it can be written).
 // Each list is resolved against the real root and against the linked one, and:
 //  - the outcome is the one a model of the rules predicts: for each string in turn, a NUL byte fails the
-//    request, a path whose lexical form leaves the root is refused as outside, a path that runs through a
+//    request, a path whose lexical form leaves the root, or passes on its way through a place that is
+//    neither below the root nor one of its ancestors, is refused as outside, a path that runs through a
 //    link (as written, or in its lexical form) is refused for the link, anything else is taken; a path too
 //    long for the file system may end in any of these or in an error;
 //  - an accepted list holds exactly what the model lists: a file as its lexical path, a directory as the
@@ -264,6 +265,11 @@ std::optional<std::string> link_on_the_way(const std::vector<std::string>& parts
   return std::nullopt;
 }
 
+// A place a path may pass through: at or below the root, or on the way down to it.
+bool allowed_place(const std::vector<std::string>& place, const std::vector<std::string>& root_parts) {
+  return starts_with(place, root_parts) || starts_with(root_parts, place);
+}
+
 // ---- The sandbox ----
 
 struct Sandbox {
@@ -381,6 +387,11 @@ Expectation expect(const std::string& root, const std::string& text) {
   if (text.empty() || text.front() != '/') parts.insert(parts.begin(), root_parts.begin(), root_parts.end());
   const std::vector<std::string> normal = lexically_normal(parts);
   if (!starts_with(normal, root_parts)) return {Verdict::outside, {}};
+  // On its way, the path may pass through the root's ancestors but nowhere else outside the root.
+  for (std::size_t n = 1; n <= parts.size(); ++n) {
+    const std::vector<std::string> leading(parts.begin(), parts.begin() + static_cast<std::ptrdiff_t>(n));
+    if (!allowed_place(lexically_normal(leading), root_parts)) return {Verdict::outside, {}};
+  }
   bool too_long = joined(parts, parts.size()).size() >= PATH_MAX;
   for (const auto& p : parts) too_long = too_long || p.size() > NAME_MAX;
   if (too_long) return {Verdict::unknown, {}};
@@ -413,10 +424,6 @@ Prediction predict(const std::string& root, const std::vector<std::string>& stri
 }
 
 // ---- The checks ----
-
-bool allowed_place(const std::vector<std::string>& place, const std::vector<std::string>& root_parts) {
-  return starts_with(place, root_parts) || starts_with(root_parts, place);
-}
 
 // Where the file system looks to answer a question about `a`: each leading part in turn, a link followed
 // only as the last part of a question that follows links. Returns what was wrong, if anything.
