@@ -128,9 +128,15 @@ bool rerun_unprivileged(const char* test) {
     ADD_FAILURE() << "still root after setpriv";
     return true;
   }
-  std::string self = fs::read_symlink("/proc/self/exe").string();
-  std::string cmd = "env BRENLOC_TEST_UNPRIVILEGED=1 TMPDIR=/tmp setpriv --reuid=65534 --regid=65534 --clear-groups " +
-                    testing::shell_quote(self) + " --gtest_filter=" + test + " 2>&1";
+  // A copy of this binary where the unprivileged user may run it (the build tree may be private).
+  testing::TempDir copy;
+  ::chmod(copy.path().c_str(), 0755);
+  fs::path self = copy.path() / "self";
+  fs::copy_file("/proc/self/exe", self);
+  ::chmod(self.c_str(), 0755);
+  std::string cmd = "cd /tmp && env BRENLOC_TEST_UNPRIVILEGED=1 TMPDIR=/tmp setpriv --reuid=65534 --regid=65534 "
+                    "--clear-groups " +
+                    testing::shell_quote(self.string()) + " --gtest_filter=" + test + " 2>&1";
   std::string out = testing::run_command(cmd + "; echo \"exit=$?\"");
   EXPECT_NE(out.find("exit=0"), std::string::npos) << out;
   EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;

@@ -266,8 +266,9 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
       storing.reset();
     }
     const bool parsing_done = parsing.empty() && next >= files.size();
-    if (!storing && !buffer->empty() &&
-        (buffer->size() >= std::max<std::size_t>(1, o.store_batch_files) || buffer_symbols >= kStoreSymbols || parsing_done)) {
+    const bool enough = buffer->size() >= std::max<std::size_t>(1, o.store_batch_files) ||
+                        buffer_symbols >= kStoreSymbols;
+    if (!storing && !buffer->empty() && (enough || parsing_done)) {
       storing = impl->on_writer(o, [repo, entries = std::move(buffer)] {
         return std::make_shared<Stored>(store_batch(*repo, *entries));
       });
