@@ -18,12 +18,12 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-// The default file layer, except that once armed, writes to files whose name holds "reindex-staging"
-// fail with an I/O error.
+// The default file layer, except that once `writes_left` runs down to zero, writes to files whose name
+// holds "reindex-staging" fail with an I/O error (-1: never).
 struct FailingWrites {
   static inline sqlite3_vfs* real = nullptr;
   static inline sqlite3_vfs vfs{};
-  static inline std::atomic<bool> armed{false};
+  static inline std::atomic<int> writes_left{-1};
   static inline sqlite3_io_methods methods{};
   static inline const sqlite3_io_methods* real_methods = nullptr;
 
@@ -53,7 +53,10 @@ struct FailingWrites {
         methods.xClose = [](sqlite3_file* f) { return inner(f)->pMethods->xClose(inner(f)); };
         methods.xRead = [](sqlite3_file* f, void* b, int n, sqlite3_int64 o) { return inner(f)->pMethods->xRead(inner(f), b, n, o); };
         methods.xWrite = [](sqlite3_file* f, const void* b, int n, sqlite3_int64 o) {
-          if (armed && reinterpret_cast<File*>(f)->staging) return SQLITE_IOERR_WRITE;
+          if (reinterpret_cast<File*>(f)->staging && writes_left >= 0 && writes_left.fetch_sub(1) <= 0) {
+            writes_left = 0;
+            return SQLITE_IOERR_WRITE;
+          }
           return inner(f)->pMethods->xWrite(inner(f), b, n, o);
         };
         methods.xTruncate = [](sqlite3_file* f, sqlite3_int64 s) { return inner(f)->pMethods->xTruncate(inner(f), s); };
@@ -127,15 +130,38 @@ bool mount_small_disk(const fs::path& dir, std::size_t bytes) {
   return ::mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
 }
 
+// A staging database that stops growing at a few pages.
+class SmallStagingDatabase : public storage::Database {
+ public:
+  using storage::Database::Database;
+  void create_schema() override {
+    storage::Database::create_schema();
+    execute("PRAGMA max_page_count = 12");
+  }
+};
+
+class FaultyWorker : public daemon::RepoWorker {
+ public:
+  using RepoWorker::RepoWorker;
+  bool small_staging = false;
+  std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
+    if (small_staging && p.filename() != "index.db") return std::make_shared<SmallStagingDatabase>(p);
+    return RepoWorker::_new_database(p);
+  }
+};
+
 TEST(StorageFaults, AStagingDatabaseThatCannotBeWrittenKeepsTheLiveIndex) {
   struct Case {
     std::string name;
-    std::function<void(daemon::RepoWorker&)> arm;
-    std::function<void()> disarm;
+    int writes_before_failure;  // -1: no I/O error
+    bool small_staging;
+    std::string error;   // in the last reindex error
+    std::string detail;  // in errors.jsonl, when the pass ran
   };
   const std::vector<Case> cases = {
-      {"I/O error on every staging write", [](auto&) { FailingWrites::armed = true; },
-       [] { FailingWrites::armed = false; }},
+      {"I/O error from the first staging write", 0, false, "I/O error", ""},
+      {"I/O error in the middle of the staging pass", 40, false, "Rebuild incomplete", "disk I/O error"},
+      {"page limit of the staging database", -1, true, "Rebuild incomplete", "database or disk is full"},
   };
   FailingWrites::install();
   for (const auto& c : cases) {
@@ -143,18 +169,26 @@ TEST(StorageFaults, AStagingDatabaseThatCannotBeWrittenKeepsTheLiveIndex) {
     TempDir root, data;
     make_repository(root.path(), 30);
     aio::EventLoop loop;
-    daemon::RepoWorker w(root.path(), data.path());
+    FaultyWorker w(root.path(), data.path());
     aio::run_until_complete(loop, [&]() -> aio::Task<void> {
       co_await w.start();
       co_await reindex(w, {{"clear_existing", true}});
       const std::string before = fingerprint(w);
       write_file(root.path() / "extra.py", "def added():\n    pass\n");
-      c.arm(w);
+      FailingWrites::writes_left = c.writes_before_failure;
+      w.small_staging = c.small_staging;
       co_await reindex(w, {{"clear_existing", true}});
-      c.disarm();
+      FailingWrites::writes_left = -1;
+      w.small_staging = false;
       EXPECT_EQ(fingerprint(w), before);
-      EXPECT_NE(w._last_reindex_error.value_or("").find("I/O"), std::string::npos)
+      EXPECT_NE(w._last_reindex_error.value_or("").find(c.error), std::string::npos)
           << w._last_reindex_error.value_or("(none)");
+      if (!c.detail.empty()) {
+        std::ifstream errors(data.path() / "errors.jsonl");
+        std::string line;
+        std::getline(errors, line);
+        EXPECT_NE(line.find(c.detail), std::string::npos) << line;
+      }
       co_await reindex(w, {{"clear_existing", true}});  // healthy again: the rebuild goes through
       EXPECT_FALSE(w._last_reindex_error.has_value()) << w._last_reindex_error.value_or("");
       EXPECT_NE(fingerprint(w), before);
