@@ -2,10 +2,8 @@
 // directory, the plain per-extension reference walk, and a way to run a test as an unprivileged user.
 #pragma once
 
-#include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -14,15 +12,13 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 namespace brenloc::testing {
 
 namespace fs = std::filesystem;
 
-// A fresh directory (under $TMPDIR unless told where), removed with everything in it (permissions
-// restored first).
+// A fresh directory (under $TMPDIR unless told where), removed with everything in it.
 class TempDir {
  public:
   explicit TempDir(const fs::path& base = fs::temp_directory_path()) {
@@ -31,7 +27,7 @@ class TempDir {
     path_ = fs::canonical(pattern);
   }
   ~TempDir() {
-    open_up(path_);
+    open_up(path_);  // give back the permissions a test took away
     std::error_code ec;
     fs::remove_all(path_, ec);
   }
@@ -52,7 +48,7 @@ class TempDir {
 
 inline void write_file(const fs::path& path, std::string_view text = "x") {
   fs::create_directories(path.parent_path());
-  std::ofstream(path) << text;
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 // What expanding `dir` must give: one walk per extension, in order; each walk lists a directory's
@@ -62,8 +58,7 @@ inline void reference_walk(const fs::path& dir, const std::string& pattern, std:
   std::error_code ec;
   fs::directory_iterator it(dir, fs::directory_options::skip_permission_denied, ec);
   if (ec) throw fs::filesystem_error("reference walk", dir, ec);
-  std::vector<fs::directory_entry> entries;
-  for (fs::directory_iterator end; it != end; ++it) entries.push_back(*it);
+  std::vector<fs::directory_entry> entries(it, fs::directory_iterator());
   for (const auto& e : entries) {
     if (::fnmatch(pattern.c_str(), e.path().filename().c_str(), FNM_NOESCAPE) == 0 && !e.is_symlink()) {
       out.push_back(e.path());
@@ -81,9 +76,10 @@ inline std::vector<fs::path> reference_expand(const fs::path& dir, const std::ve
 }
 
 // Root reads every directory, so permission cases prove nothing as root. Called first in such a test:
-// as root it runs this very test again in a child process under uid and gid 65534, checks that the
-// child ran it and passed, and returns true (the caller returns at once); otherwise it returns false and
-// the caller goes on as the unprivileged user it already is.
+// as root it runs this very test again in a child process under uid and gid 65534 (from a copy of the
+// binary, as the build tree may be private), checks that the child ran it and passed, and returns true
+// (the caller returns at once); otherwise it returns false and the caller goes on as the unprivileged
+// user it already is.
 inline bool ran_as_unprivileged_child(const std::string& full_test_name) {
   if (const char* marker = std::getenv("BRENLOC_UNPRIVILEGED_MARKER"); marker != nullptr) {
     std::ofstream(marker) << "ran";
@@ -92,27 +88,16 @@ inline bool ran_as_unprivileged_child(const std::string& full_test_name) {
 
   TempDir shared("/tmp");  // where the unprivileged user may write
   ::chmod(shared.path().c_str(), 0777);
-  const fs::path marker = shared.path() / "ran";
-  const std::string self = fs::read_symlink("/proc/self/exe").string();
-  const std::string filter = "--gtest_filter=" + full_test_name;
-  const pid_t pid = ::fork();
-  if (pid < 0) throw std::system_error(errno, std::system_category(), "fork");
-  if (pid == 0) {
-    ::setenv("BRENLOC_UNPRIVILEGED_MARKER", marker.c_str(), 1);
-    ::setenv("TMPDIR", "/tmp", 1);
-    ::unsetenv("GTEST_OUTPUT");
-    const char* argv[] = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                          self.c_str(), filter.c_str(), nullptr};
-    ::execvp("setpriv", const_cast<char* const*>(argv));
-    ::_exit(127);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw std::runtime_error("the unprivileged run of " + full_test_name + " failed (status " +
+  const fs::path marker = shared.path() / "ran", self = shared.path() / "self";
+  fs::copy_file("/proc/self/exe", self);
+  ::chmod(self.c_str(), 0755);
+  const std::string command = "cd /tmp && env -u GTEST_OUTPUT BRENLOC_UNPRIVILEGED_MARKER=" + marker.string() +
+                              " TMPDIR=/tmp setpriv --reuid=65534 --regid=65534 --clear-groups " + self.string() +
+                              " '--gtest_filter=" + full_test_name + "'";
+  if (const int status = std::system(command.c_str()); status != 0 || !fs::exists(marker)) {
+    throw std::runtime_error("the unprivileged run of " + full_test_name + " failed or did not reach it (status " +
                              std::to_string(status) + ")");
   }
-  if (!fs::exists(marker)) throw std::runtime_error("the unprivileged run did not reach " + full_test_name);
   return true;
 }
 
