@@ -7,12 +7,11 @@
 // its advertised schema must agree on every input.
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 #include "brenloc/tool_binding.h"
 #include "fuzz_check.h"
@@ -94,22 +93,27 @@ std::string as_shown(const std::string& name) {
 }
 
 void check_bound(std::string_view name, const Json& schema, const Json& params, const Json& bound) {
-  const std::string where = std::string(name) + " with " + shown(params.dump()) + ": bound " + shown(bound.dump());
-  check(bound.is_object(), where + " is not an object");
+  const auto where = [&] {
+    return std::string(name) + " with " + shown(params.dump()) + ": bound " + shown(bound.dump());
+  };
+  check(bound.is_object(), [&] { return where() + " is not an object"; });
   const Json& properties = schema.at("properties");
-  check(bound.size() == properties.size(), where + " does not have exactly the schema's keys");
+  check(bound.size() == properties.size(), [&] { return where() + " does not have exactly the schema's keys"; });
   auto it = bound.begin();
   for (const auto& [key, property] : properties.items()) {
-    check(it.key() == key, where + ": key " + shown(it.key()) + " where the schema has " + shown(key));
+    check(it.key() == key,
+          [&] { return where() + ": key " + shown(it.key()) + " where the schema has " + shown(key); });
     const Json& value = it.value();
     if (params.contains(key)) {
-      check(value == params[key], where + ": argument '" + key + "' is not the value given");
+      check(value == params[key], [&] { return where() + ": argument '" + key + "' is not the value given"; });
     } else if (property.contains("default")) {
-      check(value == property["default"], where + ": argument '" + key + "' is not its default");
+      check(value == property["default"], [&] { return where() + ": argument '" + key + "' is not its default"; });
     } else {
-      check(value.is_null(), where + ": omitted argument '" + key + "' without a default is not null");
+      check(value.is_null(),
+            [&] { return where() + ": omitted argument '" + key + "' without a default is not null"; });
     }
-    check(value.is_null() || conforms(value, property), where + ": argument '" + key + "' has the wrong type");
+    check(value.is_null() || conforms(value, property),
+          [&] { return where() + ": argument '" + key + "' has the wrong type"; });
     ++it;
   }
 }
@@ -118,7 +122,7 @@ void check_schema(std::string_view name, const Json& value) {
   const Json schema = brenloc::input_schema(name);
   const bool is_arguments = value.is_null() || value.is_object();
   const Json params = value.is_null() ? Json::object() : value;
-  const std::string where = std::string(name) + " with " + shown(value.dump());
+  const auto where = [&] { return std::string(name) + " with " + shown(value.dump()); };
 
   std::optional<Json> bound;
   try {
@@ -126,23 +130,25 @@ void check_schema(std::string_view name, const Json& value) {
   } catch (const brenloc::ArgumentError& e) {
     const std::string message = e.what();
     if (!is_arguments) {
-      check(e.argument().empty(), where + ": a value that is not an object blamed on an argument");
+      check(e.argument().empty(), [&] { return where() + ": a value that is not an object blamed on an argument"; });
       return;
     }
     const auto wrong = wrong_arguments(schema, params);
-    check(!wrong.empty(), where + ": refused arguments the schema accepts: " + shown(message));
-    check(wrong.contains(e.argument()),
-          where + ": refused for argument " + shown(e.argument()) + ", which is right (" + shown(message) + ")");
+    check(!wrong.empty(), [&] { return where() + ": refused arguments the schema accepts: " + shown(message); });
+    check(wrong.contains(e.argument()), [&] {
+      return where() + ": refused for argument " + shown(e.argument()) + ", which is right (" + shown(message) + ")";
+    });
     check(message.find("'" + as_shown(e.argument()) + "'") != std::string::npos,
-          where + ": the message " + shown(message) + " does not name the argument");
+          [&] { return where() + ": the message " + shown(message) + " does not name the argument"; });
     return;
   } catch (const std::exception& e) {
-    fail(where + ": threw something other than ArgumentError: " + shown(e.what()));
+    fail(where() + ": threw something other than ArgumentError: " + shown(e.what()));
   }
-  check(is_arguments, where + ": a value that is not an object was bound");
+  check(is_arguments, [&] { return where() + ": a value that is not an object was bound"; });
   const auto wrong = wrong_arguments(schema, params);
-  check(wrong.empty(), where + ": bound although argument " + shown(wrong.empty() ? "" : *wrong.begin()) +
-                           " is wrong");
+  check(wrong.empty(), [&] {
+    return where() + ": bound although argument " + shown(wrong.empty() ? "" : *wrong.begin()) + " is wrong";
+  });
   check_bound(name, schema, params, *bound);
 }
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <type_traits>
 
 namespace brenloc::fuzz {
 
@@ -16,6 +17,13 @@ namespace brenloc::fuzz {
 
 inline void check(bool ok, const std::string& what) {
   if (!ok) fail(what);
+}
+
+// The same with the message made only when the check fails, for checks that run many times per input.
+template <class Message>
+requires std::is_invocable_r_v<std::string, Message>
+void check(bool ok, Message&& what) {
+  if (!ok) fail(what());
 }
 
 // `text` with control characters, quotes and bytes above 0x7e escaped, cut to `limit` bytes.

@@ -12,14 +12,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "brenloc/aio/task.h"
 #include "brenloc/aio/timer.h"
@@ -43,7 +43,8 @@ using brenloc::fuzz::shown;
 constexpr std::size_t kMaxLine = 1024;
 constexpr std::size_t kMaxDepth = 128;
 
-constexpr std::string_view kLevels[] = {"debug", "info", "notice", "warning", "error", "critical", "alert", "emergency"};
+constexpr std::string_view kLevels[] = {"debug", "info",     "notice", "warning",
+                                        "error", "critical", "alert",  "emergency"};
 
 class StandInHost final : public mcp::ToolHost {
  public:
@@ -131,9 +132,9 @@ std::string key_of(const Json& id) { return id.dump(-1, ' ', false, Json::error_
 bool usable_id(const Json& id) { return id.is_string() || id.is_number_integer(); }
 
 struct Asked {
-  std::map<std::string, int> answers;    // answers each id must get ("null": lines whose id is unknown)
-  std::map<std::string, int> firm;       // of those, the ones no cancellation can take away
-  std::set<std::string> cancelled;       // ids the client named in a cancellation
+  std::map<std::string, int> answers;  // answers each id must get ("null": lines whose id is unknown)
+  std::map<std::string, int> firm;     // of those, the ones no cancellation can take away
+  std::set<std::string> cancelled;     // ids the client named in a cancellation
 };
 
 // Adds what one input line (without its newline) asks for.
@@ -187,55 +188,58 @@ Asked what_is_asked(std::string_view input) {
 
 // ---- What the server wrote ----
 
-void check_notification(const Json& m, const std::string& where) {
-  check(!m.contains("id"), where + ": a notification with an id");
-  check(m["method"] == "notifications/message", where + ": an unexpected notification");
+void check_notification(const Json& m, const std::function<std::string()>& where) {
+  check(!m.contains("id"), [&] { return where() + ": a notification with an id"; });
+  check(m["method"] == "notifications/message", [&] { return where() + ": an unexpected notification"; });
   const Json& p = m.value("params", Json());
   check(p.is_object() && p.contains("data") && p.value("logger", Json()) == "brenloc",
-        where + ": a status message without its data or logger");
+        [&] { return where() + ": a status message without its data or logger"; });
   bool known = false;
   for (auto level : kLevels) known = known || p["level"] == level;
-  check(known, where + ": a status message with a level the protocol does not have");
+  check(known, [&] { return where() + ": a status message with a level the protocol does not have"; });
 }
 
 // Checks one answer and returns the key of its id.
-std::string check_answer(const Json& m, const std::string& where) {
-  check(m.contains("id"), where + ": an answer without an id");
+std::string check_answer(const Json& m, const std::function<std::string()>& where) {
+  check(m.contains("id"), [&] { return where() + ": an answer without an id"; });
   const Json& id = m["id"];
-  check(id.is_null() || usable_id(id), where + ": an id that is neither null, a string nor an integer");
-  check(m.contains("result") != m.contains("error"), where + ": not exactly one of result and error");
-  check(m.size() == 3, where + ": members other than jsonrpc, id and result or error");
+  check(id.is_null() || usable_id(id),
+        [&] { return where() + ": an id that is neither null, a string nor an integer"; });
+  check(m.contains("result") != m.contains("error"), [&] { return where() + ": not exactly one of result and error"; });
+  check(m.size() == 3, [&] { return where() + ": members other than jsonrpc, id and result or error"; });
   if (m.contains("result")) {
-    check(!id.is_null(), where + ": a result under a null id");
-    check(m["result"].is_object(), where + ": a result that is not an object");
+    check(!id.is_null(), [&] { return where() + ": a result under a null id"; });
+    check(m["result"].is_object(), [&] { return where() + ": a result that is not an object"; });
   } else {
     const Json& e = m["error"];
-    check(e.is_object() && e.contains("code") && e["code"].is_number_integer(), where + ": an error without a code");
+    check(e.is_object() && e.contains("code") && e["code"].is_number_integer(),
+          [&] { return where() + ": an error without a code"; });
     const auto code = e["code"].get<std::int64_t>();
     check(code == mcp::kParseError || code == mcp::kInvalidRequest || code == mcp::kMethodNotFound ||
               code == mcp::kInvalidParams || code == mcp::kInternalError,
-          where + ": an unknown error code");
+          [&] { return where() + ": an unknown error code"; });
     check(e.contains("message") && e["message"].is_string() && !e["message"].get<std::string>().empty(),
-          where + ": an error without a message");
+          [&] { return where() + ": an error without a message"; });
     for (const auto& [k, v] : e.items()) {
-      check(k == "code" || k == "message" || k == "data", where + ": an error member " + shown(k));
+      check(k == "code" || k == "message" || k == "data", [&] { return where() + ": an error member " + shown(k); });
     }
   }
   return key_of(id);
 }
 
 void check_output(std::string_view input, const std::string& output) {
-  check(output.empty() || output.back() == '\n', "the output ends inside a line: " + shown(output));
+  check(output.empty() || output.back() == '\n', [&] { return "the output ends inside a line: " + shown(output); });
   std::map<std::string, int> got;
   std::string_view rest = output;
   while (!rest.empty()) {
     const auto nl = rest.find('\n');
     const std::string line(rest.substr(0, nl));
     rest.remove_prefix(nl + 1);
-    const std::string where = "output line " + shown(line);
+    const auto where = [&] { return "output line " + shown(line); };
     const Json m = Json::parse(line, nullptr, /*allow_exceptions=*/false);
-    check(!m.is_discarded(), where + ": not JSON (or not UTF-8)");
-    check(m.is_object() && m.value("jsonrpc", Json()) == "2.0", where + ": not a JSON-RPC 2.0 message");
+    check(!m.is_discarded(), [&] { return where() + ": not JSON (or not UTF-8)"; });
+    check(m.is_object() && m.value("jsonrpc", Json()) == "2.0",
+          [&] { return where() + ": not a JSON-RPC 2.0 message"; });
     if (m.contains("method")) {
       check_notification(m, where);
     } else {
@@ -254,9 +258,9 @@ void check_output(std::string_view input, const std::string& output) {
     const std::string counts =
         "id " + shown(key) + ": " + std::to_string(have) + " answers for " + std::to_string(want) + " lines";
     if (asked.cancelled.contains(key)) {
-      check(have >= firm && have <= want, counts + " (" + std::to_string(firm) + " not cancellable)");
+      check(have >= firm && have <= want, [&] { return counts + " (" + std::to_string(firm) + " not cancellable)"; });
     } else {
-      check(have == want, counts);
+      check(have == want, [&] { return counts; });
     }
   }
 }

@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -256,8 +257,9 @@ bool is_link(const std::string& path) {
 // The first leading part of `parts` that is a symbolic link, looked at as the file system would walk the
 // path; the walk ends quietly where a part does not exist.
 std::optional<std::string> link_on_the_way(const std::vector<std::string>& parts) {
-  for (std::size_t n = 1; n <= parts.size(); ++n) {
-    const std::string leading = joined(parts, n);
+  std::string leading;
+  for (const auto& part : parts) {
+    leading += "/" + part;
     struct stat st {};
     if (real_lstat(leading.c_str(), &st) != 0) return std::nullopt;
     if (S_ISLNK(st.st_mode)) return leading;
@@ -388,9 +390,14 @@ Expectation expect(const std::string& root, const std::string& text) {
   const std::vector<std::string> normal = lexically_normal(parts);
   if (!starts_with(normal, root_parts)) return {Verdict::outside, {}};
   // On its way, the path may pass through the root's ancestors but nowhere else outside the root.
-  for (std::size_t n = 1; n <= parts.size(); ++n) {
-    const std::vector<std::string> leading(parts.begin(), parts.begin() + static_cast<std::ptrdiff_t>(n));
-    if (!allowed_place(lexically_normal(leading), root_parts)) return {Verdict::outside, {}};
+  std::vector<std::string> place;
+  for (const auto& p : parts) {
+    if (p != "..") {
+      place.push_back(p);
+    } else if (!place.empty()) {
+      place.pop_back();
+    }
+    if (!allowed_place(place, root_parts)) return {Verdict::outside, {}};
   }
   bool too_long = joined(parts, parts.size()).size() >= PATH_MAX;
   for (const auto& p : parts) too_long = too_long || p.size() > NAME_MAX;
@@ -428,8 +435,10 @@ Prediction predict(const std::string& root, const std::vector<std::string>& stri
 // Where the file system looks to answer a question about `a`: each leading part in turn, a link followed
 // only as the last part of a question that follows links. Returns what was wrong, if anything.
 std::optional<std::string> stray(const Access& a, const std::vector<std::string>& root_parts) {
+  if (a.path.size() >= PATH_MAX) return std::nullopt;  // refused before any lookup
   const std::vector<std::string> parts = components(a.path);
   std::vector<std::string> place;
+  std::string leading;
   for (std::size_t n = 1; n <= parts.size(); ++n) {
     if (parts[n - 1] == "..") {
       if (!place.empty()) place.pop_back();
@@ -437,8 +446,8 @@ std::optional<std::string> stray(const Access& a, const std::vector<std::string>
       place.push_back(parts[n - 1]);
     }
     if (!allowed_place(place, root_parts)) return "looked at " + shown(joined(place, place.size()));
-    const std::string leading = joined(parts, n);
-    if (leading.size() >= PATH_MAX || parts[n - 1].size() > NAME_MAX) return std::nullopt;  // the lookup fails here
+    leading += "/" + parts[n - 1];
+    if (parts[n - 1].size() > NAME_MAX) return std::nullopt;  // the lookup fails here
     struct stat st {};
     if (real_lstat(leading.c_str(), &st) != 0) return std::nullopt;  // nothing there: the lookup ends
     if (S_ISLNK(st.st_mode) && (n < parts.size() || a.follows)) return "followed the link " + shown(leading);
@@ -446,20 +455,40 @@ std::optional<std::string> stray(const Access& a, const std::vector<std::string>
   return std::nullopt;
 }
 
-void check_entry_below(const std::string& entry, const std::string& root, const std::string& where) {
+// The accesses whose path does not lead on to that of another one. Looking at a path walks all its leading
+// parts, and a link among them is followed unless it is the last, so checking the longer path covers the
+// shorter one; the link guard's walk, one question per leading part, is checked once and not once per part.
+std::vector<Access> outermost(const std::vector<Access>& accesses) {
+  std::map<std::string, Access> by_path;
+  for (const auto& a : accesses) {
+    auto [it, fresh] = by_path.try_emplace(a.path, a);
+    if (!fresh) it->second.follows = it->second.follows || a.follows;
+  }
+  std::vector<Access> out;
+  for (const auto& [path, a] : by_path) {
+    const std::string below = path.ends_with("/") ? path : path + "/";
+    auto next = by_path.lower_bound(below);
+    if (next == by_path.end() || !next->first.starts_with(below)) out.push_back(a);
+  }
+  return out;
+}
+
+void check_entry_below(const std::string& entry, const std::string& root, const std::function<std::string()>& where) {
   const std::vector<std::string> root_parts = components(root);
   const std::vector<std::string> parts = components(entry);
-  check(!entry.empty() && entry.front() == '/', where + ": entry " + shown(entry) + " is not absolute");
-  check(joined(parts, parts.size()) == entry, where + ": entry " + shown(entry) + " is not in its plain form");
-  check(lexically_normal(parts) == parts, where + ": entry " + shown(entry) + " holds \"..\"");
-  check(starts_with(parts, root_parts), where + ": entry " + shown(entry) + " is not below the root");
+  check(!entry.empty() && entry.front() == '/',
+        [&] { return where() + ": entry " + shown(entry) + " is not absolute"; });
+  check(joined(parts, parts.size()) == entry,
+        [&] { return where() + ": entry " + shown(entry) + " is not in its plain form"; });
+  check(lexically_normal(parts) == parts, [&] { return where() + ": entry " + shown(entry) + " holds \"..\""; });
+  check(starts_with(parts, root_parts), [&] { return where() + ": entry " + shown(entry) + " is not below the root"; });
   for (std::size_t n = root_parts.size() + 1; n <= parts.size(); ++n) {
-    check(!is_link(joined(parts, n)), where + ": entry " + shown(entry) + " runs through a link");
+    check(!is_link(joined(parts, n)), [&] { return where() + ": entry " + shown(entry) + " runs through a link"; });
   }
 }
 
 void run_one(const std::string& root, const std::vector<std::string>& strings, const std::string& input) {
-  const std::string where = "root " + shown(root) + ", paths " + shown(input);
+  const auto where = [&] { return "root " + shown(root) + ", paths " + shown(input); };
   const Prediction want = predict(root, strings);
 
   Trace& t = trace();
@@ -480,29 +509,29 @@ void run_one(const std::string& root, const std::vector<std::string>& strings, c
     nul_error = true;
   } catch (const std::exception& e) {
     t.on = false;
-    fail(where + ": failed with " + shown(e.what()));
+    fail(where() + ": failed with " + shown(e.what()));
   }
   t.on = false;
 
   const std::vector<std::string> root_parts = components(root);
-  for (const auto& a : t.accesses) {
-    if (auto wrong = stray(a, root_parts)) fail(where + ": " + a.call + "(" + shown(a.path) + ") " + *wrong);
+  for (const auto& a : outermost(t.accesses)) {
+    if (auto wrong = stray(a, root_parts)) fail(where() + ": " + a.call + "(" + shown(a.path) + ") " + *wrong);
   }
 
   if (nul_error) {
     check(want.verdict == Verdict::nul || want.verdict == Verdict::unknown,
-          where + ": failed for a NUL byte: " + shown(error));
+          [&] { return where() + ": failed for a NUL byte: " + shown(error); });
     return;
   }
   if (!error.empty()) {
     check(want.verdict == Verdict::unknown && error_code == ENAMETOOLONG,
-          where + ": failed with " + shown(error));
+          [&] { return where() + ": failed with " + shown(error); });
     return;
   }
   const auto& [entries, reason] = *got;
   if (reason) {
-    check(entries.empty(), where + ": refused with entries");
-    check(*reason == kOutside || *reason == kLinks, where + ": refused for " + shown(*reason));
+    check(entries.empty(), [&] { return where() + ": refused with entries"; });
+    check(*reason == kOutside || *reason == kLinks, [&] { return where() + ": refused for " + shown(*reason); });
   } else {
     for (const auto& e : entries) check_entry_below(e.native(), root, where);
   }
@@ -511,24 +540,29 @@ void run_one(const std::string& root, const std::vector<std::string>& strings, c
     case Verdict::unknown:
       return;
     case Verdict::nul:
-      fail(where + ": a path with a NUL byte did not fail the request");
+      fail(where() + ": a path with a NUL byte did not fail the request");
     case Verdict::outside:
     case Verdict::link: {
       const char* expected = want.verdict == Verdict::outside ? kOutside : kLinks;
-      check(reason.has_value() && *reason == expected,
-            where + ": not refused with " + shown(expected) + " but " + shown(reason.value_or("(accepted)")));
+      check(reason.has_value() && *reason == expected, [&] {
+        return where() + ": not refused with " + shown(expected) + " but " + shown(reason.value_or("(accepted)"));
+      });
       return;
     }
     case Verdict::take:
       break;
   }
-  check(!reason, where + ": refused with " + shown(reason.value_or("")) + " although every path is fine");
-  check(entries.size() == want.entries.size(), where + ": " + std::to_string(entries.size()) + " entries where " +
-                                                   std::to_string(want.entries.size()) + " were expected");
+  check(!reason,
+        [&] { return where() + ": refused with " + shown(reason.value_or("")) + " although every path is fine"; });
+  check(entries.size() == want.entries.size(), [&] {
+    return where() + ": " + std::to_string(entries.size()) + " entries where " + std::to_string(want.entries.size()) +
+           " were expected";
+  });
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    check(entries[i].native() == want.entries[i], where + ": entry " + std::to_string(i) + " is " +
-                                                      shown(entries[i].native()) + ", expected " +
-                                                      shown(want.entries[i]));
+    check(entries[i].native() == want.entries[i], [&] {
+      return where() + ": entry " + std::to_string(i) + " is " + shown(entries[i].native()) + ", expected " +
+             shown(want.entries[i]);
+    });
   }
 }
 
