@@ -1,5 +1,5 @@
-// A server on pipes, its event loop on a thread of its own, and a tool host whose tools the tests
-// steer: the test writes lines as a client would and reads what the server writes back.
+// Pipes the tests write to or read from, and a server on two of them with its event loop on a thread of
+// its own and a tool host whose tools the tests steer.
 #pragma once
 
 #include <poll.h>
@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,14 +28,63 @@ namespace brenloc::mcp::testing {
 
 using namespace std::chrono_literals;
 
+struct Pipe {
+  Pipe() {
+    int fds[2];
+    if (::pipe(fds) != 0) throw std::runtime_error("pipe");
+    r = fds[0];
+    w = fds[1];
+  }
+  ~Pipe() {
+    close_read();
+    close_write();
+  }
+  void close_read() { ::close(std::exchange(r, -1)); }
+  void close_write() { ::close(std::exchange(w, -1)); }
+  void write(const std::string& s) const {
+    for (std::size_t off = 0; off < s.size();) {
+      const ssize_t n = ::write(w, s.data() + off, s.size() - off);
+      if (n <= 0) throw std::runtime_error("write to the pipe failed");
+      off += static_cast<std::size_t>(n);
+    }
+  }
+  // Reads what comes within `wait` into `buffer`; false at end of file or when nothing came.
+  bool fill(std::chrono::milliseconds wait) {
+    pollfd p{r, POLLIN, 0};
+    char chunk[65536];
+    if (::poll(&p, 1, static_cast<int>(wait.count())) <= 0) return false;
+    const ssize_t n = ::read(r, chunk, sizeof chunk);
+    if (n > 0) buffer.append(chunk, static_cast<std::size_t>(n));
+    return n > 0;
+  }
+  // Everything until end of file, or what came before `quiet` of silence.
+  std::string drain(std::chrono::milliseconds quiet = 2000ms) {
+    while (fill(quiet)) {
+    }
+    return std::exchange(buffer, {});
+  }
+  // The next line, or nullopt when none came within `timeout`.
+  std::optional<std::string> next_line(std::chrono::milliseconds timeout = 5000ms) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (buffer.find('\n') == std::string::npos) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0 || !fill(left)) return std::nullopt;
+    }
+    std::string line = buffer.substr(0, buffer.find('\n'));
+    buffer.erase(0, line.size() + 1);
+    return line;
+  }
+  int r = -1, w = -1;
+  std::string buffer;
+};
+
 // Tools: "echo" returns its arguments; "ordered" a dictionary whose keys are not in sorted order;
 // "refuse" a dictionary with an "error" key; "fail" throws; "strict" rejects its arguments; "wait"
 // waits until the test opens its gate, counting starts and cancellations.
 class TestHost : public ToolHost {
  public:
   std::vector<ToolSpec> tools() const override {
-    return {{"echo", "Returns its arguments", Json{{"type", "object"}}},
-            {"wait", "Waits for the test", Json()}};
+    return {{"echo", "Returns its arguments", Json{{"type", "object"}}}, {"wait", "Waits for the test", Json()}};
   }
 
   aio::Task<Json> call_tool(std::string name, Json arguments) override {
@@ -59,15 +109,12 @@ class TestHost : public ToolHost {
     return next_id++;
   }
   void unsubscribe(int id) override { sinks.erase(id); }
-
   void broadcast(const std::string& level, const Json& data) {
     for (auto& [id, sink] : sinks) sink(level, data);
   }
-
   void open_gate() { gate_state->set_result(); }
 
-  std::atomic<int> started{0};
-  std::atomic<int> cancelled{0};
+  std::atomic<int> started{0}, cancelled{0};
   std::map<int, BroadcastSink> sinks;
   int next_id = 1;
   std::shared_ptr<aio::FutureState<void>> gate_state = std::make_shared<aio::FutureState<void>>();
@@ -76,28 +123,17 @@ class TestHost : public ToolHost {
 
 class Harness {
  public:
-  explicit Harness(ServerOptions options = {}) {
-    int in[2], out[2];
-    if (::pipe(in) != 0 || ::pipe(out) != 0) throw std::runtime_error("pipe");
-    server_in_ = in[0];
-    client_out_ = in[1];
-    client_in_ = out[0];
-    server_out_ = out[1];
-    server_ = std::make_unique<McpServer>(loop_, host_, server_in_, server_out_, options);
-    thread_ = std::thread([this] { loop_.run(); });
+  explicit Harness(ServerOptions options = {})
+      : server_(std::make_unique<McpServer>(loop_, host_, in.r, out.w, options)), thread_([this] { loop_.run(); }) {
     on_loop([this] { server_->start(); });
   }
-
   ~Harness() {
     stop();
     loop_.stop();
     thread_.join();
-    server_.reset();
-    for (int fd : {server_in_, client_out_, client_in_, server_out_}) {
-      if (fd >= 0) ::close(fd);
-    }
   }
 
+  Pipe in, out;  // client to server, server to client
   TestHost& host() { return host_; }
   McpServer& server() { return *server_; }
 
@@ -110,71 +146,34 @@ class Harness {
     if (result.wait_for(10s) != std::future_status::ready) throw std::runtime_error("the event loop is stuck");
     return result.get();
   }
+  std::size_t running() { return on_loop([this] { return server_->running_requests(); }); }
 
   void stop() {
-    if (stopped_) return;
-    stopped_ = true;
+    if (std::exchange(stopped_, true)) return;
     std::promise<void> done;
     loop_.post([&] { aio::spawn(signal_when_stopped(server_.get(), &done), &loop_); });
     done.get_future().wait();
   }
 
-  void send(const std::string& line) { write_raw(line + "\n"); }
-
-  void write_raw(const std::string& bytes) {
-    std::size_t off = 0;
-    while (off < bytes.size()) {
-      ssize_t n = ::write(client_out_, bytes.data() + off, bytes.size() - off);
-      if (n <= 0) throw std::runtime_error("write to the server failed");
-      off += static_cast<std::size_t>(n);
-    }
-  }
-
-  void close_input() {
-    ::close(client_out_);
-    client_out_ = -1;
-  }
-
-  // The next line the server wrote, or nullopt when none came within `timeout`.
-  std::optional<std::string> next_line(std::chrono::milliseconds timeout = 5000ms) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
-        std::string line = buffer_.substr(0, nl);
-        buffer_.erase(0, nl + 1);
-        return line;
-      }
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      pollfd p{client_in_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[65536];
-      ssize_t n = ::read(client_in_, chunk, sizeof chunk);
-      if (n <= 0) return std::nullopt;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
-  }
-
+  void send(const std::string& line) { in.write(line + "\n"); }
   // The next message, which must come within five seconds.
   Json next() {
-    auto line = next_line();
+    auto line = out.next_line();
     if (!line) throw std::runtime_error("no message from the server");
     return Json::parse(*line);
   }
 
-  // A request line.
   static std::string request(const Json& id, const std::string& method, const Json& params = nullptr) {
     Json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
     if (!params.is_null()) m["params"] = params;
     return m.dump();
   }
-
   static std::string notification(const std::string& method, const Json& params) {
     return Json{{"jsonrpc", "2.0"}, {"method", method}, {"params", params}}.dump();
   }
 
   // Checks that the server still answers, and that nothing else was waiting before the answer.
-  void expect_alive(int id = 999) {
+  void expect_alive(const Json& id = 999) {
     send(request(id, "ping"));
     EXPECT_EQ(next(), (Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", Json::object()}}));
   }
@@ -187,10 +186,8 @@ class Harness {
 
   aio::EventLoop loop_{2};
   TestHost host_;
-  int server_in_ = -1, client_out_ = -1, client_in_ = -1, server_out_ = -1;
   std::unique_ptr<McpServer> server_;
   std::thread thread_;
-  std::string buffer_;
   bool stopped_ = false;
 };
 
