@@ -2,6 +2,7 @@
 // sets and trees whose every path is checked with `git check-ignore` and walked.
 #include <atomic>
 #include <iostream>
+#include <optional>
 #include <map>
 #include <random>
 #include <set>
@@ -29,39 +30,16 @@ struct WildCase {
 
 TEST(Wildmatch, MatchesAsGitDoes) {
   const WildCase cases[] = {
-      {"foo", "foo", true, true},
-      {"foo", "bar", true, false},
-      {"*", "foo/bar", true, false},
-      {"*", "foo/bar", false, true},
-      {"*.c", "dir/x.c", true, false},
-      {"*.c", "dir/x.c", false, true},
-      {"**/foo", "a/b/foo", true, true},
-      {"**/foo", "foo", true, true},
-      {"foo/**/bar", "foo/bar", true, true},
-      {"foo/**/bar", "foo/a/b/bar", true, true},
-      {"foo/**", "foo/a/b", true, true},
-      {"foo/**", "foo", true, false},
-      {"a**b", "a/x/b", true, false},
-      {"a**b", "axxb", true, true},
-      {"a?c", "abc", true, true},
-      {"?", "/", true, false},
-      {"?", "/", false, true},
-      {"[a-c]x", "bx", true, true},
-      {"[!a-c]x", "bx", true, false},
-      {"[^a]x", "bx", true, true},
-      {"[]]", "]", true, true},
-      {"[]-]", "-", true, true},
-      {"[a-]", "-", true, true},
-      {"[a/]", "/", true, false},
-      {"\\*", "*", true, true},
-      {"\\*", "x", true, false},
-      {"a\\", "a", true, false},
-      {"[[:digit:]]", "5", true, true},
-      {"[[:alpha:]]", "5", true, false},
-      {"[[:foo:]]", "a", true, false},
-      {"[[:digit:]x]", "x", true, true},
-      {"[", "[", true, false},
-      {"*/*", "a/b", true, true},
+      {"foo", "foo", true, true}, {"foo", "bar", true, false}, {"*", "foo/bar", true, false},
+      {"*", "foo/bar", false, true}, {"*.c", "dir/x.c", true, false}, {"*.c", "dir/x.c", false, true},
+      {"**/foo", "a/b/foo", true, true}, {"**/foo", "foo", true, true}, {"foo/**/bar", "foo/bar", true, true},
+      {"foo/**/bar", "foo/a/b/bar", true, true}, {"foo/**", "foo/a/b", true, true}, {"foo/**", "foo", true, false},
+      {"a**b", "a/x/b", true, false}, {"a**b", "axxb", true, true}, {"a?c", "abc", true, true},
+      {"?", "/", true, false}, {"?", "/", false, true}, {"[a-c]x", "bx", true, true}, {"[!a-c]x", "bx", true, false},
+      {"[^a]x", "bx", true, true}, {"[]]", "]", true, true}, {"[]-]", "-", true, true}, {"[a-]", "-", true, true},
+      {"[a/]", "/", true, false}, {"\\*", "*", true, true}, {"\\*", "x", true, false}, {"a\\", "a", true, false},
+      {"[[:digit:]]", "5", true, true}, {"[[:alpha:]]", "5", true, false}, {"[[:foo:]]", "a", true, false},
+      {"[[:digit:]x]", "x", true, true}, {"[", "[", true, false}, {"*/*", "a/b", true, true},
       {"*/*", "a/b/c", true, false},
   };
   for (const auto& c : cases) {
@@ -77,52 +55,38 @@ struct Scenario {
   std::map<std::string, std::string> ignore_files;
 };
 
-void build(const std::filesystem::path& root, const Scenario& s) {
+std::string without_slash(const std::string& p) { return p.back() == '/' ? p.substr(0, p.size() - 1) : p; }
+
+// Builds the scenario under `root`, checks it against git and, when given, against `expected`; returns
+// what git ignores.
+std::set<std::string> check(const std::filesystem::path& root, const Scenario& s,
+                            const std::optional<std::set<std::string>>& expected = std::nullopt) {
   testing::git_init(root);
   for (const auto& p : s.tree) {
-    if (p.back() == '/') {
-      std::filesystem::create_directories(root / p);
-    } else {
-      testing::write_file(root / p, "int x;\n");
-    }
+    if (p.back() == '/') std::filesystem::create_directories(root / p);
+    else testing::write_file(root / p, "int x;\n");
   }
   for (const auto& [p, content] : s.ignore_files) testing::write_file(root / p, content);
-}
+  std::vector<std::string> paths;
+  for (const auto& p : s.tree) paths.push_back(without_slash(p));
+  const std::set<std::string> git = testing::git_ignored(root, paths);
+  if (expected) EXPECT_EQ(git, *expected) << "the table disagrees with git";
 
-std::vector<std::string> query_paths(const Scenario& s) {
-  std::vector<std::string> out;
-  for (std::string p : s.tree) {
-    if (p.back() == '/') p.pop_back();
-    out.push_back(p);
-  }
-  return out;
-}
-
-std::set<std::string> our_ignored(const std::filesystem::path& root, const Scenario& s) {
   GitIgnore gi(root);
-  std::set<std::string> out;
+  std::set<std::string> ours, expected_walk;
   for (const auto& p : s.tree) {
-    bool dir = p.back() == '/';
-    std::string rel = dir ? p.substr(0, p.size() - 1) : p;
-    if (gi.ignored(rel, dir)) out.insert(rel);
+    if (gi.ignored(without_slash(p), p.back() == '/')) ours.insert(without_slash(p));
+    if (p.back() != '/' && !git.contains(p) && engines::language_for_path(p)) expected_walk.insert(p);
   }
-  return out;
-}
-
-// The files a whole walk yields, against what git leaves unignored.
-void expect_walk_agrees(const std::filesystem::path& root, const Scenario& s, const std::set<std::string>& ignored) {
-  std::set<std::string> expected;
-  for (const auto& p : s.tree) {
-    if (p.back() == '/' || ignored.contains(p)) continue;
-    if (!engines::language_for_path(p)) continue;
-    expected.insert(p);
-  }
+  EXPECT_EQ(ours, git);
+  // A whole walk yields the files git leaves unignored.
   std::atomic<bool> stop{false};
   Collected c = collect_files(WalkPolicy{root, root / ".brenloc"}, std::nullopt, stop);
   std::set<std::string> walked;
   for (const auto& f : c.files) walked.insert(f.rel);
-  EXPECT_EQ(walked, expected);
+  EXPECT_EQ(walked, expected_walk);
   EXPECT_TRUE(c.errors.empty());
+  return git;
 }
 
 struct NamedCase {
@@ -133,61 +97,42 @@ struct NamedCase {
 
 TEST(GitIgnore, NamedRuleSetsAgreeWithGit) {
   const NamedCase cases[] = {
-      {"negation",
-       {{"a.log", "keep.log", "d/b.log", "d/keep.log"}, {{".gitignore", "*.log\n!keep.log\n"}}},
+      {"negation", {{"a.log", "keep.log", "d/b.log", "d/keep.log"}, {{".gitignore", "*.log\n!keep.log\n"}}},
        {"a.log", "d/b.log"}},
       {"directory only",
        {{"build/", "build/x.c", "sub/build/", "sub/build/y.c", "out"}, {{".gitignore", "build/\nout/\n"}}},
        {"build", "build/x.c", "sub/build", "sub/build/y.c"}},
-      {"anchored",
-       {{"top.c", "d/top.c", "sub/mid.c", "x/sub/mid.c"}, {{".gitignore", "/top.c\nsub/mid.c\n"}}},
+      {"anchored", {{"top.c", "d/top.c", "sub/mid.c", "x/sub/mid.c"}, {{".gitignore", "/top.c\nsub/mid.c\n"}}},
        {"top.c", "sub/mid.c"}},
       {"deeper file overrides",
        {{"keep.c", "sub/keep.c", "sub/other.c"}, {{".gitignore", "*.c\n"}, {"sub/.gitignore", "!keep.c\n"}}},
        {"keep.c", "sub/other.c"}},
       {"no re-include inside an ignored directory",
-       {{"dir/", "dir/x.c", "dir/y.c"}, {{".gitignore", "dir/\n!dir/x.c\n"}}},
-       {"dir", "dir/x.c", "dir/y.c"}},
+       {{"dir/", "dir/x.c", "dir/y.c"}, {{".gitignore", "dir/\n!dir/x.c\n"}}}, {"dir", "dir/x.c", "dir/y.c"}},
       {"contents ignored, one file re-included",
-       {{"dir/", "dir/x.c", "dir/y.c"}, {{".gitignore", "dir/*\n!dir/x.c\n"}}},
-       {"dir/y.c"}},
-      {"double star",
-       {{"a/z.c", "a/b/c/z.c", "b/a/z.c"}, {{".gitignore", "a/**/z.c\n"}}},
-       {"a/z.c", "a/b/c/z.c"}},
+       {{"dir/", "dir/x.c", "dir/y.c"}, {{".gitignore", "dir/*\n!dir/x.c\n"}}}, {"dir/y.c"}},
+      {"double star", {{"a/z.c", "a/b/c/z.c", "b/a/z.c"}, {{".gitignore", "a/**/z.c\n"}}}, {"a/z.c", "a/b/c/z.c"}},
       {"escaped characters",
        {{"#hash.c", "!bang.c", "sp ", "sp", "st*r.c", "star.c"},
         {{".gitignore", "\\#hash.c\n\\!bang.c\nsp\\ \nst\\*r.c\n"}}},
        {"#hash.c", "!bang.c", "sp ", "st*r.c"}},
       {"comments, blanks and trailing spaces",
-       {{"tr.c", "#c.c", "x.c"}, {{".gitignore", "# a comment\n\n#c.c\ntr.c   \n"}}},
-       {"tr.c"}},
+       {{"tr.c", "#c.c", "x.c"}, {{".gitignore", "# a comment\n\n#c.c\ntr.c   \n"}}}, {"tr.c"}},
       {"info/exclude is overridden by .gitignore",
-       {{"x.tmp", "y.tmp"}, {{".git/info/exclude", "*.tmp\n"}, {".gitignore", "!x.tmp\n"}}},
-       {"y.tmp"}},
-      {"character classes",
-       {{"f1.c", "fa.c", "g-.c"}, {{".gitignore", "f[0-9].c\ng[!a-z].c\n"}}},
-       {"f1.c", "g-.c"}},
-      {"one star does not cross a slash",
-       {{"a/gen/", "a/gen/x.c", "a/b/gen/", "gen/"}, {{".gitignore", "*/gen/\n"}}},
+       {{"x.tmp", "y.tmp"}, {{".git/info/exclude", "*.tmp\n"}, {".gitignore", "!x.tmp\n"}}}, {"y.tmp"}},
+      {"character classes", {{"f1.c", "fa.c", "g-.c"}, {{".gitignore", "f[0-9].c\ng[!a-z].c\n"}}}, {"f1.c", "g-.c"}},
+      {"one star does not cross a slash", {{"a/gen/", "a/gen/x.c", "a/b/gen/", "gen/"}, {{".gitignore", "*/gen/\n"}}},
        {"a/gen", "a/gen/x.c"}},
-      {"carriage returns",
-       {{"crlf.c", "other.c"}, {{".gitignore", "crlf.c\r\n"}}},
-       {"crlf.c"}},
+      {"carriage returns", {{"crlf.c", "other.c"}, {{".gitignore", "crlf.c\r\n"}}}, {"crlf.c"}},
       {"nested pattern relative to its own file",
-       {{"sub/x/y.c", "x/y.c", "sub/z/x/y.c"}, {{"sub/.gitignore", "x/y.c\n"}}},
-       {"sub/x/y.c"}},
-      {"star star after a literal prefix",
-       {{"ab/c.c", "abx/y/c.c", "ab/d/c.c"}, {{".gitignore", "ab**/c.c\n"}}},
+       {{"sub/x/y.c", "x/y.c", "sub/z/x/y.c"}, {{"sub/.gitignore", "x/y.c\n"}}}, {"sub/x/y.c"}},
+      {"star star after a literal prefix", {{"ab/c.c", "abx/y/c.c", "ab/d/c.c"}, {{".gitignore", "ab**/c.c\n"}}},
        {"ab/c.c", "ab/d/c.c", "abx/y/c.c"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir tmp;
-    build(tmp.path(), c.scenario);
-    std::set<std::string> git = testing::git_ignored(tmp.path(), query_paths(c.scenario));
-    EXPECT_EQ(git, c.ignored) << "the table disagrees with git";
-    EXPECT_EQ(our_ignored(tmp.path(), c.scenario), c.ignored);
-    expect_walk_agrees(tmp.path(), c.scenario, c.ignored);
+    check(tmp.path(), c.scenario, c.ignored);
   }
 }
 
@@ -198,20 +143,15 @@ class Generator {
 
   Scenario scenario() {
     Scenario s;
-    std::set<std::string> dirs{""};
-    std::set<std::string> tree;
-    int files = 10 + pick(20);
-    for (int i = 0; i < files; ++i) {
+    std::set<std::string> dirs{""}, tree;
+    for (int i = 0, files = 10 + pick(20); i < files; ++i) {
       std::string dir;
-      int depth = pick(4);
-      for (int d = 0; d < depth; ++d) {
+      for (int d = 0, depth = pick(4); d < depth; ++d) {
         dir += (dir.empty() ? "" : "/") + one_of(kDirs);
         dirs.insert(dir);
+        tree.insert(dir + "/");
       }
       tree.insert((dir.empty() ? "" : dir + "/") + one_of(kFiles));
-    }
-    for (const auto& d : dirs) {
-      if (!d.empty()) tree.insert(d + "/");
     }
     // A name that is a file in one place may be a directory in another; keep what can exist.
     for (const auto& p : tree) {
@@ -223,9 +163,8 @@ class Generator {
       if (!blocked) s.tree.push_back(p);
     }
     std::vector<std::string> dir_list(dirs.begin(), dirs.end());
-    int lists = 1 + pick(4);
-    for (int i = 0; i < lists; ++i) {
-      std::string d = dir_list[pick(static_cast<int>(dir_list.size()))];
+    for (int i = 0, lists = 1 + pick(4); i < lists; ++i) {
+      const std::string& d = dir_list[pick(static_cast<int>(dir_list.size()))];
       s.ignore_files[d.empty() ? ".gitignore" : d + "/.gitignore"] += rules();
     }
     if (pick(2) == 0) s.ignore_files[".git/info/exclude"] = rules();
@@ -246,33 +185,22 @@ class Generator {
     std::vector<std::string> names = kDirs;
     names.insert(names.end(), kFiles.begin(), kFiles.end());
     std::string n = one_of(names);
-    std::string out;
     switch (pick(10)) {
-      case 0:
-        return "*";
-      case 1:
-        return "**";
-      case 2:
-        return "*" + n.substr(n.size() / 2);
-      case 3:
-        return n.substr(0, (n.size() + 1) / 2) + "*";
-      case 9:
-        return n.substr(0, (n.size() + 1) / 2) + "**";
-      case 4: {
-        std::size_t i = pick(static_cast<int>(n.size()));
-        n[i] = '?';
-        return n;
-      }
+      case 0: return "*";
+      case 1: return "**";
+      case 2: return "*" + n.substr(n.size() / 2);
+      case 3: return n.substr(0, (n.size() + 1) / 2) + "*";
+      case 9: return n.substr(0, (n.size() + 1) / 2) + "**";
+      case 4: return n.replace(pick(static_cast<int>(n.size())), 1, "?");
       case 5: {
-        std::size_t i = pick(static_cast<int>(n.size()));
-        const char* cls[] = {"[a-c]", "[!a]", "[^x]", "[[:alpha:]]", "[.]", "[]ab]"};
-        return n.substr(0, i) + cls[pick(6)] + n.substr(i + 1);
+        const std::size_t i = pick(static_cast<int>(n.size()));
+        const char* classes[] = {"[a-c]", "[!a]", "[^x]", "[[:alpha:]]", "[.]", "[]ab]"};
+        return n.replace(i, 1, classes[pick(6)]);
       }
-      default:
-        break;
     }
     // Literal, with the characters git treats specially escaped (or, now and then, not).
-    bool escape = pick(4) != 0;
+    const bool escape = pick(4) != 0;
+    std::string out;
     for (std::size_t i = 0; i < n.size(); ++i) {
       char c = n[i];
       bool special = c == '*' || c == '?' || c == '[' || c == '\\' || (i == 0 && (c == '#' || c == '!')) ||
@@ -285,14 +213,12 @@ class Generator {
 
   std::string rules() {
     std::string out;
-    int n = 1 + pick(5);
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0, n = 1 + pick(5); i < n; ++i) {
       if (pick(10) == 0) out += pick(2) ? "# comment\n" : "\n";
       std::string line;
       if (pick(4) == 0) line += "!";
       if (pick(4) == 0) line += "/";
-      int segs = 1 + (pick(3) == 0 ? 1 + pick(2) : 0);
-      for (int k = 0; k < segs; ++k) line += (k ? "/" : "") + segment();
+      for (int k = 0, segs = 1 + (pick(3) == 0 ? 1 + pick(2) : 0); k < segs; ++k) line += (k ? "/" : "") + segment();
       if (pick(4) == 0) line += "/";
       if (pick(8) == 0) line += "  ";
       out += line + (pick(12) == 0 ? "\r\n" : "\n");
@@ -310,13 +236,10 @@ TEST(GitIgnore, RandomisedRuleSetsAgreeWithGit) {
     Generator gen(seed);
     Scenario s = gen.scenario();
     TempDir tmp;
-    build(tmp.path(), s);
     std::string rules;
     for (const auto& [f, c] : s.ignore_files) rules += "--- " + f + "\n" + c;
     SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + rules);
-    std::set<std::string> git = testing::git_ignored(tmp.path(), query_paths(s));
-    EXPECT_EQ(our_ignored(tmp.path(), s), git);
-    expect_walk_agrees(tmp.path(), s, git);
+    const std::set<std::string> git = check(tmp.path(), s);
     compared += static_cast<int>(s.tree.size());
     ignored += static_cast<int>(git.size());
     if (HasFailure()) break;
