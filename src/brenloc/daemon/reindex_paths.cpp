@@ -253,36 +253,6 @@ std::vector<std::string_view> held_components(std::string_view text) {
   return parts;
 }
 
-// Whether `path`, taken one component at a time, passes through a place that is neither at or below `root`
-// nor on the way down to it, as "/etc/../<root>/a.py" or "../sibling/../<root>/a.py" do, although they end
-// inside. The link guard looks at every leading part of a path as written, so such a path would have it
-// look at places outside the repository and tell the client whether they hold links: it is refused as
-// outside before the file system is asked anything. Lexical, with ".." in `root` normalised away as the
-// containment guard does.
-bool wanders_outside(const fs::path& path, const fs::path& root) {
-  std::vector<std::string_view> root_parts;
-  for (std::string_view part : held_components(root.native())) {
-    if (part != "..") {
-      root_parts.push_back(part);
-    } else if (!root_parts.empty()) {
-      root_parts.pop_back();
-    }
-  }
-  std::vector<std::string_view> place;
-  for (std::string_view part : held_components(path.native())) {
-    if (part != "..") {
-      place.push_back(part);
-    } else if (!place.empty()) {
-      place.pop_back();
-    }
-    const std::size_t common = std::min(place.size(), root_parts.size());
-    if (!std::equal(place.begin(), place.begin() + static_cast<std::ptrdiff_t>(common), root_parts.begin())) {
-      return true;
-    }
-  }
-  return false;
-}
-
 bool lies_at_or_below(const fs::path& path, const fs::path& root) {
   if (path.is_absolute() != root.is_absolute()) return false;
   const auto parts = held_components(path.native());
@@ -344,9 +314,7 @@ ReindexPathResolution resolve_reindex_paths(const fs::path& repo_root, const std
   std::vector<fs::path> index_paths;
   for (const std::string& path_str : paths_param) {
     fs::path path = requested_path(repo_root, path_str);
-    if (utils::outside_trusted_shares(path, {repo_root}) || wanders_outside(path, repo_root)) {
-      return refused(OUTSIDE_REPOSITORY);
-    }
+    if (utils::outside_trusted_shares(path, {repo_root})) return refused(OUTSIDE_REPOSITORY);
     if (!free_of_symlinks(path)) return refused(SYMLINKS_NOT_ALLOWED);
     path = resolve_non_strict(path);
     if (!free_of_symlinks(path)) return refused(SYMLINKS_NOT_ALLOWED);

@@ -36,6 +36,31 @@ std::vector<std::string_view> normalised_components(std::string_view text) {
   return parts;
 }
 
+// Whether the path, taken one component at a time as written, passes through a place that is neither at
+// or below the root nor on the way down to it ("/etc/../<root>/a.py", "<root>/../sibling/../<root>/a.py"),
+// although it ends inside: looking at such a path would mean looking at places outside the root.
+bool wanders_off(std::string_view text, const std::vector<std::string_view>& root_parts) {
+  std::vector<std::string_view> place;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    std::size_t j = text.find('/', i);
+    if (j == std::string_view::npos) j = text.size();
+    std::string_view part = text.substr(i, j - i);
+    i = j + 1;
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      if (!place.empty()) place.pop_back();
+    } else {
+      place.push_back(part);
+    }
+    const std::size_t common = std::min(place.size(), root_parts.size());
+    if (!std::equal(place.begin(), place.begin() + static_cast<std::ptrdiff_t>(common), root_parts.begin())) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 bool outside_trusted_shares(const fs::path& path, const std::vector<fs::path>& roots) {
@@ -44,7 +69,8 @@ bool outside_trusted_shares(const fs::path& path, const std::vector<fs::path>& r
   for (const auto& root : roots) {
     if (!root.is_absolute()) continue;
     const auto root_parts = normalised_components(root.native());
-    if (root_parts.size() <= parts.size() && std::equal(root_parts.begin(), root_parts.end(), parts.begin())) {
+    if (root_parts.size() <= parts.size() && std::equal(root_parts.begin(), root_parts.end(), parts.begin()) &&
+        !wanders_off(path.native(), root_parts)) {
       return false;
     }
   }

@@ -10,8 +10,11 @@ namespace brenloc::utils {
 // True when `path` does not lie at or below any of `roots`. The test is lexical: "." and ".." are
 // normalised away in the path and in each root (".." at the file-system root stays there), empty
 // components and a trailing separator are ignored, and what is left is compared component by
-// component, case-sensitively. Nothing is resolved and the file system is not touched. A relative
-// path is always outside (its place is not known); a relative root contains nothing.
+// component, case-sensitively. A path that, followed one component at a time as written, passes through
+// a place neither at or below the root nor on the way down to it ("/etc/../<root>/a.py") is outside too,
+// although it ends inside: the link guard that comes next would otherwise look at those places. Nothing
+// is resolved and the file system is not touched. A relative path is always outside (its place is not
+// known); a relative root contains nothing.
 bool outside_trusted_shares(const std::filesystem::path& path, const std::vector<std::filesystem::path>& roots);
 
 // Walks `path` from the file-system root (a relative path is first made absolute against the current
