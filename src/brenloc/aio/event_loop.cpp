@@ -16,8 +16,10 @@ std::size_t default_pool_size(std::size_t requested) {
 EventLoop::EventLoop(std::size_t pool_threads) : pool_(default_pool_size(pool_threads)) {}
 
 EventLoop::~EventLoop() {
-  // Pool work may still post results here; the pool is joined while the io_context is alive.
+  // Pool work may still post results here; the pool is joined while the io_context is alive, and work on
+  // other threads (lanes) that still holds a token is waited for before the io_context goes.
   pool_.join();
+  while (remote_.load(std::memory_order_acquire) != 0) std::this_thread::yield();
 }
 
 EventLoop* EventLoop::current() { return running_loop; }

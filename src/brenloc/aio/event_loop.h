@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -19,6 +20,23 @@ namespace brenloc::aio {
 
 class EventLoop {
  public:
+  // Held by work on another thread that will post back to this loop: the loop is not destroyed while a
+  // token is alive, so a thread never posts into a loop that is going away. Move-only.
+  class RemoteToken {
+   public:
+    explicit RemoteToken(EventLoop* loop) : loop_(loop) { loop_->remote_.fetch_add(1, std::memory_order_relaxed); }
+    RemoteToken(RemoteToken&& o) noexcept : loop_(std::exchange(o.loop_, nullptr)) {}
+    RemoteToken(const RemoteToken&) = delete;
+    RemoteToken& operator=(const RemoteToken&) = delete;
+    RemoteToken& operator=(RemoteToken&&) = delete;
+    ~RemoteToken() {
+      if (loop_ != nullptr) loop_->remote_.fetch_sub(1, std::memory_order_release);
+    }
+
+   private:
+    EventLoop* loop_;
+  };
+
   // `pool_threads` is the size of the default offload pool (0: one per core, at least 2).
   explicit EventLoop(std::size_t pool_threads = 0);
   ~EventLoop();
@@ -47,6 +65,7 @@ class EventLoop {
  private:
   boost::asio::io_context io_;
   boost::asio::thread_pool pool_;
+  std::atomic<int> remote_{0};
 };
 
 }  // namespace brenloc::aio

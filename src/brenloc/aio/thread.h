@@ -21,7 +21,7 @@ template <class Executor, class F>
 auto run_on(Executor&& executor, EventLoop& loop, F fn) -> Future<std::invoke_result_t<F&>> {
   using R = std::invoke_result_t<F&>;
   auto state = std::make_shared<FutureState<R>>();
-  boost::asio::post(executor, [state, fn = std::move(fn), loop = &loop]() mutable {
+  boost::asio::post(executor, [state, fn = std::move(fn), loop = &loop, token = EventLoop::RemoteToken(&loop)]() mutable {
     try {
       if constexpr (std::is_void_v<R>) {
         fn();
