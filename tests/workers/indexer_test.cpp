@@ -316,7 +316,7 @@ aio::Task<std::pair<bool, bool>> settle_waits_for_threads(Indexer& ix, const dae
   // The lane's one thread is held, so the pass's first database read waits behind it.
   aio::Future<void> blocker = lane.run([gate] { gate->wait(); });
   aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
-  co_await aio::sleep_for(20ms);
+  co_await aio::sleep_for(300ms);  // ample time to queue its first read behind the blocker, even under sanitizers
   pass.cancel();
   co_await aio::wait_all({pass.base()});
   EXPECT_TRUE(pass.cancelled());
