@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <latch>
+
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/worker.h"
 #include "utils/tree_fixtures.h"
@@ -101,6 +104,61 @@ TEST(RebuildEndToEnd, StopDuringARebuildLeavesNoStagingFile) {
                                  "index.db.reindex-staging-shm"}) {
       EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
     }
+  }
+}
+
+// A worker whose discard of a staging database waits until the test lets it go.
+class SlowDiscardWorker : public daemon::RepoWorker {
+ public:
+  using RepoWorker::RepoWorker;
+  std::latch discard_entered{1}, discard_may_go{1};
+  std::atomic<int> discards{0}, openings{0};
+  std::shared_ptr<storage::Database> _open_staging_db(const fs::path& p, const Paths& sidecars) override {
+    auto db = RepoWorker::_open_staging_db(p, sidecars);
+    ++openings;
+    return db;
+  }
+  void _discard_staging(const std::shared_ptr<storage::Database>& db, const Paths& sidecars) override {
+    if (discards++ == 0) {
+      discard_entered.count_down();
+      discard_may_go.wait();
+    }
+    RepoWorker::_discard_staging(db, sidecars);
+  }
+};
+
+TEST(RebuildEndToEnd, ARebuildWaitsForTheReleaseOfOneCancelledBeforeIt) {
+  TempDir root, data;
+  write_file(root.path() / "app.py", "def alpha():\n    pass\n");
+  aio::EventLoop loop;
+  SlowDiscardWorker w(root.path(), data.path());
+  std::vector<json> outcomes;
+  w.subscribe([&](const json& m) {
+    if (m["type"] != "reindex_progress") outcomes.push_back(m);
+  });
+  aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+    co_await w.start();
+    EXPECT_EQ((co_await w._handle_force_reindex({{"clear_existing", true}}))["status"], "accepted");
+    auto first = *w._indexer_task;
+    co_await aio::to_thread([&] { w.discard_entered.wait(); });
+    first.cancel();  // it waits for its release: the run ends, the release goes on
+    co_await aio::wait_all({first.base()});
+    EXPECT_EQ(w.releases_in_flight(), 1);
+    write_file(root.path() / "app.py", "def beta():\n    pass\n");
+    EXPECT_EQ((co_await w._handle_force_reindex({{"clear_existing", true}}))["status"], "accepted");
+    // The second rebuild must not open its staging database while the first one's is being discarded:
+    // had it done so, the discard would now delete the files under it.
+    for (int i = 0; i < 200 && w.openings < 2; ++i) co_await aio::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(w.openings, 1);
+    w.discard_may_go.count_down();
+    co_await aio::wait_all({w._indexer_task->base()});
+    co_await w.stop();
+  }());
+  ASSERT_FALSE(outcomes.empty());
+  EXPECT_EQ(outcomes.back()["type"], "reindex_complete") << outcomes.back().dump();
+  for (const char* leftover : {"index.db.reindex-staging", "index.db.reindex-staging-wal",
+                               "index.db.reindex-staging-shm"}) {
+    EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
   }
 }
 

@@ -85,6 +85,7 @@ aio::Task<void> RepoWorker::stop_once(RepoWorker* self) {
     if (self->_indexer_task->cancelling() == 0) self->_indexer_task->cancel();
     co_await aio::wait_all({self->_indexer_task->base()});
   }
+  co_await self->wait_for_releases();
   if (self->_passes) co_await self->_passes->drain();
   co_await self->_passes_lane.shutdown();
   co_await self->_maintenance.shutdown();
@@ -109,8 +110,31 @@ json RepoWorker::_check_repository(std::string_view tool) {
 }
 
 aio::Task<void> RepoWorker::_start_indexing() {
+  co_await wait_for_releases();  // before the count goes up: a cancelled wait leaves it as it was
   auto guard = co_await _indexing_lock.scoped();
   ++_indexing_in_progress;
+}
+
+aio::Task<void> RepoWorker::_release_staging(std::optional<aio::Future<json>> swap,
+                                             std::shared_ptr<storage::Database> staging_db, Paths sidecars,
+                                             std::shared_ptr<workers::Indexer> staging_indexer) {
+  ++releases_in_flight_;
+  std::exception_ptr failure;
+  try {
+    co_await WorkerReindex::_release_staging(std::move(swap), std::move(staging_db), std::move(sidecars),
+                                             std::move(staging_indexer));
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  if (--releases_in_flight_ == 0 && releases_done_) std::exchange(releases_done_, nullptr)->set_result();
+  if (failure) std::rethrow_exception(failure);
+}
+
+aio::Task<void> RepoWorker::wait_for_releases() {
+  while (releases_in_flight_ > 0) {
+    if (!releases_done_) releases_done_ = std::make_shared<aio::FutureState<void>>();
+    co_await aio::shield(aio::Future<void>(releases_done_));
+  }
 }
 
 aio::Task<void> RepoWorker::_finish_indexing() {

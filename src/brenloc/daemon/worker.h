@@ -43,6 +43,11 @@ class RepoWorker : public WorkerReindex {
   aio::Task<void> _finish_indexing() override;
   std::unique_ptr<PassScope> _reporting_pass(workers::Indexer& indexer) override;
   aio::Task<void> broadcast_status(json message) override;
+  // Counts the releases still running: a rebuild cancelled while it waits for its release ends before
+  // the release does, and nothing may open a new staging database until the old one is discarded.
+  aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap, std::shared_ptr<storage::Database> staging_db,
+                                   Paths sidecars, std::shared_ptr<workers::Indexer> staging_indexer) override;
+  int releases_in_flight() const { return releases_in_flight_; }
 
   // Sends {"type": "reindex_progress", "files_done", "files_total"}, at most twice a second.
   void notify_progress(std::int64_t done, std::int64_t total);
@@ -50,9 +55,13 @@ class RepoWorker : public WorkerReindex {
  private:
   void send(const json& message);
   static aio::Task<void> stop_once(RepoWorker* self);
+  // Completes once no staging release is running.
+  aio::Task<void> wait_for_releases();
 
   bool stopping_ = false;
   std::optional<aio::Future<void>> stopped_;
+  int releases_in_flight_ = 0;
+  std::shared_ptr<aio::FutureState<void>> releases_done_;  // completed when the last one ends
   bool started_ = false;
   std::map<int, StatusSink> sinks_;
   int next_sink_ = 1;
