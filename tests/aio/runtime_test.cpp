@@ -16,6 +16,8 @@
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/offload.h"
+#include "brenloc/utils/best_effort.h"
+#include "brenloc/utils/logging.h"
 #include "support/log_capture.h"
 
 namespace brenloc::aio {
@@ -378,6 +380,33 @@ TEST(Scope, IsToldHowTheBodyEndedAndSwallowsOnlyWhenItSaysSo) {
     EXPECT_EQ(log, (std::vector<std::string>{"enter", c.exit}));
     EXPECT_EQ(outcome, c.outcome);
   }
+}
+
+TEST(Scope, LoggedSuppressSwallowsAndLogsFailuresButLetsCancellationThrough) {
+  testing::LogCapture logs;
+  auto logger = utils::get_logger("brenloc.test");
+  auto outcome = [&](bool cancel) {
+    return run([](std::shared_ptr<spdlog::logger> logger, bool cancel) -> Task<std::string> {
+      auto scope = utils::logged_suppress(logger, "doing a step");
+      auto body = [](bool cancel) -> Task<void> {
+        if (cancel) throw Cancelled{};
+        throw std::runtime_error("step broke");
+        co_return;
+      };
+      try {
+        auto r = co_await within(scope, body(cancel));
+        co_return r ? "completed" : "swallowed";
+      } catch (const Cancelled&) {
+        co_return "cancelled";
+      }
+    }(logger, cancel));
+  };
+  EXPECT_EQ(outcome(false), "swallowed");
+  EXPECT_EQ(outcome(true), "cancelled");
+  auto recs = logs.of("brenloc.test");
+  ASSERT_EQ(recs.size(), 1u);
+  EXPECT_EQ(recs[0].first_line(), "Suppressed failure while doing a step");
+  EXPECT_NE(recs[0].message.find("step broke"), std::string::npos);
 }
 
 TEST(Loop, PostFromAnotherThreadRunsOnTheLoopThread) {
