@@ -21,17 +21,24 @@ template <class Executor, class F>
 auto run_on(Executor&& executor, EventLoop& loop, F fn) -> Future<std::invoke_result_t<F&>> {
   using R = std::invoke_result_t<F&>;
   auto state = std::make_shared<FutureState<R>>();
+  // The result, or the failure, travels to the loop together with the only other reference to the
+  // shared state, so both are released on the loop's thread; the failure is handed over only after this
+  // thread's catch block has let go of it.
   boost::asio::post(executor, [state, fn = std::move(fn), loop = &loop, token = EventLoop::RemoteToken(&loop)]() mutable {
+    std::exception_ptr failure;
     try {
       if constexpr (std::is_void_v<R>) {
         fn();
-        loop->post([state] { state->set_result(); });
+        loop->post([state = std::move(state)] { state->set_result(); });
       } else {
-        loop->post([state, v = fn()]() mutable { state->set_result(std::move(v)); });
+        auto value = fn();
+        loop->post([state = std::move(state), v = std::move(value)]() mutable { state->set_result(std::move(v)); });
       }
+      return;
     } catch (...) {
-      loop->post([state, e = std::current_exception()] { state->set_exception(e); });
+      failure = std::current_exception();
     }
+    if (state) loop->post([state = std::move(state), e = std::move(failure)] { state->set_exception(e); });
   });
   return Future<R>(std::move(state));
 }

@@ -238,25 +238,10 @@ bool free_of_symlinks(const fs::path& path) {
   }
 }
 
-// Components as held, for the containment test: empty and "." components name nothing and are
-// skipped, everything else (".." included) is compared as it stands.
-std::vector<std::string_view> held_components(std::string_view text) {
-  std::vector<std::string_view> parts;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    std::size_t j = text.find('/', i);
-    if (j == std::string_view::npos) j = text.size();
-    std::string_view part = text.substr(i, j - i);
-    i = j + 1;
-    if (!part.empty() && part != ".") parts.push_back(part);
-  }
-  return parts;
-}
-
 bool lies_at_or_below(const fs::path& path, const fs::path& root) {
   if (path.is_absolute() != root.is_absolute()) return false;
-  const auto parts = held_components(path.native());
-  const auto root_parts = held_components(root.native());
+  const auto parts = utils::path_components(path.native());
+  const auto root_parts = utils::path_components(root.native());
   return root_parts.size() <= parts.size() && std::equal(root_parts.begin(), root_parts.end(), parts.begin());
 }
 

@@ -16,11 +16,6 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
-const std::shared_ptr<spdlog::logger>& logger() {
-  static auto l = utils::get_logger("brenloc.daemon.worker");
-  return l;
-}
-
 fs::path resolve_root(const fs::path& root) {
   std::error_code ec;
   fs::path resolved = fs::weakly_canonical(fs::absolute(root), ec);
@@ -33,12 +28,12 @@ class ReportingPass final : public PassScope {
   ReportingPass(RepoWorker& worker, workers::Indexer& indexer) : worker_(worker), indexer_(indexer) {}
   void enter() override {
     indexer_.set_progress([w = &worker_](std::int64_t done, std::int64_t total) { w->notify_progress(done, total); });
-    logger()->debug("Index pass started");
+    worker_logger()->debug("Index pass started");
   }
   bool exit(const aio::ScopeExit& how) override {
     indexer_.set_progress(nullptr);
     static const char* names[] = {"finished", "failed", "cancelled"};
-    logger()->debug("Index pass {}", names[how.kind]);
+    worker_logger()->debug("Index pass {}", names[how.kind]);
     return false;
   }
 
@@ -164,7 +159,7 @@ void RepoWorker::send(const json& message) {
     try {
       sink(message);
     } catch (const std::exception&) {
-      utils::log_exception(*logger(), fmt::format("Status sink {} failed", id), std::current_exception());
+      utils::log_exception(*worker_logger(), fmt::format("Status sink {} failed", id), std::current_exception());
     }
   }
 }

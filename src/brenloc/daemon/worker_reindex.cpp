@@ -19,12 +19,7 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
-const std::shared_ptr<spdlog::logger>& logger() {
-  static auto l = utils::get_logger("brenloc.daemon.worker");
-  return l;
-}
-
-void log_info(const std::string& text) { logger()->log(spdlog::level::info, spdlog::string_view_t(text)); }
+void log_info(const std::string& text) { worker_logger()->log(spdlog::level::info, spdlog::string_view_t(text)); }
 
 // The truth value of a dictionary value: absent, false, zero and empty count as false.
 bool truthy(const json& v) {
@@ -140,7 +135,7 @@ aio::Task<void> WorkerReindex::run_indexing(WorkerReindex* self, bool rebuild, s
     }
     if (failure) {
       const std::string text = utils::error_text(failure);
-      utils::log_exception(*logger(), fmt::sprintf("Reindex failed: %s", text), failure);
+      utils::log_exception(*worker_logger(), fmt::sprintf("Reindex failed: %s", text), failure);
       self->_last_reindex_error = text;
       co_await self->broadcast_status(json{{"type", "reindex_failed"}, {"error", text}});
     }
@@ -225,7 +220,7 @@ aio::Task<workers::IndexStats> WorkerReindex::_full_reindex_via_staging() {
   // Clean-up, on every way out: wait for an opening still under way to deliver the database, then
   // release it (shielded: a second cancellation stops only this wait, never the release).
   if (!staging_db) {
-    auto suppress = utils::logged_suppress(logger(), "opening the staging database");
+    auto suppress = utils::logged_suppress(worker_logger(), "opening the staging database");
     auto delivered = co_await aio::within(suppress, aio::await_shielded(opening));
     if (delivered) staging_db = *delivered;
   }

@@ -1,6 +1,13 @@
 #include "brenloc/daemon/worker_state.h"
 
+#include "brenloc/utils/logging.h"
+
 namespace brenloc::daemon {
+
+const std::shared_ptr<spdlog::logger>& worker_logger() {
+  static auto logger = utils::get_logger("brenloc.daemon.worker");
+  return logger;
+}
 
 WorkerState::WorkerState(std::filesystem::path root, std::filesystem::path data)
     : repo_root(std::move(root)), data_dir(std::move(data)) {}

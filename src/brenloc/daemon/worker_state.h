@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include <nlohmann/json.hpp>
+#include <spdlog/logger.h>
 
 #include "brenloc/aio/lock.h"
 #include "brenloc/aio/scope.h"
@@ -27,6 +28,9 @@
 #include "brenloc/workers/indexer.h"
 
 namespace brenloc::daemon {
+
+// The worker's logger, "brenloc.daemon.worker".
+const std::shared_ptr<spdlog::logger>& worker_logger();
 
 // The scope of one index pass (see _reporting_pass).
 class PassScope {

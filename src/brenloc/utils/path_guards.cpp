@@ -15,23 +15,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The components of an absolute path after lexical normalisation: empty and "." components dropped,
-// ".." taking away the component before it (and nothing at the file-system root). The views point
-// into `text`.
+// The components of an absolute path after lexical normalisation: ".." takes away the component before
+// it (and nothing at the file-system root).
 std::vector<std::string_view> normalised_components(std::string_view text) {
   std::vector<std::string_view> parts;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    std::size_t j = text.find('/', i);
-    if (j == std::string_view::npos) j = text.size();
-    std::string_view part = text.substr(i, j - i);
-    i = j + 1;
-    if (part.empty() || part == ".") continue;
-    if (part == "..") {
-      if (!parts.empty()) parts.pop_back();
-      continue;
+  for (std::string_view part : path_components(text)) {
+    if (part != "..") {
+      parts.push_back(part);
+    } else if (!parts.empty()) {
+      parts.pop_back();
     }
-    parts.push_back(part);
   }
   return parts;
 }
@@ -41,17 +34,11 @@ std::vector<std::string_view> normalised_components(std::string_view text) {
 // although it ends inside: looking at such a path would mean looking at places outside the root.
 bool wanders_off(std::string_view text, const std::vector<std::string_view>& root_parts) {
   std::vector<std::string_view> place;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    std::size_t j = text.find('/', i);
-    if (j == std::string_view::npos) j = text.size();
-    std::string_view part = text.substr(i, j - i);
-    i = j + 1;
-    if (part.empty() || part == ".") continue;
-    if (part == "..") {
-      if (!place.empty()) place.pop_back();
-    } else {
+  for (std::string_view part : path_components(text)) {
+    if (part != "..") {
       place.push_back(part);
+    } else if (!place.empty()) {
+      place.pop_back();
     }
     const std::size_t common = std::min(place.size(), root_parts.size());
     if (!std::equal(place.begin(), place.begin() + static_cast<std::ptrdiff_t>(common), root_parts.begin())) {
@@ -62,6 +49,19 @@ bool wanders_off(std::string_view text, const std::vector<std::string_view>& roo
 }
 
 }  // namespace
+
+std::vector<std::string_view> path_components(std::string_view text) {
+  std::vector<std::string_view> parts;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    std::size_t j = text.find('/', i);
+    if (j == std::string_view::npos) j = text.size();
+    std::string_view part = text.substr(i, j - i);
+    i = j + 1;
+    if (!part.empty() && part != ".") parts.push_back(part);
+  }
+  return parts;
+}
 
 bool outside_trusted_shares(const fs::path& path, const std::vector<fs::path>& roots) {
   if (!path.is_absolute()) return true;

@@ -3,9 +3,14 @@
 #pragma once
 
 #include <filesystem>
+#include <string_view>
 #include <vector>
 
 namespace brenloc::utils {
+
+// The components of a '/'-separated path as written: empty and "." components (which name nothing)
+// are left out, ".." is kept. The views point into `text`.
+std::vector<std::string_view> path_components(std::string_view text);
 
 // True when `path` does not lie at or below any of `roots`. The test is lexical: "." and ".." are
 // normalised away in the path and in each root (".." at the file-system root stays there), empty
