@@ -412,13 +412,16 @@ TEST(Scope, LoggedSuppressSwallowsAndLogsFailuresButLetsCancellationThrough) {
 TEST(Loop, PostFromAnotherThreadRunsOnTheLoopThread) {
   EventLoop loop(1);
   std::thread::id loop_thread, ran_on;
-  std::thread poster([&] {
-    loop.post([&] {
-      ran_on = std::this_thread::get_id();
-      loop.stop();
+  std::thread poster;
+  loop.post([&] {
+    loop_thread = std::this_thread::get_id();
+    poster = std::thread([&] {
+      loop.post([&] {
+        ran_on = std::this_thread::get_id();
+        loop.stop();
+      });
     });
   });
-  loop.post([&] { loop_thread = std::this_thread::get_id(); });
   loop.run();
   poster.join();
   EXPECT_EQ(ran_on, loop_thread);
