@@ -100,6 +100,8 @@ TEST_F(Cli, ReindexPrintsTheResponseAndTheOutcomeThenSearchAndStatusSeeTheIndex)
   EXPECT_EQ(status["indexing"], false);
   EXPECT_TRUE(status["rebuild_refusal"].is_null());
   EXPECT_EQ(status["data_dir"], data().string());
+  // A new process still tells what the last pass did.
+  EXPECT_EQ(status["last_index"]["files_processed"], 2);
 }
 
 TEST_F(Cli, RefusedRequestsExit2) {

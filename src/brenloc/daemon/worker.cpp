@@ -7,6 +7,7 @@
 #include "brenloc/aio/thread.h"
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/workers/pass_files.h"
 #include "brenloc/workers/report_generator.h"
 
 namespace brenloc::daemon {
@@ -179,6 +180,10 @@ aio::Task<json> RepoWorker::index_status() {
   if (_indexer) {
     json info = _indexer->stats.get_last_index_info();
     if (!info.is_null() && !info.empty()) last_index = info;
+  }
+  if (last_index.is_null()) {
+    // Nothing recorded by this process yet: what the last pass, of any process, left in the data directory.
+    last_index = co_await aio::to_thread([dir = data_dir] { return json(workers::read_last_index(dir)); });
   }
   co_return json{{"repo_root", repo_root.string()},
                  {"data_dir", data_dir.string()},

@@ -28,7 +28,8 @@ class RepoWorker : public WorkerReindex {
 
   // --- tools ---
   // {"repo_root", "data_dir", "indexing", "last_reindex_error", "rebuild_refusal", "files", "symbols",
-  //  "last_index"}
+  //  "last_index"}; "last_index" is the completion this worker recorded, else the last pass's record in the
+  //  data directory (a pass of an earlier process), else null.
   aio::Task<json> index_status();
   // Arguments bound with the "search" schema; {"query", "count", "results": [...]}.
   aio::Task<json> search_symbols(json params);
