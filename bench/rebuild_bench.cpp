@@ -2,11 +2,13 @@
 // (the staging overhead), and client query latency idle, during the rebuild and during its swap, side by
 // side in one run. Queries run on their own thread against the live store, as clients' would.
 //
-// Usage: rebuild_bench [TREE] (default /usr/lib/python3)
+// Usage: rebuild_bench [TREE] [ROUNDS] (default /usr/lib/python3, 1 round); the overhead is the median of
+// the rounds' own ratios, each round a live pass and a rebuild run back to back.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <thread>
@@ -79,82 +81,123 @@ void percentiles(const char* phase, std::vector<double> v, int failed) {
               failed);
 }
 
+// One round: a live whole pass into an empty index, then a full rebuild of the same tree through staging.
+struct Round {
+  double live_s = 0, live_pass_s = 0;        // the whole run, and the index pass inside it
+  double rebuild_s = 0, rebuild_pass_s = 0;  // the whole rebuild, and its staging pass
+  double swap_s = 0;
+};
+
+double last_pass_seconds(BenchWorker& w) {
+  json info = w._indexer->stats.get_last_index_info();
+  return info.is_object() ? info.value("duration_seconds", 0.0) : 0.0;
+}
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const fs::path tree = argc > 1 ? argv[1] : "/usr/lib/python3";
+  const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1;
   for (auto name : {"brenloc.daemon.worker", "brenloc.workers.indexer", "brenloc.storage"}) {
     utils::get_logger(name)->set_level(spdlog::level::warn);
   }
   const fs::path data = fs::temp_directory_path() / "brenloc-rebuild-bench";
-  fs::remove_all(data);
-  SwapWindow window;
   aio::EventLoop loop;
-  BenchWorker w(tree, data, window);
+  std::vector<Round> results;
+  SwapWindow window;
 
   std::atomic<int> phase{0};  // 0 idle, 1 rebuild, 2 stop
   std::mutex mu;
   std::vector<Sample> samples;
-  auto repo_ready = std::make_shared<std::atomic<bool>>(false);
   std::thread client;
+  double live_again_s = 0;
 
-  double live_s = 0, rebuild_s = 0, live_again_s = 0;
-  aio::run_until_complete(loop, [](BenchWorker& w, double& live_s, double& rebuild_s, double& live_again_s,
-                                   std::thread& client, std::atomic<int>& phase, std::mutex& mu,
-                                   std::vector<Sample>& samples) -> aio::Task<void> {
-    co_await w.start();
-    live_s = co_await timed_reindex(w, json::object());  // a live whole pass into an empty index
-    // The same tree rebuilt through staging, with no client load either, so that the two compare.
-    rebuild_s = co_await timed_reindex(w, json{{"clear_existing", true}});
-    auto repo = w._repository;
-    client = std::thread([repo, &phase, &mu, &samples] {
-      const char* queries[] = {"get", "init", "Error", "parse", "x"};
-      for (int i = 0; phase != 2; ++i) {
-        repo->clear_query_cache();  // measure the store, not the cache
-        storage::SymbolQuery q{.text = queries[i % 5], .match = storage::SymbolQuery::Match::substring, .limit = 20};
-        auto t0 = Clock::now();
-        bool ok = true;
-        try {
-          ok = !repo->search_symbols(q).empty();
-        } catch (const std::exception&) {
-          ok = false;
-        }
-        auto t1 = Clock::now();
-        std::lock_guard l(mu);
-        samples.push_back({t0.time_since_epoch().count(), std::chrono::duration<double, std::milli>(t1 - t0).count(), ok});
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  for (int r = 0; r < rounds; ++r) {
+    fs::remove_all(data);
+    window.start = window.end = 0;
+    BenchWorker w(tree, data, window);
+    const bool last = r + 1 == rounds;
+    Round round;
+    aio::run_until_complete(loop, [](BenchWorker& w, Round& round, SwapWindow& window, bool last, double& live_again_s,
+                                     std::thread& client, std::atomic<int>& phase, std::mutex& mu,
+                                     std::vector<Sample>& samples) -> aio::Task<void> {
+      co_await w.start();
+      round.live_s = co_await timed_reindex(w, json::object());  // a live whole pass into an empty index
+      round.live_pass_s = last_pass_seconds(w);
+      // The same tree rebuilt through staging, with no client load either, so that the two compare.
+      round.rebuild_s = co_await timed_reindex(w, json{{"clear_existing", true}});
+      round.rebuild_pass_s = last_pass_seconds(w);
+      round.swap_s = static_cast<double>(window.end - window.start) / 1e9;
+      if (last) {
+        auto repo = w._repository;
+        client = std::thread([repo, &phase, &mu, &samples] {
+          const char* queries[] = {"get", "init", "Error", "parse", "x"};
+          for (int i = 0; phase != 2; ++i) {
+            repo->clear_query_cache();  // measure the store, not the cache
+            storage::SymbolQuery q{
+                .text = queries[i % 5], .match = storage::SymbolQuery::Match::substring, .limit = 20};
+            auto t0 = Clock::now();
+            bool ok = true;
+            try {
+              ok = !repo->search_symbols(q).empty();
+            } catch (const std::exception&) {
+              ok = false;
+            }
+            auto t1 = Clock::now();
+            std::lock_guard l(mu);
+            samples.push_back(
+                {t0.time_since_epoch().count(), std::chrono::duration<double, std::milli>(t1 - t0).count(), ok});
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+          }
+        });
+        co_await aio::to_thread([] { std::this_thread::sleep_for(std::chrono::seconds(3)); });  // idle samples
+        phase = 1;
+        co_await timed_reindex(w, json{{"clear_existing", true}});  // a second rebuild, under client load
+        phase = 2;
+        client.join();
+        // The live pass again over an index that is up to date: what a rebuild saves nothing against.
+        live_again_s = co_await timed_reindex(w, json::object());
       }
-    });
-    co_await aio::to_thread([] { std::this_thread::sleep_for(std::chrono::seconds(3)); });  // idle samples
-    phase = 1;
-    co_await timed_reindex(w, json{{"clear_existing", true}});  // a second rebuild, under client load
-    phase = 2;
-    client.join();
-    // The live pass again over an index that is up to date: what a rebuild saves nothing against.
-    live_again_s = co_await timed_reindex(w, json::object());
-    co_await w.stop();
-  }(w, live_s, rebuild_s, live_again_s, client, phase, mu, samples));
+      co_await w.stop();
+    }(w, round, window, last, live_again_s, client, phase, mu, samples));
+    results.push_back(round);
+  }
 
-  std::printf("tree %s\n", tree.c_str());
-  std::printf("live whole pass into an empty index  %8.2f s\n", live_s);
-  std::printf("full rebuild through staging         %8.2f s  (%.1f%% over the live pass)\n", rebuild_s,
-              100.0 * (rebuild_s / live_s - 1));
-  std::printf("live whole pass, nothing changed     %8.2f s\n", live_again_s);
-  const double swap_ms = (window.end - window.start) / 1e6;
-  std::printf("swap                                 %8.3f s\n\n", swap_ms / 1000);
+  std::printf("tree %s, %d round(s); each round a live whole pass into an empty index, then a full rebuild\n",
+              tree.c_str(), rounds);
+  std::printf("%-6s %9s %9s %11s %11s %8s %9s\n", "round", "live s", "pass s", "rebuild s", "staging s", "swap s",
+              "overhead");
+  std::vector<double> live, rebuild, overhead;
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    const Round& x = results[i];
+    const double o = 100.0 * (x.rebuild_s / x.live_s - 1);
+    std::printf("%-6zu %9.2f %9.2f %11.2f %11.2f %8.3f %8.1f%%\n", i + 1, x.live_s, x.live_pass_s, x.rebuild_s,
+                x.rebuild_pass_s, x.swap_s, o);
+    live.push_back(x.live_s);
+    rebuild.push_back(x.rebuild_s);
+    overhead.push_back(o);
+  }
+  std::printf("median: live whole pass %.2f s, full rebuild through staging %.2f s, overhead %.1f%% "
+              "(median of the rounds' own ratios)\n",
+              median(live), median(rebuild), median(overhead));
+  std::printf("live whole pass, nothing changed     %8.2f s\n\n", live_again_s);
   std::printf("%-16s %8s %9s %9s %9s %7s\n", "queries", "count", "p50 ms", "p99 ms", "max ms", "failed");
-  std::vector<double> idle, rebuild, swap;
+  std::vector<double> idle, rebuild_q, swap;
   int idle_failed = 0, rebuild_failed = 0, swap_failed = 0;
-  Clock::rep first_rebuild = 0;
+  const Clock::rep first_rebuild = samples.empty() ? 0 : samples.front().at + Clock::rep(3'000'000'000);
   for (const auto& s : samples) {
     bool in_swap = s.at >= window.start && s.at <= window.end;
     // A sample belongs to the rebuild when it started after the idle period (the first 3 s).
-    if (first_rebuild == 0) first_rebuild = samples.front().at + Clock::rep(3'000'000'000);
     if (in_swap) {
       swap.push_back(s.ms);
       swap_failed += !s.ok;
     } else if (s.at >= first_rebuild) {
-      rebuild.push_back(s.ms);
+      rebuild_q.push_back(s.ms);
       rebuild_failed += !s.ok;
     } else {
       idle.push_back(s.ms);
@@ -162,7 +205,7 @@ int main(int argc, char** argv) {
     }
   }
   percentiles("idle", idle, idle_failed);
-  percentiles("during rebuild", rebuild, rebuild_failed);
+  percentiles("during rebuild", rebuild_q, rebuild_failed);
   percentiles("during swap", swap, swap_failed);
   fs::remove_all(data);
 }
