@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <set>
 #include <string>
 #include <thread>
@@ -404,6 +405,48 @@ TEST(TimeLimit, FailsTheParseAndLeavesTheParserUsable) {
   const ParseResult full = extract_symbols("cpp", big, 0ms);  // no limit
   ASSERT_TRUE(full.ok) << full.error;
   EXPECT_EQ(full.symbols.size(), 20000u * 4);  // n<i>, S, a and f
+}
+
+// A busy machine must not make a file miss its limit: the limit counts the parsing thread's CPU time.
+// Alone, a whole extraction of the file needs half the limit in CPU time; eight threads per core share
+// the machine, so on the clock each parse takes several limits.
+TEST(TimeLimit, CountsTheParsingThreadsCpuTimeNotTheClock) {
+  std::string src;
+  for (int i = 0; i < 1500; ++i) src += "namespace n" + std::to_string(i) + " { struct S { int f(int x) { return x; } }; }\n";
+  const auto cpu_now = [] {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec);
+  };
+  ASSERT_TRUE(extract_symbols("cpp", src, 0ms).ok);  // warm up
+  std::vector<std::chrono::nanoseconds> alone;
+  for (int i = 0; i < 3; ++i) {
+    const auto t0 = cpu_now();
+    ASSERT_TRUE(extract_symbols("cpp", src, 0ms).ok);
+    alone.push_back(cpu_now() - t0);
+  }
+  std::sort(alone.begin(), alone.end());
+  const auto limit = std::max(20ms, std::chrono::ceil<std::chrono::milliseconds>(alone[1] * 2));
+
+  const std::size_t threads = 8 * std::max(1u, std::thread::hardware_concurrency());
+  std::vector<int> failed(threads, 0);
+  std::vector<std::chrono::steady_clock::duration> wall(threads);
+  std::vector<std::thread> pool;
+  for (std::size_t t = 0; t < threads; ++t) {
+    pool.emplace_back([&, t] {
+      if (!extract_symbols("cpp", src, 0ms).ok) ++failed[t];  // this thread's parser, warmed up
+      for (int round = 0; round < 2; ++round) {
+        const auto t0 = std::chrono::steady_clock::now();
+        if (!extract_symbols("cpp", src, limit).ok) ++failed[t];
+        wall[t] = std::max(wall[t], std::chrono::steady_clock::now() - t0);
+      }
+    });
+  }
+  for (auto& th : pool) th.join();
+  for (std::size_t t = 0; t < threads; ++t) EXPECT_EQ(failed[t], 0) << "thread " << t << ", limit " << limit.count() << " ms";
+  // The machine was busy: on the clock, extractions took several limits.
+  std::sort(wall.begin(), wall.end());
+  EXPECT_GT(wall[threads / 2], 2 * limit);
 }
 
 TEST(Languages, EveryLanguageOfTheTableHasAParser) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ctime>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -35,7 +36,6 @@ const TSLanguage* tree_sitter_java();
 namespace brenloc::engines {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 
 // Runtimes before ABI 15 cannot limit the depth at which a query's matches start, which querying
 // an outline needs: with them every language is queried over its whole tree.
@@ -312,9 +312,28 @@ using TreePtr = std::unique_ptr<TSTree, TreeDeleter>;
 // ---------------------------------------------------------------------------------------------
 // Parsing with a deadline
 
+// The per-file time limit counts the CPU time of the thread that parses, not the time on the clock: a
+// file that parses within the limit on an idle machine must not be left out because the machine is busy
+// (a rebuild that runs beside other work, or a parse thread that the scheduler preempts for seconds).
+std::chrono::nanoseconds thread_cpu_now() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec);
+}
+
 struct Deadline {
-  std::optional<Clock::time_point> at;
-  bool passed() const { return at && Clock::now() >= *at; }
+  std::optional<std::chrono::nanoseconds> at;  // on this thread's CPU clock
+  mutable unsigned polls = 0;
+
+  static Deadline after(std::chrono::milliseconds limit) {
+    Deadline d;
+    if (limit.count() > 0) d.at = thread_cpu_now() + limit;
+    return d;
+  }
+  bool passed() const { return at && thread_cpu_now() >= *at; }
+  // For callers that poll very often (the parser asks every hundred steps): reads the clock, a system
+  // call, on one poll in eight.
+  bool passed_now_and_then() const { return at && (++polls & 7) == 0 && passed(); }
 };
 
 #if TREE_SITTER_LANGUAGE_VERSION >= 15
@@ -329,7 +348,7 @@ const char* read_source(void* payload, std::uint32_t byte, TSPoint, std::uint32_
 }
 
 bool parse_progress(TSParseState* state) {
-  return static_cast<const Deadline*>(state->payload)->passed();
+  return static_cast<const Deadline*>(state->payload)->passed_now_and_then();
 }
 #endif
 
@@ -347,9 +366,10 @@ TreePtr parse_tree(std::size_t index, std::string_view source, const Deadline& d
   }
   TreePtr tree(ts_parser_parse_with_options(parser, nullptr, input, options));
 #else
+  // This runtime knows only a timeout on the clock: the CPU time left is given as one.
   std::uint64_t micros = 0;
   if (deadline.at) {
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline.at - Clock::now());
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline.at - thread_cpu_now());
     micros = static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 1));
   }
   ts_parser_set_timeout_micros(parser, micros);
@@ -638,8 +658,7 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   if (*index == c_index && looks_like_cpp(source)) index = cpp_index;
   const LanguageInfo& info = language_infos[*index];
 
-  Deadline deadline;
-  if (time_limit.count() > 0) deadline.at = Clock::now() + time_limit;
+  const Deadline deadline = Deadline::after(time_limit);
   const auto limit_error = [&] {
     return fmt::format("parsing took longer than the time limit of {} ms", time_limit.count());
   };

@@ -2,6 +2,7 @@
 //
 // Thread-safe: each call uses a parser of its own thread. A file with syntax errors is still indexed
 // from its partial parse; a parse that fails (no tree, or over the time limit) is reported as failed.
+// The time limit counts the CPU time of the parsing thread, so a busy machine does not make a file late.
 #pragma once
 
 #include <chrono>

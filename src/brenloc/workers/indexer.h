@@ -38,7 +38,7 @@ struct IndexerOptions {
   // A store transaction starts once the writer is free and this many parsed files wait (or fewer at the
   // end of the parsing); what parses while it runs goes into the next one.
   std::size_t store_batch_files = 64;
-  // A file whose parse takes longer is left out (the parser failed).
+  // A file whose parse takes more CPU time than this (on its thread) is left out (the parser failed).
   std::chrono::milliseconds parse_time_limit{5000};
 };
 
