@@ -9,6 +9,7 @@
 
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/worker.h"
+#include "storage/storage_fixture.h"
 #include "utils/tree_fixtures.h"
 
 namespace brenloc::testing {
@@ -80,6 +81,20 @@ TEST(RebuildEndToEnd, AFileThatCannotBeReadRefusesTheRebuildUntilIgnored) {
     }
     co_await w.stop();
   }());
+}
+
+// The live index syncs its writes (a crash of the machine must not corrupt it); a staging database, deleted
+// unread after any crash, does not.
+TEST(RebuildEndToEnd, OnlyTheLiveIndexIsSynced) {
+  TempDir root, data;
+  daemon::RepoWorker w(root.path(), data.path());
+  const std::pair<const char*, const char*> cases[] = {{"index.db", "1"}, {"index.db.reindex-staging", "0"}};
+  for (const auto& [name, synchronous] : cases) {
+    auto db = w._new_database(data.path() / name);
+    db->connect();
+    EXPECT_EQ(storage::testing::query_text(*db, "PRAGMA synchronous"), synchronous) << name;
+    db->close();
+  }
 }
 
 TEST(RebuildEndToEnd, StopDuringARebuildLeavesNoStagingFile) {

@@ -22,7 +22,8 @@ std::string quoted(const std::string& sql) {
 
 }  // namespace
 
-Database::Database(std::filesystem::path path) : path_(std::move(path)) {}
+Database::Database(std::filesystem::path path, Durability durability)
+    : path_(std::move(path)), durability_(durability) {}
 
 Database::~Database() {
   std::lock_guard lock(mu_);
@@ -53,6 +54,9 @@ void Database::connect() {
           fmt::format("{}: switching to WAL mode: the journal mode stayed '{}'", path_.string(), got), SQLITE_ERROR);
     }
     detail::run_script(db, detail::kWriterPragmas, path_, "setting the connection's options");
+    if (durability_ == Durability::unsynced) {
+      detail::run_script(db, "PRAGMA synchronous = OFF", path_, "setting the connection's options");
+    }
   } catch (...) {
     sqlite3_close_v2(db);
     throw;

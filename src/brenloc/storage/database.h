@@ -20,9 +20,15 @@ namespace brenloc::storage {
 // The schema version written to PRAGMA user_version by create_schema().
 inline constexpr int kSchemaVersion = 1;
 
+// Whether the writer connection syncs the file to disk. `synced`: a crash of the machine may lose the
+// last commits but never leaves a corrupt file. `unsynced`: nothing is synced, which a bulk load into a
+// scratch database (one that is deleted unread after any crash) does not need and pays dearly for; a crash
+// of the process still loses nothing, a crash of the machine may leave the file corrupt.
+enum class Durability { synced, unsynced };
+
 class Database {
  public:
-  explicit Database(std::filesystem::path path);
+  explicit Database(std::filesystem::path path, Durability durability = Durability::synced);
   virtual ~Database();  // closes the connection if still open
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
@@ -45,6 +51,7 @@ class Database {
 
  private:
   std::filesystem::path path_;
+  Durability durability_;
   mutable std::mutex mu_;
   sqlite3* db_ = nullptr;
 };
