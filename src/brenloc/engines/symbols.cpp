@@ -36,7 +36,6 @@ const TSLanguage* tree_sitter_java();
 namespace brenloc::engines {
 namespace {
 
-
 // Runtimes before ABI 15 cannot limit the depth at which a query's matches start, which querying
 // an outline needs: with them every language is queried over its whole tree.
 #if TREE_SITTER_LANGUAGE_VERSION >= 15
