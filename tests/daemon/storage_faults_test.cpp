@@ -133,19 +133,22 @@ bool mount_small_disk(const fs::path& dir, std::size_t bytes) {
 // A staging database that stops growing at a few pages.
 class SmallStagingDatabase : public storage::Database {
  public:
-  using storage::Database::Database;
+  SmallStagingDatabase(const fs::path& p, int pages) : storage::Database(p), pages_(pages) {}
   void create_schema() override {
     storage::Database::create_schema();
-    execute("PRAGMA max_page_count = 12");
+    execute(fmt::format("PRAGMA max_page_count = {}", pages_));
   }
+
+ private:
+  int pages_;
 };
 
 class FaultyWorker : public daemon::RepoWorker {
  public:
   using RepoWorker::RepoWorker;
-  bool small_staging = false;
+  int staging_pages = 0;  // 0: no limit
   std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
-    if (small_staging && p.filename() != "index.db") return std::make_shared<SmallStagingDatabase>(p);
+    if (staging_pages > 0 && p.filename() != "index.db") return std::make_shared<SmallStagingDatabase>(p, staging_pages);
     return RepoWorker::_new_database(p);
   }
 };
@@ -154,14 +157,16 @@ TEST(StorageFaults, AStagingDatabaseThatCannotBeWrittenKeepsTheLiveIndex) {
   struct Case {
     std::string name;
     int writes_before_failure;  // -1: no I/O error
-    bool small_staging;
-    std::string error;   // in the last reindex error
-    std::string detail;  // in errors.jsonl, when the pass ran
+    int staging_pages;          // 0: no limit
+    std::string error;          // in the last reindex error
+    std::string detail;         // in errors.jsonl, when the pass ran
   };
   const std::vector<Case> cases = {
-      {"I/O error from the first staging write", 0, false, "I/O error", ""},
-      {"I/O error in the middle of the staging pass", 40, false, "Rebuild incomplete", "disk I/O error"},
-      {"page limit of the staging database", -1, true, "Rebuild incomplete", "database or disk is full"},
+      {"I/O error from the first staging write", 0, 0, "I/O error", ""},
+      {"I/O error in the middle of the staging pass", 40, 0, "Rebuild incomplete", "disk I/O error"},
+      {"page limit reached by the rows", -1, 8, "Rebuild incomplete", "database or disk is full"},
+      {"page limit reached by the name index built after the rows", -1, 24,
+       "building the indexes: database or disk is full", ""},
   };
   FailingWrites::install();
   for (const auto& c : cases) {
@@ -176,10 +181,10 @@ TEST(StorageFaults, AStagingDatabaseThatCannotBeWrittenKeepsTheLiveIndex) {
       const std::string before = fingerprint(w);
       write_file(root.path() / "extra.py", "def added():\n    pass\n");
       FailingWrites::writes_left = c.writes_before_failure;
-      w.small_staging = c.small_staging;
+      w.staging_pages = c.staging_pages;
       co_await reindex(w, {{"clear_existing", true}});
       FailingWrites::writes_left = -1;
-      w.small_staging = false;
+      w.staging_pages = 0;
       EXPECT_EQ(fingerprint(w), before);
       EXPECT_NE(w._last_reindex_error.value_or("").find(c.error), std::string::npos)
           << w._last_reindex_error.value_or("(none)");

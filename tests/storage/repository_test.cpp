@@ -72,7 +72,11 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
       rows.push_back(file_entry(files == 1 ? dir : fmt::format("{}/f{}.cpp", dir, f), std::move(symbols)));
     }
   }
+  // Loaded in bulk: the name index is deferred while the index is empty, and not once it has rows; the
+  // searches must agree without it and after it is rebuilt.
+  ASSERT_TRUE(repo.defer_name_index());
   repo.store_files(rows);
+  EXPECT_FALSE(repo.defer_name_index());
 
   auto lower = [](std::string t) {
     std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
@@ -103,16 +107,23 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
   };
 
   using Opt = std::optional<std::string>;
-  for (auto match : {SymbolQuery::Match::exact, SymbolQuery::Match::prefix, SymbolQuery::Match::substring}) {
-    for (std::string text : {"", "get", "Get", "value1", "_v", "%x", "Parser0", "zzz"}) {
-      for (Opt kind : {Opt(), Opt("class")}) {
-        for (Opt dir : {Opt(), Opt("big"), Opt("big/"), Opt("small"), Opt("big/sub"), Opt("a.cpp"), Opt("a")}) {
-          for (int limit : {-1, 5}) {
-            SymbolQuery q{.text = text, .match = match, .kind = kind, .path_prefix = dir, .limit = limit};
-            SCOPED_TRACE(fmt::format("match {} text '{}' kind {} dir {} limit {}", static_cast<int>(match), text,
-                                     kind.value_or("-"), dir.value_or("-"), limit));
-            if (dir == "big/") q.path_prefix = "./big/";  // the same directory, spelt differently
-            ASSERT_EQ(found(q), reference(SymbolQuery{text, match, kind, dir == "big/" ? Opt("big") : dir, limit}));
+  for (bool name_index : {false, true}) {
+    SCOPED_TRACE(name_index ? "with the name index" : "without the name index");
+    if (name_index) {
+      repo.restore_indexes();
+      repo.clear_query_cache();
+    }
+    for (auto match : {SymbolQuery::Match::exact, SymbolQuery::Match::prefix, SymbolQuery::Match::substring}) {
+      for (std::string text : {"", "get", "Get", "value1", "_v", "%x", "Parser0", "zzz"}) {
+        for (Opt kind : {Opt(), Opt("class")}) {
+          for (Opt dir : {Opt(), Opt("big"), Opt("big/"), Opt("small"), Opt("big/sub"), Opt("a.cpp"), Opt("a")}) {
+            for (int limit : {-1, 5}) {
+              SymbolQuery q{.text = text, .match = match, .kind = kind, .path_prefix = dir, .limit = limit};
+              SCOPED_TRACE(fmt::format("match {} text '{}' kind {} dir {} limit {}", static_cast<int>(match), text,
+                                       kind.value_or("-"), dir.value_or("-"), limit));
+              if (dir == "big/") q.path_prefix = "./big/";  // the same directory, spelt differently
+              ASSERT_EQ(found(q), reference(SymbolQuery{text, match, kind, dir == "big/" ? Opt("big") : dir, limit}));
+            }
           }
         }
       }

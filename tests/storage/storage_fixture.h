@@ -1,5 +1,5 @@
 // Helpers of the storage tests: temporary directories, filled index databases, and a dump of a database's
-// rows and attached files for exact before/after comparisons.
+// rows, attached files and indexes for exact before/after comparisons.
 #pragma once
 
 #include <sqlite3.h>
@@ -85,7 +85,8 @@ inline std::string query_text(Database& db, const std::string& sql) {
 // Every row of both tables in id order, then the names of the attached databases.
 inline std::string dump(Database& db) {
   return query_text(db, "SELECT * FROM files ORDER BY id") + "\n" + query_text(db, "SELECT * FROM symbols ORDER BY id") +
-         "\n" + query_text(db, "SELECT name FROM pragma_database_list");
+         "\n" + query_text(db, "SELECT name FROM pragma_database_list") + "\n" +
+         query_text(db, "SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name");
 }
 
 }  // namespace brenloc::storage::testing

@@ -136,6 +136,19 @@ struct Harness {
     return out;
   }
 
+  // Whether the index file has its name index (a bulk load builds it only at its end).
+  bool has_name_index() {
+    bool found = false;
+    db->with_connection([&](sqlite3* c) {
+      sqlite3_stmt* st = nullptr;
+      sqlite3_prepare_v2(c, "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'", -1, &st,
+                         nullptr);
+      found = sqlite3_step(st) == SQLITE_ROW;
+      sqlite3_finalize(st);
+    });
+    return found;
+  }
+
   // The (path, stage) pairs of errors.jsonl, each line with an error text; absent when there is no file.
   std::optional<std::set<std::pair<std::string, std::string>>> left_out() const {
     if (!fs::exists(data / "errors.jsonl")) return std::nullopt;

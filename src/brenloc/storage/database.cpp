@@ -37,8 +37,7 @@ void Database::connect() {
   std::lock_guard lock(mu_);
   if (db_ != nullptr) return;
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI,
-                           nullptr);
+  int rc = detail::open_connection(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, &db);
   if (rc != SQLITE_OK) {
     StorageError error = detail::sqlite_error(db, rc, path_, "opening the database");
     sqlite3_close_v2(db);

@@ -9,6 +9,7 @@
 
 #include "brenloc/storage/errors.h"
 #include "brenloc/storage/query_cache.h"
+#include "brenloc/storage/schema.h"
 #include "brenloc/storage/sqlite_util.h"
 #include "brenloc/utils/logging.h"
 
@@ -122,6 +123,16 @@ struct ResetOnExit {
   ~ResetOnExit() { stmt.reset(); }
 };
 
+// One read transaction over several statements, so that they all see the same snapshot (declare it
+// before the statements' ResetOnExit, so that they are reset before it ends).
+struct ReadTransaction {
+  sqlite3* db;
+  ReadTransaction(sqlite3* c, const std::filesystem::path& file) : db(c) {
+    detail::run_script(db, "BEGIN", file, "starting a read transaction");
+  }
+  ~ReadTransaction() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
+};
+
 }  // namespace
 
 using CachedValue = std::variant<std::vector<SymbolHit>, std::vector<FileRow>, Counts>;
@@ -139,7 +150,7 @@ struct Repository::Impl {
 
   std::unique_ptr<Reader> open_reader() {
     auto reader = std::make_unique<Reader>();
-    int rc = sqlite3_open_v2(path.c_str(), &reader->db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, nullptr);
+    int rc = detail::open_connection(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, &reader->db);
     if (rc != SQLITE_OK) throw detail::sqlite_error(reader->db, rc, path, "opening a read connection");
     sqlite3_extended_result_codes(reader->db, 1);
     sqlite3_busy_timeout(reader->db, kReaderBusyTimeoutMs);
@@ -277,6 +288,22 @@ void Repository::remove_files(const std::vector<std::string>& paths) {
   });
 }
 
+bool Repository::defer_name_index() {
+  bool dropped = false;
+  impl_->write(*db_, "deferring the name index", [&](sqlite3* c) {
+    const auto& path = impl_->path;
+    if (detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM files)", path, "deferring the name index") != 0) return;
+    detail::run_script(c, "DROP INDEX IF EXISTS symbols_by_name", path, "deferring the name index");
+    dropped = true;
+  });
+  return dropped;
+}
+
+void Repository::restore_indexes() {
+  impl_->write(*db_, "building the indexes",
+               [&](sqlite3* c) { detail::run_script(c, detail::kSchemaSql, impl_->path, "building the indexes"); });
+}
+
 // ---------------------------------------------------------------------------------------------------
 // Queries
 //
@@ -336,6 +363,16 @@ std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
     };
 
     return impl_->with_reader([&](Reader& r) {
+      ReadTransaction snapshot(r.db, file);
+      // A bulk load into an empty index builds the name index only at its end.
+      Statement& has_name_index =
+          r.statement("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'", file);
+      bool name_index = true;
+      {
+        ResetOnExit done{has_name_index};
+        has_name_index.step(file, "searching symbols");
+        name_index = has_name_index.integer(0) != 0;
+      }
       bool by_directory = false;
       if (!prefix.empty() && q.match != SymbolQuery::Match::exact) {
         Statement& few = r.statement(
@@ -362,8 +399,8 @@ std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
         sql += fmt::format("files f CROSS JOIN symbols s INDEXED BY symbols_by_file ON s.file_id = f.id WHERE {} AND {}",
                            path_term, name_term);
       } else {
-        sql += fmt::format("symbols s INDEXED BY symbols_by_name CROSS JOIN files f ON f.id = s.file_id WHERE {}",
-                           name_term);
+        sql += fmt::format("symbols s {} CROSS JOIN files f ON f.id = s.file_id WHERE {}",
+                           name_index ? "INDEXED BY symbols_by_name" : "", name_term);
         if (!prefix.empty()) sql += " AND " + path_term;
       }
       if (q.kind) sql += " AND s.kind = ?3";
@@ -480,6 +517,9 @@ nlohmann::ordered_json Repository::swap_index_from(const std::filesystem::path& 
       // The tables are emptied first so that the copies below go b-tree to b-tree (see schema.h).
       step("DELETE FROM main.symbols", "emptying the live symbols");
       step("DELETE FROM main.files", "emptying the live files");
+      // A cancelled bulk load may have left the live file without its name index; building it on the
+      // empty table is free, and the copy below then goes b-tree to b-tree for it too.
+      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name)", "restoring the name index");
       step("INSERT INTO main.files SELECT * FROM staging.files", "copying the files");
       rows.files = sqlite3_changes64(c);
       step("INSERT INTO main.symbols SELECT * FROM staging.symbols", "copying the symbols");

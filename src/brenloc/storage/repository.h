@@ -43,6 +43,13 @@ class Repository {
   void store_files(const std::vector<FileEntry>& entries);
   // Removes the files (and their symbols) with these relative paths; unknown paths are ignored.
   void remove_files(const std::vector<std::string>& paths);
+  // Bulk load into an empty index: drops the name index when no file is indexed yet and says whether it
+  // did. Inserting names in random order into that index rewrites most of its pages at every commit;
+  // building it once after the load is a sort. Until restore_indexes(), name queries scan the table
+  // (same results, slower).
+  bool defer_name_index();
+  // Creates the indexes that are missing (after a bulk load, or one that was cancelled or crashed).
+  void restore_indexes();
 
   // --- queries (own read connections, cached) ---
   // Exact and prefix matches are case-sensitive, a substring match ignores ASCII case; a path prefix

@@ -13,6 +13,11 @@
 
 namespace brenloc::storage::detail {
 
+// sqlite3_open_v2 for a connection that only one thread at a time uses (the Database's mutex and the
+// readers' pool see to that), so without SQLite's own per-call mutexes; the first call also turns off
+// SQLite's memory statistics, which take a global mutex on every allocation.
+int open_connection(const std::filesystem::path& path, int flags, sqlite3** db);
+
 // "<file>: <operation>: <SQLite's message>" with the result code of `rc` (extended codes kept); without
 // the file when `file` is empty (the operation names it).
 StorageError sqlite_error(sqlite3* db, int rc, const std::filesystem::path& file, std::string_view operation);

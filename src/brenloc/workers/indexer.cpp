@@ -8,6 +8,7 @@
 #include <fstream>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -214,10 +215,18 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
     WalkPolicy policy{root, ec ? data_dir : dd};
     return std::make_shared<const Collected>(collect_files(policy, paths, *stop));
   }));
+  // A whole pass into an empty index is a bulk load: the name index is built once at its end. Any other
+  // pass first restores an index that a cancelled or failed bulk load left missing.
   std::shared_ptr<const HashMap> existing = std::make_shared<const HashMap>();
+  bool bulk = false;
   if (!nothing) {
-    auto hashes_f = impl->on_writer(o, [repo] { return std::make_shared<const HashMap>(repo->file_hashes()); });
-    existing = co_await aio::shield(hashes_f);
+    auto hashes_f = impl->on_writer(o, [repo, whole] {
+      auto hashes = std::make_shared<const HashMap>(repo->file_hashes());
+      bool deferred = whole && hashes->empty() && repo->defer_name_index();
+      if (!deferred) repo->restore_indexes();
+      return std::make_pair(hashes, deferred);
+    });
+    std::tie(existing, bulk) = co_await aio::shield(hashes_f);
   }
   std::shared_ptr<const Collected> collected = co_await aio::shield(collected_f);
   errors = collected->errors;
@@ -338,6 +347,21 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
     std::vector<LeftOut> failed = co_await aio::shield(removed_f);
     stats.files_removed = static_cast<std::int64_t>(removing.size() - failed.size());
     errors.insert(errors.end(), failed.begin(), failed.end());
+  }
+
+  if (bulk) {
+    // A failure here fails a pass that had stored everything; after left-out files (often the same
+    // cause, a full disk) the pass's own outcome stands and the failure is logged. Either way the next
+    // pass builds the index again.
+    std::exception_ptr index_error;
+    try {
+      auto restored_f = impl->on_writer(o, [repo] { repo->restore_indexes(); });
+      co_await aio::shield(restored_f);
+    } catch (const std::exception&) {
+      index_error = std::current_exception();
+    }
+    if (index_error && errors.empty()) std::rethrow_exception(index_error);
+    if (index_error) utils::log_exception(*log, "Building the indexes after the pass failed", index_error);
   }
 
   stats.errors = static_cast<std::int64_t>(errors.size());
