@@ -5,7 +5,7 @@
 #   - the index is wholly the one before the rebuild or wholly the one a complete rebuild gives
 #     (row counts and a checksum over every row);
 #   - a query works after the restart;
-#   - the next rebuild succeeds and leaves no staging file.
+#   - the next rebuild succeeds, leaves no staging file and every index in place.
 # Usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE]
 # The source tree is copied first (default /usr/include); each trial adds a file with a new symbol so
 # that the index before and after a rebuild differ.
@@ -32,11 +32,14 @@ fingerprint() {  # counts and a checksum over every row of the live index
 counts() { sqlite3 "$data/index.db" "SELECT (SELECT count(*) FROM files) || '/' || (SELECT count(*) FROM symbols)"; }
 staging_left() { ls "$data"/index.db.reindex-staging* 2>/dev/null | wc -l; }
 now_ms() { date +%s%3N; }
+indexes() { sqlite3 "$data/index.db" "SELECT group_concat(name, ' ') FROM (SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name)"; }
 
 t0=$(now_ms)
 "$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>"$work/log"
 duration=$(( $(now_ms) - t0 ))
 before=$(fingerprint)
+want_indexes=$(indexes)  # every index of the schema, which each rebuild must leave in place
+[[ " $want_indexes " == *" symbols_by_name "* ]] || { echo "the first rebuild left indexes: $want_indexes" >&2; exit 1; }
 echo "tree: $source_tree ($(counts) files/symbols), full rebuild ${duration} ms, $trials trials"
 
 old_kept=0 new_swapped=0 failures=0
@@ -60,6 +63,7 @@ for ((i = 1; i <= trials; i++)); do
     problem+=" next rebuild failed"
   fi
   [[ $(staging_left) -eq 0 ]] || problem+=" staging files left"
+  [[ $(indexes) == "$want_indexes" ]] || problem+=" indexes: $(indexes)"
   complete=$(fingerprint)
   if [[ "$after_kill" == "$before" ]]; then
     old_kept=$((old_kept + 1)); state=old
