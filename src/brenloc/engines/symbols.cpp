@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -138,7 +139,19 @@ struct CompiledQuery {
   std::vector<CaptureInfo> captures;                // by capture id
   std::vector<std::vector<Predicate>> predicates;  // by pattern index
   std::vector<bool> outline;                        // by node symbol; empty: no outline
+  std::vector<bool> starts;                         // by node symbol: a pattern starts at such a node
 };
+
+// The node type a pattern starts with: its first name after the opening parentheses ("" when it
+// starts otherwise: an alternation, a wildcard, a string).
+std::string_view pattern_root_type(const TSQuery* q, std::uint32_t pattern, std::string_view src) {
+  std::size_t i = ts_query_start_byte_for_pattern(q, pattern);
+  while (i < src.size() && (src[i] == '(' || std::isspace(static_cast<unsigned char>(src[i])))) ++i;
+  std::size_t end = i;
+  while (end < src.size() && (std::isalnum(static_cast<unsigned char>(src[end])) || src[end] == '_')) ++end;
+  const std::string_view type = src.substr(i, end - i);
+  return type == "_" ? std::string_view() : type;
+}
 
 std::string_view capture_name(const TSQuery* q, std::uint32_t id) {
   std::uint32_t len = 0;
@@ -213,6 +226,24 @@ CompiledQuery compile_query(const LanguageInfo& info) {
       }
       if (!known) {
         throw std::logic_error(fmt::format("outline of {}: no node type {}", info.name, type));
+      }
+    }
+    // Most nodes of an outline start no pattern (punctuation, statements): the query is not run on
+    // them. Error nodes are always queried.
+    out.starts.assign(n_symbols, false);
+    for (std::uint32_t p = 0; p < ts_query_pattern_count(out.query); ++p) {
+      const std::string_view type = pattern_root_type(out.query, p, src);
+      bool known = type == "ERROR";
+      for (std::uint32_t sym = 0; sym < n_symbols && !type.empty(); ++sym) {
+        if (ts_language_symbol_type(lang, static_cast<TSSymbol>(sym)) == TSSymbolTypeRegular &&
+            type == ts_language_symbol_name(lang, static_cast<TSSymbol>(sym))) {
+          out.starts[sym] = true;
+          known = true;
+        }
+      }
+      if (!known) {  // a pattern that may start anywhere
+        out.starts.clear();
+        break;
       }
     }
   }
@@ -676,10 +707,10 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   std::uint32_t n_matches = 0;
   bool late = false;
   // Runs the query on `node`: on the whole subtree, or (with an outline) only for patterns that
-  // start at the node or at one of its children.
+  // start at the node itself.
   const auto run_query = [&](TSNode node, bool whole) {
 #if TREE_SITTER_LANGUAGE_VERSION >= 15
-    ts_query_cursor_set_max_start_depth(cursor, whole ? UINT32_MAX : 1);
+    ts_query_cursor_set_max_start_depth(cursor, whole ? UINT32_MAX : 0);
 #endif
     ts_query_cursor_exec(cursor, query.query, node);
     TSQueryMatch match;
@@ -699,7 +730,12 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
       const TSSymbol sym = ts_node_symbol(node);
       return sym == static_cast<TSSymbol>(-1) || (sym < query.outline.size() && query.outline[sym]);  // -1: an error node
     };
-    // Depth first over the outline nodes only.
+    const auto starts_pattern = [&](TSNode node) {
+      const TSSymbol sym = ts_node_symbol(node);
+      return query.starts.empty() || sym == static_cast<TSSymbol>(-1) ||
+             (sym < query.starts.size() && query.starts[sym]);
+    };
+    // Depth first over the outline nodes and their children, each the start of the patterns once.
     TSTreeCursor walk = ts_tree_cursor_new(root);
     run_query(root, false);
     bool descend = true;
@@ -713,7 +749,7 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
       }
       const TSNode node = ts_tree_cursor_current_node(&walk);
       descend = in_outline(node);
-      if (descend) run_query(node, false);
+      if (starts_pattern(node)) run_query(node, false);
       if ((++n_matches & 255) == 0 && deadline.passed()) late = true;
     }
     ts_tree_cursor_delete(&walk);
