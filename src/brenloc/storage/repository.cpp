@@ -253,15 +253,16 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       std::int64_t file_id = upsert.integer(0);
       upsert.step(path, op);  // ends the statement (RETURNING gives one row)
       upsert.reset();
+      // The rows outlive each insert (reset after its step): their text is bound without a copy.
       for (const auto& s : entry.symbols) {
         insert.bind(1, file_id);
-        insert.bind(2, s.name);
-        insert.bind(3, s.kind);
+        insert.bind_static(2, s.name);
+        insert.bind_static(3, s.kind);
         insert.bind(4, s.line);
         insert.bind(5, s.column);
         insert.bind(6, s.end_line);
         insert.bind(7, s.end_column);
-        insert.bind(8, s.scope);
+        insert.bind_static(8, s.scope);
         insert.step(path, op);
         insert.reset();
       }

@@ -83,6 +83,10 @@ void Statement::bind(int i, std::string_view text) {
   sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
 }
 
+void Statement::bind_static(int i, std::string_view text) {
+  sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+}
+
 void Statement::bind(int i, std::int64_t value) { sqlite3_bind_int64(stmt_, i, value); }
 
 void Statement::bind_null(int i) { sqlite3_bind_null(stmt_, i); }

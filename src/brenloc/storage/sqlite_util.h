@@ -44,6 +44,8 @@ class Statement {
   Statement& operator=(const Statement&) = delete;
 
   void bind(int i, std::string_view text);
+  // Binds text without a copy: it must stay valid and unchanged until the statement is reset.
+  void bind_static(int i, std::string_view text);
   void bind(int i, std::int64_t value);
   void bind(int i, int value) { bind(i, static_cast<std::int64_t>(value)); }
   void bind_null(int i);
