@@ -50,30 +50,14 @@ struct FailingWrites {
       if (real_methods == nullptr) {
         real_methods = file->inner->pMethods;
         methods = *real_methods;
-        methods.xClose = [](sqlite3_file* f) { return inner(f)->pMethods->xClose(inner(f)); };
-        methods.xRead = [](sqlite3_file* f, void* b, int n, sqlite3_int64 o) { return inner(f)->pMethods->xRead(inner(f), b, n, o); };
-        methods.xWrite = [](sqlite3_file* f, const void* b, int n, sqlite3_int64 o) {
-          if (reinterpret_cast<File*>(f)->staging && writes_left >= 0 && writes_left.fetch_sub(1) <= 0) {
-            writes_left = 0;
-            return SQLITE_IOERR_WRITE;
-          }
-          return inner(f)->pMethods->xWrite(inner(f), b, n, o);
-        };
-        methods.xTruncate = [](sqlite3_file* f, sqlite3_int64 s) { return inner(f)->pMethods->xTruncate(inner(f), s); };
-        methods.xSync = [](sqlite3_file* f, int fl) { return inner(f)->pMethods->xSync(inner(f), fl); };
-        methods.xFileSize = [](sqlite3_file* f, sqlite3_int64* s) { return inner(f)->pMethods->xFileSize(inner(f), s); };
-        methods.xLock = [](sqlite3_file* f, int l) { return inner(f)->pMethods->xLock(inner(f), l); };
-        methods.xUnlock = [](sqlite3_file* f, int l) { return inner(f)->pMethods->xUnlock(inner(f), l); };
-        methods.xCheckReservedLock = [](sqlite3_file* f, int* r) { return inner(f)->pMethods->xCheckReservedLock(inner(f), r); };
-        methods.xFileControl = [](sqlite3_file* f, int op, void* a) { return inner(f)->pMethods->xFileControl(inner(f), op, a); };
-        methods.xSectorSize = [](sqlite3_file* f) { return inner(f)->pMethods->xSectorSize(inner(f)); };
-        methods.xDeviceCharacteristics = [](sqlite3_file* f) { return inner(f)->pMethods->xDeviceCharacteristics(inner(f)); };
-        methods.xShmMap = [](sqlite3_file* f, int i, int s, int e, void volatile** p) { return inner(f)->pMethods->xShmMap(inner(f), i, s, e, p); };
-        methods.xShmLock = [](sqlite3_file* f, int o, int n, int fl) { return inner(f)->pMethods->xShmLock(inner(f), o, n, fl); };
-        methods.xShmBarrier = [](sqlite3_file* f) { inner(f)->pMethods->xShmBarrier(inner(f)); };
-        methods.xShmUnmap = [](sqlite3_file* f, int d) { return inner(f)->pMethods->xShmUnmap(inner(f), d); };
-        methods.xFetch = [](sqlite3_file* f, sqlite3_int64 o, int n, void** p) { return inner(f)->pMethods->xFetch(inner(f), o, n, p); };
-        methods.xUnfetch = [](sqlite3_file* f, sqlite3_int64 o, void* p) { return inner(f)->pMethods->xUnfetch(inner(f), o, p); };
+        methods.xClose = fwd<&M::xClose>, methods.xRead = fwd<&M::xRead>, methods.xWrite = write;
+        methods.xTruncate = fwd<&M::xTruncate>, methods.xSync = fwd<&M::xSync>, methods.xFileSize = fwd<&M::xFileSize>;
+        methods.xLock = fwd<&M::xLock>, methods.xUnlock = fwd<&M::xUnlock>;
+        methods.xCheckReservedLock = fwd<&M::xCheckReservedLock>, methods.xFileControl = fwd<&M::xFileControl>;
+        methods.xSectorSize = fwd<&M::xSectorSize>, methods.xDeviceCharacteristics = fwd<&M::xDeviceCharacteristics>;
+        methods.xShmMap = fwd<&M::xShmMap>, methods.xShmLock = fwd<&M::xShmLock>;
+        methods.xShmBarrier = fwd<&M::xShmBarrier>, methods.xShmUnmap = fwd<&M::xShmUnmap>;
+        methods.xFetch = fwd<&M::xFetch>, methods.xUnfetch = fwd<&M::xUnfetch>;
       }
       f->pMethods = &methods;
       return SQLITE_OK;
@@ -85,6 +69,19 @@ struct FailingWrites {
     sqlite3_vfs_register(real, 1);
   }
   static sqlite3_file* inner(sqlite3_file* f) { return reinterpret_cast<File*>(f)->inner; }
+  using M = sqlite3_io_methods;
+  // Passes a call on to the real file.
+  template <auto Method, class R, class... A>
+  static R fwd(sqlite3_file* f, A... a) {
+    return (inner(f)->pMethods->*Method)(inner(f), a...);
+  }
+  static int write(sqlite3_file* f, const void* b, int n, sqlite3_int64 o) {
+    if (reinterpret_cast<File*>(f)->staging && writes_left >= 0 && writes_left.fetch_sub(1) <= 0) {
+      writes_left = 0;
+      return SQLITE_IOERR_WRITE;
+    }
+    return inner(f)->pMethods->xWrite(inner(f), b, n, o);
+  }
 };
 
 // A repository big enough that its index takes some room: `files` modules of 40 functions each.
