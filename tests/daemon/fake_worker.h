@@ -128,6 +128,14 @@ class FakeWorker : public daemon::WorkerReindex {
   }
 };
 
+// Whether a rebuild left any of its staging files in `data_dir`.
+inline bool staging_files_left(const fs::path& data_dir) {
+  for (const auto& p : daemon::WorkerReindex::_staging_db_paths(data_dir / "index.db").second) {
+    if (fs::exists(p)) return true;
+  }
+  return false;
+}
+
 inline workers::IndexStats make_stats(std::int64_t files, std::int64_t symbols, std::int64_t errors,
                                       json last_info = json()) {
   workers::IndexStats s;

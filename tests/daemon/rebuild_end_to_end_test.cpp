@@ -9,6 +9,7 @@
 
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/worker.h"
+#include "daemon/fake_worker.h"
 #include "storage/storage_fixture.h"
 #include "utils/tree_fixtures.h"
 
@@ -75,10 +76,7 @@ TEST(RebuildEndToEnd, AFileThatCannotBeReadRefusesTheRebuildUntilIgnored) {
     EXPECT_FALSE(w._last_reindex_error.has_value());
     EXPECT_EQ(names(w, "alpha"), (std::vector<std::string>{"alpha", "alpha_two"}));
     EXPECT_TRUE(names(w, "hidden").empty());
-    for (const char* leftover : {"index.db.reindex-staging", "index.db.reindex-staging-wal",
-                                 "index.db.reindex-staging-shm"}) {
-      EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
-    }
+    EXPECT_FALSE(staging_files_left(data.path()));
     co_await w.stop();
   }());
 }
@@ -115,10 +113,7 @@ TEST(RebuildEndToEnd, StopDuringARebuildLeavesNoStagingFile) {
       co_await w.stop();
       EXPECT_TRUE(w._indexer_task->done());
     }());
-    for (const char* leftover : {"index.db.reindex-staging", "index.db.reindex-staging-wal",
-                                 "index.db.reindex-staging-shm"}) {
-      EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
-    }
+    EXPECT_FALSE(staging_files_left(data.path()));
   }
 }
 
@@ -171,10 +166,7 @@ TEST(RebuildEndToEnd, ARebuildWaitsForTheReleaseOfOneCancelledBeforeIt) {
   }());
   ASSERT_FALSE(outcomes.empty());
   EXPECT_EQ(outcomes.back()["type"], "reindex_complete") << outcomes.back().dump();
-  for (const char* leftover : {"index.db.reindex-staging", "index.db.reindex-staging-wal",
-                               "index.db.reindex-staging-shm"}) {
-    EXPECT_FALSE(fs::exists(data.path() / leftover)) << leftover;
-  }
+  EXPECT_FALSE(staging_files_left(data.path()));
 }
 
 }  // namespace

@@ -186,12 +186,6 @@ class StagingWorker : public FakeWorker {
     WorkerReindex::_discard_staging(db, sidecars);
   }
 
-  bool staging_files_left() const {
-    for (const auto& p : _staging_db_paths(data_dir / "index.db").second) {
-      if (fs::exists(p)) return true;
-    }
-    return false;
-  }
   std::string live_symbols() {
     std::string out;
     for (const auto& f : _repository->list_files()) out += f.path + ";";
@@ -286,7 +280,7 @@ TEST(StagedRebuild, FaultMatrix) {
     }());
     EXPECT_EQ(outcome, c.outcome);
     EXPECT_EQ(w.log.all(), c.events);
-    EXPECT_EQ(w.staging_files_left(), c.files_left);
+    EXPECT_EQ(staging_files_left(w.data_dir), c.files_left);
     EXPECT_EQ(w.live_symbols(), c.live);
     bool swap_logged = false;
     for (const auto& r : logs.of("brenloc.daemon.worker")) {

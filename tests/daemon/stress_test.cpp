@@ -10,6 +10,7 @@
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/worker.h"
+#include "daemon/fake_worker.h"
 #include "utils/tree_fixtures.h"
 
 namespace brenloc::testing {
@@ -151,9 +152,7 @@ TEST(Stress, RandomInterleavingsKeepTheInvariants) {
     aio::run_until_complete(loop, interleave(w, rng));
     runs += w.runs;
     for (const auto& v : w.violations) ADD_FAILURE() << "seed " << seed << ": " << v;
-    for (const char* f : {"index.db.reindex-staging", "index.db.reindex-staging-wal", "index.db.reindex-staging-shm"}) {
-      EXPECT_FALSE(fs::exists(data.path() / "d" / f)) << "seed " << seed << ": " << f << " left";
-    }
+    EXPECT_FALSE(staging_files_left(data.path() / "d")) << "seed " << seed;
     EXPECT_TRUE(!w._indexer_task || w._indexer_task->done()) << "seed " << seed;
     EXPECT_EQ(w.releases_in_flight(), 0) << "seed " << seed;
     EXPECT_EQ(daemon::detached_task_count(), 0u) << "seed " << seed;
