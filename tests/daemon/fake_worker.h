@@ -1,6 +1,7 @@
 // Test doubles for the worker's operations and the indexer, recording what the facility does with them.
 #pragma once
 
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -89,18 +90,14 @@ class FakeWorker : public daemon::WorkerReindex {
     if (finish_failure) std::rethrow_exception(finish_failure);
   }
 
-  class Scope : public daemon::PassScope {
-   public:
-    explicit Scope(std::vector<std::string>& e) : events_(e) {}
-    void enter() override { events_.push_back("scope enter"); }
+  struct Scope : daemon::PassScope {
+    std::vector<std::string>& events;
+    explicit Scope(std::vector<std::string>& e) : events(e) {}
+    void enter() override { events.push_back("scope enter"); }
     bool exit(const aio::ScopeExit& how) override {
-      static const char* names[] = {"normal", "failure", "cancelled"};
-      events_.push_back(std::string("scope exit ") + names[how.kind]);
+      events.push_back(std::string("scope exit ") + std::array{"normal", "failure", "cancelled"}[how.kind]);
       return false;
     }
-
-   private:
-    std::vector<std::string>& events_;
   };
   std::unique_ptr<daemon::PassScope> _reporting_pass(workers::Indexer&) override {
     return std::make_unique<Scope>(events);
@@ -138,12 +135,7 @@ inline bool staging_files_left(const fs::path& data_dir) {
 
 inline workers::IndexStats make_stats(std::int64_t files, std::int64_t symbols, std::int64_t errors,
                                       json last_info = json()) {
-  workers::IndexStats s;
-  s.files_processed = files;
-  s.symbols_added = symbols;
-  s.errors = errors;
-  s.last_info = std::move(last_info);
-  return s;
+  return {.files_processed = files, .symbols_added = symbols, .errors = errors, .last_info = std::move(last_info)};
 }
 
 }  // namespace brenloc::testing

@@ -47,28 +47,32 @@ TEST(IncompleteRebuildErrorText, NamesTheCountAndStaysPlural) {
   }
 }
 
-TEST(ForceReindexHandler, ResponseFormsAreExact) {
+TEST(ForceReindexHandler, ResponseFormsAndWhatThePassIsGiven) {
   auto root = fs::temp_directory_path() / "brenloc-handler-forms";
   fs::remove_all(root);
-  fs::create_directories(root / "src");
-  std::ofstream(root / "src" / "a.py") << "def f(): pass\n";
+  fs::create_directories(root / "docs");
+  std::ofstream(root / "a.py") << "def f(): pass\n";
   const std::string started = R"({"status":"accepted","message":"Reindexing started in background","clear_existing":)";
   const json refused = {{"error", "gone"}, {"status", "failed"}};
   struct Case {
     json params, check_result;
     std::string expected;  // serialised: key order matters; "" = the worker's refusal
+    std::string pass;      // the live pass's paths: "-" no pass, "*" the whole repository, else joined by ","
   };
   const std::vector<Case> cases = {
-      {json::object(), json::object(), started + "false}"},
-      {{{"clear_existing", true}}, json::object(), started + "true}"},
-      {{{"clear_existing", true}, {"paths", json::array()}}, json::object(), started + "true}"},
-      {{{"clear_existing", true}, {"paths", {"src"}}}, json::object(),
-       R"({"status":"accepted","message":"Reindexing started in background; clear_existing rebuilds only the whole repository: paths are reindexed","clear_existing":false})"},
-      {{{"paths", {"src"}}}, json::object(), started + "false}"},
+      {json::object(), json::object(), started + "false}", "*"},
+      {{{"clear_existing", true}}, json::object(), started + "true}", "-"},
+      {{{"clear_existing", true}, {"paths", json::array()}}, json::object(), started + "true}", "-"},
+      {{{"clear_existing", true}, {"paths", {"a.py"}}}, json::object(),
+       R"({"status":"accepted","message":"Reindexing started in background; clear_existing rebuilds only the whole repository: paths are reindexed","clear_existing":false})",
+       "a.py"},
+      {{{"paths", json::array()}}, json::object(), started + "false}", "*"},
+      {{{"paths", {"a.py", "missing.py"}}}, json::object(), started + "false}", "a.py"},
+      {{{"paths", {"docs"}}}, json::object(), started + "false}", ""},
       {{{"paths", {"../elsewhere"}}, {"clear_existing", true}}, json::object(),
-       R"({"error":"Path outside repository","status":"failed"})"},
-      {{{"paths", {"src"}}}, refused, ""},
-      {json::object(), json(), started + "false}"},
+       R"({"error":"Path outside repository","status":"failed"})", "-"},
+      {{{"paths", {"a.py"}}}, refused, "", "-"},
+      {json::object(), json(), started + "false}", "*"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params.dump() + " " + c.check_result.dump());
@@ -85,6 +89,16 @@ TEST(ForceReindexHandler, ResponseFormsAreExact) {
       EXPECT_EQ(w._last_reindex_error.has_value(), !c.expected.empty());
       co_await wait_for_run(w);
     });
+    std::string pass = "-";
+    if (w.last_indexer && !w.last_indexer->calls.empty()) {
+      ASSERT_EQ(w.last_indexer->calls.size(), 1u);
+      const auto& given = w.last_indexer->calls[0];
+      pass = given ? "" : "*";
+      for (const auto& p : given.value_or(std::vector<fs::path>{})) {
+        pass += (pass.empty() ? "" : ",") + fs::relative(p, root).string();
+      }
+    }
+    EXPECT_EQ(pass, c.pass);
     if (!c.expected.empty()) {  // past the worker's checks: a live indexer over its store, on its lane
       ASSERT_EQ(w.indexer_options.size(), 1u);
       EXPECT_EQ(w.indexer_options[0].repository, w._repository);
@@ -290,34 +304,6 @@ TEST(BackgroundRun, EveryOutcomeUpdatesFieldsLogsAndBroadcastsAsItShould) {
     EXPECT_EQ(fmt::format("{}", fmt::join(w.events, ", ")), c.events);
     EXPECT_EQ(w._indexing_in_progress, 0);
     if (own) EXPECT_EQ(own->stats.get_last_index_info(), c.recorded ? info : json());
-  }
-}
-
-TEST(BackgroundRun, LivePassGetsThePathsAsResolvedListEmptyOrAbsent) {
-  auto root = fs::temp_directory_path() / "brenloc-run-paths";
-  fs::remove_all(root);
-  fs::create_directories(root / "docs");
-  std::ofstream(root / "a.go") << "package a\n";
-  struct Case {
-    json params;
-    std::optional<std::vector<fs::path>> expected;
-  };
-  const std::vector<Case> cases = {
-      {json::object(), std::nullopt},
-      {json{{"paths", json::array()}}, std::nullopt},
-      {json{{"paths", {"docs"}}}, std::vector<fs::path>{}},
-      {json{{"paths", {"a.go", "missing.go"}}}, std::vector<fs::path>{root / "a.go"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.params.dump());
-    FakeWorker w(root);
-    on_loop([&]() -> aio::Task<void> {
-      co_await w._handle_force_reindex(c.params);
-      co_await wait_for_run(w);
-    });
-    ASSERT_TRUE(w.last_indexer);
-    ASSERT_EQ(w.last_indexer->calls.size(), 1u);
-    EXPECT_EQ(w.last_indexer->calls[0], c.expected);
   }
 }
 

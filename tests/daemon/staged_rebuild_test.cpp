@@ -4,7 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -29,49 +30,31 @@ storage::FileEntry file_entry(std::string path, std::vector<storage::SymbolRow> 
 }
 
 // Events from the loop and from lane threads, in order.
-class EventLog {
- public:
+struct EventLog {
   void add(std::string e) {
-    std::lock_guard l(mu_);
-    events_.push_back(std::move(e));
+    std::lock_guard l(mu);
+    events.push_back(std::move(e));
   }
-  std::vector<std::string> all() const {
-    std::lock_guard l(mu_);
-    return events_;
+  std::vector<std::string> all() {
+    std::lock_guard l(mu);
+    return events;
   }
-  bool has(const std::string& e) const {
-    auto v = all();
-    return std::find(v.begin(), v.end(), e) != v.end();
-  }
-
- private:
-  mutable std::mutex mu_;
-  std::vector<std::string> events_;
+  bool has(const std::string& e) { return std::ranges::count(all(), e) > 0; }
+  std::mutex mu;
+  std::vector<std::string> events;
 };
 
 // Blocks a thread until the test opens it.
-class ThreadGate {
- public:
+struct ThreadGate {
+  std::atomic<bool> entered{false}, opened{false};
   void wait() {
-    std::unique_lock l(mu_);
-    entered_ = true;
-    cv_.notify_all();
-    cv_.wait(l, [&] { return open_; });
+    entered = true;
+    opened.wait(false);
   }
   void open() {
-    std::lock_guard l(mu_);
-    open_ = true;
-    cv_.notify_all();
+    opened = true;
+    opened.notify_all();
   }
-  bool entered() {
-    std::lock_guard l(mu_);
-    return entered_;
-  }
-
- private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  bool open_ = false, entered_ = false;
 };
 
 enum class Step { none, open, repository, indexer, pass, pass_errors, swap, report, release, discard };
@@ -258,7 +241,7 @@ TEST(StagedRebuild, FaultMatrix) {
           co_await until([&] { return w.log.has(c.inj.step == Step::pass ? "pass" : "release swap indexer"); });
           co_await aio::sleep_for(std::chrono::milliseconds(5));
         } else {
-          co_await until([&] { return w.thread_gate.entered(); });
+          co_await until([&] { return w.thread_gate.entered.load(); });
         }
         rebuild.cancel();
         co_await aio::sleep_for(std::chrono::milliseconds(5));
@@ -316,15 +299,13 @@ TEST(StagingFiles, RemoveFilesGoesOnPastOneThatCannotBeDeleted) {
   EXPECT_FALSE(fs::exists(dir.path() / "c"));
 }
 
-// A database whose schema step fails, for the opening's clean-up.
 class BrokenSchemaDatabase : public storage::Database {
  public:
   using storage::Database::Database;
   void create_schema() override { throw std::runtime_error("schema failed"); }
 };
 
-class BrokenSchemaWorker : public FakeWorker {
- public:
+struct BrokenSchemaWorker : FakeWorker {
   using FakeWorker::FakeWorker;
   std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
     return std::make_shared<BrokenSchemaDatabase>(p);
@@ -335,13 +316,13 @@ TEST(StagingFiles, ASchemaFailureClosesDeletesAndRethrows) {
   TempDir data;
   BrokenSchemaWorker w(data.path(), data.path());
   auto [staging, sidecars] = w._staging_db_paths(data.path() / "index.db");
-  try {
-    w._open_staging_db(staging, sidecars);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "schema failed");
-  }
-  for (const auto& p : sidecars) EXPECT_FALSE(fs::exists(p)) << p;
+  EXPECT_THROW(
+      try { w._open_staging_db(staging, sidecars); } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "schema failed");
+        throw;
+      },
+      std::runtime_error);
+  EXPECT_FALSE(staging_files_left(data.path()));
 }
 
 TEST(StagingFiles, LeftoversOfAKilledRebuildAreDeletedBeforeTheNewDatabaseOpens) {
@@ -375,7 +356,7 @@ TEST(StagingFiles, LeftoversOfAKilledRebuildAreDeletedBeforeTheNewDatabaseOpens)
   EXPECT_EQ(fresh.counts().files, 0);
   EXPECT_TRUE(fresh.list_files().empty());
   w._discard_staging(db, sidecars);
-  for (const auto& p : sidecars) EXPECT_FALSE(fs::exists(p)) << p;
+  EXPECT_FALSE(staging_files_left(data.path()));
 }
 
 }  // namespace
