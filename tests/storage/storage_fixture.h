@@ -1,5 +1,3 @@
-// Helpers of the storage tests: temporary directories, filled index databases, and a dump of a database's
-// rows, attached files and indexes for exact before/after comparisons.
 #pragma once
 
 #include <sqlite3.h>
@@ -25,10 +23,7 @@ struct TempDir {
     std::string p = (fs::temp_directory_path() / "brenloc-storage-XXXXXX").string();
     path = mkdtemp(p.data());
   }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
+  ~TempDir() { std::error_code ec; fs::remove_all(path, ec); }
   fs::path operator/(const std::string& name) const { return path / name; }
 };
 
@@ -65,7 +60,6 @@ inline std::shared_ptr<Database> make_staging(const fs::path& path, const std::v
   return db;
 }
 
-// Every value of every row of `sql` on the writer connection, as text.
 inline std::string query_text(Database& db, const std::string& sql) {
   std::string out;
   db.with_connection([&](sqlite3* c) {
