@@ -9,6 +9,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
+import { createInterface } from 'node:readline';
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 import { LoggingMessageNotificationSchema, McpError } from '@modelcontextprotocol/sdk/types.js';
@@ -38,15 +39,6 @@ async function connect() {
   return { client, messages };
 }
 
-async function waitFor(predicate, what, timeoutMs = 60_000) {
-  const deadline = Date.now() + timeoutMs;
-  while (Date.now() < deadline) {
-    const found = predicate();
-    if (found) return found;
-    await sleep(20);
-  }
-  throw new Error(`timed out waiting for ${what}`);
-}
 
 function structured(result) {
   assert.equal(result.content.length, 1);
@@ -58,52 +50,23 @@ function structured(result) {
 
 // Waits for the reindex that was just accepted to end, and returns its broadcast.
 async function reindexOutcome(messages, from) {
-  return waitFor(
-    () => messages.slice(from).find((m) => ['reindex_complete', 'reindex_failed'].includes(m.data?.type)),
-    'the reindex outcome broadcast',
-  );
+  for (const deadline = Date.now() + 60_000; Date.now() < deadline; await sleep(20)) {
+    const found = messages.slice(from).find((m) => ['reindex_complete', 'reindex_failed'].includes(m.data?.type));
+    if (found) return found;
+  }
+  throw new Error('timed out waiting for the reindex outcome broadcast');
 }
 
 // A server on raw pipes: lines in, parsed lines out, in order.
 function rawSession() {
   const child = spawn(command, args, { stdio: ['pipe', 'pipe', 'inherit'] });
-  const lines = [];
-  let buffer = '';
-  let wake = null;
-  child.stdout.setEncoding('utf8');
-  child.stdout.on('data', (chunk) => {
-    buffer += chunk;
-    let nl;
-    while ((nl = buffer.indexOf('\n')) >= 0) {
-      lines.push(buffer.slice(0, nl));
-      buffer = buffer.slice(nl + 1);
-    }
-    wake?.();
-  });
-  const exited = once(child, 'exit');
+  const lines = createInterface({ input: child.stdout, crlfDelay: Infinity })[Symbol.asyncIterator]();
   return {
     child,
-    exited,
-    send(message) {
-      child.stdin.write((typeof message === 'string' ? message : JSON.stringify(message)) + '\n');
-    },
-    async next(timeoutMs = 10_000) {
-      const deadline = Date.now() + timeoutMs;
-      while (lines.length === 0) {
-        const left = deadline - Date.now();
-        if (left <= 0) return undefined;
-        await new Promise((resolve) => {
-          const timer = setTimeout(resolve, left);
-          wake = () => {
-            clearTimeout(timer);
-            resolve();
-          };
-        });
-      }
-      // Everything on stdout must be a protocol message.
-      return JSON.parse(lines.shift());
-    },
-    pendingLines: () => lines.length,
+    exited: once(child, 'exit'),
+    send: (m) => child.stdin.write((typeof m === 'string' ? m : JSON.stringify(m)) + '\n'),
+    // Everything on stdout must be a protocol message; a missing answer fails at the test's timeout.
+    next: async () => JSON.parse((await lines.next()).value),
   };
 }
 
@@ -122,15 +85,12 @@ test('handshake, ping and tool listing', async () => {
       assert.equal(byName[name].inputSchema.type, 'object');
       assert.ok(byName[name].description);
     }
-    const reindex = byName.force_reindex.inputSchema;
-    assert.deepEqual(reindex.properties.paths.type, 'array');
-    assert.deepEqual(reindex.properties.paths.items, { type: 'string' });
-    assert.equal(reindex.properties.clear_existing.type, 'boolean');
-    assert.deepEqual(reindex.required ?? [], []);
+    const { properties: reindex, required } = byName.force_reindex.inputSchema;
+    assert.deepEqual([reindex.paths.type, reindex.paths.items, reindex.clear_existing.type, required ?? []],
+      ['array', { type: 'string' }, 'boolean', []]);
     const search = byName.search_symbols.inputSchema;
-    assert.deepEqual(search.required, ['query']);
-    assert.equal(search.properties.kind.type, 'string');
-    assert.equal(search.properties.limit.type, 'integer');
+    assert.deepEqual([search.required, search.properties.kind.type, search.properties.limit.type],
+      [['query'], 'string', 'integer']);
     assert.deepEqual(Object.keys(byName.index_status.inputSchema.properties ?? {}), []);
   } finally {
     await client.close();
@@ -227,29 +187,7 @@ test('argument errors and unknown tools are protocol errors naming the culprit',
   }
 });
 
-test('a cancelled call leaves the server serving', async () => {
-  const { client } = await connect();
-  try {
-    const { tools } = await client.listTools();
-    const controller = new AbortController();
-    if (tools.some((t) => t.name === 'sleep')) {
-      const pending = client.callTool({ name: 'sleep', arguments: { ms: 30_000 } }, undefined, { signal: controller.signal });
-      setTimeout(() => controller.abort('changed my mind'), 100);
-      await assert.rejects(pending);
-    } else {
-      // No tool that waits: cancel a quick call in flight, which may or may not have been answered.
-      const pending = client.callTool({ name: 'index_status', arguments: {} }, undefined, { signal: controller.signal });
-      setImmediate(() => controller.abort('changed my mind'));
-      await pending.catch(() => {});
-    }
-    assert.deepEqual(await client.ping(), {});
-    structured(await client.callTool({ name: 'index_status', arguments: {} }));
-  } finally {
-    await client.close();
-  }
-});
-
-test('bad lines get errors, the stream goes on, end of input stops the server', async () => {
+test('bad lines get errors, the stream goes on, end of input stops the server', { timeout: 60_000 }, async () => {
   const s = rawSession();
   const cases = [
     ['this is not json', null, PARSE_ERROR],
@@ -257,8 +195,6 @@ test('bad lines get errors, the stream goes on, end of input stops the server', 
     ['[]', null, INVALID_REQUEST],
     ['{"jsonrpc":"1.0","id":2,"method":"ping"}', 2, INVALID_REQUEST],
     ['{"jsonrpc":"2.0","id":3,"method":"no/such/method"}', 3, METHOD_NOT_FOUND],
-    ['{"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"name":"nope"}}', 4, INVALID_PARAMS],
-    ['{"jsonrpc":"2.0","id":5,"method":"tools/call","params":{"name":"search_symbols","arguments":{}}}', 5, INVALID_PARAMS],
     ['{"jsonrpc":"2.0","id":6,"method":"ping","pad":"' + 'x'.repeat(LINE_LIMIT) + '"}', null, INVALID_REQUEST],
   ];
   try {
@@ -271,28 +207,23 @@ test('bad lines get errors, the stream goes on, end of input stops the server', 
     for (const [line, id, code] of cases) {
       s.send(line);
       const reply = await s.next();
-      assert.ok(reply, `an answer to ${line.slice(0, 60)}`);
-      assert.equal(reply.jsonrpc, '2.0');
-      assert.equal(reply.id, id, line.slice(0, 60));
-      assert.equal(reply.error.code, code, line.slice(0, 60));
+      assert.deepEqual({ ...reply, error: { code: reply?.error?.code } }, { jsonrpc: '2.0', id, error: { code } }, line.slice(0, 60));
       assert.equal(typeof reply.error.message, 'string');
-      assert.ok(!('result' in reply), 'no result beside an error');
     }
 
     // A request cancelled while it runs is never answered.
-    const { result } = await (async () => {
-      s.send({ jsonrpc: '2.0', id: 7, method: 'tools/list' });
-      return s.next();
-    })();
+    s.send({ jsonrpc: '2.0', id: 7, method: 'tools/list' });
+    const { result } = await s.next();
     if (result.tools.some((t) => t.name === 'sleep')) {
       s.send({ jsonrpc: '2.0', id: 8, method: 'tools/call', params: { name: 'sleep', arguments: { ms: 300 } } });
       s.send({ jsonrpc: '2.0', method: 'notifications/cancelled', params: { requestId: 8, reason: 'test' } });
       s.send({ jsonrpc: '2.0', id: 9, method: 'tools/call', params: { name: 'sleep', arguments: { ms: 400 } } });
-      const reply = await s.next();
-      assert.equal(reply.id, 9);
-      assert.equal(s.pendingLines(), 0);
+      assert.equal((await s.next()).id, 9);  // and the ping below is answered next: 8 never is
     }
 
+    // Cancelling a request that was answered long ago, or was never made, changes nothing.
+    s.send({ jsonrpc: '2.0', method: 'notifications/cancelled', params: { requestId: 7, reason: 'late' } });
+    s.send({ jsonrpc: '2.0', method: 'notifications/cancelled', params: { requestId: 99 } });
     s.send({ jsonrpc: '2.0', id: 10, method: 'ping' });
     assert.deepEqual(await s.next(), { jsonrpc: '2.0', id: 10, result: {} });
 

@@ -4,7 +4,7 @@
 // "in_progress" while its pretend run lasts, and broadcasts progress and completion like a real run.
 // One extra tool, "sleep", waits as long as it is told, for the cancellation tests.
 //
-//   brenloc_mcp_test_server [--repo DIR] [--run-ms N]
+//   brenloc_mcp_test_server --repo DIR
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 
 class PretendDaemon : public brenloc::mcp::ToolHost {
  public:
-  PretendDaemon(fs::path repo, std::chrono::milliseconds run_time) : repo_(std::move(repo)), run_time_(run_time) {}
+  explicit PretendDaemon(fs::path repo) : repo_(std::move(repo)) {}
 
   std::vector<brenloc::mcp::ToolSpec> tools() const override {
     Json sleep_schema = {{"type", "object"},
@@ -55,10 +55,7 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
       co_return Json{{"query", bound["query"]}, {"results", Json::array()}};
     }
     if (name == "sleep") {
-      if (!arguments.is_object() || !arguments.contains("ms") || !arguments["ms"].is_number_unsigned()) {
-        throw brenloc::ArgumentError("ms", "argument 'ms' must be an integer");
-      }
-      co_await aio::sleep_for(std::chrono::milliseconds(arguments["ms"].get<std::int64_t>()));
+      co_await aio::sleep_for(std::chrono::milliseconds(arguments.value("ms", 0)));
       co_return Json{{"slept", arguments["ms"]}};
     }
     throw brenloc::mcp::UnknownTool(name);
@@ -123,7 +120,7 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
   }
 
   fs::path repo_;
-  std::chrono::milliseconds run_time_;
+  std::chrono::milliseconds run_time_ = 400ms;
   aio::Future<void> run_;
   int runs_ = 0;
   std::vector<std::pair<int, brenloc::mcp::BroadcastSink>> sinks_;
@@ -155,28 +152,14 @@ aio::Task<void> serve(brenloc::mcp::McpServer& server, PretendDaemon& daemon, ai
 }  // namespace
 
 int main(int argc, char** argv) {
-  fs::path repo = fs::current_path();
-  std::chrono::milliseconds run_time = 400ms;
-  std::vector<std::string> args(argv + 1, argv + argc);
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--repo" && i + 1 < args.size()) {
-      repo = args[++i];
-    } else if (args[i] == "--run-ms" && i + 1 < args.size()) {
-      run_time = std::chrono::milliseconds(std::stoi(args[++i]));
-    } else {
-      std::cerr << "usage: brenloc_mcp_test_server [--repo DIR] [--run-ms N]\n";
-      return 64;
-    }
-  }
   std::error_code ec;
-  repo = fs::canonical(repo, ec);
+  fs::path repo = fs::canonical(argc == 3 && argv[1] == std::string("--repo") ? argv[2] : ".", ec);
   if (ec) {
-    std::cerr << "no such repository: " << ec.message() << "\n";
+    std::cerr << "usage: brenloc_mcp_test_server --repo DIR (an existing directory)\n";
     return 64;
   }
-
   aio::EventLoop loop(2);
-  PretendDaemon daemon(repo, run_time);
+  PretendDaemon daemon(repo);
   brenloc::mcp::McpServer server(loop, daemon, STDIN_FILENO, STDOUT_FILENO);
   aio::run_until_complete(loop, serve(server, daemon, loop));
   return 0;
