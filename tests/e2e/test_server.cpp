@@ -153,8 +153,8 @@ aio::Task<void> serve(brenloc::mcp::McpServer& server, PretendDaemon& daemon, ai
 
 int main(int argc, char** argv) {
   std::error_code ec;
-  fs::path repo = fs::canonical(argc == 3 && argv[1] == std::string("--repo") ? argv[2] : ".", ec);
-  if (ec) {
+  fs::path repo = argc == 3 && argv[1] == std::string("--repo") ? fs::canonical(argv[2], ec) : fs::path();
+  if (repo.empty()) {
     std::cerr << "usage: brenloc_mcp_test_server --repo DIR (an existing directory)\n";
     return 64;
   }
