@@ -1,7 +1,5 @@
 #include "brenloc/storage/database.h"
 
-#include <thread>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +9,6 @@
 namespace brenloc::storage {
 namespace {
 
-namespace fs = std::filesystem;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
@@ -41,23 +38,6 @@ TEST(Database, SchemaIsVersionedAndIdempotent) {
     }
     EXPECT_EQ(testing::query_text(*db, "PRAGMA user_version"), std::to_string(std::max(found, kSchemaVersion)));
   }
-}
-
-// Opened on one thread, written on a second, checkpointed on a third, closed on a fourth, as a rebuild
-// hands its staging database around; each step's effect is seen by the next.
-TEST(Database, HandedFromThreadToThread) {
-  testing::TempDir dir;
-  auto db = std::make_shared<Database>(dir / "staging.db");
-  std::uintmax_t wal_size = 1;
-  for (auto step : std::vector<std::function<void()>>{
-           [&] { db->connect(), db->create_schema(); },
-           [&] { Repository(db).store_files(testing::entries("t", 10, 10)); },
-           [&] { db->execute("PRAGMA wal_checkpoint(TRUNCATE)"), wal_size = fs::file_size(dir / "staging.db-wal"); },
-           [&] { db->close(); }}) {
-    std::thread(step).join();
-  }
-  EXPECT_EQ(wal_size, 0u);  // the checkpoint's row was stepped through: the log was cut
-  EXPECT_EQ(Repository(testing::open_database(dir / "staging.db")).counts().symbols, 100);
 }
 
 }  // namespace

@@ -6,9 +6,11 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/repository.h"
@@ -52,11 +54,14 @@ inline std::vector<FileEntry> entries(const std::string& tag, int files, int per
   return out;
 }
 
-// A staging database as a rebuild leaves it: filled, checkpointed, still open on its own connection.
+// A staging database as a rebuild leaves it: opened, filled and checkpointed each on a thread of its own (a
+// rebuild hands it around), still open on its own connection.
 inline std::shared_ptr<Database> make_staging(const fs::path& path, const std::vector<FileEntry>& rows) {
-  auto db = open_database(path);
-  Repository(db).store_files(rows);
-  db->execute("PRAGMA wal_checkpoint(TRUNCATE)");
+  std::shared_ptr<Database> db;
+  std::thread([&] { db = open_database(path); }).join();
+  std::thread([&] { Repository(db).store_files(rows); }).join();
+  std::thread([&] { db->execute("PRAGMA wal_checkpoint(TRUNCATE)"); }).join();
+  EXPECT_EQ(fs::file_size(path.string() + "-wal"), 0u);  // the checkpoint's row was stepped through: the log was cut
   return db;
 }
 
