@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <boost/asio/thread_pool.hpp>
 #include <fmt/format.h>
 
 #include "brenloc/aio/thread.h"
@@ -88,11 +89,15 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const H
   return out;
 }
 
+// Stops early once the pass has ended (its outcomes are then never read).
 Outcomes parse_batch(const std::filesystem::path& root, const std::vector<Candidate>& batch,
-                     const HashMap& existing, const ParseLimits& limits) {
+                     const HashMap& existing, const ParseLimits& limits, const std::atomic<bool>& stop) {
   auto out = std::make_shared<std::vector<Outcome>>();
   out->reserve(batch.size());
-  for (const Candidate& c : batch) out->push_back(parse_one(root, c, existing, limits));
+  for (const Candidate& c : batch) {
+    if (stop.load(std::memory_order_relaxed)) break;
+    out->push_back(parse_one(root, c, existing, limits));
+  }
   return out;
 }
 
@@ -144,7 +149,7 @@ std::vector<LeftOut> remove_rows(storage::Repository& repo, const std::vector<st
   return failed;
 }
 
-// Sets the walk's stop flag when the pass ends, however it ends.
+// Sets the stop flag of the walk and the parse jobs when the pass ends, however it ends.
 struct StopOnExit {
   std::shared_ptr<std::atomic<bool>> flag;
   ~StopOnExit() { flag->store(true); }
@@ -155,6 +160,19 @@ struct StopOnExit {
 struct Indexer::Impl {
   // Thread work started by passes and not yet known to have ended; settle() waits for it.
   std::vector<std::shared_ptr<aio::FutureBase>> inflight;
+  // The parse threads: the indexer's own, so that a pass keeps them busy with queued jobs without
+  // running more parses at once than it was given threads, and without making searches and other
+  // work on the loop's pool wait behind its jobs. Made by the first pass.
+  std::unique_ptr<boost::asio::thread_pool> parse_pool;
+
+  ~Impl() {
+    if (parse_pool) parse_pool->join();  // runs what is queued: every future it holds completes
+  }
+
+  boost::asio::thread_pool& parsers(std::size_t threads) {
+    if (!parse_pool) parse_pool = std::make_unique<boost::asio::thread_pool>(threads);
+    return *parse_pool;
+  }
 
   template <class T>
   aio::Future<T> track(aio::Future<T> f) {
@@ -232,8 +250,9 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   errors = collected->errors;
   stats.files_skipped = collected->skipped;
 
-  // Parse on the pool, store on the writer: parse jobs keep every thread busy while one transaction at a
-  // time stores what they produced.
+  // Parse on the parse threads, store on the writer: parse jobs keep every thread busy (one queued
+  // behind each running one, so that no thread waits for the loop to hand it the next) while one
+  // transaction at a time stores what they produced.
   const std::vector<Candidate>& files = collected->files;
   const auto total = static_cast<std::int64_t>(files.size());
   const std::size_t batch_size =
@@ -259,15 +278,16 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   };
 
   while (true) {
-    while (parsing.size() < threads && next < files.size()) {
+    while (parsing.size() < 2 * threads && next < files.size()) {
       std::size_t end = std::min(files.size(), next + batch_size);
       std::vector<Candidate> batch(files.begin() + static_cast<std::ptrdiff_t>(next),
                                    files.begin() + static_cast<std::ptrdiff_t>(end));
       std::size_t count = end - next;
       next = end;
-      auto f = impl->track(aio::to_thread([root, batch = std::move(batch), existing, limits] {
-        return parse_batch(root, batch, *existing, limits);
-      }));
+      auto f = impl->track(aio::run_on(impl->parsers(threads), *aio::EventLoop::current(),
+                                       [root, batch = std::move(batch), existing, limits, stop] {
+                                         return parse_batch(root, batch, *existing, limits, *stop);
+                                       }));
       parsing.push_back({std::move(f), count});
     }
     if (storing && storing->done()) {

@@ -31,7 +31,7 @@ struct IndexerOptions {
   std::filesystem::path repo_root;  // absolute, resolved
   std::optional<daemon::Offloader::Run> offload;
   bool refresh_report = true;  // write the report (not forced) after each pass
-  // Parse jobs running at once on the loop's pool (0: one per core).
+  // Parse threads, the indexer's own (0: one per core).
   std::size_t parse_threads = 0;
   // Larger files are left out by policy.
   std::int64_t max_file_size = 1 << 20;
