@@ -153,6 +153,19 @@ std::string_view pattern_root_type(const TSQuery* q, std::uint32_t pattern, std:
   return type == "_" ? std::string_view() : type;
 }
 
+// Marks in `by_symbol` every regular symbol named `type` (aliases share a name); false if none is.
+bool mark_node_type(const TSLanguage* lang, std::string_view type, std::vector<bool>& by_symbol) {
+  bool known = false;
+  for (std::uint32_t sym = 0; sym < by_symbol.size(); ++sym) {
+    if (ts_language_symbol_type(lang, static_cast<TSSymbol>(sym)) == TSSymbolTypeRegular &&
+        type == ts_language_symbol_name(lang, static_cast<TSSymbol>(sym))) {
+      by_symbol[sym] = true;
+      known = true;
+    }
+  }
+  return known;
+}
+
 std::string_view capture_name(const TSQuery* q, std::uint32_t id) {
   std::uint32_t len = 0;
   const char* s = ts_query_capture_name_for_id(q, id, &len);
@@ -216,15 +229,7 @@ CompiledQuery compile_query(const LanguageInfo& info) {
     const std::uint32_t n_symbols = ts_language_symbol_count(lang);
     out.outline.assign(n_symbols, false);
     for (std::string_view type : info.outline) {
-      bool known = false;
-      for (std::uint32_t sym = 0; sym < n_symbols; ++sym) {
-        if (ts_language_symbol_type(lang, static_cast<TSSymbol>(sym)) == TSSymbolTypeRegular &&
-            type == ts_language_symbol_name(lang, static_cast<TSSymbol>(sym))) {
-          out.outline[sym] = true;  // aliases share a name: mark them all
-          known = true;
-        }
-      }
-      if (!known) {
+      if (!mark_node_type(lang, type, out.outline)) {
         throw std::logic_error(fmt::format("outline of {}: no node type {}", info.name, type));
       }
     }
@@ -233,14 +238,7 @@ CompiledQuery compile_query(const LanguageInfo& info) {
     out.starts.assign(n_symbols, false);
     for (std::uint32_t p = 0; p < ts_query_pattern_count(out.query); ++p) {
       const std::string_view type = pattern_root_type(out.query, p, src);
-      bool known = type == "ERROR";
-      for (std::uint32_t sym = 0; sym < n_symbols && !type.empty(); ++sym) {
-        if (ts_language_symbol_type(lang, static_cast<TSSymbol>(sym)) == TSSymbolTypeRegular &&
-            type == ts_language_symbol_name(lang, static_cast<TSSymbol>(sym))) {
-          out.starts[sym] = true;
-          known = true;
-        }
-      }
+      const bool known = type == "ERROR" || (!type.empty() && mark_node_type(lang, type, out.starts));
       if (!known) {  // a pattern that may start anywhere
         out.starts.clear();
         break;
