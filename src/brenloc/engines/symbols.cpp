@@ -724,15 +724,13 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   if (query.outline.empty()) {
     run_query(root, true);
   } else {
-    const auto in_outline = [&](TSNode node) {
+    // Whether a node's type is marked in `by_symbol`; error nodes (symbol -1) always are.
+    const auto marked = [](const std::vector<bool>& by_symbol, TSNode node) {
       const TSSymbol sym = ts_node_symbol(node);
-      return sym == static_cast<TSSymbol>(-1) || (sym < query.outline.size() && query.outline[sym]);  // -1: an error node
+      return sym == static_cast<TSSymbol>(-1) || (sym < by_symbol.size() && by_symbol[sym]);
     };
-    const auto starts_pattern = [&](TSNode node) {
-      const TSSymbol sym = ts_node_symbol(node);
-      return query.starts.empty() || sym == static_cast<TSSymbol>(-1) ||
-             (sym < query.starts.size() && query.starts[sym]);
-    };
+    const auto in_outline = [&](TSNode node) { return marked(query.outline, node); };
+    const auto starts_pattern = [&](TSNode node) { return query.starts.empty() || marked(query.starts, node); };
     // Depth first over the outline nodes and their children, each the start of the patterns once.
     TSTreeCursor walk = ts_tree_cursor_new(root);
     run_query(root, false);
