@@ -3,6 +3,7 @@
 #include <chrono>
 #include <exception>
 #include <mutex>
+#include <span>
 #include <variant>
 
 #include <fmt/format.h>
@@ -133,6 +134,41 @@ struct ReadTransaction {
   ~ReadTransaction() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
 };
 
+// Symbol rows per insert statement of a store (the rest of a store goes in one row at a time).
+constexpr std::size_t kRowsPerInsert = 32;
+
+std::string symbol_insert_sql(std::size_t rows) {
+  std::string sql = "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope) VALUES ";
+  for (std::size_t r = 0; r < rows; ++r) sql += r == 0 ? "(?, ?, ?, ?, ?, ?, ?, ?)" : ", (?, ?, ?, ?, ?, ?, ?, ?)";
+  return sql;
+}
+
+struct PendingSymbol {
+  std::int64_t file_id;
+  const SymbolRow* row;
+  const std::string* path;  // of its file, for errors
+};
+
+// Inserts `rows` with `stmt`, a statement of exactly that many rows. The rows outlive the insert (reset
+// after its step): their text is bound without a copy.
+void insert_symbols(Statement& stmt, std::span<const PendingSymbol> rows, const std::filesystem::path& file) {
+  int i = 0;
+  for (const PendingSymbol& p : rows) {
+    stmt.bind(++i, p.file_id);
+    stmt.bind_static(++i, p.row->name);
+    stmt.bind_static(++i, p.row->kind);
+    stmt.bind(++i, p.row->line);
+    stmt.bind(++i, p.row->column);
+    stmt.bind(++i, p.row->end_line);
+    stmt.bind(++i, p.row->end_column);
+    stmt.bind_static(++i, p.row->scope);
+  }
+  const std::string& first = *rows.front().path;
+  const std::string& last = *rows.back().path;
+  stmt.step(file, first == last ? fmt::format("storing {}", first) : fmt::format("storing {} .. {}", first, last));
+  stmt.reset();
+}
+
 }  // namespace
 
 using CachedValue = std::variant<std::vector<SymbolHit>, std::vector<FileRow>, Counts>;
@@ -235,10 +271,12 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
                      "ON CONFLICT(path) DO UPDATE SET language = excluded.language, size = excluded.size, "
                      "mtime_ns = excluded.mtime_ns, content_hash = excluded.content_hash RETURNING id",
                      path, "storing files");
-    Statement insert(c,
-                     "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope) "
-                     "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
-                     path, "storing files");
+    // Symbol rows are gathered across the files and inserted many to a statement: starting a statement
+    // (opening and positioning its cursors) costs about as much as inserting several rows.
+    Statement insert_many(c, symbol_insert_sql(kRowsPerInsert), path, "storing files");
+    Statement insert_one(c, symbol_insert_sql(1), path, "storing files");
+    std::vector<PendingSymbol> pending;
+    pending.reserve(kRowsPerInsert);
     for (const auto& entry : entries) {
       const std::string op = fmt::format("storing {}", entry.file.path);
       drop.bind(1, entry.file.path);
@@ -253,20 +291,15 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       std::int64_t file_id = upsert.integer(0);
       upsert.step(path, op);  // ends the statement (RETURNING gives one row)
       upsert.reset();
-      // The rows outlive each insert (reset after its step): their text is bound without a copy.
       for (const auto& s : entry.symbols) {
-        insert.bind(1, file_id);
-        insert.bind_static(2, s.name);
-        insert.bind_static(3, s.kind);
-        insert.bind(4, s.line);
-        insert.bind(5, s.column);
-        insert.bind(6, s.end_line);
-        insert.bind(7, s.end_column);
-        insert.bind_static(8, s.scope);
-        insert.step(path, op);
-        insert.reset();
+        pending.push_back({file_id, &s, &entry.file.path});
+        if (pending.size() == kRowsPerInsert) {
+          insert_symbols(insert_many, pending, path);
+          pending.clear();
+        }
       }
     }
+    for (const PendingSymbol& p : pending) insert_symbols(insert_one, {&p, 1}, path);
   });
 }
 
