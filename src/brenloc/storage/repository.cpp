@@ -334,8 +334,21 @@ bool Repository::defer_name_index() {
 }
 
 void Repository::restore_indexes() {
-  impl_->write(*db_, "building the indexes",
-               [&](sqlite3* c) { detail::run_script(c, detail::kSchemaSql, impl_->path, "building the indexes"); });
+  // Building an index sorts every row of its table (a million names after a bulk load).
+  const auto& path = impl_->path;
+  db_->with_connection(
+      [&](sqlite3* c) { detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes"); });
+  std::exception_ptr failure;
+  try {
+    impl_->write(*db_, "building the indexes",
+                 [&](sqlite3* c) { detail::run_script(c, detail::kSchemaSql, path, "building the indexes"); });
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  db_->with_connection([&](sqlite3* c) {
+    sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr);
+  });
+  if (failure) std::rethrow_exception(failure);
 }
 
 // ---------------------------------------------------------------------------------------------------

@@ -48,4 +48,10 @@ PRAGMA journal_size_limit = 67108864;
 PRAGMA temp_store = MEMORY;
 )sql";
 
+// Around an index build on the writer connection: SQLite's sorter then works in runs kept in temporary
+// files and sorted on helper threads, which takes less time and memory than its single run in memory;
+// afterwards, the writer's usual settings again.
+inline constexpr const char* kIndexBuildPragmas = "PRAGMA temp_store = FILE; PRAGMA threads = 2;";
+inline constexpr const char* kAfterIndexBuildPragmas = "PRAGMA temp_store = MEMORY; PRAGMA threads = 0;";
+
 }  // namespace brenloc::storage::detail
