@@ -7,6 +7,9 @@
 //   index_bench exec CMD ARGS...      runs a command with its output to /dev/null (for ctags)
 //
 // Output: {"mode", "dir", "threads", "seconds", "files", "symbols", "bytes", "peak_rss_kib"}.
+//
+// BRENLOC_PARSE_TIME_LIMIT_MS sets the per-file parse limit of full and extract (0: none), for runs under
+// valgrind, where every file takes fifty times its CPU time and the largest would be left out.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -52,6 +55,11 @@ void print(const std::string& mode, const std::string& dir, int threads, double 
   std::cout << j.dump() << std::endl;
 }
 
+std::chrono::milliseconds parse_time_limit() {
+  const char* v = std::getenv("BRENLOC_PARSE_TIME_LIMIT_MS");
+  return v ? std::chrono::milliseconds(std::atoll(v)) : workers::IndexerOptions{}.parse_time_limit;
+}
+
 int run_full(const fs::path& dir, int threads) {
   std::string tmpl = (fs::temp_directory_path() / "brenloc-index-bench-XXXXXX").string();
   if (::mkdtemp(tmpl.data()) == nullptr) return 1;
@@ -71,6 +79,7 @@ int run_full(const fs::path& dir, int threads) {
     o.offload = lane.run;
     o.refresh_report = false;
     o.parse_threads = static_cast<std::size_t>(threads);
+    o.parse_time_limit = parse_time_limit();
     workers::Indexer ix(o);
     auto start = Clock::now();
     workers::IndexStats stats = aio::run_until_complete(loop, ix.full_index());
@@ -105,7 +114,7 @@ int run_floor(const std::string& mode, const fs::path& dir, int threads) {
         const auto& f = c.files[i];
         workers::SourceFile src = workers::read_source(root / f.rel, workers::IndexerOptions{}.max_file_size);
         if (src.status != workers::SourceFile::Status::ok) continue;
-        bool ok = extract ? engines::extract_symbols(f.language, src.content).ok
+        bool ok = extract ? engines::extract_symbols(f.language, src.content, parse_time_limit()).ok
                           : engines::parse_only(f.language, src.content);
         if (!ok) continue;
         files.fetch_add(1);
