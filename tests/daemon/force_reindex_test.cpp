@@ -5,7 +5,6 @@
 #include <fmt/ranges.h>
 
 #include <fstream>
-#include <set>
 
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/offload.h"
@@ -37,15 +36,6 @@ aio::Task<void> yield_steps(int n = 5) {
 }
 
 aio::Task<workers::IndexStats> rebuild_returns(workers::IndexStats s) { co_return s; }
-
-TEST(IncompleteRebuildErrorText, NamesTheCountAndStaysPlural) {
-  for (int n : {3, 1, 0}) {
-    EXPECT_EQ(std::string(IncompleteRebuildError(n).what()),
-              "Rebuild incomplete: " + std::to_string(n) +
-                  " files or directories could not be indexed; the live index was kept. errors.jsonl names them: "
-                  "fix each, or leave it out of the index with a .gitignore rule, then rebuild again");
-  }
-}
 
 TEST(ForceReindexHandler, ResponseFormsAndWhatThePassIsGiven) {
   auto root = fs::temp_directory_path() / "brenloc-handler-forms";
@@ -147,21 +137,6 @@ TEST(ForceReindexHandler, BusyWhileARunIsUnderWayOrThePassCountIsRaised) {
       co_await wait_for_run(w);
     });
   }
-}
-
-TEST(ForceReindexHandler, TwoRequestsAtOnceStartOneRun) {
-  FakeWorker w;
-  w.live_pass.gate = make_gate();
-  on_loop([&]() -> aio::Task<void> {
-    auto a = aio::spawn(w._handle_force_reindex(json::object()));
-    auto b = aio::spawn(w._handle_force_reindex(json{{"clear_existing", true}}));
-    co_await aio::wait_all({a.base(), b.base()});
-    std::multiset<std::string> statuses = {a.result()["status"], b.result()["status"]};
-    EXPECT_EQ(statuses, (std::multiset<std::string>{"accepted", "in_progress"}));
-    EXPECT_EQ(w.indexer_options.size(), 1u);
-    open_gate(*w.live_pass.gate);
-    co_await wait_for_run(w);
-  });
 }
 
 struct RunCase {
