@@ -55,16 +55,6 @@ class ReindexPaths : public ::testing::Test {
   fs::path repo = t / "repo";
 };
 
-TEST_F(ReindexPaths, ExpandsADirectoryInTableOrderThenWalkOrder) {
-  std::vector<fs::path> got;
-  expand_directory(repo / "src", got);
-  const fs::path s = repo / "src";
-  // The matched directory comes with its contents; links, the upper-case name and the linked
-  // directory's contents are left out; the fifo is kept (no regular-file test in the expansion).
-  EXPECT_EQ(got, (std::vector<fs::path>{s / "pkg.py", s / "pkg.py/inner.py", s / "main.c", s / "util.h",
-                                        s / ".hidden.ts", s / "pkg.py/deep/x.go", s / "fifo.rs"}));
-}
-
 struct RequestCase {
   const char* what;
   std::vector<std::string> paths;
