@@ -1,7 +1,7 @@
-// Full rebuilds through the real worker, indexer and store: a rebuild that leaves a file out is refused
-// and keeps the live index; an ignore rule for the file lets the next one through.
-#include <sys/stat.h>
-
+// Full rebuilds through the real worker, indexer and store. A staging database that runs out of room
+// (before its schema is in, while the pass stores its rows, or while the name index is built after them)
+// fails or refuses the rebuild and leaves the live index exactly as it was and no staging file behind;
+// only the live index syncs; a rebuild waits for the release of one cancelled before it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,70 +16,99 @@
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
-
-aio::Task<json> reindex(daemon::RepoWorker& w, json params) {
-  json response = co_await w._handle_force_reindex(std::move(params));
-  EXPECT_EQ(response["status"], "accepted") << response.dump();
-  co_await aio::wait_all({w._indexer_task->base()});
-  co_return response;
+// A repository big enough that its index takes some room: `files` modules of 40 functions each.
+void make_repository(const fs::path& root, int files) {
+  for (int i = 0; i < files; ++i) {
+    std::string text;
+    for (int j = 0; j < 40; ++j) text += "def function_" + std::to_string(i) + "_" + std::to_string(j) + "(a, b):\n    return a + b\n\n";
+    write_file(root / ("pkg" + std::to_string(i % 7)) / ("mod" + std::to_string(i) + ".py"), text);
+  }
 }
 
-std::vector<std::string> names(daemon::RepoWorker& w, const std::string& q) {
-  std::vector<std::string> out;
-  for (const auto& h : w._repository->search_symbols({.text = q, .match = storage::SymbolQuery::Match::prefix})) {
-    out.push_back(h.name);
-  }
-  std::sort(out.begin(), out.end());
+// Every row of the live index, for before/after comparisons.
+std::string fingerprint(daemon::RepoWorker& w) {
+  std::string out;
+  for (const auto& f : w._repository->list_files()) out += f.path + ":" + f.content_hash + ";";
+  storage::SymbolQuery all{.text = "", .match = storage::SymbolQuery::Match::prefix, .limit = -1};
+  out += std::to_string(w._repository->search_symbols(all).size());
   return out;
 }
 
-TEST(RebuildEndToEnd, AFileThatCannotBeReadRefusesTheRebuildUntilIgnored) {
-  if (ran_as_unprivileged_child("RebuildEndToEnd.AFileThatCannotBeReadRefusesTheRebuildUntilIgnored")) return;
-  TempDir root, data;
-  write_file(root.path() / "app.py", "def alpha():\n    pass\n");
-  aio::EventLoop loop;
-  daemon::RepoWorker w(root.path(), data.path());
-  std::vector<json> broadcasts;
-  w.subscribe([&](const json& m) {
-    if (m["type"] != "reindex_progress") broadcasts.push_back(m);
-  });
-  const std::string refusal = daemon::IncompleteRebuildError(1).what();
-  EXPECT_TRUE(refusal.starts_with("Rebuild incomplete: 1 files or directories")) << refusal;
+aio::Task<void> reindex(daemon::RepoWorker& w, json params) {
+  json response = co_await w._handle_force_reindex(std::move(params));
+  EXPECT_EQ(response["status"], "accepted") << response.dump();
+  co_await aio::wait_all({w._indexer_task->base()});
+}
 
-  aio::run_until_complete(loop, [&]() -> aio::Task<void> {
-    co_await w.start();
-    co_await reindex(w, {{"clear_existing", true}});
-    EXPECT_EQ(names(w, "alpha"), std::vector<std::string>{"alpha"});
+// A staging database that cannot grow past a few pages.
+class SmallStagingDatabase : public storage::Database {
+ public:
+  SmallStagingDatabase(const fs::path& p, int pages) : storage::Database(p), pages_(pages) {}
+  void create_schema() override {
+    execute(fmt::format("PRAGMA max_page_count = {}", pages_));
+    storage::Database::create_schema();
+  }
 
-    // A second symbol and a file the worker cannot read.
-    write_file(root.path() / "app.py", "def alpha():\n    pass\n\ndef alpha_two():\n    pass\n");
-    write_file(root.path() / "secret.py", "def hidden():\n    pass\n");
-    ::chmod((root.path() / "secret.py").c_str(), 0);
-    co_await reindex(w, {{"clear_existing", true}});
-    EXPECT_EQ(w._rebuild_refusal, refusal);
-    EXPECT_EQ(w._last_reindex_error, refusal);
-    EXPECT_EQ(broadcasts.back(), (json{{"type", "reindex_failed"}, {"error", refusal}}));
-    EXPECT_EQ(names(w, "alpha"), std::vector<std::string>{"alpha"});  // the live index was kept
-    std::ifstream errors(data.path() / "errors.jsonl");
-    std::string line;
-    std::getline(errors, line);
-    EXPECT_EQ(json::parse(line).value("path", ""), "secret.py") << line;
+ private:
+  int pages_;
+};
 
-    // A live reindex keeps reporting the standing refusal.
-    co_await reindex(w, {{"paths", {"app.py"}}});
-    EXPECT_EQ(w._last_reindex_error, refusal);
-    EXPECT_EQ(broadcasts.back()["type"], "reindex_complete");
+class FaultyWorker : public daemon::RepoWorker {
+ public:
+  using RepoWorker::RepoWorker;
+  int staging_pages = 0;  // 0: no limit
+  std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
+    if (staging_pages > 0 && p.filename() != "index.db") return std::make_shared<SmallStagingDatabase>(p, staging_pages);
+    return RepoWorker::_new_database(p);
+  }
+};
 
-    write_file(root.path() / ".gitignore", "secret.py\n");
-    co_await reindex(w, {{"clear_existing", true}});
-    EXPECT_FALSE(w._rebuild_refusal.has_value());
-    EXPECT_FALSE(w._last_reindex_error.has_value());
-    EXPECT_EQ(names(w, "alpha"), (std::vector<std::string>{"alpha", "alpha_two"}));
-    EXPECT_TRUE(names(w, "hidden").empty());
-    EXPECT_FALSE(staging_files_left(data.path()));
-    co_await w.stop();
-  }());
+TEST(RebuildEndToEnd, AStagingDatabaseWithoutRoomKeepsTheLiveIndex) {
+  struct Case {
+    int staging_pages;
+    std::string error;   // in the last reindex error
+    std::string detail;  // in errors.jsonl, when the pass ran
+  };
+  const std::vector<Case> cases = {
+      {2, "creating the schema: database or disk is full", ""},
+      {8, "Rebuild incomplete", "database or disk is full"},
+      {24, "building the indexes: database or disk is full", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.staging_pages);
+    TempDir root, data;
+    make_repository(root.path(), 30);
+    aio::EventLoop loop;
+    FaultyWorker w(root.path(), data.path());
+    aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+      co_await w.start();
+      co_await reindex(w, {{"clear_existing", true}});
+      const std::string before = fingerprint(w);
+      write_file(root.path() / "extra.py", "def added():\n    pass\n");
+      w.staging_pages = c.staging_pages;
+      co_await reindex(w, {{"clear_existing", true}});
+      w.staging_pages = 0;
+      EXPECT_EQ(fingerprint(w), before);
+      EXPECT_FALSE(staging_files_left(data.path()));
+      EXPECT_NE(w._last_reindex_error.value_or("").find(c.error), std::string::npos)
+          << w._last_reindex_error.value_or("(none)");
+      if (!c.detail.empty()) {
+        std::ifstream errors(data.path() / "errors.jsonl");
+        std::string line;
+        std::getline(errors, line);
+        EXPECT_NE(line.find(c.detail), std::string::npos) << line;
+      }
+      // Only a rebuild that left files out is refused, and a live reindex keeps reporting the refusal.
+      EXPECT_EQ(w._rebuild_refusal.has_value(), c.error == "Rebuild incomplete");
+      co_await reindex(w, {{"paths", {"extra.py"}}});
+      EXPECT_EQ(w._last_reindex_error, w._rebuild_refusal);
+      co_await reindex(w, {{"clear_existing", true}});  // room again: the rebuild goes through
+      EXPECT_FALSE(w._last_reindex_error.has_value()) << w._last_reindex_error.value_or("");
+      EXPECT_FALSE(w._rebuild_refusal.has_value());
+      EXPECT_NE(fingerprint(w), before);
+      co_await w.stop();
+    }());
+  }
 }
 
 // The live index syncs its writes (a crash of the machine must not corrupt it); a staging database, deleted
