@@ -1,12 +1,7 @@
 // The full rebuild through a staging database, over real SQLite files: every step made to fail or to be
 // cancelled while the rebuild waits there, with the clean-up it must run and what it must leave behind.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <mutex>
 
@@ -21,17 +16,26 @@
 namespace brenloc::testing {
 namespace {
 
-storage::SymbolRow symbol(std::string name, std::string kind, int line) {
-  return storage::SymbolRow{std::move(name), std::move(kind), line, 1, line, 10, ""};
+// One file with one function.
+storage::FileEntry file_entry(const std::string& path, const std::string& function) {
+  return {storage::FileRow{path, "python", 10, 1, "hash-" + path}, {storage::SymbolRow{function, "function", 1, 1, 1, 10, ""}}};
 }
 
-storage::FileEntry file_entry(std::string path, std::vector<storage::SymbolRow> symbols) {
-  return storage::FileEntry{storage::FileRow{path, "python", 10, 1, "hash-" + path}, std::move(symbols)};
-}
+enum class Step { none, open, repository, indexer, pass, pass_errors, swap, report, release, discard };
+const char* const kSteps[] = {"none", "open", "repository", "indexer", "pass", "pass_errors", "swap", "report",
+                              "release", "discard"};
+enum class Mode { fail, cancel };
 
-// Events from the loop and from lane threads, in order.
-struct EventLog {
-  void add(std::string e) {
+// The fault to inject, the events from the loop and from lane threads in order, and a gate that parks a
+// thread until the test opens it.
+struct Faults {
+  Step step = Step::none;
+  Mode mode = Mode::fail;
+  std::mutex mu;
+  std::vector<std::string> events;
+  std::atomic<bool> entered{false}, opened{false};
+
+  void log(std::string e) {
     std::lock_guard l(mu);
     events.push_back(std::move(e));
   }
@@ -40,14 +44,10 @@ struct EventLog {
     return events;
   }
   bool has(const std::string& e) { return std::ranges::count(all(), e) > 0; }
-  std::mutex mu;
-  std::vector<std::string> events;
-};
-
-// Blocks a thread until the test opens it.
-struct ThreadGate {
-  std::atomic<bool> entered{false}, opened{false};
-  void wait() {
+  // Reached `at` on a thread: fails there, or waits at the gate when the rebuild is to be cancelled there.
+  void reach(Step at) {
+    if (step != at) return;
+    if (mode == Mode::fail) throw std::runtime_error(std::string(kSteps[static_cast<int>(at)]) + " failed");
     entered = true;
     opened.wait(false);
   }
@@ -57,138 +57,117 @@ struct ThreadGate {
   }
 };
 
-enum class Step { none, open, repository, indexer, pass, pass_errors, swap, report, release, discard };
-enum class Mode { fail, cancel };
-
-struct Injection {
-  Step step = Step::none;
-  Mode mode = Mode::fail;
-};
-
 // The live store, with a swap that can be made to fail or wait.
 class LiveRepository : public storage::Repository {
  public:
-  LiveRepository(std::shared_ptr<storage::Database> db, const Injection& inj, EventLog& log, ThreadGate& gate)
-      : storage::Repository(std::move(db)), inj_(inj), log_(log), gate_(gate) {}
+  LiveRepository(std::shared_ptr<storage::Database> db, Faults& f) : storage::Repository(std::move(db)), f_(f) {}
   json swap_index_from(const fs::path& staging_path) override {
-    log_.add("swap");
-    if (inj_.step == Step::swap && inj_.mode == Mode::cancel) gate_.wait();
-    if (inj_.step == Step::swap && inj_.mode == Mode::fail) throw std::runtime_error("swap failed");
+    f_.log("swap");
+    f_.reach(Step::swap);
     json counts = storage::Repository::swap_index_from(staging_path);
-    log_.add("swap done");
+    f_.log("swap done");
     return counts;
   }
 
  private:
-  const Injection& inj_;
-  EventLog& log_;
-  ThreadGate& gate_;
+  Faults& f_;
 };
 
 // A staging pass that stores one real file with one symbol into the staging store.
 class StagingIndexer : public workers::Indexer {
  public:
-  StagingIndexer(workers::IndexerOptions o, const Injection& inj, EventLog& log, aio::Future<void> gate)
-      : workers::Indexer(std::move(o)), inj_(inj), log_(log), gate_(std::move(gate)) {}
+  StagingIndexer(workers::IndexerOptions o, Faults& f, aio::Future<void> gate)
+      : workers::Indexer(std::move(o)), f_(f), gate_(std::move(gate)) {}
   aio::Task<workers::IndexStats> full_index(std::optional<std::vector<fs::path>>) override {
-    log_.add("pass");
+    f_.log("pass");
     auto repo = options().repository;
-    co_await aio::to_thread([repo] { repo->store_files({file_entry("new.py", {symbol("new_fn", "function", 1)})}); });
-    if (inj_.step == Step::pass && inj_.mode == Mode::cancel) co_await gate_;
-    if (inj_.step == Step::pass && inj_.mode == Mode::fail) throw std::runtime_error("pass failed");
-    co_return make_stats(1, 1, inj_.step == Step::pass_errors ? 3 : 0);
+    co_await aio::to_thread([repo] { repo->store_files({file_entry("new.py", "new_fn")}); });
+    if (f_.step == Step::pass && f_.mode == Mode::cancel) co_await gate_;
+    f_.reach(Step::pass);
+    co_return make_stats(1, 1, f_.step == Step::pass_errors ? 3 : 0);
   }
   aio::Task<void> settle() override {
-    log_.add("settle");
+    f_.log("settle");
     co_return;
   }
 
  private:
-  const Injection& inj_;
-  EventLog& log_;
+  Faults& f_;
   aio::Future<void> gate_;
 };
 
 class StagingWorker : public FakeWorker {
  public:
-  StagingWorker(const fs::path& root, const fs::path& data, Injection inj) : FakeWorker(root, data), inj(inj) {
+  StagingWorker(const fs::path& root, const fs::path& data, Step step, Mode mode) : FakeWorker(root, data) {
+    f.step = step, f.mode = mode;
     auto db = std::make_shared<storage::Database>(data / "index.db");
     db->connect();
     db->create_schema();
     _database = db;
-    _repository = std::make_shared<LiveRepository>(db, this->inj, log, thread_gate);
-    _repository->store_files({file_entry("old.py", {symbol("old_fn", "function", 1)})});
+    _repository = std::make_shared<LiveRepository>(db, f);
+    _repository->store_files({file_entry("old.py", "old_fn")});
   }
   ~StagingWorker() override {
-    thread_gate.open();
+    f.open();
     _passes_lane.join();
     _maintenance.join();
     _database->close();
   }
 
-  Injection inj;
-  EventLog log;
-  ThreadGate thread_gate;        // parks the open, the swap or the report on their threads
+  Faults f;                                   // its gate parks the open, the swap or the report on their threads
   aio::Future<void> loop_gate = make_gate();  // parks the pass or the release on the loop
   int releases_running = 0;
 
   std::shared_ptr<storage::Database> _open_staging_db(const fs::path& p, const Paths& s) override {
-    log.add("open");
-    if (inj.step == Step::open && inj.mode == Mode::cancel) thread_gate.wait();
-    if (inj.step == Step::open && inj.mode == Mode::fail) throw std::runtime_error("open failed");
+    f.log("open");
+    f.reach(Step::open);
     return WorkerReindex::_open_staging_db(p, s);
   }
   std::shared_ptr<storage::Repository> _new_repository(std::shared_ptr<storage::Database> db) override {
-    if (inj.step == Step::repository) throw std::runtime_error("repository failed");
+    f.reach(Step::repository);
     return WorkerReindex::_new_repository(std::move(db));
   }
   std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
-    if (inj.step == Step::indexer) throw std::runtime_error("indexer failed");
-    return std::make_shared<StagingIndexer>(std::move(o), inj, log, loop_gate);
+    f.reach(Step::indexer);
+    return std::make_shared<StagingIndexer>(std::move(o), f, loop_gate);
   }
   void _write_report(std::shared_ptr<storage::Repository>, fs::path, bool force) override {
-    log.add(force ? "report forced" : "report");
-    if (inj.step == Step::report && inj.mode == Mode::cancel) thread_gate.wait();
-    if (inj.step == Step::report && inj.mode == Mode::fail) throw std::runtime_error("report failed");
+    f.log(force ? "report forced" : "report");
+    f.reach(Step::report);
   }
   aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap, std::shared_ptr<storage::Database> db,
                                    Paths sidecars, std::shared_ptr<workers::Indexer> indexer) override {
-    struct Running {
+    ++releases_running;
+    struct Done {
       int& n;
-      explicit Running(int& count) : n(count) { ++n; }
-      ~Running() { --n; }
-    } running(releases_running);
-    log.add(std::string("release") + (swap ? " swap" : "") + (indexer ? " indexer" : ""));
-    if (inj.step == Step::release && inj.mode == Mode::cancel) co_await loop_gate;
-    if (inj.step == Step::release && inj.mode == Mode::fail) throw std::runtime_error("release failed");
+      ~Done() { --n; }
+    } done{releases_running};
+    f.log(std::string("release") + (swap ? " swap" : "") + (indexer ? " indexer" : ""));
+    if (f.step == Step::release && f.mode == Mode::cancel) co_await loop_gate;
+    f.reach(Step::release);
     co_await WorkerReindex::_release_staging(std::move(swap), std::move(db), std::move(sidecars), std::move(indexer));
   }
   void _discard_staging(const std::shared_ptr<storage::Database>& db, const Paths& sidecars) override {
-    log.add("discard");
-    if (inj.step == Step::discard) throw std::runtime_error("discard failed");
+    f.log("discard");
+    f.reach(Step::discard);
     WorkerReindex::_discard_staging(db, sidecars);
   }
 
-  std::string live_symbols() {
+  std::string live_files() {
     std::string out;
-    for (const auto& f : _repository->list_files()) out += f.path + ";";
+    for (const auto& row : _repository->list_files()) out += row.path + ";";
     return out;
   }
 };
 
 struct MatrixCase {
-  Injection inj;
+  Step step;
+  Mode mode;
   std::string outcome;  // "ok", "cancelled", or the error text
   std::vector<std::string> events;
   bool files_left;
   std::string live;  // the live files after the rebuild
 };
-
-std::string name_of(const MatrixCase& c) {
-  static const char* steps[] = {"none", "open",   "repository", "indexer", "pass",
-                                "pass_errors", "swap", "report", "release", "discard"};
-  return std::string(steps[static_cast<int>(c.inj.step)]) + (c.inj.mode == Mode::fail ? " fails" : " cancelled");
-}
 
 // Waits on the loop until `cond` holds (work on threads finishing), or fails after a few seconds.
 aio::Task<void> until(std::function<bool()> cond) {
@@ -202,35 +181,35 @@ TEST(StagedRebuild, FaultMatrix) {
       "them: fix each, or leave it out of the index with a .gitignore rule, then rebuild again";
   const std::vector<std::string> full = {"open", "pass", "swap", "swap done", "report forced", "release swap indexer",
                                          "settle", "discard"};
+  const std::vector<std::string> before_pass = {"open", "release", "discard"};
+  const std::vector<std::string> after_pass = {"open", "pass", "release indexer", "settle", "discard"};
   const std::vector<MatrixCase> cases = {
-      {{Step::none}, "ok", full, false, "new.py;"},
-      {{Step::open, Mode::fail}, "open failed", {"open"}, false, "old.py;"},
-      {{Step::open, Mode::cancel}, "cancelled", {"open", "release", "discard"}, false, "old.py;"},
-      {{Step::repository}, "repository failed", {"open", "release", "discard"}, false, "old.py;"},
-      {{Step::indexer}, "indexer failed", {"open", "release", "discard"}, false, "old.py;"},
-      {{Step::pass, Mode::fail}, "pass failed", {"open", "pass", "release indexer", "settle", "discard"}, false,
-       "old.py;"},
-      {{Step::pass, Mode::cancel}, "cancelled", {"open", "pass", "release indexer", "settle", "discard"}, false,
-       "old.py;"},
-      {{Step::pass_errors}, incomplete, {"open", "pass", "release indexer", "settle", "discard"}, false, "old.py;"},
-      {{Step::swap, Mode::fail}, "swap failed", {"open", "pass", "swap", "release swap indexer", "settle", "discard"},
+      {Step::none, Mode::fail, "ok", full, false, "new.py;"},
+      {Step::open, Mode::fail, "open failed", {"open"}, false, "old.py;"},
+      {Step::open, Mode::cancel, "cancelled", before_pass, false, "old.py;"},
+      {Step::repository, Mode::fail, "repository failed", before_pass, false, "old.py;"},
+      {Step::indexer, Mode::fail, "indexer failed", before_pass, false, "old.py;"},
+      {Step::pass, Mode::fail, "pass failed", after_pass, false, "old.py;"},
+      {Step::pass, Mode::cancel, "cancelled", after_pass, false, "old.py;"},
+      {Step::pass_errors, Mode::fail, incomplete, after_pass, false, "old.py;"},
+      {Step::swap, Mode::fail, "swap failed", {"open", "pass", "swap", "release swap indexer", "settle", "discard"},
        false, "old.py;"},
       // The swap runs on to its end on the lane; the release waits for it before it discards anything.
-      {{Step::swap, Mode::cancel}, "cancelled",
+      {Step::swap, Mode::cancel, "cancelled",
        {"open", "pass", "swap", "release swap indexer", "settle", "swap done", "discard"}, false, "new.py;"},
-      {{Step::report, Mode::fail}, "report failed", full, false, "new.py;"},
-      {{Step::report, Mode::cancel}, "cancelled", full, false, "new.py;"},
-      {{Step::release, Mode::fail}, "release failed",
+      {Step::report, Mode::fail, "report failed", full, false, "new.py;"},
+      {Step::report, Mode::cancel, "cancelled", full, false, "new.py;"},
+      {Step::release, Mode::fail, "release failed",
        {"open", "pass", "swap", "swap done", "report forced", "release swap indexer"}, true, "new.py;"},
       // Cancelled while it waits for the release: the release runs on regardless.
-      {{Step::release, Mode::cancel}, "cancelled", full, false, "new.py;"},
-      {{Step::discard}, "discard failed", full, true, "new.py;"},
+      {Step::release, Mode::cancel, "cancelled", full, false, "new.py;"},
+      {Step::discard, Mode::fail, "discard failed", full, true, "new.py;"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(name_of(c));
+    SCOPED_TRACE(std::string(kSteps[static_cast<int>(c.step)]) + (c.mode == Mode::fail ? " fails" : " cancelled"));
     TempDir root, data;
     LogCapture logs;
-    StagingWorker w(root.path(), data.path(), c.inj);
+    StagingWorker w(root.path(), data.path(), c.step, c.mode);
     std::string outcome;
     aio::EventLoop loop(2);
     aio::run_until_complete(loop, [&]() -> aio::Task<void> {
@@ -238,16 +217,16 @@ TEST(StagedRebuild, FaultMatrix) {
       storage::SymbolQuery q{.text = "old_fn", .match = storage::SymbolQuery::Match::exact};
       EXPECT_EQ(w._repository->search_symbols(q).size(), 1u);
       auto rebuild = aio::spawn(w._full_reindex_via_staging());
-      if (c.inj.mode == Mode::cancel) {
-        if (c.inj.step == Step::pass || c.inj.step == Step::release) {
-          co_await until([&] { return w.log.has(c.inj.step == Step::pass ? "pass" : "release swap indexer"); });
+      if (c.mode == Mode::cancel) {
+        if (c.step == Step::pass || c.step == Step::release) {
+          co_await until([&] { return w.f.has(c.step == Step::pass ? "pass" : "release swap indexer"); });
           co_await aio::sleep_for(std::chrono::milliseconds(5));
         } else {
-          co_await until([&] { return w.thread_gate.entered.load(); });
+          co_await until([&] { return w.f.entered.load(); });
         }
         rebuild.cancel();
         co_await aio::sleep_for(std::chrono::milliseconds(5));
-        w.thread_gate.open();
+        w.f.open();
         open_gate(w.loop_gate);
       }
       co_await aio::wait_all({rebuild.base()});
@@ -264,15 +243,15 @@ TEST(StagedRebuild, FaultMatrix) {
       EXPECT_EQ(w._repository->search_symbols(q).size(), c.live == "old.py;" ? 1u : 0u);
     }());
     EXPECT_EQ(outcome, c.outcome);
-    EXPECT_EQ(w.log.all(), c.events);
+    EXPECT_EQ(w.f.all(), c.events);
     EXPECT_EQ(staging_files_left(w.data_dir), c.files_left);
-    EXPECT_EQ(w.live_symbols(), c.live);
+    EXPECT_EQ(w.live_files(), c.live);
     bool swap_logged = false;
     for (const auto& r : logs.of("brenloc.daemon.worker")) {
       if (r.first_line() == R"(Force-reindex swap committed (rows: {"files":1,"symbols":1}))") swap_logged = true;
     }
-    EXPECT_EQ(swap_logged, w.log.has("swap done") && c.inj.step != Step::swap);
-    if (c.inj.step == Step::open && c.inj.mode == Mode::fail) {
+    EXPECT_EQ(swap_logged, w.f.has("swap done") && c.step != Step::swap);
+    if (c.step == Step::open && c.mode == Mode::fail) {
       auto records = logs.of("brenloc.daemon.worker");
       ASSERT_EQ(records.size(), 1u);
       EXPECT_EQ(records[0].first_line(), "Suppressed failure while opening the staging database");
@@ -282,44 +261,27 @@ TEST(StagedRebuild, FaultMatrix) {
 
 TEST(StagingFiles, RemoveFilesGoesOnPastOneThatCannotBeDeleted) {
   TempDir dir;
-  fs::create_directories(dir.path() / "busy");
-  std::ofstream(dir.path() / "busy" / "inside");  // a non-empty directory cannot be removed as a file
-  std::ofstream(dir.path() / "a");
-  std::ofstream(dir.path() / "c");
-  daemon::WorkerReindex::_remove_files({dir.path() / "a", dir.path() / "busy", dir.path() / "missing", dir.path() / "c"});
-  EXPECT_FALSE(fs::exists(dir.path() / "a"));
-  EXPECT_TRUE(fs::exists(dir.path() / "busy"));
-  EXPECT_FALSE(fs::exists(dir.path() / "c"));
+  const fs::path d = dir.path();
+  for (const char* f : {"a", "busy/inside", "c"}) write_file(d / f);  // a non-empty directory is no file to remove
+  daemon::WorkerReindex::_remove_files({d / "a", d / "busy", d / "missing", d / "c"});
+  EXPECT_EQ((std::vector<bool>{fs::exists(d / "a"), fs::exists(d / "busy"), fs::exists(d / "c")}),
+            (std::vector<bool>{false, true, false}));
 }
 
-TEST(StagingFiles, LeftoversOfAKilledRebuildAreDeletedBeforeTheNewDatabaseOpens) {
+TEST(StagingFiles, LeftoversOfAnUnfinishedRebuildAreDeletedBeforeTheNewDatabaseOpens) {
   TempDir data;
   FakeWorker w(data.path(), data.path());
   auto [staging, sidecars] = w._staging_db_paths(data.path() / "index.db");
   const fs::path s = data.path() / "index.db.reindex-staging";  // beside the live database
   ASSERT_EQ(sidecars, (std::vector<fs::path>{s, s.string() + "-wal", s.string() + "-shm"}));
   ASSERT_EQ(staging, s);
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // A rebuild in another process: rows written into the staging database's log, never checkpointed.
-    auto db = std::make_shared<storage::Database>(staging);
-    db->connect();
-    db->create_schema();
-    storage::Repository repo(db);
-    repo.store_files({file_entry("leftover.py", {symbol("stale", "function", 1)})});
-    char c = 1;
-    (void)::write(ready[1], &c, 1);
-    ::pause();
-    ::_exit(0);
-  }
-  char c;
-  ASSERT_EQ(::read(ready[0], &c, 1), 1);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  ASSERT_TRUE(fs::exists(sidecars[1]));  // the killed process left its log behind
+  // A rebuild that never ended (its connection still open, as a killed process's was): rows in the staging
+  // database's log, never checkpointed.
+  auto left = std::make_shared<storage::Database>(staging);
+  left->connect();
+  left->create_schema();
+  storage::Repository(left).store_files({file_entry("leftover.py", "stale")});
+  ASSERT_TRUE(fs::exists(sidecars[1]));
 
   auto db = w._open_staging_db(staging, sidecars);
   storage::Repository fresh(db);
@@ -327,6 +289,7 @@ TEST(StagingFiles, LeftoversOfAKilledRebuildAreDeletedBeforeTheNewDatabaseOpens)
   EXPECT_TRUE(fresh.list_files().empty());
   w._discard_staging(db, sidecars);
   EXPECT_FALSE(staging_files_left(data.path()));
+  left->close();
 }
 
 }  // namespace
