@@ -203,7 +203,9 @@ class RandomTree {
  public:
   explicit RandomTree(unsigned seed) : rng_(seed) {}
 
+  // Some directories lose read or search permission once their subtree is built.
   void grow(const fs::path& dir, int depth) {
+    static constexpr mode_t closed[] = {0, 0100, 0300, 0400, 0500};
     fs::create_directories(dir);
     const int entries = pick(2, 10);
     for (int i = 0; i < entries; ++i) {
@@ -214,7 +216,7 @@ class RandomTree {
         write_file(p);
       } else if (kind < 78 && depth < 4) {
         grow(p, depth + 1);
-        if (pick(0, 5) == 0) unreadable_.push_back(p);
+        if (pick(0, 5) == 0) ::chmod(p.c_str(), closed[pick(0, 4)]);
       } else if (kind < 84) {
         fs::create_symlink(pick(0, 1) ? "/etc/hostname" : "nowhere", p);
       } else if (kind < 92) {
@@ -223,12 +225,6 @@ class RandomTree {
         ::mkfifo(p.c_str(), 0600);
       }
     }
-  }
-
-  // Takes read or search permission away from some directories (after the whole tree is built).
-  void close_some() {
-    static constexpr mode_t modes[] = {0, 0100, 0300, 0400, 0500};
-    for (const auto& d : unreadable_) ::chmod(d.c_str(), modes[pick(0, 4)]);
   }
 
  private:
@@ -241,7 +237,6 @@ class RandomTree {
     return n.empty() ? "plain" : n;
   }
   std::mt19937 rng_;
-  std::vector<fs::path> unreadable_;
 };
 
 TEST(ExpandDirectory, MatchesOneWalkPerExtensionOnRandomTrees) {
@@ -256,7 +251,6 @@ TEST(ExpandDirectory, MatchesOneWalkPerExtensionOnRandomTrees) {
     TempDir tmp;
     RandomTree tree(seed);
     tree.grow(tmp.path() / "top", 0);
-    tree.close_some();
     for (const auto& table : tables) {
       std::vector<fs::path> got;
       expand_directory(tmp.path() / "top", table, got);
