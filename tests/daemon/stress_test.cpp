@@ -1,7 +1,8 @@
 // Random interleavings of force_reindex requests (paths, whole repository, rebuilds), cancellations of
 // the background run and stop(), over the real staging machinery and real SQLite files. After each:
-// never two runs at once, no staging file left, no task left running. (What each outcome does to the
-// worker's fields is the background run's table in force_reindex_test.) The number of interleavings is BRENLOC_STRESS_INTERLEAVINGS (default 1000).
+// never two runs at once, no staging file left, no task left running (what each outcome does to the
+// worker's fields is the background run table's). The number of interleavings is
+// BRENLOC_STRESS_INTERLEAVINGS (default 1000).
 #include <cstdlib>
 #include <random>
 
@@ -32,10 +33,7 @@ class RandomIndexer : public workers::Indexer {
     });
     co_await aio::sleep_for(std::chrono::microseconds(wait_us_));
     if (end_ == End::failure) throw std::runtime_error("pass failed");
-    workers::IndexStats s;
-    s.files_processed = 1;
-    s.errors = end_ == End::errors ? 2 : 0;
-    co_return s;
+    co_return make_stats(1, 1, end_ == End::errors ? 2 : 0);
   }
   // As a real indexer's settle can: waits a little for work still on threads, which keeps a release in
   // flight long enough for cancellations and new requests to meet it.
