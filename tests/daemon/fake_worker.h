@@ -12,6 +12,7 @@
 
 #include "brenloc/aio/task.h"
 #include "brenloc/daemon/worker_reindex.h"
+#include "brenloc/utils/logging.h"
 
 namespace brenloc::testing {
 
@@ -131,6 +132,13 @@ inline bool staging_files_left(const fs::path& data_dir) {
     if (fs::exists(p)) return true;
   }
   return false;
+}
+
+// How a finished task ended: "cancelled", the text of its error, or "ok".
+template <class T>
+std::string ending_of(const aio::Future<T>& f) {
+  if (f.cancelled()) return "cancelled";
+  return f.exception() ? utils::error_text(f.exception()) : "ok";
 }
 
 inline workers::IndexStats make_stats(std::int64_t files, std::int64_t symbols, std::int64_t errors,

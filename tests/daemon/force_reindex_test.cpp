@@ -280,13 +280,7 @@ TEST(BackgroundRun, CancellationAndErrorsOfTheClosingStepsLeaveTheRun) {
         w._indexer_task->cancel();
       }
       co_await wait_for_run(w);
-      if (w._indexer_task->cancelled()) {
-        ended = "cancelled";
-      } else if (auto e = w._indexer_task->exception()) {
-        ended = utils::error_text(e);
-      } else {
-        ended = "ok";
-      }
+      ended = ending_of(*w._indexer_task);
     });
     EXPECT_EQ(ended, c.ends);
     EXPECT_EQ(w.events.back(), "finish");

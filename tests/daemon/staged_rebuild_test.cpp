@@ -230,14 +230,8 @@ TEST(StagedRebuild, FaultMatrix) {
         open_gate(w.loop_gate);
       }
       co_await aio::wait_all({rebuild.base()});
-      if (rebuild.cancelled()) {
-        outcome = "cancelled";
-      } else if (auto e = rebuild.exception()) {
-        outcome = utils::error_text(e);
-      } else {
-        outcome = "ok";
-        EXPECT_EQ(rebuild.result().files_processed, 1);
-      }
+      outcome = ending_of(rebuild);
+      if (outcome == "ok") EXPECT_EQ(rebuild.result().files_processed, 1);
       // Work that outlives the rebuild (a released release) must still finish.
       co_await until([&] { return w.releases_running == 0; });
       EXPECT_EQ(w._repository->search_symbols(q).size(), c.live == "old.py;" ? 1u : 0u);
