@@ -18,7 +18,7 @@ TEST(Database, SchemaIsVersionedAndIdempotent) {
   for (int found : {0, kSchemaVersion, kSchemaVersion + 1}) {
     SCOPED_TRACE(found);
     testing::TempDir dir;
-    auto db = std::make_shared<Database>(dir / "index.db");
+    auto db = std::make_shared<Database>(dir.path() / "index.db");
     db->connect();
     EXPECT_EQ(testing::query_text(*db, "PRAGMA journal_mode") + testing::query_text(*db, "PRAGMA busy_timeout"), "wal5000");
     db->execute(fmt::format("PRAGMA user_version = {}", found));

@@ -23,7 +23,7 @@ using Hashes = std::unordered_map<std::string, std::string>;
 class RepositoryTest : public ::testing::Test {
  protected:
   testing::TempDir dir;
-  std::shared_ptr<Database> db = testing::open_database(dir / "index.db");
+  std::shared_ptr<Database> db = testing::open_database(dir.path() / "index.db");
   Repository repo{db};
 
   std::vector<std::string> found(const SymbolQuery& q) {

@@ -1,33 +1,20 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/repository.h"
+#include "utils/tree_fixtures.h"
 
 namespace brenloc::storage::testing {
 
 namespace fs = std::filesystem;
-
-struct TempDir {
-  fs::path path;
-  TempDir() {
-    std::string p = (fs::temp_directory_path() / "brenloc-storage-XXXXXX").string();
-    path = mkdtemp(p.data());
-  }
-  ~TempDir() { std::error_code ec; fs::remove_all(path, ec); }
-  fs::path operator/(const std::string& name) const { return path / name; }
-};
+using brenloc::testing::TempDir;
 
 inline std::shared_ptr<Database> open_database(const fs::path& path) {
   auto db = std::make_shared<Database>(path);

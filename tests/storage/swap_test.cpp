@@ -2,9 +2,7 @@
 // index exactly as it was), and what readers on other connections see while it runs.
 #include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,48 +20,10 @@ using testing::dump;
 using testing::entries;
 using testing::make_staging;
 
-// The default VFS, except that once armed, reads of a main database file whose name contains "faulty"
-// fail after `reads_left` more: a real I/O error in the middle of the swap's copy. A connection (and what
-// it attaches) keeps the VFS that was the default when it was opened.
-struct FaultyVfs {
-  static inline sqlite3_vfs* real = nullptr;
-  static inline sqlite3_vfs vfs{};
-  static inline sqlite3_io_methods methods{};
-  static inline const sqlite3_io_methods* real_methods = nullptr;
-  static inline std::atomic<int> reads_left = -1;  // < 0: disarmed
-
-  static void install() {
-    real = sqlite3_vfs_find(nullptr);
-    vfs = *real;
-    vfs.zName = "brenloc-faulty";
-    vfs.xOpen = [](sqlite3_vfs*, sqlite3_filename name, sqlite3_file* f, int flags, int* out) {
-      int rc = real->xOpen(real, name, f, flags, out);
-      if (rc == SQLITE_OK && name != nullptr && std::strstr(name, "faulty") && (flags & SQLITE_OPEN_MAIN_DB)) {
-        real_methods = f->pMethods;
-        methods = *f->pMethods;
-        methods.xRead = [](sqlite3_file* file, void* buf, int n, sqlite3_int64 offset) {
-          if (reads_left >= 0 && reads_left-- == 0) return SQLITE_IOERR_READ;
-          return real_methods->xRead(file, buf, n, offset);
-        };
-        f->pMethods = &methods;
-      }
-      return rc;
-    };
-    sqlite3_vfs_register(&vfs, 1);
-  }
-  static void uninstall() {
-    sqlite3_vfs_unregister(&vfs);
-    sqlite3_vfs_register(real, 1);
-  }
-};
-
 class SwapTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { FaultyVfs::install(); }
-  static void TearDownTestSuite() { FaultyVfs::uninstall(); }
-
   testing::TempDir dir;
-  std::shared_ptr<Database> live = testing::open_database(dir / "index.db");
+  std::shared_ptr<Database> live = testing::open_database(dir.path() / "index.db");
   Repository repo{live};
   void SetUp() override { repo.store_files(entries("old", 30, 20)); }
 };
@@ -75,15 +35,15 @@ TEST_F(SwapTest, ReplacesEveryRowAndAnswersCachedQueriesFromTheNewIndex) {
   ASSERT_EQ(repo.search_symbols(query).at(0).path, "old/f1.cpp");
   auto rows = entries("new", 40, 25);
   rows.push_back(testing::file_entry("moved.cpp", {{"old_1_1", "class", 77, 1, 80, 1, ""}}));
-  auto staging = make_staging(dir / "index.db.reindex-staging", rows);
+  auto staging = make_staging(dir.path() / "index.db.reindex-staging", rows);
   live->execute("DROP INDEX symbols_by_name");  // as a cancelled bulk load into the live file leaves it
 
-  EXPECT_EQ(repo.swap_index_from(dir / "index.db.reindex-staging").dump(), R"({"files":41,"symbols":1001})");
+  EXPECT_EQ(repo.swap_index_from(dir.path() / "index.db.reindex-staging").dump(), R"({"files":41,"symbols":1001})");
   EXPECT_EQ(dump(*live), dump(*staging));  // every row and index, and the staging file detached
   EXPECT_EQ(repo.search_symbols(query).at(0).path, "moved.cpp");
 
-  auto empty = make_staging(dir / "empty", {});  // also an index, and the live writer carries on after it
-  EXPECT_EQ(repo.swap_index_from(dir / "empty").dump(), R"({"files":0,"symbols":0})");
+  auto empty = make_staging(dir.path() / "empty", {});  // also an index, and the live writer carries on after it
+  EXPECT_EQ(repo.swap_index_from(dir.path() / "empty").dump(), R"({"files":0,"symbols":0})");
   repo.store_files(entries("after", 1, 2));
   EXPECT_EQ(repo.counts().symbols, 2);
 }
@@ -111,8 +71,11 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
        [&](auto& p) { open.push_back(make_staging(p, big)), open.back()->execute("PRAGMA user_version = 2"); },
        "the staging file has schema version 2, expected 1"},
       {"no schema", [&](auto& p) { raw(p, "CREATE TABLE files(x)"); }, "schema version 0, expected 1"},
-      {"wrong tables", [&](auto& p) { raw(p, "CREATE TABLE files(x); CREATE TABLE symbols(y); PRAGMA user_version = 1"); },
+      {"wrong files table", [&](auto& p) { raw(p, "CREATE TABLE files(x); PRAGMA user_version = 1"); },
        "copying the files: table main.files has 6 columns but 1 values were supplied"},
+      {"wrong symbols table, after the files were copied",
+       [&](auto& p) { open.push_back(make_staging(p, big)), open.back()->execute("DROP TABLE symbols; CREATE TABLE symbols(y)"); },
+       "copying the symbols: table main.symbols has 9 columns but 1 values were supplied"},
       {"not a database", [](auto& p) { write_bytes(p, std::string(8192, 'x'), 0); }, "file is not a database"},
       {"damaged pages",  // page 1 (header and schema) intact, every later page overwritten
        [&](auto& p) {
@@ -120,30 +83,27 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
          write_bytes(p, std::string(fs::file_size(p) - 4096, '\xA5'), 4096);
        },
        "copying the files: database disk image is malformed"},
-      {"io error", [&](auto& p) { open.push_back(make_staging(p, big)), FaultyVfs::reads_left = 20; },
-       "copying the symbols: disk I/O error"},
   };
   const SymbolQuery query{.text = "old_", .match = SymbolQuery::Match::prefix, .limit = 5};
   const auto cached = repo.search_symbols(query).size();
   const auto before = dump(*live);
   for (const auto& [label, make, cause] : cases) {
     SCOPED_TRACE(label);
-    auto path = dir / ("faulty-" + label);
+    auto path = dir.path() / label;
     make(path);
     try {
       repo.swap_index_from(path);
       ADD_FAILURE() << "no error";
     } catch (const StorageError& e) {
       EXPECT_THAT(e.what(), AllOf(HasSubstr(fmt::format("swapping in the index of {} onto {}: ", path.string(),
-                                                        (dir / "index.db").string())),
+                                                        (dir.path() / "index.db").string())),
                                   HasSubstr(cause)));
     }
-    FaultyVfs::reads_left = -1;
     EXPECT_EQ(dump(*live), before);
     EXPECT_EQ(repo.search_symbols(query).size(), cached);
   }
-  make_staging(dir / "good", entries("new", 2, 2));
-  EXPECT_EQ(repo.swap_index_from(dir / "good").dump(), R"({"files":2,"symbols":4})");
+  make_staging(dir.path() / "good", entries("new", 2, 2));
+  EXPECT_EQ(repo.swap_index_from(dir.path() / "good").dump(), R"({"files":2,"symbols":4})");
 }
 
 // Readers on their own connections during repeated swaps (from another thread than the one that opened the
@@ -155,7 +115,7 @@ TEST_F(SwapTest, ReadersSeeTheOldIndexOrTheNewNeverAMix) {
   auto files_of = [](int g) { return 3 + g % 4; };
   auto per_file = [](int g) { return 2 + g % 3; };
   auto swap_in = [&](int g) {
-    auto path = dir / fmt::format("staging-{}", g);
+    auto path = dir.path() / fmt::format("staging-{}", g);
     auto staging = make_staging(path, entries(fmt::format("g{}", g), files_of(g), per_file(g)));
     repo.swap_index_from(path);
   };
