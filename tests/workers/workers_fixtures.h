@@ -1,25 +1,16 @@
-// Git for the ignore tests, and a temporary repository with a real index database, an event loop and
-// sources to fill it with for the indexer's tests.
+// A temporary repository with a real index database, an event loop and sources to fill it with.
 #pragma once
 
-#include <cstdio>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "brenloc/aio/task.h"
-#include "brenloc/storage/database.h"
-#include "brenloc/storage/repository.h"
 #include "brenloc/workers/indexer.h"
-#include "utils/tree_fixtures.h"
+#include "storage/storage_fixture.h"
 
 namespace brenloc::workers::testing {
 
@@ -31,47 +22,6 @@ inline std::string read_file(const fs::path& p) {
   std::stringstream ss;
   ss << std::ifstream(p, std::ios::binary).rdbuf();
   return ss.str();
-}
-
-// Runs a shell command; returns its standard output.
-inline std::string run_command(const std::string& cmd) {
-  std::string out;
-  FILE* f = ::popen(cmd.c_str(), "r");
-  char buf[4096];
-  for (std::size_t n; f != nullptr && (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-  if (f != nullptr) ::pclose(f);
-  return out;
-}
-
-inline std::string quoted(const fs::path& p) {
-  std::string q = "'";
-  for (char c : p.string()) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-// An empty repository, made by hand (what `git init` would make, without starting a process).
-inline void git_init(const fs::path& dir) {
-  fs::create_directories(dir / ".git/objects");
-  fs::create_directories(dir / ".git/refs/heads");
-  write_file(dir / ".git/HEAD", "ref: refs/heads/main\n");
-  write_file(dir / ".git/config", "[core]\n\trepositoryformatversion = 0\n\tbare = false\n");
-}
-
-// The paths among `paths` (relative, existing) that `git check-ignore` reports as ignored, asked of a git
-// with no user or system configuration, so that no global ignore file takes part.
-inline std::set<std::string> git_ignored(const fs::path& dir, const std::vector<std::string>& paths) {
-  const fs::path input = dir / ".git/check-ignore-input";
-  {
-    std::ofstream out(input, std::ios::binary);
-    for (const auto& p : paths) out << p << '\0';
-  }
-  const std::string out = run_command("env HOME=" + quoted(dir) + " XDG_CONFIG_HOME=" + quoted(dir) +
-                                      " GIT_CONFIG_NOSYSTEM=1 git -C " + quoted(dir) +
-                                      " check-ignore -z --stdin < " + quoted(input) + " 2>/dev/null");
-  std::set<std::string> ignored;
-  std::istringstream in(out);
-  for (std::string p; std::getline(in, p, '\0');) ignored.insert(p);
-  return ignored;
 }
 
 // C source defining `functions` functions named "<prefix>_<n>".
@@ -89,14 +39,7 @@ using Paths = std::vector<std::string>;
 struct Harness {
   // The data directory is `data_rel` under the repository root, or outside it when empty.
   explicit Harness(const std::string& data_rel = ".brenloc")
-      : root(tmp.path() / "repo"), data(data_rel.empty() ? tmp.path() / "data" : root / data_rel) {
-    fs::create_directories(root);
-    fs::create_directories(data);
-    db = std::make_shared<storage::Database>(data / "index.db");
-    db->connect();
-    db->create_schema();
-    repo = std::make_shared<storage::Repository>(db);
-  }
+      : root(tmp.path() / "repo"), data(data_rel.empty() ? tmp.path() / "data" : root / data_rel) {}
 
   IndexerOptions options() const {
     IndexerOptions o;
@@ -128,25 +71,16 @@ struct Harness {
   }
   // Paths of the files defining a symbol called `name`.
   Paths defined_in(const std::string& name) {
-    storage::SymbolQuery q;
-    q.text = name;
-    q.match = storage::SymbolQuery::Match::exact;
     Paths out;
-    for (const auto& hit : repo->search_symbols(q)) out.push_back(hit.path);
+    for (const auto& hit : repo->search_symbols({.text = name, .match = storage::SymbolQuery::Match::exact})) {
+      out.push_back(hit.path);
+    }
     return out;
   }
 
   // Whether the index file has its name index (a bulk load builds it only at its end).
   bool has_name_index() {
-    bool found = false;
-    db->with_connection([&](sqlite3* c) {
-      sqlite3_stmt* st = nullptr;
-      sqlite3_prepare_v2(c, "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'", -1, &st,
-                         nullptr);
-      found = sqlite3_step(st) == SQLITE_ROW;
-      sqlite3_finalize(st);
-    });
-    return found;
+    return storage::testing::query_text(*db, "SELECT count(*) FROM sqlite_master WHERE name = 'symbols_by_name'") == "1";
   }
 
   // The (path, stage) pairs of errors.jsonl, each line with an error text; absent when there is no file.
@@ -164,8 +98,9 @@ struct Harness {
 
   TempDir tmp;
   const fs::path root, data;
-  std::shared_ptr<storage::Database> db;
-  std::shared_ptr<storage::Repository> repo;
+  std::shared_ptr<storage::Database> db =
+      (fs::create_directories(root), fs::create_directories(data), storage::testing::open_database(data / "index.db"));
+  std::shared_ptr<storage::Repository> repo = std::make_shared<storage::Repository>(db);
   aio::EventLoop loop{2};
 };
 
