@@ -160,74 +160,33 @@ TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNo
   }
 }
 
-TEST(IndexerPasses, WholePassAddsChangedNewAndRemovesVanished) {
-  Harness h;
-  h.write("a.c", "int alpha(void) { return 1; }\n");
-  h.write("b.py", "def beta():\n    return 2\n");
-  h.write("d/keep.c", "int kept(void) { return 3; }\n");
-  std::vector<std::pair<std::int64_t, std::int64_t>> progress;
-  Indexer ix(h.options());
-  ix.set_progress([&](std::int64_t done, std::int64_t total) { progress.emplace_back(done, total); });
-  IndexStats first = h.index(ix);
-  EXPECT_TRUE(h.has_name_index()) << "the first pass into an empty index must rebuild the name index it deferred";
-  EXPECT_EQ(first.files_processed, 3);
-  EXPECT_EQ(first.errors, 0);
-  ASSERT_FALSE(progress.empty());
-  EXPECT_EQ(progress.back(), std::make_pair(std::int64_t{3}, std::int64_t{3}));
-  EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end(), [](auto& a, auto& b) { return a.first < b.first; }));
-  auto before = h.indexed();
-
-  h.write("a.c", "int alpha2(void) { return 1; }\n");
-  fs::remove(h.root / "b.py");
-  h.write("new.py", "def gamma():\n    return 4\n");
-  IndexStats second = h.index(ix);
-  EXPECT_EQ(h.indexed_paths(), (Paths{"a.c", "d/keep.c", "new.py"}));
-  EXPECT_EQ(second.files_processed, 3);
-  EXPECT_EQ(second.files_unchanged, 1);
-  EXPECT_EQ(second.files_removed, 1);
-  EXPECT_EQ(second.symbols_added, 2);
-  EXPECT_EQ(second.errors, 0);
-  EXPECT_NE(h.indexed()["a.c"], before["a.c"]);
-  EXPECT_EQ(h.indexed()["d/keep.c"], before["d/keep.c"]);
-  for (const auto& [name, where] : std::map<std::string, Paths>{
-           {"alpha", {}}, {"alpha2", {"a.c"}}, {"beta", {}}, {"gamma", {"new.py"}}, {"kept", {"d/keep.c"}}}) {
-    EXPECT_EQ(h.defined_in(name), where) << name;
-  }
-  nlohmann::ordered_json info = second.get_last_index_info();
-  const nlohmann::ordered_json expected_info = {
-      {"type", "full"}, {"duration_seconds", info["duration_seconds"]}, {"files_processed", 3}, {"errors", 0}};
-  EXPECT_EQ(info.dump(), expected_info.dump());
-  EXPECT_GE(info["duration_seconds"].get<double>(), 0.0);
-  EXPECT_EQ(ix.stats.get_last_index_info(), info);
-
-  // A rule added later takes its files out of the index.
-  h.write(".gitignore", "d/\n");
-  h.index(ix);
-  EXPECT_EQ(h.indexed_paths(), (Paths{"a.c", "new.py"}));
-}
-
-TEST(IndexerPasses, PathsPassIndexesExactlyTheListedFiles) {
+// After files changed, appeared, vanished and fell under a new rule, a whole pass takes in every change
+// and a paths pass exactly the listed files; each file defines one function.
+TEST(IndexerPasses, IndexExactlyWhatChanged) {
   struct Case {
     const char* name;
-    Paths listed;
-    std::int64_t files_processed;
+    std::optional<Paths> listed;  // none: a whole pass
+    std::int64_t processed, unchanged, removed;
     Paths updated;  // files whose new content is indexed afterwards
     Paths indexed;  // every indexed file afterwards
   };
   const Case cases[] = {
-      {"one changed file", {"a.c"}, 1, {"a.c"}, {"a.c", "b.c", "ignored.c", "sub/c.c"}},
-      {"a vanished file drops its rows", {"sub/c.c"}, 0, {}, {"a.c", "b.c", "ignored.c"}},
-      {"an empty list indexes nothing", {}, 0, {}, {"a.c", "b.c", "ignored.c", "sub/c.c"}},
-      {"a file the rules now ignore drops its rows", {"b.c", "ignored.c"}, 1, {"b.c"}, {"a.c", "b.c", "sub/c.c"}},
-      {"a directory stands for its files", {"sub"}, 0, {}, {"a.c", "b.c", "ignored.c"}},
-      {"the same file twice, and a new one", {"a.c", "a.c", "n.c"}, 2, {"a.c", "n.c"},
-       {"a.c", "b.c", "ignored.c", "n.c", "sub/c.c"}},
+      {"whole pass", std::nullopt, 4, 1, 2, {"a.c", "b.c", "n.c"}, {"a.c", "b.c", "keep.c", "n.c"}},
+      {"one changed file", Paths{"a.c"}, 1, 0, 0, {"a.c"}, {"a.c", "b.c", "ignored.c", "keep.c", "sub/c.c"}},
+      {"a vanished file drops its rows", Paths{"sub/c.c"}, 0, 0, 1, {}, {"a.c", "b.c", "ignored.c", "keep.c"}},
+      {"an empty list indexes nothing", Paths{}, 0, 0, 0, {}, {"a.c", "b.c", "ignored.c", "keep.c", "sub/c.c"}},
+      {"a file the rules now ignore drops its rows", Paths{"b.c", "ignored.c"}, 1, 0, 1, {"b.c"},
+       {"a.c", "b.c", "keep.c", "sub/c.c"}},
+      {"a directory stands for its files", Paths{"sub"}, 0, 0, 1, {}, {"a.c", "b.c", "ignored.c", "keep.c"}},
+      {"the same file twice, and a new one", Paths{"a.c", "a.c", "n.c"}, 2, 0, 0, {"a.c", "n.c"},
+       {"a.c", "b.c", "ignored.c", "keep.c", "n.c", "sub/c.c"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Harness h;
-    for (const char* name : {"a", "b", "sub/c", "ignored"}) h.write(std::string(name) + ".c", "int old(void) { return 1; }\n");
-    ASSERT_EQ(h.index().files_processed, 4);
+    for (const char* name : {"a", "b", "sub/c", "ignored", "keep"}) h.write(std::string(name) + ".c", kOk);
+    ASSERT_EQ(h.index().files_processed, 5);
+    EXPECT_TRUE(h.has_name_index()) << "the first pass into an empty index must rebuild the name index it deferred";
     for (const char* name : {"a", "b", "n"}) {
       h.write(std::string(name) + ".c", fmt::format("int {}_new(void) {{ return 1; }}\n", name));
     }
@@ -235,29 +194,29 @@ TEST(IndexerPasses, PathsPassIndexesExactlyTheListedFiles) {
     fs::remove(h.root / "sub/c.c");
 
     Indexer ix(h.options());
-    IndexStats stats = h.index(ix, under(h.root, c.listed));
-    EXPECT_EQ(stats.files_processed, c.files_processed);
-    EXPECT_EQ(stats.errors, 0);
-    EXPECT_EQ(stats.get_last_index_info()["type"], "paths");
+    std::vector<std::pair<std::int64_t, std::int64_t>> progress;
+    ix.set_progress([&](std::int64_t done, std::int64_t total) { progress.emplace_back(done, total); });
+    const IndexStats stats = h.index(ix, c.listed ? std::optional(under(h.root, *c.listed)) : std::nullopt);
+    EXPECT_EQ(std::tuple(stats.files_processed, stats.files_unchanged, stats.files_removed, stats.symbols_added),
+              std::tuple(c.processed, c.unchanged, c.removed, c.processed - c.unchanged));
     EXPECT_EQ(h.left_out(), LeftOut{});
     EXPECT_EQ(h.indexed_paths(), c.indexed);
+    EXPECT_EQ(h.defined_in("ok").size(), c.indexed.size() - c.updated.size()) << "rows of old contents are gone";
     for (const char* name : {"a", "b", "n"}) {
       const bool updated = std::find(c.updated.begin(), c.updated.end(), std::string(name) + ".c") != c.updated.end();
       EXPECT_EQ(h.defined_in(std::string(name) + "_new").size(), updated ? 1u : 0u) << name;
     }
+    ASSERT_FALSE(progress.empty());
+    EXPECT_EQ(progress.back(), std::pair(c.processed, c.processed));
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end(), [](auto& a, auto& b) { return a.first < b.first; }));
+    const nlohmann::ordered_json info = stats.get_last_index_info();
+    EXPECT_EQ(info.dump(), nlohmann::ordered_json({{"type", c.listed ? "paths" : "full"},
+                                                   {"duration_seconds", info["duration_seconds"]},
+                                                   {"files_processed", c.processed},
+                                                   {"errors", 0}})
+                               .dump());
+    EXPECT_EQ(ix.stats.get_last_index_info(), info);
   }
-}
-
-TEST(IndexerPasses, StorageGoesThroughTheGivenOffload) {
-  Harness h;
-  h.write("a.c", kOk);
-  daemon::Offloader lane("passes", 1);
-  lane.join();  // refuses work from now on
-  IndexerOptions o = h.options();
-  o.offload = lane.run;
-  Indexer ix(o);
-  EXPECT_THROW(h.index(ix), std::runtime_error);
-  EXPECT_TRUE(h.indexed().empty());
 }
 
 struct CancelOutcome {
@@ -349,6 +308,7 @@ TEST(IndexerCancel, SettleWaitsForWorkStillOnThreads) {
   // After settle() the database may go: nothing of the cancelled pass touches it any more.
   h.db->close();
   lane.join();
+  EXPECT_THROW(h.index(ix), std::runtime_error) << "the lane refuses work now, and so the pass fails";
 }
 
 }  // namespace
