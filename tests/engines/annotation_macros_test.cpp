@@ -10,13 +10,11 @@ namespace brenloc::engines {
 namespace {
 
 TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
-  struct Case {
-    std::string label;
-    std::string input;
-    std::string expected = {};  // the same text with the decorations turned into spaces; empty: unchanged
-  };
-  // clang-format off
-  const Case cases[] = {
+  // `expected`: the same text with the decorations turned into spaces; empty: unchanged.
+  const struct {
+    std::string label, input, expected = {};
+  } cases[] = {
+    // clang-format off
     {"glibc declaration block",
      "#include <features.h>\n__BEGIN_DECLS\nextern int f (int __x) __THROW __wur __nonnull ((1));\n__END_DECLS\n",
      "#include <features.h>\n             \nextern int f (int __x)                              ;\n           \n"},
@@ -38,8 +36,8 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     {"lone macro line between declarations", "int a;\nG_BEGIN_DECLS\nint b;\n", "int a;\n             \nint b;\n"},
     {"enumerators on their own lines are kept", "enum e {\n  FIRST_VALUE,\n  LAST_VALUE\n};\n"},
     {"plain code is untouched", "int main(void) { return MAX_SIZE; }\n"},
+    // clang-format on
   };
-  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     const std::string& expected = c.expected.empty() ? c.input : c.expected;
