@@ -37,10 +37,10 @@ std::vector<fs::path> under(const fs::path& root, const Paths& rel) {
 TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
   struct Case {
     const char* name;
-    Paths files;                                  // written with a definition
+    Paths files;                                  // written with a definition, besides ok.c
     std::function<void(Harness&)> make = nullptr;  // anything else
-    Paths listed = {};                            // paths to list in a paths pass
-    Paths indexed = {};                           // besides ok.c, in a whole pass
+    Paths listed = {};                            // paths to list in a paths pass, besides ok.c
+    Paths indexed = {"ok.c"};                     // in a whole pass
     std::int64_t max_file_size = 1 << 20;
     const char* data_rel = ".brenloc";  // the data directory under the root
   };
@@ -49,14 +49,14 @@ TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
        {"link.c"}},
       {"symbolic link to a directory", {"dir/inner.c"},
        [](Harness& h) { fs::create_directory_symlink(h.root / "dir", h.root / "linkdir"); },
-       {"linkdir/inner.c", "linkdir"}, {"dir/inner.c"}},
+       {"linkdir/inner.c", "linkdir"}, {"dir/inner.c", "ok.c"}},
       {"FIFO", {}, [](Harness& h) { ASSERT_EQ(::mkfifo((h.root / "pipe.c").c_str(), 0644), 0); }, {"pipe.c"}},
       {"binary file", {}, [](Harness& h) { h.write("bin.c", std::string("int x;\0\1\2", 10)); }, {"bin.c"}},
-      {"over the size limit", {}, [](Harness& h) { h.write("big.c", c_source("big", 200)); }, {"big.c"}, {}, 4096},
+      {"over the size limit", {}, [](Harness& h) { h.write("big.c", c_source("big", 200)); }, {"big.c"}, {"ok.c"}, 4096},
       {".git directories", {".git/hooks/hook.c", "sub/.git/inner.c", "sub/real.c"}, nullptr,
-       {".git/hooks/hook.c", "sub/.git/inner.c"}, {"sub/real.c"}},
+       {".git/hooks/hook.c", "sub/.git/inner.c"}, {"ok.c", "sub/real.c"}},
       {"data directory, nested", {"cache/index/stray.c", "cache/kept.c"}, nullptr,
-       {"cache/index/stray.c", "cache/index"}, {"cache/kept.c"}, 1 << 20, "cache/index"},
+       {"cache/index/stray.c", "cache/index"}, {"cache/kept.c", "ok.c"}, 1 << 20, "cache/index"},
       {"ignore rules", {"gen/a.c", "x.gen.c", "sub/local.c"},
        [](Harness& h) {
          h.write(".gitignore", "gen/\n*.gen.c\n");
@@ -71,20 +71,11 @@ TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
       for (const auto& f : c.files) h.write(f, kOk);
       h.write("ok.c", kOk);
       if (c.make) c.make(h);
-      IndexerOptions o = h.options();
-      o.max_file_size = c.max_file_size;
-      Indexer ix(o);
-      Paths expected = c.indexed;
-      std::optional<std::vector<fs::path>> paths;
-      if (listed) {
-        paths = under(h.root, c.listed);
-        paths->push_back(h.root / "ok.c");
-        expected.clear();
-      }
-      expected.push_back("ok.c");
-      std::sort(expected.begin(), expected.end());
-      IndexStats stats = h.index(ix, paths);
-      EXPECT_EQ(h.indexed_paths(), expected);
+      h.options.max_file_size = c.max_file_size;
+      Paths paths = c.listed;
+      paths.push_back("ok.c");
+      const IndexStats stats = h.index(listed ? std::optional(under(h.root, paths)) : std::nullopt);
+      EXPECT_EQ(h.indexed_paths(), listed ? Paths{"ok.c"} : c.indexed);
       EXPECT_EQ(stats.errors, 0);
       EXPECT_GE(stats.files_skipped, 1);
       EXPECT_EQ(h.left_out(), LeftOut{});
@@ -101,14 +92,14 @@ TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNo
   }
   struct Case {
     const char* name;
-    std::function<void(Harness&, IndexerOptions&)> make;  // after ok.c was written and indexed
+    std::function<void(Harness&)> make;  // after ok.c was written
     LeftOut left_out;
     Paths indexed;
     std::int64_t processed;
     Paths symbols;                               // each defined in the index afterwards
     std::optional<Paths> listed = std::nullopt;  // a paths pass of these
   };
-  const auto unreadable = [](Harness& h, IndexerOptions&) {
+  const auto unreadable = [](Harness& h) {
     h.write("secret.c", "int secret(void) { return 2; }\n");
     h.write("locked/inner.c", "int inner(void) { return 3; }\n");
     ASSERT_EQ(h.index().errors, 0);
@@ -117,18 +108,18 @@ TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNo
     ::chmod((h.root / "locked").c_str(), 0);
   };
   const Case cases[] = {
-      {"syntax error", [](Harness& h, IndexerOptions&) { h.write("broken.c", "int good(void) { return 1; }\nint bad( {\n"); },
+      {"syntax error", [](Harness& h) { h.write("broken.c", "int good(void) { return 1; }\nint bad( {\n"); },
        {}, {"broken.c", "ok.c"}, 2, {"good", "ok"}},
       {"parse over the time limit",
-       [](Harness& h, IndexerOptions& o) {
+       [](Harness& h) {
          // Alone: with so short a limit, even a small file might miss it on a busy machine.
          fs::remove(h.root / "ok.c");
          h.write("huge.c", c_source("huge", 6000));
-         o.parse_time_limit = 1ms;
+         h.options.parse_time_limit = 1ms;
        },
        {{"huge.c", "parse"}}, {}, 0, {}},
       {"rows refused by the store",
-       [](Harness& h, IndexerOptions&) {
+       [](Harness& h) {
          h.write("refused.c", kOk);
          h.db->execute("CREATE TRIGGER refuse BEFORE INSERT ON files WHEN NEW.path = 'refused.c' "
                          "BEGIN SELECT RAISE(ABORT, 'refused by a trigger'); END;");
@@ -139,7 +130,7 @@ TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNo
       {"unreadable file and directory, listed", unreadable, {{"secret.c", "read"}, {"locked/inner.c", "walk"}},
        {"locked/inner.c", "ok.c", "secret.c"}, 0, {"ok", "secret", "inner"}, Paths{"secret.c", "locked/inner.c"}},
       {"root that is gone",
-       [](Harness& h, IndexerOptions&) {
+       [](Harness& h) {
          ASSERT_EQ(h.index().files_processed, 1);
          fs::rename(h.root, h.root.string() + ".moved");
        },
@@ -149,10 +140,8 @@ TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNo
     SCOPED_TRACE(c.name);
     Harness h("");  // the data directory outside the root
     h.write("ok.c", kOk);
-    IndexerOptions o = h.options();
-    c.make(h, o);
-    Indexer ix(o);
-    IndexStats stats = h.index(ix, c.listed ? std::optional(under(h.root, *c.listed)) : std::nullopt);
+    c.make(h);
+    const IndexStats stats = h.index(c.listed ? std::optional(under(h.root, *c.listed)) : std::nullopt);
     EXPECT_EQ(stats.errors, static_cast<std::int64_t>(c.left_out.size()));
     EXPECT_EQ(h.left_out(), c.left_out);
     EXPECT_EQ(h.indexed_paths(), c.indexed);
@@ -194,7 +183,7 @@ TEST(IndexerPasses, IndexExactlyWhatChanged) {
     h.write(".gitignore", "ignored.c\n");
     fs::remove(h.root / "sub/c.c");
 
-    Indexer ix(h.options());
+    Indexer ix(h.options);
     std::vector<std::pair<std::int64_t, std::int64_t>> progress;
     ix.set_progress([&](std::int64_t done, std::int64_t total) { progress.emplace_back(done, total); });
     const IndexStats stats = h.index(ix, c.listed ? std::optional(under(h.root, *c.listed)) : std::nullopt);
@@ -252,10 +241,9 @@ TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
   Harness h;
   constexpr int kFiles = 160;
   for (int i = 0; i < kFiles; ++i) h.write(fmt::format("src/f{:03}.c", i), c_source(fmt::format("f{}", i), 100));
-  IndexerOptions o = h.options();
-  o.parse_threads = 1;
-  o.store_batch_files = 8;
-  Indexer ix(o);
+  h.options.parse_threads = 1;
+  h.options.store_batch_files = 8;
+  Indexer ix(h.options);
   CancelOutcome out = aio::run_until_complete(h.loop, cancel_midway(ix, 32));
   EXPECT_TRUE(out.cancelled);
   EXPECT_EQ(out.total, kFiles);
@@ -299,9 +287,8 @@ TEST(IndexerCancel, SettleWaitsForWorkStillOnThreads) {
   Harness h;
   h.write("a.c", kOk);
   daemon::Offloader lane("passes", 1);
-  IndexerOptions o = h.options();
-  o.offload = lane.run;
-  Indexer ix(o);
+  h.options.offload = lane.run;
+  Indexer ix(h.options);
   const auto [early, settled] =
       aio::run_until_complete(h.loop, settle_waits_for_threads(ix, lane, std::make_shared<std::latch>(1)));
   EXPECT_FALSE(early);
@@ -322,10 +309,8 @@ void fill(Harness& h) {
 TEST(Report, FiguresMatchTheIndex) {
   Harness h;
   fill(h);
-  IndexerOptions o = h.options();
-  o.refresh_report = true;
-  Indexer ix(o);
-  ASSERT_EQ(h.index(ix).errors, 0);
+  h.options.refresh_report = true;
+  ASSERT_EQ(h.index().errors, 0);
 
   const auto r = nlohmann::json::parse(testing::read_file(h.data / "report.json"));
   const storage::Counts counts = h.repo->counts();

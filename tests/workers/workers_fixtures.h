@@ -41,21 +41,13 @@ struct Harness {
   explicit Harness(const std::string& data_rel = ".brenloc")
       : root(tmp.path() / "repo"), data(data_rel.empty() ? tmp.path() / "data" : root / data_rel) {}
 
-  IndexerOptions options() const {
-    IndexerOptions o;
-    o.repository = repo;
-    o.repo_root = root;
-    o.refresh_report = false;
-    return o;
-  }
-
   void write(const std::string& rel, const std::string& content) { write_file(root / rel, content); }
 
   IndexStats index(Indexer& ix, std::optional<std::vector<fs::path>> paths = std::nullopt) {
     return aio::run_until_complete(loop, ix.full_index(std::move(paths)));
   }
   IndexStats index(std::optional<std::vector<fs::path>> paths = std::nullopt) {
-    Indexer ix(options());
+    Indexer ix(options);
     return index(ix, std::move(paths));
   }
 
@@ -101,6 +93,7 @@ struct Harness {
   std::shared_ptr<storage::Database> db =
       (fs::create_directories(root), fs::create_directories(data), storage::testing::open_database(data / "index.db"));
   std::shared_ptr<storage::Repository> repo = std::make_shared<storage::Repository>(db);
+  IndexerOptions options{.repository = repo, .repo_root = root, .refresh_report = false};  // of index(paths)
   aio::EventLoop loop{2};
 };
 
