@@ -64,11 +64,13 @@ class RepositoryTest : public ::testing::Test {
   std::shared_ptr<Database> db = testing::open_database(dir.path() / "index.db");
   Repository repo{db};
 
+  // A search hit or a stored row, as one line.
+  static std::string text(const auto& s, const std::string& path) {
+    return fmt::format("{} {} {}:{}:{}-{} {}", s.name, s.kind, path, s.line, s.column, s.end_line, s.scope);
+  }
   std::vector<std::string> found(const SymbolQuery& q) {
     std::vector<std::string> out;
-    for (const auto& h : repo.search_symbols(q)) {
-      out.push_back(fmt::format("{} {} {}:{}:{}-{} {}", h.name, h.kind, h.path, h.line, h.column, h.end_line, h.scope));
-    }
+    for (const auto& h : repo.search_symbols(q)) out.push_back(text(h, h.path));
     return out;
   }
 };
@@ -118,7 +120,7 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
 
   auto lower = [](std::string t) { return std::ranges::transform(t, t.begin(), ::tolower), t; };
   auto reference = [&](const SymbolQuery& q) {
-    std::string dir = q.path_prefix.value_or("");
+    const std::string dir = q.path_prefix.value_or("");
     std::vector<std::tuple<std::string, std::string, int, std::string>> hits;  // in the search's order
     for (const auto& e : rows) {
       if (!dir.empty() && e.file.path != dir && !e.file.path.starts_with(dir + "/")) continue;
@@ -126,18 +128,13 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
         bool match = q.match == SymbolQuery::Match::exact    ? s.name == q.text
                      : q.match == SymbolQuery::Match::prefix ? s.name.starts_with(q.text)
                                                              : lower(s.name).find(lower(q.text)) != std::string::npos;
-        if (match && (!q.kind || *q.kind == s.kind)) {
-          hits.emplace_back(s.name, e.file.path, s.line,
-                            fmt::format("{} {} {}:{}:{}-{} {}", s.name, s.kind, e.file.path, s.line, s.column,
-                                        s.end_line, s.scope));
-        }
+        if (match && (!q.kind || *q.kind == s.kind)) hits.emplace_back(s.name, e.file.path, s.line, text(s, e.file.path));
       }
     }
     std::sort(hits.begin(), hits.end());
+    if (q.limit >= 0 && hits.size() > static_cast<std::size_t>(q.limit)) hits.resize(q.limit);
     std::vector<std::string> out;
-    for (std::size_t i = 0; i < hits.size() && (q.limit < 0 || i < static_cast<std::size_t>(q.limit)); ++i) {
-      out.push_back(std::get<3>(hits[i]));
-    }
+    for (const auto& h : hits) out.push_back(std::get<3>(h));
     return out;
   };
 
@@ -194,7 +191,6 @@ TEST_F(RepositoryTest, CachedResultsLastUntilTheIndexChanges) {
 // A query on a read connection neither waits for a write transaction nor sees it before its commit.
 TEST_F(RepositoryTest, QueriesDoNotWaitForTheWriter) {
   repo.store_files(entries("w", 2, 2));
-  std::promise<void> release;
   std::future<std::int64_t> query;
   db->with_connection([&](sqlite3* c) {
     sqlite3_exec(c, "BEGIN IMMEDIATE; DELETE FROM symbols;", nullptr, nullptr, nullptr);
@@ -206,11 +202,8 @@ TEST_F(RepositoryTest, QueriesDoNotWaitForTheWriter) {
   EXPECT_EQ(query.get(), 4);
 }
 
-class SwapTest : public ::testing::Test {
+class SwapTest : public RepositoryTest {
  protected:
-  testing::TempDir dir;
-  std::shared_ptr<Database> live = testing::open_database(dir.path() / "index.db");
-  Repository repo{live};
   void SetUp() override { repo.store_files(entries("old", 30, 20)); }
 };
 
@@ -222,10 +215,10 @@ TEST_F(SwapTest, ReplacesEveryRowAndAnswersCachedQueriesFromTheNewIndex) {
   auto rows = entries("new", 40, 25);
   rows.push_back(testing::file_entry("moved.cpp", {{"old_1_1", "class", 77, 1, 80, 1, ""}}));
   auto staging = make_staging(dir.path() / "index.db.reindex-staging", rows);
-  live->execute("DROP INDEX symbols_by_name");  // as a cancelled bulk load into the live file leaves it
+  db->execute("DROP INDEX symbols_by_name");  // as a cancelled bulk load into the live file leaves it
 
   EXPECT_EQ(repo.swap_index_from(dir.path() / "index.db.reindex-staging").dump(), R"({"files":41,"symbols":1001})");
-  EXPECT_EQ(dump(*live), dump(*staging));  // every row and index, and the staging file detached
+  EXPECT_EQ(dump(*db), dump(*staging));  // every row and index, and the staging file detached
   EXPECT_EQ(repo.search_symbols(query).at(0).path, "moved.cpp");
 
   auto empty = make_staging(dir.path() / "empty", {});  // also an index, and the live writer carries on after it
@@ -272,7 +265,7 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
   };
   const SymbolQuery query{.text = "old_", .match = SymbolQuery::Match::prefix, .limit = 5};
   const auto cached = repo.search_symbols(query).size();
-  const auto before = dump(*live);
+  const auto before = dump(*db);
   for (const auto& [label, make, cause] : cases) {
     SCOPED_TRACE(label);
     auto path = dir.path() / label;
@@ -285,7 +278,7 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
                                                         (dir.path() / "index.db").string())),
                                   HasSubstr(cause)));
     }
-    EXPECT_EQ(dump(*live), before);
+    EXPECT_EQ(dump(*db), before);
     EXPECT_EQ(repo.search_symbols(query).size(), cached);
   }
   make_staging(dir.path() / "good", entries("new", 2, 2));
