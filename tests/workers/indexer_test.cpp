@@ -209,34 +209,6 @@ TEST(IndexerPasses, IndexExactlyWhatChanged) {
   }
 }
 
-struct CancelOutcome {
-  bool cancelled = false;
-  std::int64_t done_at_cancel = 0, total = 0;
-  int progress_after_cancel = 0;
-};
-
-aio::Task<CancelOutcome> cancel_midway(Indexer& ix, std::int64_t after) {
-  CancelOutcome out;
-  int calls = 0;
-  std::int64_t done = 0;
-  ix.set_progress([&](std::int64_t d, std::int64_t t) {
-    ++calls;
-    done = d;
-    out.total = t;
-  });
-  aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
-  while (done < after && !pass.done()) co_await aio::sleep_for(1ms);
-  out.done_at_cancel = done;
-  const int calls_at_cancel = calls;
-  pass.cancel();
-  co_await aio::wait_all({pass.base()});
-  out.cancelled = pass.cancelled();
-  co_await ix.settle();
-  out.progress_after_cancel = calls - calls_at_cancel;
-  ix.set_progress(nullptr);
-  co_return out;
-}
-
 TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
   Harness h;
   constexpr int kFiles = 160;
@@ -244,13 +216,25 @@ TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
   h.options.parse_threads = 1;
   h.options.store_batch_files = 8;
   Indexer ix(h.options);
-  CancelOutcome out = aio::run_until_complete(h.loop, cancel_midway(ix, 32));
-  EXPECT_TRUE(out.cancelled);
-  EXPECT_EQ(out.total, kFiles);
-  ASSERT_LT(out.done_at_cancel, kFiles) << "the pass ended before it could be cancelled";
-  EXPECT_EQ(out.progress_after_cancel, 0);
+  int calls = 0, calls_at_cancel = 0;
+  std::int64_t done = 0, total = 0, done_at_cancel = 0;
+  ix.set_progress([&](std::int64_t d, std::int64_t t) { ++calls, done = d, total = t; });
+  aio::run_until_complete(h.loop, [&]() -> aio::Task<void> {
+    aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
+    while (done < 32 && !pass.done()) co_await aio::sleep_for(1ms);
+    done_at_cancel = done;
+    calls_at_cancel = calls;
+    pass.cancel();
+    co_await aio::wait_all({pass.base()});
+    EXPECT_TRUE(pass.cancelled());
+    co_await ix.settle();
+  }());
+  ix.set_progress(nullptr);
+  EXPECT_EQ(total, kFiles);
+  ASSERT_LT(done_at_cancel, kFiles) << "the pass ended before it could be cancelled";
+  EXPECT_EQ(calls, calls_at_cancel) << "progress after the cancellation";
   // Stored: at most what was parsed by then; nothing parsed later is stored.
-  EXPECT_LE(static_cast<std::int64_t>(h.indexed().size()), out.done_at_cancel);
+  EXPECT_LE(static_cast<std::int64_t>(h.indexed().size()), done_at_cancel);
   // The next pass finishes the work, and builds the name index the cancelled bulk load left out (a paths
   // pass does too, when it comes first).
   if (!h.indexed().empty()) {
@@ -263,36 +247,28 @@ TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
   EXPECT_EQ(h.defined_in("f7_3"), (Paths{"src/f007.c"}));
 }
 
-aio::Task<void> settle_task(Indexer& ix) { co_await ix.settle(); }
-
-// Returns whether settle() finished while the lane was held, and whether it finished once released.
-aio::Task<std::pair<bool, bool>> settle_waits_for_threads(Indexer& ix, const daemon::Offloader& lane,
-                                                          std::shared_ptr<std::latch> gate) {
-  // The lane's one thread is held, so the pass's first database read waits behind it.
-  aio::Future<void> blocker = lane.run([gate] { gate->wait(); });
-  aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
-  co_await aio::sleep_for(300ms);  // ample time to queue its first read behind the blocker, even under sanitizers
-  pass.cancel();
-  co_await aio::wait_all({pass.base()});
-  EXPECT_TRUE(pass.cancelled());
-  aio::Future<void> settled = aio::spawn(settle_task(ix));
-  co_await aio::sleep_for(50ms);
-  const bool early = settled.done();
-  gate->count_down();
-  co_await aio::wait_all({settled.base(), blocker.base()});
-  co_return std::make_pair(early, settled.done() && !settled.cancelled());
-}
-
 TEST(IndexerCancel, SettleWaitsForWorkStillOnThreads) {
   Harness h;
   h.write("a.c", kOk);
   daemon::Offloader lane("passes", 1);
   h.options.offload = lane.run;
   Indexer ix(h.options);
-  const auto [early, settled] =
-      aio::run_until_complete(h.loop, settle_waits_for_threads(ix, lane, std::make_shared<std::latch>(1)));
-  EXPECT_FALSE(early);
-  EXPECT_TRUE(settled);
+  std::latch gate(1);
+  aio::run_until_complete(h.loop, [&]() -> aio::Task<void> {
+    // The lane's one thread is held, so the pass's first database read waits behind it.
+    aio::Future<void> blocker = lane.run([&] { gate.wait(); });
+    aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
+    co_await aio::sleep_for(300ms);  // ample time to queue its first read behind the blocker, even under sanitizers
+    pass.cancel();
+    co_await aio::wait_all({pass.base()});
+    EXPECT_TRUE(pass.cancelled());
+    aio::Future<void> settled = aio::spawn(ix.settle());
+    co_await aio::sleep_for(50ms);
+    EXPECT_FALSE(settled.done()) << "settle() finished while the lane was held";
+    gate.count_down();
+    co_await aio::wait_all({settled.base(), blocker.base()});
+    EXPECT_TRUE(settled.done() && !settled.cancelled());
+  }());
   // After settle() the database may go: nothing of the cancelled pass touches it any more.
   h.db->close();
   lane.join();
