@@ -128,7 +128,9 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
         bool match = q.match == SymbolQuery::Match::exact    ? s.name == q.text
                      : q.match == SymbolQuery::Match::prefix ? s.name.starts_with(q.text)
                                                              : lower(s.name).find(lower(q.text)) != std::string::npos;
-        if (match && (!q.kind || *q.kind == s.kind)) hits.emplace_back(s.name, e.file.path, s.line, text(s, e.file.path));
+        if (match && (!q.kind || *q.kind == s.kind)) {
+          hits.emplace_back(s.name, e.file.path, s.line, text(s, e.file.path));
+        }
       }
     }
     std::sort(hits.begin(), hits.end());

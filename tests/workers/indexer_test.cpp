@@ -199,12 +199,10 @@ TEST(IndexerPasses, IndexExactlyWhatChanged) {
     ASSERT_FALSE(progress.empty());
     EXPECT_EQ(progress.back(), std::pair(c.processed, c.processed));
     EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end(), [](auto& a, auto& b) { return a.first < b.first; }));
-    const nlohmann::ordered_json info = stats.get_last_index_info();
-    EXPECT_EQ(info.dump(), nlohmann::ordered_json({{"type", c.listed ? "paths" : "full"},
-                                                   {"duration_seconds", info["duration_seconds"]},
-                                                   {"files_processed", c.processed},
-                                                   {"errors", 0}})
-                               .dump());
+    const nlohmann::ordered_json info = stats.get_last_index_info(), expected_info = {
+        {"type", c.listed ? "paths" : "full"}, {"duration_seconds", info["duration_seconds"]},
+        {"files_processed", c.processed}, {"errors", 0}};
+    EXPECT_EQ(info.dump(), expected_info.dump());
     EXPECT_EQ(ix.stats.get_last_index_info(), info);
   }
 }
@@ -234,15 +232,15 @@ TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
   ASSERT_LT(done_at_cancel, kFiles) << "the pass ended before it could be cancelled";
   EXPECT_EQ(calls, calls_at_cancel) << "progress after the cancellation";
   // Stored: at most what was parsed by then; nothing parsed later is stored.
-  EXPECT_LE(static_cast<std::int64_t>(h.indexed().size()), done_at_cancel);
+  EXPECT_LE(static_cast<std::int64_t>(h.indexed_paths().size()), done_at_cancel);
   // The next pass finishes the work, and builds the name index the cancelled bulk load left out (a paths
   // pass does too, when it comes first).
-  if (!h.indexed().empty()) {
+  if (!h.indexed_paths().empty()) {
     h.index(ix, std::vector<fs::path>{h.root / "src/f000.c"});
     EXPECT_TRUE(h.has_name_index());
   }
   EXPECT_EQ(h.index(ix).files_processed, kFiles);
-  EXPECT_EQ(h.indexed().size(), static_cast<std::size_t>(kFiles));
+  EXPECT_EQ(h.indexed_paths().size(), static_cast<std::size_t>(kFiles));
   EXPECT_TRUE(h.has_name_index());
   EXPECT_EQ(h.defined_in("f7_3"), (Paths{"src/f007.c"}));
 }

@@ -1,7 +1,7 @@
 // A temporary repository with a real index database, an event loop and sources to fill it with.
 #pragma once
 
-#include <map>
+#include <algorithm>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -51,14 +51,10 @@ struct Harness {
     return index(ix, std::move(paths));
   }
 
-  // Path -> content hash of every indexed file.
-  std::map<std::string, std::string> indexed() {
-    auto m = repo->file_hashes();
-    return {m.begin(), m.end()};
-  }
   Paths indexed_paths() {
     Paths out;
-    for (const auto& [p, h] : indexed()) out.push_back(p);
+    for (const auto& [p, hash] : repo->file_hashes()) out.push_back(p);
+    std::ranges::sort(out);
     return out;
   }
   // Paths of the files defining a symbol called `name`.
