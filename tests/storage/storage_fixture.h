@@ -52,19 +52,15 @@ inline std::shared_ptr<Database> make_staging(const fs::path& path, const std::v
   return db;
 }
 
+// The values of every row, each followed by "|" when a row has several.
 inline std::string query_text(Database& db, const std::string& sql) {
   std::string out;
-  db.with_connection([&](sqlite3* c) {
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(c, sql.c_str(), -1, &stmt, nullptr);
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-      for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
-        out += reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
-        out += sqlite3_column_count(stmt) > 1 ? "|" : "";
-      }
-    }
-    sqlite3_finalize(stmt);
-  });
+  const auto row = [](void* text, int n, char** values, char**) {
+    auto& s = *static_cast<std::string*>(text);
+    for (int i = 0; i < n; ++i) s += (values[i] ? values[i] : "") + std::string(n > 1 ? "|" : "");
+    return 0;
+  };
+  db.with_connection([&](sqlite3* c) { sqlite3_exec(c, sql.c_str(), row, &out, nullptr); });
   return out;
 }
 
