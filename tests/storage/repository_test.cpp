@@ -240,22 +240,22 @@ void write_bytes(const fs::path& path, const std::string& bytes, std::streamoff 
 TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
   const auto big = entries("new", 50, 40);
   std::vector<std::shared_ptr<Database>> open;  // staging databases stay open through the swap
-  auto raw = [&](const fs::path& p, const std::string& sql) {
-    open.push_back(std::make_shared<Database>(p));
-    open.back()->connect();
+  // Runs `sql` on a staging file made from `big`, or on an empty file.
+  auto staged = [&](const fs::path& p, const std::string& sql, bool filled = true) {
+    open.push_back(filled ? make_staging(p, big) : std::make_shared<Database>(p));
+    open.back()->connect();  // when empty
     open.back()->execute(sql);
   };
   const std::vector<std::tuple<std::string, std::function<void(const fs::path&)>, std::string>> cases = {
       {"missing", [](auto&) {}, "the staging file does not exist"},
       {"directory", [](auto& p) { fs::create_directory(p); }, "the staging file is not a regular file"},
-      {"newer version",
-       [&](auto& p) { open.push_back(make_staging(p, big)), open.back()->execute("PRAGMA user_version = 2"); },
+      {"newer version", [&](auto& p) { staged(p, "PRAGMA user_version = 2"); },
        "the staging file has schema version 2, expected 1"},
-      {"no schema", [&](auto& p) { raw(p, "CREATE TABLE files(x)"); }, "schema version 0, expected 1"},
-      {"wrong files table", [&](auto& p) { raw(p, "CREATE TABLE files(x); PRAGMA user_version = 1"); },
+      {"no schema", [&](auto& p) { staged(p, "CREATE TABLE files(x)", false); }, "schema version 0, expected 1"},
+      {"wrong files table", [&](auto& p) { staged(p, "CREATE TABLE files(x); PRAGMA user_version = 1", false); },
        "copying the files: table main.files has 6 columns but 1 values were supplied"},
       {"wrong symbols table, after the files were copied",
-       [&](auto& p) { open.push_back(make_staging(p, big)), open.back()->execute("DROP TABLE symbols; CREATE TABLE symbols(y)"); },
+       [&](auto& p) { staged(p, "DROP TABLE symbols; CREATE TABLE symbols(y)"); },
        "copying the symbols: table main.symbols has 9 columns but 1 values were supplied"},
       {"not a database", [](auto& p) { write_bytes(p, std::string(8192, 'x'), 0); }, "file is not a database"},
       {"damaged pages",  // page 1 (header and schema) intact, every later page overwritten

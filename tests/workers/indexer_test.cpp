@@ -52,7 +52,8 @@ TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
        {"linkdir/inner.c", "linkdir"}, {"dir/inner.c", "ok.c"}},
       {"FIFO", {}, [](Harness& h) { ASSERT_EQ(::mkfifo((h.root / "pipe.c").c_str(), 0644), 0); }, {"pipe.c"}},
       {"binary file", {}, [](Harness& h) { h.write("bin.c", std::string("int x;\0\1\2", 10)); }, {"bin.c"}},
-      {"over the size limit", {}, [](Harness& h) { h.write("big.c", c_source("big", 200)); }, {"big.c"}, {"ok.c"}, 4096},
+      {"over the size limit", {}, [](Harness& h) { h.write("big.c", c_source("big", 200)); }, {"big.c"}, {"ok.c"},
+       4096},
       {".git directories", {".git/hooks/hook.c", "sub/.git/inner.c", "sub/real.c"}, nullptr,
        {".git/hooks/hook.c", "sub/.git/inner.c"}, {"ok.c", "sub/real.c"}},
       {"data directory, nested", {"cache/index/stray.c", "cache/kept.c"}, nullptr,
@@ -86,10 +87,8 @@ TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
 // Left out: counted, named in errors.jsonl, and the index keeps what it had for them. Run as an
 // unprivileged user, so that unreadable files are.
 TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNot) {
-  if (brenloc::testing::ran_as_unprivileged_child(
-          "IndexerLeftOut.FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNot")) {
-    return;
-  }
+  const std::string test_name = "IndexerLeftOut.FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNot";
+  if (brenloc::testing::ran_as_unprivileged_child(test_name)) return;
   struct Case {
     const char* name;
     std::function<void(Harness&)> make;  // after ok.c was written
@@ -298,8 +297,8 @@ TEST(Report, FiguresMatchTheIndex) {
       "bytes": {}}}, {{"language": "python", "files": 1, "symbols": {}, "bytes": {}}}])", c, counts.symbols - 6, py)));
   EXPECT_EQ(r["totals"]["bytes"], c + py);
   EXPECT_EQ(r["largest_directories"].size(), 3u);
-  EXPECT_EQ(r["largest_directories"][0], nlohmann::json::parse(R"({"path": "src", "files": 2, "symbols": 5, "bytes": )" +
-                                                               std::to_string(src) + "}"));
+  EXPECT_EQ(r["largest_directories"][0],
+            nlohmann::json::parse(fmt::format(R"({{"path": "src", "files": 2, "symbols": 5, "bytes": {}}})", src)));
   EXPECT_GE(r["symbol_kinds"]["function"].get<std::int64_t>(), 6);
   EXPECT_EQ(r["last_index"]["type"], "full");
   EXPECT_EQ(r["last_index"]["files_processed"], 4);

@@ -68,7 +68,7 @@ struct Harness {
 
   // Whether the index file has its name index (a bulk load builds it only at its end).
   bool has_name_index() {
-    return storage::testing::query_text(*db, "SELECT count(*) FROM sqlite_master WHERE name = 'symbols_by_name'") == "1";
+    return storage::testing::query_text(*db, "SELECT 1 FROM sqlite_master WHERE name = 'symbols_by_name'") == "1";
   }
 
   // The (path, stage) pairs of errors.jsonl, each line with an error text; absent when there is no file.
