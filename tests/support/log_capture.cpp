@@ -1,18 +1,22 @@
 #include "support/log_capture.h"
 
+#include <mutex>
+
+#include <spdlog/sinks/base_sink.h>
+
 #include "brenloc/utils/logging.h"
 
 namespace brenloc::testing {
 
 class LogCapture::Sink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  std::vector<LogRecord> snapshot() {
+  std::vector<LogRecord> of(const std::string& logger) {
     std::lock_guard lock(mutex_);
-    return records_;
-  }
-  void reset() {
-    std::lock_guard lock(mutex_);
-    records_.clear();
+    std::vector<LogRecord> out;
+    for (const auto& r : records_) {
+      if (r.logger == logger) out.push_back(r);
+    }
+    return out;
   }
 
  protected:
@@ -28,14 +32,6 @@ class LogCapture::Sink final : public spdlog::sinks::base_sink<std::mutex> {
 
 LogCapture::LogCapture() : sink_(std::make_shared<Sink>()) { utils::add_sink(sink_); }
 LogCapture::~LogCapture() { utils::remove_sink(sink_); }
-std::vector<LogRecord> LogCapture::records() const { return sink_->snapshot(); }
-std::vector<LogRecord> LogCapture::of(const std::string& logger) const {
-  std::vector<LogRecord> out;
-  for (auto& r : sink_->snapshot()) {
-    if (r.logger == logger) out.push_back(r);
-  }
-  return out;
-}
-void LogCapture::clear() { sink_->reset(); }
+std::vector<LogRecord> LogCapture::of(const std::string& logger) const { return sink_->of(logger); }
 
 }  // namespace brenloc::testing

@@ -2,11 +2,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/common.h>
 
 namespace brenloc::testing {
 
@@ -25,10 +24,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<LogRecord> records() const;
   // Records of one logger, in order.
   std::vector<LogRecord> of(const std::string& logger) const;
-  void clear();
 
  private:
   class Sink;
