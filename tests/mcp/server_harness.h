@@ -9,13 +9,10 @@
 #include <chrono>
 #include <future>
 #include <map>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -57,12 +54,6 @@ struct Pipe {
     if (n > 0) buffer.append(chunk, static_cast<std::size_t>(n));
     return n > 0;
   }
-  // Everything until end of file, or what came before `quiet` of silence.
-  std::string drain(std::chrono::milliseconds quiet = 2000ms) {
-    while (fill(quiet)) {
-    }
-    return std::exchange(buffer, {});
-  }
   // The next line, or nullopt when none came within `timeout`.
   std::optional<std::string> next_line(std::chrono::milliseconds timeout = 5000ms) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -80,9 +71,9 @@ struct Pipe {
 
 // Tools: "echo" returns its arguments; "ordered" a dictionary whose keys are not in sorted order;
 // "refuse" a dictionary with an "error" key; "fail" throws; "strict" rejects its arguments; "wait"
-// waits until the test opens its gate, counting starts and cancellations.
-class TestHost : public ToolHost {
- public:
+// waits until the test opens its gate (or, with the argument "forever", for ever), counting starts and
+// cancellations.
+struct TestHost : ToolHost {
   std::vector<ToolSpec> tools() const override {
     return {{"echo", "Returns its arguments", Json{{"type", "object"}}}, {"wait", "Waits for the test", Json()}};
   }
@@ -96,7 +87,7 @@ class TestHost : public ToolHost {
     if (name != "wait") throw UnknownTool(name);
     ++started;
     try {
-      co_await aio::shield(gate);
+      co_await aio::shield(arguments.contains("forever") ? never : gate);
     } catch (const aio::Cancelled&) {
       ++cancelled;
       throw;
@@ -112,47 +103,55 @@ class TestHost : public ToolHost {
   void broadcast(const std::string& level, const Json& data) {
     for (auto& [id, sink] : sinks) sink(level, data);
   }
-  void open_gate() { gate_state->set_result(); }
 
   std::atomic<int> started{0}, cancelled{0};
   std::map<int, BroadcastSink> sinks;
   int next_id = 1;
   std::shared_ptr<aio::FutureState<void>> gate_state = std::make_shared<aio::FutureState<void>>();
-  aio::Future<void> gate{gate_state};
+  aio::Future<void> gate{gate_state}, never{std::make_shared<aio::FutureState<void>>()};
 };
 
-class Harness {
- public:
+inline std::string request(const Json& id, const std::string& method, const Json& params = nullptr) {
+  Json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
+  if (!params.is_null()) m["params"] = params;
+  return m.dump();
+}
+
+inline std::string notification(const std::string& method, const Json& params) {
+  return Json{{"jsonrpc", "2.0"}, {"method", method}, {"params", params}}.dump();
+}
+
+struct Harness {
   explicit Harness(ServerOptions options = {})
-      : server_(std::make_unique<McpServer>(loop_, host_, in.r, out.w, options)), thread_([this] { loop_.run(); }) {
-    on_loop([this] { server_->start(); });
+      : server(loop, host, in.r, out.w, options), thread([this] { loop.run(); }) {
+    on_loop([this] { server.start(); });
   }
   ~Harness() {
     stop();
-    loop_.stop();
-    thread_.join();
+    loop.stop();
+    thread.join();
   }
-
-  Pipe in, out;  // client to server, server to client
-  TestHost& host() { return host_; }
-  McpServer& server() { return *server_; }
 
   // Runs `fn` on the loop thread and returns its result.
   template <class F>
   auto on_loop(F fn) -> decltype(fn()) {
     std::packaged_task<decltype(fn())()> task(std::move(fn));
     auto result = task.get_future();
-    loop_.post([&task] { task(); });
+    loop.post([&task] { task(); });
     if (result.wait_for(10s) != std::future_status::ready) throw std::runtime_error("the event loop is stuck");
     return result.get();
   }
-  std::size_t running() { return on_loop([this] { return server_->running_requests(); }); }
+  std::size_t running() { return on_loop([this] { return server.running_requests(); }); }
 
   void stop() {
-    if (std::exchange(stopped_, true)) return;
+    if (std::exchange(stopped, true)) return;
     std::promise<void> done;
-    loop_.post([&] { aio::spawn(signal_when_stopped(server_.get(), &done), &loop_); });
+    on_loop([&] { aio::spawn(signal_when_stopped(&server, &done)); });
     done.get_future().wait();
+  }
+  static aio::Task<void> signal_when_stopped(McpServer* server, std::promise<void>* done) {
+    co_await server->stop();
+    done->set_value();
   }
 
   void send(const std::string& line) { in.write(line + "\n"); }
@@ -162,33 +161,18 @@ class Harness {
     if (!line) throw std::runtime_error("no message from the server");
     return Json::parse(*line);
   }
-
-  static std::string request(const Json& id, const std::string& method, const Json& params = nullptr) {
-    Json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
-    if (!params.is_null()) m["params"] = params;
-    return m.dump();
-  }
-  static std::string notification(const std::string& method, const Json& params) {
-    return Json{{"jsonrpc", "2.0"}, {"method", method}, {"params", params}}.dump();
-  }
-
   // Checks that the server still answers, and that nothing else was waiting before the answer.
   void expect_alive(const Json& id = 999) {
     send(request(id, "ping"));
     EXPECT_EQ(next(), (Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", Json::object()}}));
   }
 
- private:
-  static aio::Task<void> signal_when_stopped(McpServer* server, std::promise<void>* done) {
-    co_await server->stop();
-    done->set_value();
-  }
-
-  aio::EventLoop loop_{2};
-  TestHost host_;
-  std::unique_ptr<McpServer> server_;
-  std::thread thread_;
-  bool stopped_ = false;
+  Pipe in, out;  // client to server, server to client
+  aio::EventLoop loop{2};
+  TestHost host;
+  McpServer server;
+  std::thread thread;
+  bool stopped = false;
 };
 
 }  // namespace brenloc::mcp::testing

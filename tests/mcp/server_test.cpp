@@ -1,6 +1,5 @@
-// The MCP server over pipes: bad input and its exact answers, the exact answers to good requests,
-// calls side by side and their cancellation, broadcasts, overlong lines, a client that does not read,
-// end of input and stopping.
+// The MCP server over pipes: the exact answers to bad input and to good requests, calls side by side and
+// their cancellation, broadcasts, overlong lines, a client that does not read, end of input and stopping.
 #include "server_harness.h"
 
 namespace brenloc::mcp::testing {
@@ -20,70 +19,47 @@ Json call(const std::string& tool, const Json& arguments = nullptr) {
   return params;
 }
 
-TEST(McpServer, AnswersEachBadLineExactlyAndGoesOnSilentlyPastTheRest) {
-  struct Case {
-    std::string line;
-    Json id;
-    int code;
-    std::string message;
-    Json data = nullptr;
+TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
+  const auto invalid = [](const Json& id, const std::string& why) {
+    return error_reply(id, kInvalidRequest, "Invalid Request: " + why);
   };
-  const std::string bad_id = "Invalid Request: \"id\" must be a string or an integer";
-  const std::string no_method = "Invalid Request: \"method\" must be a string";
-  const std::string bad_version = "Invalid Request: \"jsonrpc\" must be \"2.0\"";
-  const std::vector<Case> cases = {
-      {"hello", nullptr, kParseError,
-       "Parse error: parse error at line 1, column 1: syntax error while parsing value - invalid literal; last read: 'h'"},
-      {"{\"a\":\"\xff\"}", nullptr, kParseError,  // not UTF-8
-       "Parse error: parse error at line 1, column 7: syntax error while parsing value - invalid string: ill-formed "
-       "UTF-8 byte; last read: '\"\xef\xbf\xbd'"},
-      {R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])", nullptr, kInvalidRequest,
-       "Invalid Request: batches are not supported"},
-      {"42", nullptr, kInvalidRequest, "Invalid Request: a message must be a JSON object"},
-      {std::string(129, '[') + std::string(129, ']'), nullptr, kInvalidRequest,
-       "Invalid Request: nesting deeper than 128 levels"},
-      {R"({"jsonrpc":"1.0","id":1,"method":"ping"})", 1, kInvalidRequest, bad_version},
-      {R"({"id":"a","method":"ping"})", "a", kInvalidRequest, bad_version},
-      {R"({"jsonrpc":"2.0","id":1.5,"method":"ping"})", nullptr, kInvalidRequest, bad_id},
-      {R"({"jsonrpc":"2.0","id":null,"method":"ping"})", nullptr, kInvalidRequest, bad_id},
-      {R"({"jsonrpc":"2.0","id":2,"method":7})", 2, kInvalidRequest, no_method},
-      {R"({"jsonrpc":"2.0","id":3})", 3, kInvalidRequest, no_method},
-      {R"({"jsonrpc":"2.0","params":{}})", nullptr, kInvalidRequest, no_method},
-      {R"({"jsonrpc":"2.0","id":4,"method":"ping","params":"x"})", 4, kInvalidRequest,
-       "Invalid Request: \"params\" must be an object"},
-      {R"({"jsonrpc":"2.0","id":5,"method":"resources/list"})", 5, kMethodNotFound, "Method not found: resources/list"},
-      {Harness::request(6, "tools/call", call("drop_tables")), 6, kInvalidParams,
-       "Invalid params: unknown tool 'drop_tables'"},
-      {Harness::request(7, "tools/call", Json::object()), 7, kInvalidParams,
-       "Invalid params: \"name\" must be a string"},
-      {Harness::request(8, "tools/call", call("echo", {1, 2})), 8, kInvalidParams,
-       "Invalid params: \"arguments\" must be an object"},
-      {Harness::request(9, "logging/setLevel", {{"level", "loud"}}), 9, kInvalidParams,
-       "Invalid params: \"level\" must be one of debug, info, notice, warning, error, critical, alert, emergency"},
-      {Harness::request(10, "tools/call", call("strict")), 10, kInvalidParams,
-       "Invalid params: argument 'limit' must be an integer", {{"argument", "limit"}}},
+  const auto invalid_params = [](const Json& id, const std::string& why, const Json& data = nullptr) {
+    return error_reply(id, kInvalidParams, "Invalid params: " + why, data);
   };
-  Harness h;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
-    h.send(c.line);
-    EXPECT_EQ(h.next(), error_reply(c.id, c.code, c.message, c.data));
-  }
-  // Notifications, responses and blank lines are not answered.
-  for (const std::string line : {"", "   \r", R"({"jsonrpc":"2.0","id":77,"result":{}})"}) h.send(line);
-  h.send(Harness::notification("notifications/initialized", Json::object()));
-  h.send(Harness::notification("notifications/whatever", Json::object()));
-  h.send(Harness::notification("notifications/cancelled", {{"requestId", 12345}}));
-  h.expect_alive();
-}
-
-TEST(McpServer, AnswersEachRequestExactly) {
-  struct Case {
-    std::string method;
-    Json params;
-    Json result;
+  const std::string bad_id = "\"id\" must be a string or an integer", no_method = "\"method\" must be a string";
+  const std::string bad_version = "\"jsonrpc\" must be \"2.0\"";
+  std::vector<std::pair<std::string, Json>> cases = {
+      {"{\"a\":\"\xff\"}",  // not UTF-8
+       error_reply(nullptr, kParseError,
+                   "Parse error: parse error at line 1, column 7: syntax error while parsing value - invalid string: "
+                   "ill-formed UTF-8 byte; last read: '\"\xef\xbf\xbd'")},
+      {R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])", invalid(nullptr, "batches are not supported")},
+      {"42", invalid(nullptr, "a message must be a JSON object")},
+      {std::string(129, '[') + std::string(129, ']'), invalid(nullptr, "nesting deeper than 128 levels")},
+      {R"({"jsonrpc":"1.0","id":1,"method":"ping"})", invalid(1, bad_version)},
+      {R"({"id":"a","method":"ping"})", invalid("a", bad_version)},
+      {R"({"jsonrpc":"2.0","id":1.5,"method":"ping"})", invalid(nullptr, bad_id)},
+      {R"({"jsonrpc":"2.0","id":null,"method":"ping"})", invalid(nullptr, bad_id)},
+      {R"({"jsonrpc":"2.0","id":2,"method":7})", invalid(2, no_method)},
+      {R"({"jsonrpc":"2.0","id":3})", invalid(3, no_method)},
+      {R"({"jsonrpc":"2.0","params":{}})", invalid(nullptr, no_method)},
+      {R"({"jsonrpc":"2.0","id":4,"method":"ping","params":"x"})", invalid(4, "\"params\" must be an object")},
+      {R"({"jsonrpc":"2.0","id":5,"method":"resources/list"})",
+       error_reply(5, kMethodNotFound, "Method not found: resources/list")},
+      {request(6, "tools/call", call("drop_tables")), invalid_params(6, "unknown tool 'drop_tables'")},
+      {request(7, "tools/call", Json::object()), invalid_params(7, "\"name\" must be a string")},
+      {request(8, "tools/call", call("echo", {1, 2})), invalid_params(8, "\"arguments\" must be an object")},
+      {request(9, "logging/setLevel", {{"level", "loud"}}),
+       invalid_params(9, "\"level\" must be one of debug, info, notice, warning, error, critical, alert, emergency")},
+      {request(10, "tools/call", call("strict")),
+       invalid_params(10, "argument 'limit' must be an integer", {{"argument", "limit"}})},
   };
-  std::vector<Case> cases;
+  // Good requests, with ids from 0 (an id like any other) up.
+  int id = 0;
+  const auto good = [&](const std::string& method, const Json& params, const Json& result) {
+    cases.emplace_back(request(id, method, params), result_reply(id, result));
+    ++id;
+  };
   const std::vector<std::pair<Json, std::string>> versions = {
       {"2025-11-25", "2025-11-25"}, {"2025-06-18", "2025-06-18"}, {"2025-03-26", "2025-03-26"},
       {"2024-11-05", "2024-11-05"}, {"2024-10-07", "2025-11-25"}, {42, "2025-11-25"},
@@ -92,76 +68,78 @@ TEST(McpServer, AnswersEachRequestExactly) {
   for (const auto& [asked, answered] : versions) {
     Json params = {{"capabilities", Json::object()}, {"clientInfo", {{"name", "t"}, {"version", "1"}}}};
     if (!asked.is_null()) params["protocolVersion"] = asked;
-    cases.push_back({"initialize", params,
-                     {{"protocolVersion", answered},
-                      {"capabilities", {{"tools", Json::object()}, {"logging", Json::object()}}},
-                      {"serverInfo", {{"name", "brenloc"}, {"version", BRENLOC_VERSION}}}}});
+    good("initialize", params,
+         {{"protocolVersion", answered},
+          {"capabilities", {{"tools", Json::object()}, {"logging", Json::object()}}},
+          {"serverInfo", {{"name", "brenloc"}, {"version", BRENLOC_VERSION}}}});
   }
-  const Json object_schema = {{"type", "object"}};  // also for "wait", which has no schema of its own
-  cases.push_back({"tools/list", nullptr,
-                   {{"tools", Json::array({{{"name", "echo"}, {"description", "Returns its arguments"},
-                                            {"inputSchema", object_schema}},
-                                           {{"name", "wait"}, {"description", "Waits for the test"},
-                                            {"inputSchema", object_schema}}})}}});
+  const auto tool = [](const std::string& name, const std::string& description) {
+    return Json{{"name", name}, {"description", description}, {"inputSchema", {{"type", "object"}}}};
+  };
+  // "wait", which has no schema of its own, gets the object schema too.
+  good("tools/list", nullptr,
+       {{"tools", Json::array({tool("echo", "Returns its arguments"), tool("wait", "Waits for the test")})}});
   // A tool's dictionary keeps its key order; one with an "error" key is an error.
   const auto text = [](const std::string& s) { return Json::array({{{"type", "text"}, {"text", s}}}); };
+  const auto dictionary = [&](const Json& d, bool error) {
+    return Json{{"content", text(d.dump())}, {"structuredContent", d}, {"isError", error}};
+  };
   const Json accepted = {{"status", "accepted"}, {"message", "started"}, {"clear_existing", false}};
-  const Json refused = {{"error", "Path outside repository"}, {"status", "failed"}};
-  cases.push_back({"tools/call", call("ordered"),
-                   {{"content", text(accepted.dump())}, {"structuredContent", accepted}, {"isError", false}}});
-  cases.push_back({"tools/call", call("refuse"),
-                   {{"content", text(refused.dump())}, {"structuredContent", refused}, {"isError", true}}});
-  cases.push_back({"tools/call", call("fail"), {{"content", text("the index is on fire")}, {"isError", true}}});
-  cases.push_back(
-      {"tools/call", call("echo"), {{"content", text("{}")}, {"structuredContent", Json::object()}, {"isError", false}}});
-  cases.push_back({"logging/setLevel", {{"level", "warning"}}, Json::object()});
+  good("tools/call", call("ordered"), dictionary(accepted, false));
+  good("tools/call", call("refuse"), dictionary({{"error", "Path outside repository"}, {"status", "failed"}}, true));
+  good("tools/call", call("fail"), {{"content", text("the index is on fire")}, {"isError", true}});
+  good("tools/call", call("echo"), dictionary(Json::object(), false));
+  good("logging/setLevel", {{"level", "warning"}}, Json::object());
+
   Harness h;
-  int id = 0;  // 0 first: an id like any other
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.method + " " + c.params.dump());
-    h.send(Harness::request(id, c.method, c.params));
-    EXPECT_EQ(h.next(), result_reply(id, c.result));
-    ++id;
+  for (const auto& [line, reply] : cases) {
+    SCOPED_TRACE(line);
+    h.send(line);
+    EXPECT_EQ(h.next(), reply);
   }
+  // Notifications, responses and blank lines are not answered.
+  for (const std::string line : {"", "   \r", R"({"jsonrpc":"2.0","id":77,"result":{}})"}) h.send(line);
+  h.send(notification("notifications/initialized", Json::object()));
+  h.send(notification("notifications/whatever", Json::object()));
+  h.send(notification("notifications/cancelled", {{"requestId", 12345}}));
+  h.expect_alive();
 }
 
 TEST(McpServer, RunsCallsSideBySideAndCancelsOnlyTheNamedOne) {
   Harness h;
-  h.send(Harness::request(0, "tools/call", call("wait")));
-  h.send(Harness::request("0", "tools/call", call("wait")));
-  h.send(Harness::request(2, "tools/call", call("echo", {{"q", "x"}})));
+  // Cancelled before its task has taken a first step (both lines usually reach the loop in one go): no trace.
+  h.in.write(request(5, "tools/call", call("wait")) + "\n" +
+             notification("notifications/cancelled", {{"requestId", 5}}) + "\n");
+  h.expect_alive();
+  EXPECT_EQ(h.running(), 0u);
+  const int before = h.host.started;
+  EXPECT_EQ(before, h.host.cancelled.load());
+  h.expect_alive(5);  // the id is free again
+
+  h.send(request(0, "tools/call", call("wait")));
+  h.send(request("0", "tools/call", call("wait")));
+  h.send(request(2, "tools/call", call("echo", {{"q", "x"}})));
   Json echo = h.next();  // while both wait
   EXPECT_EQ(echo["id"], 2);
   EXPECT_EQ(echo["result"]["structuredContent"], (Json{{"q", "x"}}));
   h.expect_alive();
-  ASSERT_EQ(h.host().started.load(), 2);
+  ASSERT_EQ(h.host.started.load(), before + 2);
 
   // An id still in use is refused; the running request is not disturbed.
-  h.send(Harness::request(0, "ping"));
+  h.send(request(0, "ping"));
   EXPECT_EQ(h.next(), error_reply(0, kInvalidRequest, "Invalid Request: id 0 is already in use by a running request"));
   EXPECT_EQ(h.running(), 2u);
 
-  h.send(Harness::notification("notifications/cancelled", {{"requestId", 0}, {"reason", "user"}}));
+  h.send(notification("notifications/cancelled", {{"requestId", 0}, {"reason", "user"}}));
   h.expect_alive();
-  EXPECT_EQ(h.host().cancelled.load(), 1);
+  EXPECT_EQ(h.host.cancelled.load(), before + 1);
   EXPECT_EQ(h.running(), 1u);
-  h.on_loop([&] { h.host().open_gate(); });
+  h.on_loop([&] { h.host.gate_state->set_result(); });
   Json reply = h.next();  // the cancelled request is never answered, the other one is
   EXPECT_EQ(reply["id"], "0");
   EXPECT_EQ(reply["result"]["structuredContent"], (Json{{"waited", true}}));
   h.expect_alive(0);  // both ids are free again
   h.expect_alive("0");
-}
-
-TEST(McpServer, CancellingBeforeTheRequestRunsLeavesNoTrace) {
-  Harness h;
-  // Both lines usually reach the loop in one go, before the request's task has taken its first step.
-  h.in.write(Harness::request(5, "tools/call", call("wait")) + "\n" +
-              Harness::notification("notifications/cancelled", {{"requestId", 5}}) + "\n");
-  h.expect_alive();
-  EXPECT_EQ(h.running(), 0u);
-  EXPECT_EQ(h.host().started.load(), h.host().cancelled.load());
-  h.expect_alive(5);  // the id is free again
 }
 
 TEST(McpServer, ForwardsBroadcastsFilteredByTheClientsLevel) {
@@ -174,7 +152,7 @@ TEST(McpServer, ForwardsBroadcastsFilteredByTheClientsLevel) {
                 {"params", {{"level", level}, {"logger", "brenloc"}, {"data", data}}}};
   };
   const auto broadcast = [&](const std::string& level, const Json& data) {
-    h.on_loop([&] { h.host().broadcast(level, data); });
+    h.on_loop([&] { h.host.broadcast(level, data); });
   };
   broadcast("info", done);
   EXPECT_EQ(h.next(), message("info", done));
@@ -183,7 +161,7 @@ TEST(McpServer, ForwardsBroadcastsFilteredByTheClientsLevel) {
   EXPECT_EQ(h.next(), message("info", done));
 
   for (const std::string level : {"error", "debug"}) {
-    h.send(Harness::request(level, "logging/setLevel", {{"level", level}}));
+    h.send(request(level, "logging/setLevel", {{"level", level}}));
     EXPECT_EQ(h.next(), result_reply(level, Json::object()));
     broadcast("info", done);
     broadcast(level, failed);
@@ -192,12 +170,13 @@ TEST(McpServer, ForwardsBroadcastsFilteredByTheClientsLevel) {
   }
 }
 
-TEST(McpServer, RefusesOverlongLinesAndReadsOn) {
+TEST(McpServer, RefusesOverlongLinesAndKeepsServingAClientThatDoesNotRead) {
   ServerOptions options;
   options.max_line_bytes = 100 * 1024;
+  options.max_queued_output_bytes = 256 * 1024;
   Harness h(options);
-  const std::string big = Harness::request(1, "ping", {{"pad", std::string(300 * 1024, 'x')}});
-  std::string at_limit = Harness::request(2, "ping", {{"pad", ""}});
+  const std::string big = request(1, "ping", {{"pad", std::string(300 * 1024, 'x')}});
+  std::string at_limit = request(2, "ping", {{"pad", ""}});
   at_limit.insert(at_limit.find("\"\"") + 1, options.max_line_bytes - at_limit.size(), 'y');
   // The pipe holds less than these lines: write them from another thread while the server reads.
   std::thread writer([&] { h.in.write(big + "\n" + at_limit + "\n"); });
@@ -206,18 +185,13 @@ TEST(McpServer, RefusesOverlongLinesAndReadsOn) {
                                       " bytes is longer than the limit of 102400 bytes"));
   EXPECT_EQ(h.next(), result_reply(2, Json::object()));
   writer.join();
-}
 
-TEST(McpServer, KeepsServingWhileTheClientDoesNotRead) {
-  ServerOptions options;
-  options.max_queued_output_bytes = 256 * 1024;
-  Harness h(options);
   // Far more output than a pipe holds, with nobody reading it.
   const std::string pad(16 * 1024, 'p');
   const int calls = 64;
-  for (int i = 0; i < calls; ++i) h.send(Harness::request(i, "tools/call", call("echo", {{"pad", pad}})));
+  for (int i = 0; i < calls; ++i) h.send(request(i, "tools/call", call("echo", {{"pad", pad}})));
   // The loop still runs and takes broadcasts: past the limit they are dropped, not queued.
-  for (int i = 0; i < 100; ++i) h.on_loop([&] { h.host().broadcast("info", {{"pad", pad}}); });
+  for (int i = 0; i < 100; ++i) h.on_loop([&] { h.host.broadcast("info", {{"pad", pad}}); });
 
   int answers = 0, notes = 0;
   while (auto line = h.out.next_line(1000ms)) {
@@ -229,26 +203,22 @@ TEST(McpServer, KeepsServingWhileTheClientDoesNotRead) {
   EXPECT_LT(notes, 100);
 }
 
-TEST(McpServer, ReportsTheEndOfInputAndStillAnswers) {
+TEST(McpServer, AnswersAfterTheEndOfInputAndStopCancelsWhatStillRuns) {
   Harness h;
-  h.send(Harness::request(1, "tools/call", call("wait")));
+  h.send(request(1, "tools/call", call("wait")));
+  h.send(request(2, "tools/call", call("wait", {{"forever", true}})));
   h.expect_alive();
+  EXPECT_EQ(h.on_loop([&] { return h.host.sinks.size(); }), 1u);
   h.in.close_write();
-  const auto ended = [&] { return h.on_loop([&] { return h.server().input_ended().done(); }); };
+  const auto ended = [&] { return h.on_loop([&] { return h.server.input_ended().done(); }); };
   for (int i = 0; i < 200 && !ended(); ++i) std::this_thread::sleep_for(10ms);
   EXPECT_TRUE(ended());
-  h.on_loop([&] { h.host().open_gate(); });
+  h.on_loop([&] { h.host.gate_state->set_result(); });
   EXPECT_EQ(h.next()["id"], 1);
-}
 
-TEST(McpServer, StopCancelsRunningRequestsAndUnsubscribes) {
-  Harness h;
-  h.send(Harness::request(1, "tools/call", call("wait")));
-  h.expect_alive();
-  EXPECT_EQ(h.on_loop([&] { return h.host().sinks.size(); }), 1u);
   h.stop();
-  EXPECT_EQ(h.host().cancelled.load(), 1);
-  EXPECT_EQ(h.on_loop([&] { return h.host().sinks.size(); }), 0u);
+  EXPECT_EQ(h.host.cancelled.load(), 1);
+  EXPECT_EQ(h.on_loop([&] { return h.host.sinks.size(); }), 0u);
   EXPECT_EQ(h.out.next_line(200ms), std::nullopt);  // no answer for the cancelled request
 }
 
