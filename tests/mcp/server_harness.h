@@ -45,21 +45,17 @@ struct Pipe {
       off += static_cast<std::size_t>(n);
     }
   }
-  // Reads what comes within `wait` into `buffer`; false at end of file or when nothing came.
-  bool fill(std::chrono::milliseconds wait) {
-    pollfd p{r, POLLIN, 0};
-    char chunk[65536];
-    if (::poll(&p, 1, static_cast<int>(wait.count())) <= 0) return false;
-    const ssize_t n = ::read(r, chunk, sizeof chunk);
-    if (n > 0) buffer.append(chunk, static_cast<std::size_t>(n));
-    return n > 0;
-  }
-  // The next line, or nullopt when none came within `timeout`.
+  // The next line, or nullopt at end of file or when none came within `timeout`.
   std::optional<std::string> next_line(std::chrono::milliseconds timeout = 5000ms) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
+    char chunk[65536];
     while (buffer.find('\n') == std::string::npos) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0 || !fill(left)) return std::nullopt;
+      pollfd p{r, POLLIN, 0};
+      if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return std::nullopt;
+      const ssize_t n = ::read(r, chunk, sizeof chunk);
+      if (n <= 0) return std::nullopt;
+      buffer.append(chunk, static_cast<std::size_t>(n));
     }
     std::string line = buffer.substr(0, buffer.find('\n'));
     buffer.erase(0, line.size() + 1);
@@ -69,10 +65,9 @@ struct Pipe {
   std::string buffer;
 };
 
-// Tools: "echo" returns its arguments; "ordered" a dictionary whose keys are not in sorted order;
-// "refuse" a dictionary with an "error" key; "fail" throws; "strict" rejects its arguments; "wait"
-// waits until the test opens its gate (or, with the argument "forever", for ever), counting starts and
-// cancellations.
+// Tools: "echo" returns its arguments; "ordered" a dictionary whose keys are not in sorted order; "fail"
+// throws; "strict" rejects its arguments; "wait" waits until the test opens its gate (or, with the
+// argument "forever", for ever), counting starts and cancellations.
 struct TestHost : ToolHost {
   std::vector<ToolSpec> tools() const override {
     return {{"echo", "Returns its arguments", Json{{"type", "object"}}}, {"wait", "Waits for the test", Json()}};
@@ -81,7 +76,6 @@ struct TestHost : ToolHost {
   aio::Task<Json> call_tool(std::string name, Json arguments) override {
     if (name == "echo") co_return arguments.is_null() ? Json::object() : arguments;
     if (name == "ordered") co_return Json{{"status", "accepted"}, {"message", "started"}, {"clear_existing", false}};
-    if (name == "refuse") co_return Json{{"error", "Path outside repository"}, {"status", "failed"}};
     if (name == "fail") throw std::runtime_error("the index is on fire");
     if (name == "strict") throw ArgumentError("limit", "argument 'limit' must be an integer");
     if (name != "wait") throw UnknownTool(name);

@@ -86,7 +86,8 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
   };
   const Json accepted = {{"status", "accepted"}, {"message", "started"}, {"clear_existing", false}};
   good("tools/call", call("ordered"), dictionary(accepted, false));
-  good("tools/call", call("refuse"), dictionary({{"error", "Path outside repository"}, {"status", "failed"}}, true));
+  const Json refused = {{"error", "Path outside repository"}, {"status", "failed"}};
+  good("tools/call", call("echo", refused), dictionary(refused, true));
   good("tools/call", call("fail"), {{"content", text("the index is on fire")}, {"isError", true}});
   good("tools/call", call("echo"), dictionary(Json::object(), false));
   good("logging/setLevel", {{"level", "warning"}}, Json::object());
