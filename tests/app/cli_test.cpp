@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "utils/tree_fixtures.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -29,16 +31,13 @@ std::string quote(const std::string& s) {
 class Cli : public ::testing::Test {
  protected:
   void SetUp() override {
-    fs::remove_all(dir_);
-    fs::create_directories(repo_ / "pkg");
-    std::ofstream(repo_ / "pkg" / "shapes.py") << "class Circle:\n    def area(self):\n        return 3\n";
-    std::ofstream(repo_ / "main.go") << "package main\n\nfunc Launch() {}\n";
+    brenloc::testing::write_file(repo_ / "pkg/shapes.py", "class Circle:\n    def area(self):\n        return 3\n");
+    brenloc::testing::write_file(repo_ / "main.go", "package main\n\nfunc Launch() {}\n");
   }
-  void TearDown() override { fs::remove_all(dir_); }
 
   // Runs the binary with `args`, `env` set and no input.
   Result invoke(const std::string& args, const std::string& env = "") {
-    const fs::path out = dir_ / "out", err = dir_ / "err";
+    const fs::path out = dir_.path() / "out", err = dir_.path() / "err";
     const std::string cmd =
         env + " " + quote(BRENLOC_BINARY) + " " + args + " >" + quote(out) + " 2>" + quote(err) + " </dev/null";
     const int status = std::system(cmd.c_str());
@@ -50,8 +49,8 @@ class Cli : public ::testing::Test {
   }
   std::string where() const { return "--repo " + quote(repo_) + " --data-dir " + quote(data_); }
 
-  const fs::path dir_ = fs::temp_directory_path() / ("brenloc-cli-" + std::to_string(::getpid()));
-  const fs::path repo_ = dir_ / "repo", data_ = dir_ / "data";
+  brenloc::testing::TempDir dir_;
+  const fs::path repo_ = dir_.path() / "repo", data_ = dir_.path() / "data", xdg_ = dir_.path() / "xdg";
 };
 
 TEST_F(Cli, UsageErrorsAreOneLineAndExit64) {
@@ -109,15 +108,15 @@ TEST_F(Cli, PathsAreReindexedInTheLiveIndexAndPathsOutsideAreRefusedWithExit2) {
 }
 
 TEST_F(Cli, TheDefaultDataDirectoryLiesUnderXdgDataHome) {
-  const std::string xdg = "XDG_DATA_HOME=" + quote(dir_ / "xdg");
+  const std::string xdg = "XDG_DATA_HOME=" + quote(xdg_);
   ASSERT_EQ(invoke("reindex --repo " + quote(repo_), xdg).code, 0);
-  const std::vector<fs::path> made(fs::directory_iterator(dir_ / "xdg/brenloc"), fs::directory_iterator{});
+  const std::vector<fs::path> made(fs::directory_iterator(xdg_ / "brenloc"), fs::directory_iterator{});
   ASSERT_EQ(made.size(), 1u);
   EXPECT_TRUE(std::regex_match(made[0].filename().string(), std::regex("repo-[0-9a-f]{8}")));
   EXPECT_TRUE(fs::exists(made[0] / "index.db"));
   // The same root gives the same directory again.
   ASSERT_EQ(invoke("status --repo " + quote(repo_), xdg).code, 0);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_ / "xdg/brenloc"), fs::directory_iterator()), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(xdg_ / "brenloc"), fs::directory_iterator()), 1);
 }
 
 }  // namespace
