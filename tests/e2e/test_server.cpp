@@ -58,9 +58,7 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
   void unsubscribe(int id) override { std::erase_if(sinks_, [id](const auto& s) { return s.first == id; }); }
 
   aio::Task<void> stop() {
-    if (!running()) co_return;
-    run_.cancel();
-    co_await aio::wait_all({run_.base()});
+    if (run_.valid() && run_.cancel()) co_await aio::wait_all({run_.base()});
   }
 
  private:
@@ -115,5 +113,4 @@ int main(int argc, char** argv) {
   PretendDaemon daemon(repo);
   brenloc::mcp::McpServer server(loop, daemon, STDIN_FILENO, STDOUT_FILENO);
   aio::run_until_complete(loop, serve(server, daemon));
-  return 0;
 }
