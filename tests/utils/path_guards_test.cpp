@@ -47,8 +47,6 @@ TEST(VerifyNoSymlinks, ThrowsAtTheFirstLinkOnlyAndTellsErrorsApart) {
   ASSERT_EQ(::chmod((repo / "locked").c_str(), 0600), 0);
   fs::create_directory_symlink("src", repo / "link_to_src");
   fs::create_symlink("a.py", repo / "link.py");
-  fs::create_symlink("chain2", repo / "chain1");
-  fs::create_symlink("a.py", repo / "chain2");
   fs::create_symlink("loop", repo / "loop");
   fs::create_symlink("nowhere", repo / "dangling.py");
   fs::create_directory_symlink("repo", tmp.path() / "rootlink");
@@ -67,7 +65,6 @@ TEST(VerifyNoSymlinks, ThrowsAtTheFirstLinkOnlyAndTellsErrorsApart) {
       {r + "/link.py", r + "/link.py"},
       {r + "/src/../link.py", r + "/src/../link.py"},
       {r + "/link_to_src/main.c", r + "/link_to_src"},
-      {r + "/chain1", r + "/chain1"},
       {r + "/loop/x", r + "/loop"},
       {r + "/dangling.py", r + "/dangling.py"},
       {t + "/rootlink/link.py", t + "/rootlink"},
