@@ -65,9 +65,8 @@ struct Pipe {
   std::string buffer;
 };
 
-// Tools: "echo" returns its arguments; "ordered" a dictionary whose keys are not in sorted order; "fail"
-// throws; "strict" rejects its arguments; "wait" waits until the test opens its gate (or, with the
-// argument "forever", for ever), counting starts and cancellations.
+// Tools: "echo" returns its arguments; "fail" throws; "strict" rejects its arguments; "wait" waits until
+// the test opens its gate (or, with the argument "forever", for ever), counting starts and cancellations.
 struct TestHost : ToolHost {
   std::vector<ToolSpec> tools() const override {
     return {{"echo", "Returns its arguments", Json{{"type", "object"}}}, {"wait", "Waits for the test", Json()}};
@@ -75,7 +74,6 @@ struct TestHost : ToolHost {
 
   aio::Task<Json> call_tool(std::string name, Json arguments) override {
     if (name == "echo") co_return arguments.is_null() ? Json::object() : arguments;
-    if (name == "ordered") co_return Json{{"status", "accepted"}, {"message", "started"}, {"clear_existing", false}};
     if (name == "fail") throw std::runtime_error("the index is on fire");
     if (name == "strict") throw ArgumentError("limit", "argument 'limit' must be an integer");
     if (name != "wait") throw UnknownTool(name);

@@ -45,7 +45,6 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
       {R"({"jsonrpc":"2.0","id":4,"method":"ping","params":"x"})", invalid(4, "\"params\" must be an object")},
       {R"({"jsonrpc":"2.0","id":5,"method":"resources/list"})",
        error_reply(5, kMethodNotFound, "Method not found: resources/list")},
-      {request(6, "tools/call", call("drop_tables")), invalid_params(6, "unknown tool 'drop_tables'")},
       {request(7, "tools/call", Json::object()), invalid_params(7, "\"name\" must be a string")},
       {request(8, "tools/call", call("echo", {1, 2})), invalid_params(8, "\"arguments\" must be an object")},
       {request(9, "logging/setLevel", {{"level", "loud"}}),
@@ -78,13 +77,11 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
   // "wait", which has no schema of its own, gets the object schema too.
   good("tools/list", nullptr,
        {{"tools", Json::array({tool("echo", "Returns its arguments"), tool("wait", "Waits for the test")})}});
-  // A tool's dictionary keeps its key order; one with an "error" key is an error.
+  // A tool's dictionary with an "error" key is an error (that it keeps its key order, the end-to-end tests see).
   const auto text = [](const std::string& s) { return Json::array({{{"type", "text"}, {"text", s}}}); };
   const auto dictionary = [&](const Json& d, bool error) {
     return Json{{"content", text(d.dump())}, {"structuredContent", d}, {"isError", error}};
   };
-  const Json accepted = {{"status", "accepted"}, {"message", "started"}, {"clear_existing", false}};
-  good("tools/call", call("ordered"), dictionary(accepted, false));
   const Json refused = {{"error", "Path outside repository"}, {"status", "failed"}};
   good("tools/call", call("echo", refused), dictionary(refused, true));
   good("tools/call", call("fail"), {{"content", text("the index is on fire")}, {"isError", true}});
