@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <ranges>
 #include <set>
 #include <string>
 #include <thread>
@@ -351,6 +354,45 @@ TEST_P(ExtractSymbols, FindsTheDefinitions) {
 
 INSTANTIATE_TEST_SUITE_P(Languages, ExtractSymbols, ::testing::ValuesIn(cases),
                          [](const auto& info) { return info.param.label; });
+
+// The matchers written in code for C, C++ and Python find exactly what the definition queries find, file
+// by file: the samples above and every 61st C, C++ and Python file of the system's headers and Python
+// modules, or every file of the trees in BRENLOC_MATCHER_TREES (colon-separated) when it is set.
+TEST(CodeMatchers, FindWhatTheQueriesFind) {
+  std::vector<std::tuple<std::string, std::string, std::string>> sources;  // label, language, text
+  for (const Case& c : cases) sources.emplace_back(c.label, c.language, c.source);
+  const char* trees_env = std::getenv("BRENLOC_MATCHER_TREES");
+  const std::string trees = trees_env ? trees_env : "/usr/include:/usr/lib/python3";
+  const std::size_t stride = trees_env ? 1 : 61;
+  std::size_t n = 0;
+  for (const auto& tree : fmt::format("{}", trees) | std::views::split(':')) {
+    std::vector<std::filesystem::path> files;
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(
+             std::string_view(tree.begin(), tree.end()), std::filesystem::directory_options::skip_permission_denied, ec);
+         it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+      const auto lang = language_for_path(it->path());
+      if (lang && (*lang == "c" || *lang == "cpp" || *lang == "python") && it->is_regular_file(ec) &&
+          !it->is_symlink(ec) && it->file_size(ec) <= (1u << 20)) {
+        files.push_back(it->path());
+      }
+    }
+    std::sort(files.begin(), files.end());
+    for (const auto& f : files) {
+      if (n++ % stride != 0) continue;
+      std::ifstream in(f, std::ios::binary);
+      sources.emplace_back(f.string(), std::string(*language_for_path(f)),
+                           std::string(std::istreambuf_iterator<char>(in), {}));
+    }
+  }
+  ASSERT_GT(sources.size(), std::size(cases) + 100) << "the system trees are missing";
+  for (const auto& [label, language, text] : sources) {
+    const ParseResult code = extract_symbols(language, text, 0ms);
+    const ParseResult queries = extract_symbols(language, text, 0ms, Matching::queries);
+    ASSERT_EQ(code.ok, queries.ok) << label;
+    ASSERT_EQ(describe(code.symbols), describe(queries.symbols)) << label;
+  }
+}
 
 TEST(TimeLimit, FailsTheParseAndLeavesTheParserUsable) {
   std::string big;  // far more than a millisecond of parsing

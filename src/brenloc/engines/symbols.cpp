@@ -19,6 +19,7 @@
 #include <fmt/format.h>
 
 #include "brenloc/engines/annotation_macros.h"
+#include "brenloc/engines/code_matchers.h"
 #include "brenloc/engines/definition_queries.h"
 #include "brenloc/engines/languages.h"
 
@@ -47,16 +48,6 @@ constexpr bool outline_supported = false;
 
 // ---------------------------------------------------------------------------------------------
 // Kinds
-
-enum class Kind : std::uint8_t {
-  function, method, class_, struct_, union_, enum_, enumerator, interface, trait, type, field,
-  variable, constant, macro, namespace_, module, constructor, property,
-};
-
-constexpr std::array<std::string_view, 18> kind_names = {
-    "function", "method", "class", "struct", "union", "enum", "enumerator", "interface", "trait",
-    "type", "field", "variable", "constant", "macro", "namespace", "module", "constructor", "property",
-};
 
 std::optional<Kind> kind_from_name(std::string_view name) {
   for (std::size_t i = 0; i < kind_names.size(); ++i) {
@@ -140,6 +131,7 @@ struct CompiledQuery {
   std::vector<std::vector<Predicate>> predicates;  // by pattern index
   std::vector<bool> outline;                        // by node symbol; empty: no outline
   std::vector<bool> starts;                         // by node symbol: a pattern starts at such a node
+  std::optional<CodeMatcher> code;                  // matches what the query would, but at error nodes
 };
 
 // The node type a pattern starts with: its first name after the opening parentheses ("" when it
@@ -153,17 +145,9 @@ std::string_view pattern_root_type(const TSQuery* q, std::uint32_t pattern, std:
   return type == "_" ? std::string_view() : type;
 }
 
-// Marks in `by_symbol` every regular symbol named `type` (aliases share a name); false if none is.
+// Marks in `by_symbol` every regular symbol named `type`; false if none is.
 bool mark_node_type(const TSLanguage* lang, std::string_view type, std::vector<bool>& by_symbol) {
-  bool known = false;
-  for (std::uint32_t sym = 0; sym < by_symbol.size(); ++sym) {
-    if (ts_language_symbol_type(lang, static_cast<TSSymbol>(sym)) == TSSymbolTypeRegular &&
-        type == ts_language_symbol_name(lang, static_cast<TSSymbol>(sym))) {
-      by_symbol[sym] = true;
-      known = true;
-    }
-  }
-  return known;
+  return for_each_symbol_named(lang, type, [&](TSSymbol sym) { by_symbol[sym] = true; });
 }
 
 std::string_view capture_name(const TSQuery* q, std::uint32_t id) {
@@ -244,6 +228,7 @@ CompiledQuery compile_query(const LanguageInfo& info) {
         break;
       }
     }
+    out.code = CodeMatcher::for_language(info.name, lang);
   }
 
   const std::uint32_t n_patterns = ts_query_pattern_count(out.query);
@@ -531,8 +516,6 @@ bool has_extern_storage(TSNode decl, std::string_view source) {
   return false;
 }
 
-enum class Entry : std::uint8_t { symbol, scope, local };
-
 struct Candidate {
   Entry entry = Entry::symbol;
   Kind kind = Kind::function;
@@ -569,63 +552,69 @@ bool predicates_hold(const CompiledQuery& q, const TSQueryMatch& m, std::string_
   return true;
 }
 
-// Turns one query match into a candidate definition, or nothing.
-std::optional<Candidate> candidate_of(const CompiledQuery& q, const TSQueryMatch& m, std::string_view source,
-                                      std::string_view language) {
-  Candidate c;
-  TSNode def{}, name{}, declarator{}, qualifier{}, scope_name{};
-  bool have_def = false, have_name = false, have_declarator = false, have_qualifier = false,
-       have_scope_name = false;
+// What one query match captured.
+Captured captured_of(const CompiledQuery& q, const TSQueryMatch& m) {
+  Captured c;
+  c.pattern = m.pattern_index;
   for (std::uint16_t i = 0; i < m.capture_count; ++i) {
     const CaptureInfo& info = q.captures[m.captures[i].index];
     const TSNode node = m.captures[i].node;
     switch (info.role) {
-      case Role::def: def = node; have_def = true; c.kind = info.kind; break;
-      case Role::scope: def = node; have_def = true; c.entry = Entry::scope; break;
-      case Role::local: def = node; have_def = true; c.entry = Entry::local; break;
-      case Role::name: name = node; have_name = true; break;
-      case Role::name_declarator: declarator = node; have_declarator = true; break;
-      case Role::qualifier: qualifier = node; have_qualifier = true; break;
-      case Role::scope_name: scope_name = node; have_scope_name = true; break;
+      case Role::def: c.def = node; c.kind = info.kind; break;
+      case Role::scope: c.def = node; c.entry = Entry::scope; break;
+      case Role::local: c.def = node; c.entry = Entry::local; break;
+      case Role::name: c.name = node; break;
+      case Role::name_declarator: c.declarator = node; break;
+      case Role::qualifier: c.qualifier = node; break;
+      case Role::scope_name: c.scope_name = node; break;
       case Role::none: break;
     }
   }
-  if (!have_def) return std::nullopt;
-  c.pattern = m.pattern_index;
-  c.start_byte = ts_node_start_byte(def);
-  c.end_byte = ts_node_end_byte(def);
-  c.start = ts_node_start_point(def);
-  c.end = ts_node_end_point(def);
+  return c;
+}
+
+// Turns one match into a candidate definition, or nothing.
+std::optional<Candidate> candidate_of(const Captured& m, std::string_view source, std::string_view language) {
+  if (ts_node_is_null(m.def)) return std::nullopt;
+  Candidate c;
+  c.entry = m.entry;
+  c.kind = m.kind;
+  c.pattern = m.pattern;
+  c.start_byte = ts_node_start_byte(m.def);
+  c.end_byte = ts_node_end_byte(m.def);
+  c.start = ts_node_start_point(m.def);
+  c.end = ts_node_end_point(m.def);
 
   if (c.entry == Entry::local) {
     c.key = c.start_byte;
     return c;
   }
   if (c.entry == Entry::scope) {
-    if (!have_scope_name) return std::nullopt;
-    c.name = clean_scope_part(text_of(scope_name, source));
-    c.key = ts_node_start_byte(scope_name);
+    if (ts_node_is_null(m.scope_name)) return std::nullopt;
+    c.name = clean_scope_part(text_of(m.scope_name, source));
+    c.key = ts_node_start_byte(m.scope_name);
     return c.name.empty() ? std::nullopt : std::optional<Candidate>(std::move(c));
   }
 
-  if (have_declarator) {
-    ResolvedName r = resolve_declarator(declarator, source);
+  TSNode name = m.name;
+  if (!ts_node_is_null(m.declarator)) {
+    ResolvedName r = resolve_declarator(m.declarator, source);
     if (!r.found) return std::nullopt;
     // A declaration or member that declares a function is a prototype, not a definition.
     if ((c.kind == Kind::variable || c.kind == Kind::field) && r.function_declarator) return std::nullopt;
     if (c.kind == Kind::function && !r.function_declarator) return std::nullopt;
-    if (c.kind == Kind::variable && has_extern_storage(def, source)) return std::nullopt;
+    if (c.kind == Kind::variable && has_extern_storage(m.def, source)) return std::nullopt;
     name = r.node;
-    have_name = true;
     c.qualifier = std::move(r.scope);
-  } else if (have_name && (language == "cpp" || language == "c") && type_is(name, "qualified_identifier")) {
+  } else if (!ts_node_is_null(name) && (language == "cpp" || language == "c") &&
+             type_is(name, "qualified_identifier")) {
     ResolvedName r = resolve_declarator(name, source);
     if (!r.found) return std::nullopt;
     name = r.node;
     c.qualifier = std::move(r.scope);
   }
-  if (!have_name) return std::nullopt;
-  if (have_qualifier) c.qualifier.push_back(clean_scope_part(text_of(qualifier, source)));
+  if (ts_node_is_null(name)) return std::nullopt;
+  if (!ts_node_is_null(m.qualifier)) c.qualifier.push_back(clean_scope_part(text_of(m.qualifier, source)));
 
   std::string_view text = text_of(name, source);
   if (type_is(name, "template_type")) text = text.substr(0, text.find('<'));
@@ -672,7 +661,8 @@ std::string_view parser_input(std::size_t index, std::string_view source) {
   return buffer;
 }
 
-ParseResult extract(std::string_view language, std::string_view source, std::chrono::milliseconds time_limit) {
+ParseResult extract(std::string_view language, std::string_view source, std::chrono::milliseconds time_limit,
+                    Matching matching) {
   ParseResult result;
   auto index = language_index(language);
   if (!index) {
@@ -718,7 +708,21 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
         return;
       }
       if (!predicates_hold(query, match, source)) continue;
-      if (auto c = candidate_of(query, match, source, info.name)) candidates.push_back(std::move(*c));
+      if (auto c = candidate_of(captured_of(query, match), source, info.name)) candidates.push_back(std::move(*c));
+    }
+  };
+  // The patterns that start at an outline node: by the language's matcher in code where it has one.
+  const CodeMatcher* code = matching == Matching::fastest && query.code ? &*query.code : nullptr;
+  std::vector<Captured> captured;
+  const auto match_at = [&](TSNode node) {
+    if (code == nullptr || ts_node_symbol(node) == static_cast<TSSymbol>(-1)) {
+      run_query(node, false);
+      return;
+    }
+    captured.clear();
+    code->match(node, source, captured);
+    for (const Captured& m : captured) {
+      if (auto c = candidate_of(m, source, info.name)) candidates.push_back(std::move(*c));
     }
   };
   if (query.outline.empty()) {
@@ -733,7 +737,7 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     const auto starts_pattern = [&](TSNode node) { return query.starts.empty() || marked(query.starts, node); };
     // Depth first over the outline nodes and their children, each the start of the patterns once.
     TSTreeCursor walk = ts_tree_cursor_new(root);
-    run_query(root, false);
+    match_at(root);
     bool descend = true;
     while (!late) {
       if (!(descend && ts_tree_cursor_goto_first_child(&walk))) {
@@ -745,7 +749,7 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
       }
       const TSNode node = ts_tree_cursor_current_node(&walk);
       descend = in_outline(node);
-      if (starts_pattern(node)) run_query(node, false);
+      if (starts_pattern(node)) match_at(node);
       if ((++n_matches & 255) == 0 && deadline.passed()) late = true;
     }
     ts_tree_cursor_delete(&walk);
@@ -849,9 +853,9 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
 }  // namespace
 
 ParseResult extract_symbols(std::string_view language, std::string_view source,
-                            std::chrono::milliseconds time_limit) {
+                            std::chrono::milliseconds time_limit, Matching matching) {
   try {
-    return extract(language, source, time_limit);
+    return extract(language, source, time_limit, matching);
   } catch (const std::exception& e) {  // a grammar that does not load, a query that does not compile
     ParseResult result;
     result.error = e.what();

@@ -21,9 +21,14 @@ struct ParseResult {
   std::vector<storage::SymbolRow> symbols;
 };
 
+// How definitions are found: C, C++ and Python have matchers written in code, which must find exactly what
+// their definition queries find; `queries` uses the queries alone (to hold the matchers to that).
+enum class Matching { fastest, queries };
+
 // `language` is a language of LANGUAGE_EXTENSIONS.
 ParseResult extract_symbols(std::string_view language, std::string_view source,
-                            std::chrono::milliseconds time_limit = std::chrono::milliseconds(5000));
+                            std::chrono::milliseconds time_limit = std::chrono::milliseconds(5000),
+                            Matching matching = Matching::fastest);
 
 // Parses only (no definition query): the floor that the indexer's speed is measured against.
 bool parse_only(std::string_view language, std::string_view source);

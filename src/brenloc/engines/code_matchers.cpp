@@ -1,0 +1,336 @@
+#include "brenloc/engines/code_matchers.h"
+
+#include <array>
+#include <utility>
+
+namespace brenloc::engines {
+
+// What starts at a node of each type. The comments give the query patterns each rule stands for.
+enum class CodeMatcher::Rule : std::uint8_t {
+  none,
+  // C and C++
+  function_definition,   // (function_definition declarator: (_) @name.declarator) @def.function
+  declaration,           // (declaration declarator: (_) @name.declarator) @def.variable
+  type_definition,       // (type_definition declarator: (_) @name.declarator) @def.type, and the
+                         // anonymous struct, union, class or enum it names (@scope)
+  field_declaration,     // (field_declaration declarator: (_) @name.declarator) @def.field
+  alias_declaration,     // (alias_declaration name: (type_identifier) @name) @def.type
+  class_specifier,       // (class_specifier name: (_) @name body: (field_declaration_list)) @def.class
+  struct_specifier,      // ... @def.struct (C: name: (type_identifier))
+  union_specifier,       // ... @def.union (C: name: (type_identifier))
+  enum_specifier,        // (enum_specifier name: (_) @name body: (enumerator_list)) @def.enum
+  enumerator,            // (enumerator name: (identifier) @name) @def.enumerator
+  namespace_definition,  // (namespace_definition name: (_) @name) @def.namespace
+  concept_definition,    // (concept_definition name: (identifier) @name) @def.type
+  preproc_def,           // (preproc_def name: (identifier) @name) @def.macro
+  preproc_function_def,  // (preproc_function_def name: (identifier) @name) @def.macro
+  lambda_expression,     // (lambda_expression) @local
+  // Python
+  expression_statement,  // (expression_statement (assignment left: ...)) @def.constant / @def.variable
+  class_definition,      // (class_definition name: (identifier) @name) @def.class
+  py_function_definition,  // (function_definition name: (identifier) @name) @def.function
+  lambda,                // (lambda) @local
+};
+
+namespace {
+
+using Rule = CodeMatcher::Rule;
+using Family = CodeMatcher::Family;
+
+// Node types the rules look for among a node's children, as bits.
+enum TypeBit : std::uint8_t {
+  identifier = 1,
+  type_identifier = 2,
+  field_declaration_list = 4,
+  enumerator_list = 8,
+  anonymous_scope = 16,  // struct, union, class and enum specifiers: what a typedef may name
+  assignment = 32,
+  pattern_list = 64,
+  tuple_pattern = 128,
+};
+
+// The place of each pattern in its language's query (definition_queries.h): where two patterns capture
+// one name, the first wins. Patterns a language lacks have no place.
+struct Places {
+  std::uint32_t function, declaration, type, alias, class_, struct_, union_, enum_, enumerator, field, namespace_,
+      concept_, macro, function_macro, typedef_scope, lambda;
+};
+constexpr std::uint32_t kNone = ~0u;
+constexpr Places c_places{0, 1, 2, kNone, kNone, 3, 4, 5, 7, 8, kNone, kNone, 9, 10, 11, kNone};
+constexpr Places cpp_places{0, 1, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15, 16};
+struct PythonPlaces {
+  std::uint32_t constant, variable, pattern_list, tuple_pattern, class_, function, lambda;
+};
+constexpr PythonPlaces python_places{0, 1, 2, 3, 4, 5, 6};
+
+const Places& places(Family f) { return f == Family::c ? c_places : cpp_places; }
+
+// The thread's cursor over a node's children: the rules never walk two nodes' children at once.
+TSTreeCursor& children_cursor(TSNode node) {
+  struct Cursor {
+    TSTreeCursor cursor{};
+    bool made = false;
+    ~Cursor() {
+      if (made) ts_tree_cursor_delete(&cursor);
+    }
+  };
+  thread_local Cursor local;
+  if (local.made) {
+    ts_tree_cursor_reset(&local.cursor, node);
+  } else {
+    local.cursor = ts_tree_cursor_new(node);
+    local.made = true;
+  }
+  return local.cursor;
+}
+
+// Calls fn(child, field id) for each child of `node`, in order.
+template <class Fn>
+void for_each_child(TSNode node, Fn&& fn) {
+  TSTreeCursor& c = children_cursor(node);
+  if (!ts_tree_cursor_goto_first_child(&c)) return;
+  do {
+    fn(ts_tree_cursor_current_node(&c), ts_tree_cursor_current_field_id(&c));
+  } while (ts_tree_cursor_goto_next_sibling(&c));
+}
+
+// #match? @name "^[A-Z][A-Z0-9_]*$"
+bool is_constant_name(std::string_view s) {
+  if (s.empty() || s[0] < 'A' || s[0] > 'Z') return false;
+  for (char ch : s.substr(1)) {
+    if (!((ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') || ch == '_')) return false;
+  }
+  return true;
+}
+
+Captured symbol(TSNode def, Kind kind, std::uint32_t pattern) {
+  Captured c;
+  c.kind = kind;
+  c.pattern = pattern;
+  c.def = def;
+  return c;
+}
+
+}  // namespace
+
+std::optional<CodeMatcher> CodeMatcher::for_language(std::string_view language, const TSLanguage* grammar) {
+  CodeMatcher m;
+  if (language == "c") m.family_ = Family::c;
+  else if (language == "cpp") m.family_ = Family::cpp;
+  else if (language == "python") m.family_ = Family::python;
+  else return std::nullopt;
+
+  const std::uint32_t n = ts_language_symbol_count(grammar);
+  m.rules_.assign(n, Rule::none);
+  m.types_.assign(n, 0);
+  auto rule = [&](std::string_view type, Rule r) {
+    for_each_symbol_named(grammar, type, [&](TSSymbol s) { m.rules_[s] = r; });
+  };
+  auto type = [&](std::string_view name, std::uint8_t bit) {
+    for_each_symbol_named(grammar, name, [&](TSSymbol s) { m.types_[s] |= bit; });
+  };
+  auto field = [&](std::string_view name) {
+    return ts_language_field_id_for_name(grammar, name.data(), static_cast<std::uint32_t>(name.size()));
+  };
+  m.name_ = field("name");
+  m.body_ = field("body");
+  m.type_ = field("type");
+  if (m.family_ == Family::python) {
+    rule("expression_statement", Rule::expression_statement);
+    rule("class_definition", Rule::class_definition);
+    rule("function_definition", Rule::py_function_definition);
+    rule("lambda", Rule::lambda);
+    type("identifier", identifier);
+    type("assignment", assignment);
+    type("pattern_list", pattern_list);
+    type("tuple_pattern", tuple_pattern);
+    m.left_ = field("left");
+    return m;
+  }
+  rule("function_definition", Rule::function_definition);
+  rule("declaration", Rule::declaration);
+  rule("type_definition", Rule::type_definition);
+  rule("field_declaration", Rule::field_declaration);
+  rule("struct_specifier", Rule::struct_specifier);
+  rule("union_specifier", Rule::union_specifier);
+  rule("enum_specifier", Rule::enum_specifier);
+  rule("enumerator", Rule::enumerator);
+  rule("preproc_def", Rule::preproc_def);
+  rule("preproc_function_def", Rule::preproc_function_def);
+  for (std::string_view s : {"struct_specifier", "union_specifier", "enum_specifier", "class_specifier"}) {
+    type(s, anonymous_scope);
+  }
+  if (m.family_ == Family::cpp) {
+    rule("alias_declaration", Rule::alias_declaration);
+    rule("class_specifier", Rule::class_specifier);
+    rule("namespace_definition", Rule::namespace_definition);
+    rule("concept_definition", Rule::concept_definition);
+    rule("lambda_expression", Rule::lambda_expression);
+  }
+  type("identifier", identifier);
+  type("type_identifier", type_identifier);
+  type("field_declaration_list", field_declaration_list);
+  type("enumerator_list", enumerator_list);
+  m.declarator_ = field("declarator");
+  return m;
+}
+
+bool CodeMatcher::is(TSNode node, std::uint8_t type) const {
+  const TSSymbol s = ts_node_symbol(node);
+  return s < types_.size() && (types_[s] & type) != 0;
+}
+
+void CodeMatcher::match(TSNode node, std::string_view source, std::vector<Captured>& out) const {
+  const TSSymbol sym = ts_node_symbol(node);
+  if (sym >= rules_.size()) return;
+  if (family_ == Family::python) {
+    const PythonPlaces& p = python_places;
+    switch (rules_[sym]) {
+      case Rule::expression_statement: assignments(node, source, out); return;
+      case Rule::class_definition: named(node, Kind::class_, p.class_, identifier, out); return;
+      case Rule::py_function_definition: named(node, Kind::function, p.function, identifier, out); return;
+      case Rule::lambda: {
+        Captured c = symbol(node, Kind::function, p.lambda);
+        c.entry = Entry::local;
+        out.push_back(c);
+        return;
+      }
+      default: return;
+    }
+  }
+  const Places& p = places(family_);
+  // C names a struct, union or enum by a type_identifier; C++ by any name (qualified, templated).
+  const std::uint8_t tag_name = family_ == Family::c ? type_identifier : 0;
+  switch (rules_[sym]) {
+    case Rule::function_definition: declarators(node, Kind::function, p.function, false, out); return;
+    case Rule::declaration: declarators(node, Kind::variable, p.declaration, false, out); return;
+    case Rule::type_definition: declarators(node, Kind::type, p.type, true, out); return;
+    case Rule::field_declaration: declarators(node, Kind::field, p.field, false, out); return;
+    case Rule::alias_declaration: named(node, Kind::type, p.alias, type_identifier, out); return;
+    case Rule::class_specifier:
+      named_with_body(node, Kind::class_, p.class_, tag_name, field_declaration_list, out);
+      return;
+    case Rule::struct_specifier:
+      named_with_body(node, Kind::struct_, p.struct_, tag_name, field_declaration_list, out);
+      return;
+    case Rule::union_specifier:
+      named_with_body(node, Kind::union_, p.union_, tag_name, field_declaration_list, out);
+      return;
+    case Rule::enum_specifier: named_with_body(node, Kind::enum_, p.enum_, tag_name, enumerator_list, out); return;
+    case Rule::enumerator: named(node, Kind::enumerator, p.enumerator, identifier, out); return;
+    case Rule::namespace_definition: named(node, Kind::namespace_, p.namespace_, 0, out); return;
+    case Rule::concept_definition: named(node, Kind::type, p.concept_, identifier, out); return;
+    case Rule::preproc_def: named(node, Kind::macro, p.macro, identifier, out); return;
+    case Rule::preproc_function_def: named(node, Kind::macro, p.function_macro, identifier, out); return;
+    case Rule::lambda_expression: {
+      Captured c = symbol(node, Kind::function, p.lambda);
+      c.entry = Entry::local;
+      out.push_back(c);
+      return;
+    }
+    default: return;
+  }
+}
+
+// One match per declarator child. A type definition of an anonymous struct, union, class or enum also
+// names that scope, once per declarator that is a plain type name:
+//   (type_definition type: [(struct_specifier !name body: (_)) ...] @scope
+//                    declarator: (type_identifier) @scope.name)
+void CodeMatcher::declarators(TSNode node, Kind kind, std::uint32_t pattern, bool typedef_scope,
+                              std::vector<Captured>& out) const {
+  const std::size_t first = out.size();
+  TSNode type{};
+  for_each_child(node, [&](TSNode child, TSFieldId field) {
+    if (field == declarator_ && ts_node_is_named(child)) {
+      Captured c = symbol(node, kind, pattern);
+      c.declarator = child;
+      out.push_back(c);
+    } else if (field == type_ && ts_node_is_null(type)) {
+      type = child;
+    }
+  });
+  if (!typedef_scope || ts_node_is_null(type) || !is(type, anonymous_scope) ||
+      !ts_node_is_null(ts_node_child_by_field_id(type, name_))) {
+    return;
+  }
+  const TSNode body = ts_node_child_by_field_id(type, body_);
+  if (ts_node_is_null(body) || !ts_node_is_named(body)) return;
+  const std::size_t last = out.size();
+  for (std::size_t i = first; i < last; ++i) {
+    const TSNode declarator = out[i].declarator;  // read before push_back may move the vector
+    if (!is(declarator, type_identifier)) continue;
+    Captured c;
+    c.entry = Entry::scope;
+    c.pattern = places(family_).typedef_scope;
+    c.def = type;
+    c.scope_name = declarator;
+    out.push_back(c);
+  }
+}
+
+// (T name: (N) @name body: (B)) @def.<kind>; name_type 0 takes any named node.
+void CodeMatcher::named_with_body(TSNode node, Kind kind, std::uint32_t pattern, std::uint8_t name_type,
+                                  std::uint8_t body_type, std::vector<Captured>& out) const {
+  TSNode name{};
+  bool matched = false;
+  for_each_child(node, [&](TSNode child, TSFieldId field) {
+    if (matched) return;
+    if (field == name_ && ts_node_is_null(name) && (name_type ? is(child, name_type) : ts_node_is_named(child))) {
+      name = child;
+    } else if (field == body_ && !ts_node_is_null(name) && is(child, body_type)) {
+      matched = true;
+    }
+  });
+  if (!matched) return;
+  Captured c = symbol(node, kind, pattern);
+  c.name = name;
+  out.push_back(c);
+}
+
+// (T name: (N) @name) @def.<kind>; name_type 0 takes any named node.
+void CodeMatcher::named(TSNode node, Kind kind, std::uint32_t pattern, std::uint8_t name_type,
+                        std::vector<Captured>& out) const {
+  const TSNode name = ts_node_child_by_field_id(node, name_);
+  if (ts_node_is_null(name) || !(name_type ? is(name, name_type) : ts_node_is_named(name))) return;
+  Captured c = symbol(node, kind, pattern);
+  c.name = name;
+  out.push_back(c);
+}
+
+// Python's assignments at statement level:
+//   ((expression_statement (assignment left: (identifier) @name)) @def.constant
+//     (#match? @name "^[A-Z][A-Z0-9_]*$"))
+//   (expression_statement (assignment left: (identifier) @name)) @def.variable
+//   (expression_statement (assignment left: (pattern_list (identifier) @name))) @def.variable
+//   (expression_statement (assignment left: (tuple_pattern (identifier) @name))) @def.variable
+void CodeMatcher::assignments(TSNode node, std::string_view source, std::vector<Captured>& out) const {
+  const PythonPlaces& p = python_places;
+  auto add = [&](TSNode name, Kind kind, std::uint32_t pattern) {
+    Captured c = symbol(node, kind, pattern);
+    c.name = name;
+    out.push_back(c);
+  };
+  for_each_child(node, [&](TSNode child, TSFieldId) {
+    if (!is(child, assignment)) return;
+    const TSNode left = ts_node_child_by_field_id(child, left_);
+    if (ts_node_is_null(left)) return;
+    if (is(left, identifier)) {
+      const std::uint32_t start = ts_node_start_byte(left);
+      const std::uint32_t end = ts_node_end_byte(left);
+      if (end <= source.size() && start < end && is_constant_name(source.substr(start, end - start))) {
+        add(left, Kind::constant, p.constant);
+      }
+      add(left, Kind::variable, p.variable);
+      return;
+    }
+    const bool list = is(left, pattern_list);
+    if (!list && !is(left, tuple_pattern)) return;
+    const std::uint32_t n = ts_node_named_child_count(left);
+    for (std::uint32_t i = 0; i < n; ++i) {
+      const TSNode item = ts_node_named_child(left, i);
+      if (is(item, identifier)) add(item, Kind::variable, list ? p.pattern_list : p.tuple_pattern);
+    }
+  });
+}
+
+}  // namespace brenloc::engines
