@@ -4,6 +4,7 @@
 #include <exception>
 #include <mutex>
 #include <span>
+#include <thread>
 #include <variant>
 
 #include <fmt/format.h>
@@ -336,8 +337,10 @@ bool Repository::defer_name_index() {
 void Repository::restore_indexes() {
   // Building an index sorts every row of its table (a million names after a bulk load).
   const auto& path = impl_->path;
-  db_->with_connection(
-      [&](sqlite3* c) { detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes"); });
+  db_->with_connection([&](sqlite3* c) {
+    detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
+    sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
+  });
   std::exception_ptr failure;
   try {
     impl_->write(*db_, "building the indexes",
