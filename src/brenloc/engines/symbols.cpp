@@ -336,16 +336,23 @@ std::chrono::nanoseconds thread_cpu_now() {
 
 struct Deadline {
   std::optional<std::chrono::nanoseconds> at;  // on this thread's CPU clock
+  // A thread's CPU time grows no faster than the clock: before this moment it cannot have reached `at`,
+  // so the CPU clock, whose every reading is a system call, is not read before it.
+  std::chrono::steady_clock::time_point not_before;
   mutable unsigned polls = 0;
 
   static Deadline after(std::chrono::milliseconds limit) {
     Deadline d;
-    if (limit.count() > 0) d.at = thread_cpu_now() + limit;
+    if (limit.count() > 0) {
+      d.at = thread_cpu_now() + limit;
+      d.not_before = std::chrono::steady_clock::now() + limit;
+    }
     return d;
   }
-  bool passed() const { return at && thread_cpu_now() >= *at; }
-  // For callers that poll very often (the parser asks every hundred steps): reads the clock, a system
-  // call, on one poll in eight.
+  bool passed() const {
+    return at && std::chrono::steady_clock::now() >= not_before && thread_cpu_now() >= *at;
+  }
+  // For callers that poll very often (the parser asks every hundred steps): looks on one poll in eight.
   bool passed_now_and_then() const { return at && (++polls & 7) == 0 && passed(); }
 };
 
