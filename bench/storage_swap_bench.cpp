@@ -144,13 +144,11 @@ std::vector<std::string> row_by_row() {
 
 std::vector<std::string> rebuild_indexes() {
   return {"DROP INDEX main.symbols_by_name",
-          "DROP INDEX main.symbols_by_file",
           "DELETE FROM main.symbols",
           "DELETE FROM main.files",
           "INSERT INTO main.files SELECT * FROM staging.files WHERE 1",
           fmt::format("INSERT INTO main.symbols({0}) SELECT {0} FROM staging.symbols WHERE 1", kColumns),
-          "CREATE INDEX main.symbols_by_name ON symbols(name)",
-          "CREATE INDEX main.symbols_by_file ON symbols(file_id)"};
+          "CREATE INDEX main.symbols_by_name ON symbols(name)"};
 }
 
 // Names that exist in the index, for exact queries.

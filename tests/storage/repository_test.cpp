@@ -28,15 +28,21 @@ using testing::entries;
 using testing::file_entry;
 using testing::make_staging;
 
-// create_schema accepts a new file or one of its own version, any number of times (the rows survive), and
-// refuses a newer one without touching it. close() may be repeated; a closed database refuses work.
+// create_schema accepts a new file or one of its own version, any number of times (the rows survive),
+// replaces the tables of an older one, and refuses a newer one without touching it. close() may be
+// repeated; a closed database refuses work.
 TEST(Database, SchemaIsVersionedAndIdempotent) {
-  for (int found : {0, kSchemaVersion, kSchemaVersion + 1}) {
+  for (int found : {0, 1, kSchemaVersion, kSchemaVersion + 1}) {
     SCOPED_TRACE(found);
     testing::TempDir dir;
     auto db = std::make_shared<Database>(dir.path() / "index.db");
     db->connect();
     EXPECT_EQ(testing::query_text(*db, "PRAGMA journal_mode") + testing::query_text(*db, "PRAGMA busy_timeout"), "wal5000");
+    if (found == 1) {  // the layout of version 1, with a row
+      db->execute("CREATE TABLE files(id INTEGER PRIMARY KEY, path TEXT UNIQUE); "
+                  "CREATE TABLE symbols(id INTEGER PRIMARY KEY, file_id INTEGER, name TEXT); "
+                  "INSERT INTO symbols VALUES(1, 1, 'old')");
+    }
     db->execute(fmt::format("PRAGMA user_version = {}", found));
     try {
       db->create_schema();
@@ -75,7 +81,7 @@ class RepositoryTest : public ::testing::Test {
   }
 };
 
-// Storing a file again replaces its row and all its symbols; one call is one transaction, so a file that
+// Storing a file again replaces its row and all its symbols, also twice in one call; one call is one transaction, so a file that
 // cannot be stored leaves none of its call behind, and the error names it.
 TEST_F(RepositoryTest, StoresReplacesAndRemovesFiles) {
   repo.store_files(entries("a", 2, 3));
@@ -91,9 +97,16 @@ TEST_F(RepositoryTest, StoresReplacesAndRemovesFiles) {
   } catch (const StorageError& e) {
     EXPECT_THAT(e.what(), AllOf(HasSubstr("index.db"), HasSubstr("storing bad.cpp")));
   }
+  // Of a path stored twice in one call, the last entry counts; the directory way of searching reads each
+  // file's own rows.
+  repo.store_files({file_entry("a/f1.cpp", {{"x", "class", 1, 1, 1, 1, ""}}),
+                    file_entry("a/f1.cpp", {{"y", "class", 1, 1, 1, 1, ""}, {"z", "class", 2, 1, 2, 1, ""}})});
+  EXPECT_EQ(found({.text = "", .match = SymbolQuery::Match::substring, .path_prefix = "a"}),
+            (std::vector<std::string>{"only class a/f0.cpp:1:1-2 ", "y class a/f1.cpp:1:1-1 ", "z class a/f1.cpp:2:1-2 "}));
   repo.remove_files({"a/f1.cpp"});
   EXPECT_EQ(repo.file_hashes(), (Hashes{{"a/f0.cpp", "hash-a/f0.cpp"}}));
   EXPECT_EQ(found({.text = "", .match = SymbolQuery::Match::prefix}), (std::vector<std::string>{"only class a/f0.cpp:1:1-2 "}));
+  EXPECT_EQ(repo.counts().symbols, 1);
 }
 
 // Every match mode with every filter answers what a plain filter over all rows answers, in order, whichever
@@ -180,7 +193,7 @@ TEST_F(RepositoryTest, CachedResultsLastUntilTheIndexChanges) {
   for (const auto& [label, invalidate] : invalidations) {
     SCOPED_TRACE(label);
     auto before = std::make_tuple(found(query), repo.list_files().size(), repo.counts().files);
-    db->execute("UPDATE symbols SET line = line + 1; INSERT INTO files VALUES (NULL, 'new.cpp', 'cpp', 1, 1, 'h');");
+    db->execute("UPDATE symbols SET line = line + 1; INSERT INTO files VALUES (NULL, 'new.cpp', 'cpp', 1, 1, 'h', 1, 0);");
     EXPECT_EQ(std::make_tuple(found(query), repo.list_files().size(), repo.counts().files), before);
     invalidate();
     EXPECT_NE(found(query), std::get<0>(before));
@@ -249,11 +262,11 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
   const std::vector<std::tuple<std::string, std::function<void(const fs::path&)>, std::string>> cases = {
       {"missing", [](auto&) {}, "the staging file does not exist"},
       {"directory", [](auto& p) { fs::create_directory(p); }, "the staging file is not a regular file"},
-      {"newer version", [&](auto& p) { staged(p, "PRAGMA user_version = 2"); },
-       "the staging file has schema version 2, expected 1"},
-      {"no schema", [&](auto& p) { staged(p, "CREATE TABLE files(x)", false); }, "schema version 0, expected 1"},
-      {"wrong files table", [&](auto& p) { staged(p, "CREATE TABLE files(x); PRAGMA user_version = 1", false); },
-       "copying the files: table main.files has 6 columns but 1 values were supplied"},
+      {"older version", [&](auto& p) { staged(p, "PRAGMA user_version = 1"); },
+       "the staging file has schema version 1, expected 2"},
+      {"no schema", [&](auto& p) { staged(p, "CREATE TABLE files(x)", false); }, "schema version 0, expected 2"},
+      {"wrong files table", [&](auto& p) { staged(p, "CREATE TABLE files(x); PRAGMA user_version = 2", false); },
+       "copying the files: table main.files has 8 columns but 1 values were supplied"},
       {"wrong symbols table, after the files were copied",
        [&](auto& p) { staged(p, "DROP TABLE symbols; CREATE TABLE symbols(y)"); },
        "copying the symbols: table main.symbols has 9 columns but 1 values were supplied"},

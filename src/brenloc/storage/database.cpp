@@ -5,6 +5,7 @@
 #include "brenloc/storage/errors.h"
 #include "brenloc/storage/schema.h"
 #include "brenloc/storage/sqlite_util.h"
+#include "brenloc/utils/logging.h"
 
 namespace brenloc::storage {
 
@@ -78,6 +79,14 @@ void Database::create_schema() {
       throw StorageError(fmt::format("{}: schema version {} is newer than this program's version {}",
                                      path_.string(), version, kSchemaVersion),
                          SQLITE_ERROR);
+    }
+    if (version > 0 && version < kSchemaVersion) {
+      // What the index holds can be found again in the repository: an older layout is not converted.
+      utils::get_logger("brenloc.storage")
+          ->warn("{}: dropping an index of schema version {} (this program's is {}); a reindex fills it again",
+                 path_.string(), version, kSchemaVersion);
+      detail::run_script(db_, "DROP TABLE IF EXISTS symbols; DROP TABLE IF EXISTS files;", path_,
+                         "dropping an index of an older version");
     }
     detail::run_script(db_, detail::kSchemaSql, path_, "creating the schema");
     detail::run_script(db_, fmt::format("PRAGMA user_version = {}", kSchemaVersion), path_,

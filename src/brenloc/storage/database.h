@@ -18,7 +18,7 @@
 namespace brenloc::storage {
 
 // The schema version written to PRAGMA user_version by create_schema().
-inline constexpr int kSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 2;
 
 // Whether the writer connection syncs the file to disk. `synced`: a crash of the machine may lose the
 // last commits but never leaves a corrupt file. `unsynced`: nothing is synced, which a bulk load into a
@@ -35,8 +35,9 @@ class Database {
 
   // Opens the writer connection (creating the file), WAL mode, busy timeout. Throws StorageError.
   virtual void connect();
-  // Creates the tables and indexes if missing and sets user_version; idempotent. Throws on a file whose
-  // user_version is newer than kSchemaVersion.
+  // Creates the tables and indexes if missing and sets user_version; idempotent. An index of an older
+  // version is dropped (it is rebuilt by the next reindex). Throws on a file whose user_version is newer
+  // than kSchemaVersion.
   virtual void create_schema();
   // Closes the writer connection; a closed database may be closed again.
   virtual void close();

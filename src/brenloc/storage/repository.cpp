@@ -5,6 +5,7 @@
 #include <mutex>
 #include <span>
 #include <thread>
+#include <unordered_set>
 #include <variant>
 
 #include <fmt/format.h>
@@ -150,6 +151,39 @@ struct PendingSymbol {
   const std::string* path;  // of its file, for errors
 };
 
+// The symbol rows of files, by their range (see the files table).
+class FileSymbols {
+ public:
+  FileSymbols(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
+      : file_(file),
+        range_(c, "SELECT first_symbol, symbol_count FROM files WHERE path = ?1", file, operation),
+        drop_(c, "DELETE FROM symbols WHERE id >= ?1 AND id < ?2", file, operation) {}
+
+  // Deletes the rows of the file at `rel` (none when it is not in the index).
+  void drop(const std::string& rel, std::string_view operation) {
+    range_.bind(1, rel);
+    const bool known = range_.step(file_, operation);
+    const std::int64_t first = known ? range_.integer(0) : 0;
+    const std::int64_t count = known ? range_.integer(1) : 0;
+    range_.reset();
+    if (count == 0) return;
+    drop_.bind(1, first);
+    drop_.bind(2, first + count);
+    drop_.step(file_, operation);
+    drop_.reset();
+  }
+
+ private:
+  const std::filesystem::path& file_;
+  Statement range_;
+  Statement drop_;
+};
+
+// The number the next symbol row inserted gets: one more than the largest (rows are numbered on from it).
+std::int64_t next_symbol_id(sqlite3* c, const std::filesystem::path& file) {
+  return detail::query_int(c, "SELECT coalesce(max(id), 0) + 1 FROM symbols", file, "numbering symbols");
+}
+
 // Inserts `rows` with `stmt`, a statement of exactly that many rows. The rows outlive the insert (reset
 // after its step): their text is bound without a copy.
 void insert_symbols(Statement& stmt, std::span<const PendingSymbol> rows, const std::filesystem::path& file) {
@@ -265,12 +299,20 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
   if (entries.empty()) return;
   const auto& path = impl_->path;
   impl_->write(*db_, "storing files", [&](sqlite3* c) {
-    Statement drop(c, "DELETE FROM symbols WHERE file_id = (SELECT id FROM files WHERE path = ?1)", path,
-                   "storing files");
+    // The old rows of the files go first; the new rows are then numbered on from the largest left, one file
+    // after another, so that each file's rows are one range. Of a path given twice, the last entry is stored.
+    std::unordered_set<std::string_view> later;
+    std::vector<bool> superseded(entries.size());
+    for (std::size_t i = entries.size(); i-- > 0;) superseded[i] = !later.insert(entries[i].file.path).second;
+    FileSymbols old_rows(c, path, "storing files");
+    for (const auto& entry : entries) old_rows.drop(entry.file.path, fmt::format("storing {}", entry.file.path));
+    std::int64_t next = next_symbol_id(c, path);
     Statement upsert(c,
-                     "INSERT INTO files(path, language, size, mtime_ns, content_hash) VALUES(?1, ?2, ?3, ?4, ?5) "
+                     "INSERT INTO files(path, language, size, mtime_ns, content_hash, first_symbol, symbol_count) "
+                     "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7) "
                      "ON CONFLICT(path) DO UPDATE SET language = excluded.language, size = excluded.size, "
-                     "mtime_ns = excluded.mtime_ns, content_hash = excluded.content_hash RETURNING id",
+                     "mtime_ns = excluded.mtime_ns, content_hash = excluded.content_hash, "
+                     "first_symbol = excluded.first_symbol, symbol_count = excluded.symbol_count RETURNING id",
                      path, "storing files");
     // Symbol rows are gathered across the files and inserted many to a statement: starting a statement
     // (opening and positioning its cursors) costs about as much as inserting several rows.
@@ -278,20 +320,23 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
     Statement insert_one(c, symbol_insert_sql(1), path, "storing files");
     std::vector<PendingSymbol> pending;
     pending.reserve(kRowsPerInsert);
-    for (const auto& entry : entries) {
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if (superseded[i]) continue;
+      const FileEntry& entry = entries[i];
       const std::string op = fmt::format("storing {}", entry.file.path);
-      drop.bind(1, entry.file.path);
-      drop.step(path, op);
-      drop.reset();
+      const auto count = static_cast<std::int64_t>(entry.symbols.size());
       upsert.bind(1, entry.file.path);
       upsert.bind(2, entry.file.language);
       upsert.bind(3, entry.file.size);
       upsert.bind(4, entry.file.mtime_ns);
       upsert.bind(5, entry.file.content_hash);
+      upsert.bind(6, next);
+      upsert.bind(7, count);
       upsert.step(path, op);
       std::int64_t file_id = upsert.integer(0);
       upsert.step(path, op);  // ends the statement (RETURNING gives one row)
       upsert.reset();
+      next += count;
       for (const auto& s : entry.symbols) {
         pending.push_back({file_id, &s, &entry.file.path});
         if (pending.size() == kRowsPerInsert) {
@@ -301,6 +346,12 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       }
     }
     for (const PendingSymbol& p : pending) insert_symbols(insert_one, {&p, 1}, path);
+    // SQLite numbers a row one past the largest, unless the largest is the largest integer there is.
+    if (next_symbol_id(c, path) != next) {
+      throw StorageError(fmt::format("{}: storing files: the symbol rows were not numbered in sequence",
+                                     path.string()),
+                         SQLITE_INTERNAL);
+    }
   });
 }
 
@@ -308,14 +359,11 @@ void Repository::remove_files(const std::vector<std::string>& paths) {
   if (paths.empty()) return;
   const auto& path = impl_->path;
   impl_->write(*db_, "removing files", [&](sqlite3* c) {
-    Statement drop_symbols(c, "DELETE FROM symbols WHERE file_id = (SELECT id FROM files WHERE path = ?1)", path,
-                           "removing files");
+    FileSymbols rows(c, path, "removing files");
     Statement drop_file(c, "DELETE FROM files WHERE path = ?1", path, "removing files");
     for (const auto& p : paths) {
       const std::string op = fmt::format("removing {}", p);
-      drop_symbols.bind(1, p);
-      drop_symbols.step(path, op);
-      drop_symbols.reset();
+      rows.drop(p, op);
       drop_file.bind(1, p);
       drop_file.step(path, op);
       drop_file.reset();
@@ -363,7 +411,7 @@ void Repository::restore_indexes() {
 // A search runs one of two ways, chosen per query:
 // - by name: the name index in name order (a range for exact and prefix matches, the whole index for a
 //   substring), each row checked against the other filters, stopping at the limit;
-// - by directory: the files under the path prefix, then their symbols by file, sorted at the end.
+// - by directory: the files under the path prefix, then the range of symbol rows of each, sorted at the end.
 // SQLite's planner, without statistics, picks the first way for a path filter even when the directory
 // holds a handful of files among a million symbols (a scan of the whole name range), and a full table
 // scan and sort for a substring with a kind filter; so the way is fixed here, from two bounded probes:
@@ -446,8 +494,10 @@ std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
 
       std::string sql = fmt::format("SELECT {} FROM ", kSymbolColumns);
       if (by_directory) {
-        sql += fmt::format("files f CROSS JOIN symbols s INDEXED BY symbols_by_file ON s.file_id = f.id WHERE {} AND {}",
-                           path_term, name_term);
+        sql += fmt::format(
+            "files f CROSS JOIN symbols s ON s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count "
+            "WHERE {} AND {}",
+            path_term, name_term);
       } else {
         sql += fmt::format("symbols s {} CROSS JOIN files f ON f.id = s.file_id WHERE {}",
                            name_index ? "INDEXED BY symbols_by_name" : "", name_term);

@@ -16,7 +16,12 @@ CREATE TABLE IF NOT EXISTS files (
   language TEXT NOT NULL,
   size INTEGER NOT NULL,
   mtime_ns INTEGER NOT NULL,
-  content_hash TEXT NOT NULL
+  content_hash TEXT NOT NULL,
+  -- The file's symbols are the rows first_symbol .. first_symbol + symbol_count - 1 of symbols: a file's
+  -- rows are always inserted together, at the end of the table (which also spares symbols an index by
+  -- file, and each row stored an insert into it).
+  first_symbol INTEGER NOT NULL,
+  symbol_count INTEGER NOT NULL
 );
 CREATE TABLE IF NOT EXISTS symbols (
   id INTEGER PRIMARY KEY,
@@ -32,8 +37,6 @@ CREATE TABLE IF NOT EXISTS symbols (
 -- Exact and prefix search (a range on the name), and substring search by a scan of this index in name
 -- order that stops at the limit.
 CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name);
--- Replacing or removing one file's symbols, and the path filter (files by path range, then their symbols).
-CREATE INDEX IF NOT EXISTS symbols_by_file ON symbols(file_id);
 )sql";
 
 // The writer connection: WAL commits without a sync (the index can be rebuilt from the repository, and

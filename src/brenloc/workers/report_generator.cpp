@@ -86,7 +86,7 @@ std::string fingerprint(sqlite3* c, const nlohmann::ordered_json& last_index) {
 IndexSummary summarise(sqlite3* c) {
   IndexSummary out;
   each_row(c,
-           "SELECT f.path, f.language, f.size, (SELECT COUNT(*) FROM symbols s WHERE s.file_id = f.id) FROM files f",
+           "SELECT path, language, size, symbol_count FROM files",
            [&](sqlite3_stmt* s) {
              std::string path = column_text(s, 0);
              std::string language = column_text(s, 1);
