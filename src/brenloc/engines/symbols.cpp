@@ -648,13 +648,15 @@ struct OpenScope {
   std::string name;
 };
 
-std::string join_scope(const std::string& outer, const std::vector<std::string>& parts, std::string_view sep) {
+void append_scope(std::string& scope, std::string_view part, std::string_view sep) {
+  if (part.empty()) return;
+  if (!scope.empty()) scope += sep;
+  scope += part;
+}
+
+std::string join_scope(const std::string& outer, std::string_view part, std::string_view sep) {
   std::string out = outer;
-  for (const auto& p : parts) {
-    if (p.empty()) continue;
-    if (!out.empty()) out += sep;
-    out += p;
-  }
+  append_scope(out, part, sep);
   return out;
 }
 
@@ -796,16 +798,23 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     while (!stack.empty() && !(stack.back().start_byte <= c.start_byte && c.end_byte <= stack.back().end_byte)) {
       stack.pop_back();
     }
+    // `outer` and `scope` may be the container's own path: read them before the stack grows.
     const OpenScope* container = stack.empty() ? nullptr : &stack.back();
-    const std::string outer = container ? container->path : std::string();
-    const std::string scope = join_scope(outer, c.qualifier, sep);
+    static const std::string top_level;
+    const std::string& outer = container ? container->path : top_level;
+    std::string qualified;
+    if (!c.qualifier.empty()) {
+      qualified = outer;
+      for (const auto& part : c.qualifier) append_scope(qualified, part, sep);
+    }
+    const std::string& scope = c.qualifier.empty() ? outer : qualified;
 
     if (c.entry == Entry::local) {
       stack.push_back({c.start_byte, c.end_byte, outer, false, true, {}});
       continue;
     }
     if (c.entry == Entry::scope) {
-      stack.push_back({c.start_byte, c.end_byte, join_scope(scope, {c.name}, sep), true, false, c.name});
+      stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), true, false, c.name});
       continue;
     }
 
@@ -829,7 +838,6 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     }
 
     storage::SymbolRow row;
-    row.name = c.name;
     row.kind = std::string(kind_name(c.kind));
     // The position is the name's (where an editor should jump); the end is the definition's last
     // byte. Columns count bytes from 1: the parser's exclusive 0-based end is that last byte's
@@ -846,12 +854,12 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
       row.end_column = static_cast<int>(newline - (line_start == std::string_view::npos ? 0 : line_start + 1));
     }
     row.scope = scope;
-    result.symbols.push_back(std::move(row));
-
     if (opens_scope(c.kind)) {
-      stack.push_back({c.start_byte, c.end_byte, join_scope(scope, {c.name}, sep), is_type_like(c.kind),
+      stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), is_type_like(c.kind),
                        is_function_like(c.kind), c.name});
     }
+    row.name = std::move(c.name);
+    result.symbols.push_back(std::move(row));
   }
   result.ok = true;
   return result;
