@@ -1,9 +1,11 @@
-// The ignore matcher against git itself: wildcard cases, and randomised rule sets and trees whose every
-// path is checked with `git check-ignore` and walked.
+// The ignore matcher against git itself: wildcard cases, git's configuration files, and randomised rule
+// sets and trees whose every path is checked with `git check-ignore` and walked.
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "brenloc/engines/languages.h"
+#include "brenloc/workers/git_config.h"
 #include "brenloc/workers/gitignore.h"
 #include "brenloc/workers/walker.h"
 #include "workers_fixtures.h"
@@ -46,24 +49,44 @@ TEST(Wildmatch, MatchesAsGitDoes) {
   }
 }
 
+TEST(GitConfig, ReadsValuesAsGitDoes) {
+  const struct {
+    const char* text;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"[core]\n\texcludesFile = ~/.ignore\n", "~/.ignore"},
+      {"[Core]\nEXCLUDESFILE=a\n[core]\n  excludesfile = b # later wins\n", "b"},
+      {"[core \"sub\"]\nexcludesfile = a\n[core.sub]\nexcludesfile = b\n[user]\nexcludesfile = c\n", std::nullopt},
+      {"[core] excludesfile = \"with \\\"quotes\\\" ; and # marks \"  ; comment\n", "with \"quotes\" ; and # marks "},
+      {"[core]\nexcludesfile = a\\\n b\r\n", "a b"},
+      {"# [core]\n; excludesfile = x\n[core]\nbare = true\n", std::nullopt},
+      {"[core]\nexcludesfile =\n", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(config_file_value(c.text, "core.excludesFile"), c.expected) << c.text;
+}
+
 // A tree: paths ending in "/" are directories, others files; `ignore_files` maps a relative path
-// (".gitignore", "sub/.gitignore", ".git/info/exclude") to its content.
+// (".gitignore", "sub/.gitignore", ".git/info/exclude") to its content. The user's excludes file holds
+// `user_rules`, found the default way (0), through ~/.gitconfig (1) or through the repository's config (2).
 struct Scenario {
   std::vector<std::string> tree;
   std::map<std::string, std::string> ignore_files;
+  std::string user_rules;
+  int user_via = 0;
 };
 
 std::string without_slash(const std::string& p) { return p.back() == '/' ? p.substr(0, p.size() - 1) : p; }
 
-// What `git check-ignore` says of `paths` (relative, existing) under `dir`, asked of a git with no user or
-// system configuration, so that no global ignore file takes part.
-std::set<std::string> git_ignored(const fs::path& dir, const std::vector<std::string>& paths) {
+// What `git check-ignore` says of `paths` (relative, existing) under `dir`, asked of a git whose home is
+// `home` (temporary directories: no quotes in them) and that reads no system configuration.
+std::set<std::string> git_ignored(const fs::path& dir, const fs::path& home, const std::vector<std::string>& paths) {
   std::string input;
   for (const auto& p : paths) input += p + '\0';
   write_file(dir / ".git/check-ignore-input", input);
-  const std::string q = "'" + dir.string() + "'";  // a temporary directory: no quotes in it
-  const std::string cmd = "env HOME=" + q + " XDG_CONFIG_HOME=" + q + " GIT_CONFIG_NOSYSTEM=1 git -C " + q +
-                          " check-ignore -z --stdin < " + q + "/.git/check-ignore-input 2>/dev/null";
+  const std::string q = "'" + dir.string() + "'";
+  const std::string cmd = "env HOME='" + home.string() + "' XDG_CONFIG_HOME='" + home.string() +
+                          "/.config' GIT_CONFIG_NOSYSTEM=1 git -C " + q + " check-ignore -z --stdin < " + q +
+                          "/.git/check-ignore-input 2>/dev/null";
   std::string out;
   FILE* f = ::popen(cmd.c_str(), "r");
   char buf[4096];
@@ -108,6 +131,10 @@ class Generator {
       s.ignore_files[d.empty() ? ".gitignore" : d + "/.gitignore"] += rules();
     }
     if (pick(2) == 0) s.ignore_files[".git/info/exclude"] = rules();
+    if (pick(3) == 0) {
+      s.user_rules = rules();
+      s.user_via = pick(3);
+    }
     return s;
   }
 
@@ -169,20 +196,57 @@ class Generator {
   std::mt19937 rng_;
 };
 
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const std::string& value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    ::setenv(name, value.c_str(), 1);
+  }
+  ~ScopedEnv() {
+    if (old_) ::setenv(name_, old_->c_str(), 1);
+    else ::unsetenv(name_);
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
 // Each tree is made in an empty repository (by hand, as `git init` would), and both the matcher and a whole
 // walk are checked against git.
 TEST(GitIgnore, RandomisedRuleSetsAgreeWithGit) {
+  TempDir home;
+  ScopedEnv home_env("HOME", home.path().string());
+  ScopedEnv xdg_env("XDG_CONFIG_HOME", (home.path() / ".config").string());
+  ScopedEnv system_env("GIT_CONFIG_NOSYSTEM", "1");
   constexpr unsigned kScenarios = 120;
   int compared = 0, ignored = 0;
   for (unsigned seed = 1; seed <= kScenarios && !HasFailure(); ++seed) {
     const Scenario s = Generator(seed).scenario();
     std::string rules;
     for (const auto& [f, c] : s.ignore_files) rules += "--- " + f + "\n" + c;
+    if (!s.user_rules.empty()) rules += "--- the user's, way " + std::to_string(s.user_via) + "\n" + s.user_rules;
     SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + rules);
     TempDir tmp;
     const fs::path& root = tmp.path();
     write_file(root / ".git/HEAD", "ref: refs/heads/main\n");
-    write_file(root / ".git/config", "[core]\n\trepositoryformatversion = 0\n\tbare = false\n");
+    std::string config = "[core]\n\trepositoryformatversion = 0\n\tbare = false\n";
+    fs::remove_all(home.path());
+    fs::create_directories(home.path());
+    if (!s.user_rules.empty()) {
+      switch (s.user_via) {
+        case 0: write_file(home.path() / ".config/git/ignore", s.user_rules); break;
+        case 1:
+          write_file(home.path() / ".gitconfig", "[Core]\n  ExcludesFile = ~/ignores\n");
+          write_file(home.path() / "ignores", s.user_rules);
+          break;
+        default:
+          config += "\texcludesfile = \".git/my ignores\"\n";
+          write_file(root / ".git/my ignores", s.user_rules);
+      }
+    }
+    write_file(root / ".git/config", config);
     for (const char* d : {"objects", "refs/heads"}) fs::create_directories(root / ".git" / d);
     std::vector<std::string> paths;
     for (const auto& p : s.tree) {
@@ -191,7 +255,7 @@ TEST(GitIgnore, RandomisedRuleSetsAgreeWithGit) {
       paths.push_back(without_slash(p));
     }
     for (const auto& [p, content] : s.ignore_files) write_file(root / p, content);
-    const std::set<std::string> git = git_ignored(root, paths);
+    const std::set<std::string> git = git_ignored(root, home.path(), paths);
 
     GitIgnore gi(root);
     std::set<std::string> ours, expected_walk, walked;

@@ -7,7 +7,10 @@
 #include <cctype>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
+
+#include "brenloc/workers/git_config.h"
 
 namespace brenloc::workers {
 
@@ -326,7 +329,16 @@ IgnoreVerdict decide(const std::vector<const IgnoreList*>& lists, const IgnoreLi
 
 GitIgnore::GitIgnore(std::filesystem::path root) : root_(std::move(root)) {
   std::filesystem::path git_dir = git_dir_of(root_);
-  if (!git_dir.empty()) exclude_ = IgnoreList(read_small_file(git_dir / "info" / "exclude"), "");
+  if (git_dir.empty()) return;
+  // The user's excludes file counts below info/exclude: as one list, in which the last match decides,
+  // its patterns come first. It is the user's own file, read through a symbolic link too.
+  std::string text;
+  if (auto user = user_excludes_file(git_dir, root_); !user.empty()) {
+    std::ifstream in(user, std::ios::binary);
+    if (in) text.assign(std::istreambuf_iterator<char>(in), {});
+    if (!text.empty()) text += '\n';
+  }
+  exclude_ = IgnoreList(text + read_small_file(git_dir / "info" / "exclude"), "");
 }
 
 const IgnoreList& GitIgnore::list_for(const std::string& dir) {

@@ -1,8 +1,9 @@
 // Ignore rules as git applies them.
 //
-// Each .gitignore holds patterns relative to its own directory; $GIT_DIR/info/exclude holds patterns
-// relative to the root. For a path, the lists are consulted from the deepest directory's .gitignore up
-// to the root's, then info/exclude; inside one list the last matching pattern decides, and a negated
+// Each .gitignore holds patterns relative to its own directory; $GIT_DIR/info/exclude and the user's
+// excludes file (core.excludesFile, see git_config.h) hold patterns relative to the root. For a path, the
+// lists are consulted from the deepest directory's .gitignore up to the root's, then info/exclude, then
+// the user's file; inside one list the last matching pattern decides, and a negated
 // pattern ("!x") decides "not ignored". A path inside an ignored directory is ignored whatever deeper
 // rules say, because git never reads the ignore files of a directory it does not descend into.
 //
@@ -69,13 +70,15 @@ IgnoreVerdict decide(const std::vector<const IgnoreList*>& lists, const IgnoreLi
 class GitIgnore {
  public:
   // Reads $GIT_DIR/info/exclude of `root` (".git" may be a directory, or a file naming the git
-  // directory as worktrees and submodules have it).
+  // directory as worktrees and submodules have it) and the user's excludes file; neither outside a git
+  // working tree.
   explicit GitIgnore(std::filesystem::path root);
 
   // The list of the .gitignore in directory `dir` (relative, '/'-separated, "" for the root); empty when
   // there is none or it cannot be read. A .gitignore that is a symbolic link is not followed, as git
   // does not follow one in the working tree.
   const IgnoreList& list_for(const std::string& dir);
+  // info/exclude and the user's excludes file, as one list.
   const IgnoreList& exclude() const { return exclude_; }
 
   // Whether `rel` is ignored, also because one of its directories is.

@@ -1,0 +1,161 @@
+#include "brenloc/workers/git_config.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+namespace brenloc::workers {
+
+namespace {
+
+std::string lower(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::string read_file(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return {};
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::string env(const char* name) {
+  const char* v = std::getenv(name);
+  return v ? v : "";
+}
+
+// git's reading of a boolean in the environment.
+bool env_true(const char* name) {
+  const std::string v = lower(env(name));
+  return v == "1" || v == "true" || v == "yes" || v == "on";
+}
+
+bool blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+}  // namespace
+
+std::optional<std::string> config_file_value(std::string_view text, std::string_view key) {
+  const std::size_t dot = key.rfind('.');
+  if (dot == std::string_view::npos) return std::nullopt;
+  const std::string want_section = lower(key.substr(0, dot));
+  const std::string want_name = lower(key.substr(dot + 1));
+
+  std::optional<std::string> found;
+  std::string section;  // of the lines read; a subsection makes it match no plain section
+  std::size_t i = 0;
+  const std::size_t n = text.size();
+  auto skip_line = [&] {
+    while (i < n && text[i] != '\n') ++i;
+  };
+  while (i < n) {
+    while (i < n && blank(text[i])) ++i;
+    if (i >= n) break;
+    const char c = text[i];
+    if (c == '\n') {
+      ++i;
+      continue;
+    }
+    if (c == '#' || c == ';') {
+      skip_line();
+      continue;
+    }
+    if (c == '[') {  // "[section]", "[section \"sub\"]", "[section.sub]"; a variable may follow on the line
+      ++i;
+      const std::size_t start = i;
+      while (i < n && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '-' || text[i] == '.')) ++i;
+      section = lower(text.substr(start, i - start));
+      bool plain = section.find('.') == std::string::npos;
+      for (; i < n && text[i] != ']' && text[i] != '\n'; ++i) {
+        if (!blank(text[i])) plain = false;
+      }
+      if (!plain) section.insert(0, "\n");  // a subsection: it matches no plain section's name
+      if (i < n && text[i] == ']') ++i;
+      continue;
+    }
+    std::size_t start = i;
+    while (i < n && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '-')) ++i;
+    const std::string name = lower(text.substr(start, i - start));
+    while (i < n && blank(text[i])) ++i;
+    if (name.empty() || i >= n || text[i] != '=') {  // malformed, or a boolean without a value
+      skip_line();
+      continue;
+    }
+    ++i;
+    while (i < n && blank(text[i])) ++i;
+    std::string value;
+    std::size_t kept = 0;  // the value without its trailing unquoted white space
+    bool quoted = false;
+    while (i < n && text[i] != '\n') {
+      const char v = text[i];
+      if (!quoted && (v == '#' || v == ';')) {
+        skip_line();
+        break;
+      }
+      if (v == '"') {
+        quoted = !quoted;
+        ++i;
+        kept = value.size();
+        continue;
+      }
+      if (v == '\\' && i + 1 < n) {
+        const char e = text[i + 1];
+        i += 2;
+        if (e == '\n') continue;  // the value goes on on the next line
+        if (e == '\r' && i < n && text[i] == '\n') {
+          ++i;
+          continue;
+        }
+        value += e == 'n' ? '\n' : e == 't' ? '\t' : e == 'b' ? '\b' : e;
+        kept = value.size();
+        continue;
+      }
+      value += v;
+      if (quoted || !blank(v)) kept = value.size();
+      ++i;
+    }
+    value.resize(kept);
+    if (section == want_section && name == want_name) found = std::move(value);
+  }
+  return found;
+}
+
+std::optional<std::string> git_config_value(const std::filesystem::path& git_dir, std::string_view key) {
+  std::vector<std::filesystem::path> files;
+  if (!env_true("GIT_CONFIG_NOSYSTEM")) {
+    files.emplace_back(env("GIT_CONFIG_SYSTEM").empty() ? "/etc/gitconfig" : env("GIT_CONFIG_SYSTEM"));
+  }
+  if (!env("GIT_CONFIG_GLOBAL").empty()) {
+    files.emplace_back(env("GIT_CONFIG_GLOBAL"));
+  } else {
+    const std::string home = env("HOME");
+    const std::string xdg = env("XDG_CONFIG_HOME");
+    if (!xdg.empty()) files.push_back(std::filesystem::path(xdg) / "git" / "config");
+    else if (!home.empty()) files.push_back(std::filesystem::path(home) / ".config" / "git" / "config");
+    if (!home.empty()) files.push_back(std::filesystem::path(home) / ".gitconfig");
+  }
+  if (!git_dir.empty()) files.push_back(git_dir / "config");
+  std::optional<std::string> value;
+  for (const auto& f : files) {
+    if (auto v = config_file_value(read_file(f), key)) value = std::move(v);
+  }
+  return value;
+}
+
+std::filesystem::path user_excludes_file(const std::filesystem::path& git_dir, const std::filesystem::path& root) {
+  const std::string home = env("HOME");
+  if (auto v = git_config_value(git_dir, "core.excludesfile")) {
+    if (v->empty()) return {};
+    if (v->starts_with("~/")) return home.empty() ? std::filesystem::path() : std::filesystem::path(home) / v->substr(2);
+    std::filesystem::path p(*v);
+    return p.is_relative() ? root / p : p;
+  }
+  const std::string xdg = env("XDG_CONFIG_HOME");
+  if (!xdg.empty()) return std::filesystem::path(xdg) / "git" / "ignore";
+  if (!home.empty()) return std::filesystem::path(home) / ".config" / "git" / "ignore";
+  return {};
+}
+
+}  // namespace brenloc::workers
