@@ -1,6 +1,7 @@
 #include "brenloc/engines/code_matchers.h"
 
 #include <array>
+#include <span>
 #include <utility>
 
 namespace brenloc::engines {
@@ -111,6 +112,13 @@ Captured symbol(TSNode def, Kind kind, std::uint32_t pattern) {
   return c;
 }
 
+// (T) @local: a nameless function.
+Captured local(TSNode def, std::uint32_t pattern) {
+  Captured c = symbol(def, Kind::function, pattern);
+  c.entry = Entry::local;
+  return c;
+}
+
 }  // namespace
 
 std::optional<CodeMatcher> CodeMatcher::for_language(std::string_view language, const TSLanguage* grammar) {
@@ -123,55 +131,54 @@ std::optional<CodeMatcher> CodeMatcher::for_language(std::string_view language, 
   const std::uint32_t n = ts_language_symbol_count(grammar);
   m.rules_.assign(n, Rule::none);
   m.types_.assign(n, 0);
-  auto rule = [&](std::string_view type, Rule r) {
-    for_each_symbol_named(grammar, type, [&](TSSymbol s) { m.rules_[s] = r; });
-  };
-  auto type = [&](std::string_view name, std::uint8_t bit) {
-    for_each_symbol_named(grammar, name, [&](TSSymbol s) { m.types_[s] |= bit; });
-  };
   auto field = [&](std::string_view name) {
     return ts_language_field_id_for_name(grammar, name.data(), static_cast<std::uint32_t>(name.size()));
   };
   m.name_ = field("name");
   m.body_ = field("body");
   m.type_ = field("type");
+  m.declarator_ = field("declarator");
+  m.left_ = field("left");
+  struct Named {
+    std::string_view type;
+    Rule rule;
+  };
+  static constexpr Named python_rules[] = {{"expression_statement", Rule::expression_statement},
+                                           {"class_definition", Rule::class_definition},
+                                           {"function_definition", Rule::py_function_definition},
+                                           {"lambda", Rule::lambda}};
+  static constexpr Named c_rules[] = {
+      {"function_definition", Rule::function_definition}, {"declaration", Rule::declaration},
+      {"type_definition", Rule::type_definition},         {"field_declaration", Rule::field_declaration},
+      {"struct_specifier", Rule::struct_specifier},       {"union_specifier", Rule::union_specifier},
+      {"enum_specifier", Rule::enum_specifier},           {"enumerator", Rule::enumerator},
+      {"preproc_def", Rule::preproc_def},                 {"preproc_function_def", Rule::preproc_function_def}};
+  static constexpr Named cpp_only_rules[] = {
+      {"alias_declaration", Rule::alias_declaration},       {"class_specifier", Rule::class_specifier},
+      {"namespace_definition", Rule::namespace_definition}, {"concept_definition", Rule::concept_definition},
+      {"lambda_expression", Rule::lambda_expression}};
+  auto rules = [&](std::span<const Named> table) {
+    for (const Named& r : table) for_each_symbol_named(grammar, r.type, [&](TSSymbol s) { m.rules_[s] = r.rule; });
+  };
+  auto type = [&](std::string_view name, std::uint8_t bit) {
+    for_each_symbol_named(grammar, name, [&](TSSymbol s) { m.types_[s] |= bit; });
+  };
+  type("identifier", identifier);
   if (m.family_ == Family::python) {
-    rule("expression_statement", Rule::expression_statement);
-    rule("class_definition", Rule::class_definition);
-    rule("function_definition", Rule::py_function_definition);
-    rule("lambda", Rule::lambda);
-    type("identifier", identifier);
+    rules(python_rules);
     type("assignment", assignment);
     type("pattern_list", pattern_list);
     type("tuple_pattern", tuple_pattern);
-    m.left_ = field("left");
     return m;
   }
-  rule("function_definition", Rule::function_definition);
-  rule("declaration", Rule::declaration);
-  rule("type_definition", Rule::type_definition);
-  rule("field_declaration", Rule::field_declaration);
-  rule("struct_specifier", Rule::struct_specifier);
-  rule("union_specifier", Rule::union_specifier);
-  rule("enum_specifier", Rule::enum_specifier);
-  rule("enumerator", Rule::enumerator);
-  rule("preproc_def", Rule::preproc_def);
-  rule("preproc_function_def", Rule::preproc_function_def);
+  rules(c_rules);
+  if (m.family_ == Family::cpp) rules(cpp_only_rules);
   for (std::string_view s : {"struct_specifier", "union_specifier", "enum_specifier", "class_specifier"}) {
     type(s, anonymous_scope);
   }
-  if (m.family_ == Family::cpp) {
-    rule("alias_declaration", Rule::alias_declaration);
-    rule("class_specifier", Rule::class_specifier);
-    rule("namespace_definition", Rule::namespace_definition);
-    rule("concept_definition", Rule::concept_definition);
-    rule("lambda_expression", Rule::lambda_expression);
-  }
-  type("identifier", identifier);
   type("type_identifier", type_identifier);
   type("field_declaration_list", field_declaration_list);
   type("enumerator_list", enumerator_list);
-  m.declarator_ = field("declarator");
   return m;
 }
 
@@ -189,12 +196,7 @@ void CodeMatcher::match(TSNode node, std::string_view source, std::vector<Captur
       case Rule::expression_statement: assignments(node, source, out); return;
       case Rule::class_definition: named(node, Kind::class_, p.class_, identifier, out); return;
       case Rule::py_function_definition: named(node, Kind::function, p.function, identifier, out); return;
-      case Rule::lambda: {
-        Captured c = symbol(node, Kind::function, p.lambda);
-        c.entry = Entry::local;
-        out.push_back(c);
-        return;
-      }
+      case Rule::lambda: out.push_back(local(node, p.lambda)); return;
       default: return;
     }
   }
@@ -222,12 +224,7 @@ void CodeMatcher::match(TSNode node, std::string_view source, std::vector<Captur
     case Rule::concept_definition: named(node, Kind::type, p.concept_, identifier, out); return;
     case Rule::preproc_def: named(node, Kind::macro, p.macro, identifier, out); return;
     case Rule::preproc_function_def: named(node, Kind::macro, p.function_macro, identifier, out); return;
-    case Rule::lambda_expression: {
-      Captured c = symbol(node, Kind::function, p.lambda);
-      c.entry = Entry::local;
-      out.push_back(c);
-      return;
-    }
+    case Rule::lambda_expression: out.push_back(local(node, p.lambda)); return;
     default: return;
   }
 }
