@@ -136,6 +136,9 @@ struct ReadTransaction {
   ~ReadTransaction() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
 };
 
+constexpr const char* kHasNameIndexSql =
+    "SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'";
+
 // Symbol rows per insert statement of a store (the rest of a store goes in one row at a time).
 constexpr std::size_t kRowsPerInsert = 32;
 
@@ -383,9 +386,13 @@ bool Repository::defer_name_index() {
 }
 
 void Repository::restore_indexes() {
-  // Building an index sorts every row of its table (a million names after a bulk load).
   const auto& path = impl_->path;
+  // Building the name index (the one a bulk load defers) sorts every name: with settings of its own,
+  // which cost the writer its page cache, so only when it is missing.
+  bool building = false;
   db_->with_connection([&](sqlite3* c) {
+    building = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0;
+    if (!building) return;
     detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
   });
@@ -396,9 +403,9 @@ void Repository::restore_indexes() {
   } catch (...) {
     failure = std::current_exception();
   }
-  db_->with_connection([&](sqlite3* c) {
-    sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr);
-  });
+  if (building) {
+    db_->with_connection([&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
+  }
   if (failure) std::rethrow_exception(failure);
 }
 
@@ -464,7 +471,7 @@ std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
       ReadTransaction snapshot(r.db, file);
       // A bulk load into an empty index builds the name index only at its end.
       Statement& has_name_index =
-          r.statement("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'", file);
+          r.statement(kHasNameIndexSql, file);
       bool name_index = true;
       {
         ResetOnExit done{has_name_index};
