@@ -1,5 +1,7 @@
 // The ignore matcher against git itself: wildcard cases, git's configuration files, and randomised rule
 // sets and trees whose every path is checked with `git check-ignore` and walked.
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -59,6 +61,7 @@ TEST(GitConfig, ReadsValuesAsGitDoes) {
       {"[core \"sub\"]\nexcludesfile = a\n[core.sub]\nexcludesfile = b\n[user]\nexcludesfile = c\n", std::nullopt},
       {"[core] excludesfile = \"with \\\"quotes\\\" ; and # marks \"  ; comment\n", "with \"quotes\" ; and # marks "},
       {"[core]\nexcludesfile = a\\\n b\r\n", "a b"},
+      {"[core]\nexcludesfile = a\tb \" \tc\"\t\n", "a b  \tc"},
       {"# [core]\n; excludesfile = x\n[core]\nbare = true\n", std::nullopt},
       {"[core]\nexcludesfile =\n", ""},
   };
@@ -179,7 +182,7 @@ class Generator {
   }
 
   std::string rules() {
-    std::string out;
+    std::string out = pick(6) == 0 ? "\xEF\xBB\xBF" : "";  // a byte-order mark
     for (int i = 0, n = 1 + pick(5); i < n; ++i) {
       if (pick(10) == 0) out += pick(2) ? "# comment\n" : "\n";
       std::string line;
@@ -277,6 +280,20 @@ TEST(GitIgnore, RandomisedRuleSetsAgreeWithGit) {
   EXPECT_GT(ignored, compared / 10);
   EXPECT_LT(ignored, compared * 9 / 10);
   std::cout << compared << " paths compared, " << ignored << " ignored\n";
+}
+
+// The user's excludes file is the user's to name: a FIFO there must not stop the walk.
+TEST(GitIgnore, UserExcludesFileThatIsAFifoReadsAsEmpty) {
+  TempDir home, repo;
+  ScopedEnv xdg_env("XDG_CONFIG_HOME", (home.path() / ".config").string());
+  ScopedEnv system_env("GIT_CONFIG_NOSYSTEM", "1");
+  fs::create_directories(home.path() / ".config/git");
+  ASSERT_EQ(::mkfifo((home.path() / ".config/git/ignore").c_str(), 0600), 0);
+  write_file(repo.path() / ".git/HEAD", "ref: refs/heads/main\n");
+  write_file(repo.path() / ".git/info/exclude", "*.log\n");
+  GitIgnore gi(repo.path());
+  EXPECT_TRUE(gi.ignored("a.log", false));
+  EXPECT_FALSE(gi.ignored("a.c", false));
 }
 
 }  // namespace

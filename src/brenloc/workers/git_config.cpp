@@ -1,9 +1,11 @@
 #include "brenloc/workers/git_config.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 namespace brenloc::workers {
@@ -16,26 +18,49 @@ std::string lower(std::string_view s) {
   return out;
 }
 
-std::string read_file(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return {};
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 std::string env(const char* name) {
   const char* v = std::getenv(name);
   return v ? v : "";
 }
 
-// git's reading of a boolean in the environment.
+// git's reading of a boolean in the environment: a word, or a number (true unless zero).
 bool env_true(const char* name) {
   const std::string v = lower(env(name));
-  return v == "1" || v == "true" || v == "yes" || v == "on";
+  if (v == "true" || v == "yes" || v == "on") return true;
+  char* end = nullptr;
+  const long n = std::strtol(v.c_str(), &end, 10);
+  return !v.empty() && *end == '\0' && n != 0;
+}
+
+// The user's git configuration directory: $XDG_CONFIG_HOME/git, else ~/.config/git; empty without either.
+std::filesystem::path user_git_dir() {
+  const std::string xdg = env("XDG_CONFIG_HOME");
+  if (!xdg.empty()) return std::filesystem::path(xdg) / "git";
+  const std::string home = env("HOME");
+  if (!home.empty()) return std::filesystem::path(home) / ".config" / "git";
+  return {};
 }
 
 bool blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
 }  // namespace
+
+std::string read_regular_file(const std::filesystem::path& path, bool follow_links) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | (follow_links ? 0 : O_NOFOLLOW));
+  if (fd < 0) return {};
+  std::string out;
+  struct stat st {};
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    char buf[16384];
+    while (true) {
+      ssize_t n = ::read(fd, buf, sizeof buf);
+      if (n <= 0) break;
+      out.append(buf, static_cast<std::size_t>(n));
+    }
+  }
+  ::close(fd);
+  return out;
+}
 
 std::optional<std::string> config_file_value(std::string_view text, std::string_view key) {
   const std::size_t dot = key.rfind('.');
@@ -112,7 +137,7 @@ std::optional<std::string> config_file_value(std::string_view text, std::string_
         kept = value.size();
         continue;
       }
-      value += v;
+      value += !quoted && blank(v) ? ' ' : v;  // unquoted white space reads as spaces
       if (quoted || !blank(v)) kept = value.size();
       ++i;
     }
@@ -130,16 +155,14 @@ std::optional<std::string> git_config_value(const std::filesystem::path& git_dir
   if (!env("GIT_CONFIG_GLOBAL").empty()) {
     files.emplace_back(env("GIT_CONFIG_GLOBAL"));
   } else {
-    const std::string home = env("HOME");
-    const std::string xdg = env("XDG_CONFIG_HOME");
-    if (!xdg.empty()) files.push_back(std::filesystem::path(xdg) / "git" / "config");
-    else if (!home.empty()) files.push_back(std::filesystem::path(home) / ".config" / "git" / "config");
-    if (!home.empty()) files.push_back(std::filesystem::path(home) / ".gitconfig");
+    if (auto dir = user_git_dir(); !dir.empty()) files.push_back(dir / "config");
+    if (const std::string home = env("HOME"); !home.empty()) files.push_back(std::filesystem::path(home) / ".gitconfig");
   }
   if (!git_dir.empty()) files.push_back(git_dir / "config");
   std::optional<std::string> value;
   for (const auto& f : files) {
-    if (auto v = config_file_value(read_file(f), key)) value = std::move(v);
+    // The user's files are often links into a folder of dotfiles.
+    if (auto v = config_file_value(read_regular_file(f, true), key)) value = std::move(v);
   }
   return value;
 }
@@ -152,10 +175,8 @@ std::filesystem::path user_excludes_file(const std::filesystem::path& git_dir, c
     std::filesystem::path p(*v);
     return p.is_relative() ? root / p : p;
   }
-  const std::string xdg = env("XDG_CONFIG_HOME");
-  if (!xdg.empty()) return std::filesystem::path(xdg) / "git" / "ignore";
-  if (!home.empty()) return std::filesystem::path(home) / ".config" / "git" / "ignore";
-  return {};
+  const std::filesystem::path dir = user_git_dir();
+  return dir.empty() ? dir : dir / "ignore";
 }
 
 }  // namespace brenloc::workers

@@ -11,6 +11,10 @@
 
 namespace brenloc::workers {
 
+// The content of a regular file, read without blocking (a FIFO or a device reads as empty, as does a file
+// that cannot be read). A symbolic link is followed only with `follow_links`.
+std::string read_regular_file(const std::filesystem::path& path, bool follow_links);
+
 // The last value of `key` ("section.name": no subsection, any case) in one config file's text: sections
 // and names in any case, quoted values, escapes, comments and continued lines as git has them.
 std::optional<std::string> config_file_value(std::string_view text, std::string_view key);

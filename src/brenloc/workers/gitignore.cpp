@@ -1,14 +1,7 @@
 #include "brenloc/workers/gitignore.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 #include "brenloc/workers/git_config.h"
 
@@ -200,21 +193,11 @@ IgnorePattern parse_pattern(std::string_view line) {
 }
 
 // Reads a regular file that is not a symbolic link; empty when it cannot be read.
-std::string read_small_file(const std::filesystem::path& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return {};
-  std::string out;
-  struct stat st {};
-  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-    char buf[16384];
-    while (true) {
-      ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n <= 0) break;
-      out.append(buf, static_cast<std::size_t>(n));
-    }
-  }
-  ::close(fd);
-  return out;
+std::string read_small_file(const std::filesystem::path& path) { return read_regular_file(path, false); }
+
+std::string_view without_bom(std::string_view text) {
+  if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
+  return text;
 }
 
 // The git directory of a working tree whose ".git" is a file ("gitdir: <path>").
@@ -249,7 +232,7 @@ bool wildmatch(std::string_view pattern, std::string_view text, bool pathname) {
 }
 
 IgnoreList::IgnoreList(std::string_view text, std::string base) : base_(std::move(base)) {
-  if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
+  text = without_bom(text);
   std::size_t start = 0;
   while (start < text.size()) {
     std::size_t end = text.find('\n', start);
@@ -331,14 +314,15 @@ GitIgnore::GitIgnore(std::filesystem::path root) : root_(std::move(root)) {
   std::filesystem::path git_dir = git_dir_of(root_);
   if (git_dir.empty()) return;
   // The user's excludes file counts below info/exclude: as one list, in which the last match decides,
-  // its patterns come first. It is the user's own file, read through a symbolic link too.
+  // its patterns come first. It is the user's own file, read through a symbolic link too. Each file may
+  // start with a byte-order mark.
   std::string text;
   if (auto user = user_excludes_file(git_dir, root_); !user.empty()) {
-    std::ifstream in(user, std::ios::binary);
-    if (in) text.assign(std::istreambuf_iterator<char>(in), {});
+    text = without_bom(read_regular_file(user, true));
     if (!text.empty()) text += '\n';
   }
-  exclude_ = IgnoreList(text + read_small_file(git_dir / "info" / "exclude"), "");
+  text += without_bom(read_small_file(git_dir / "info" / "exclude"));
+  exclude_ = IgnoreList(text, "");
 }
 
 const IgnoreList& GitIgnore::list_for(const std::string& dir) {
