@@ -131,7 +131,7 @@ struct CompiledQuery {
   std::vector<std::vector<Predicate>> predicates;  // by pattern index
   std::vector<bool> outline;                        // by node symbol; empty: no outline
   std::vector<bool> starts;                         // by node symbol: a pattern starts at such a node
-  std::optional<CodeMatcher> code;                  // matches what the query would, but at error nodes
+  std::optional<CodeMatcher> code;                  // matches what the query would, except at error nodes
 };
 
 // The node type a pattern starts with: its first name after the opening parentheses ("" when it

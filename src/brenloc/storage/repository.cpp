@@ -387,15 +387,16 @@ bool Repository::defer_name_index() {
 
 void Repository::restore_indexes() {
   const auto& path = impl_->path;
-  // Building the name index (the one a bulk load defers) sorts every name: with settings of its own,
-  // which cost the writer its page cache, so only when it is missing.
-  bool building = false;
+  // The name index is the one index a bulk load defers: nothing to do when it is there. Building it sorts
+  // every name, with settings of its own.
+  bool missing = false;
   db_->with_connection([&](sqlite3* c) {
-    building = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0;
-    if (!building) return;
+    missing = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0;
+    if (!missing) return;
     detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
   });
+  if (!missing) return;
   std::exception_ptr failure;
   try {
     impl_->write(*db_, "building the indexes",
@@ -403,9 +404,7 @@ void Repository::restore_indexes() {
   } catch (...) {
     failure = std::current_exception();
   }
-  if (building) {
-    db_->with_connection([&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
-  }
+  db_->with_connection([&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
   if (failure) std::rethrow_exception(failure);
 }
 

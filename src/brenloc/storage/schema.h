@@ -39,24 +39,24 @@ CREATE TABLE IF NOT EXISTS symbols (
 CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name);
 )sql";
 
+// The writer connection's page cache and temporary storage (an index build changes them for its time).
+#define BRENLOC_WRITER_CACHE_PRAGMAS "PRAGMA cache_size = -65536; PRAGMA temp_store = MEMORY;"
+
 // The writer connection: WAL commits without a sync (the index can be rebuilt from the repository, and
 // WAL keeps the file consistent), freed pages not zeroed (this SQLite is built with secure_delete on,
 // which would make the swap's "DELETE FROM symbols" rewrite every page), a larger page cache for the
 // swap, and a cap on the log file kept after a checkpoint.
-inline constexpr const char* kWriterPragmas = R"sql(
-PRAGMA synchronous = NORMAL;
-PRAGMA secure_delete = OFF;
-PRAGMA cache_size = -65536;
-PRAGMA journal_size_limit = 67108864;
-PRAGMA temp_store = MEMORY;
-)sql";
+inline constexpr const char* kWriterPragmas =
+    "PRAGMA synchronous = NORMAL; PRAGMA secure_delete = OFF; PRAGMA journal_size_limit = 67108864; "
+    BRENLOC_WRITER_CACHE_PRAGMAS;
 
 // Around an index build on the writer connection. SQLite's sorter sorts in runs the size of the page
 // cache, kept in temporary files and sorted on helper threads (one per core, set beside these): small
 // runs sort in parallel and merge with few cache misses (a million names: half the time of one run in
-// memory). Afterwards, the writer's usual settings again (those of kWriterPragmas).
+// memory). Afterwards, the writer's usual cache and no helper threads again.
 inline constexpr const char* kIndexBuildPragmas = "PRAGMA temp_store = FILE; PRAGMA cache_size = -2048;";
-inline constexpr const char* kAfterIndexBuildPragmas =
-    "PRAGMA temp_store = MEMORY; PRAGMA cache_size = -65536; PRAGMA threads = 0;";
+inline constexpr const char* kAfterIndexBuildPragmas = BRENLOC_WRITER_CACHE_PRAGMAS " PRAGMA threads = 0;";
+
+#undef BRENLOC_WRITER_CACHE_PRAGMAS
 
 }  // namespace brenloc::storage::detail
