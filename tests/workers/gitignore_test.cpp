@@ -70,7 +70,8 @@ TEST(GitConfig, ReadsValuesAsGitDoes) {
 
 // A tree: paths ending in "/" are directories, others files; `ignore_files` maps a relative path
 // (".gitignore", "sub/.gitignore", ".git/info/exclude") to its content. The user's excludes file holds
-// `user_rules`, found the default way (0), through ~/.gitconfig (1) or through the repository's config (2).
+// `user_rules`, found the default way (0), through ~/.gitconfig (1), through the repository's config (2) or
+// through a file that ~/.gitconfig includes after naming another (3).
 struct Scenario {
   std::vector<std::string> tree;
   std::map<std::string, std::string> ignore_files;
@@ -136,7 +137,7 @@ class Generator {
     if (pick(2) == 0) s.ignore_files[".git/info/exclude"] = rules();
     if (pick(3) == 0) {
       s.user_rules = rules();
-      s.user_via = pick(3);
+      s.user_via = pick(4);
     }
     return s;
   }
@@ -244,9 +245,14 @@ TEST(GitIgnore, RandomisedRuleSetsAgreeWithGit) {
           write_file(home.path() / ".gitconfig", "[Core]\n  ExcludesFile = ~/ignores\n");
           write_file(home.path() / "ignores", s.user_rules);
           break;
-        default:
+        case 2:
           config += "\texcludesfile = \".git/my ignores\"\n";
           write_file(root / ".git/my ignores", s.user_rules);
+          break;
+        default:
+          write_file(home.path() / ".gitconfig", "[core]\n excludesFile = ~/none\n[include]\n path = conf/more\n");
+          write_file(home.path() / "conf/more", "[core]\n excludesFile = ~/ignores\n");
+          write_file(home.path() / "ignores", s.user_rules);
       }
     }
     write_file(root / ".git/config", config);

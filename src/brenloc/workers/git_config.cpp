@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 namespace brenloc::workers {
@@ -62,13 +63,12 @@ std::string read_regular_file(const std::filesystem::path& path, bool follow_lin
   return out;
 }
 
-std::optional<std::string> config_file_value(std::string_view text, std::string_view key) {
-  const std::size_t dot = key.rfind('.');
-  if (dot == std::string_view::npos) return std::nullopt;
-  const std::string want_section = lower(key.substr(0, dot));
-  const std::string want_name = lower(key.substr(dot + 1));
+namespace {
 
-  std::optional<std::string> found;
+// Calls fn(section, name, value) for each variable of a config file's text, in order; section and name in
+// lower case, a section with a subsection starting with a newline (it matches no plain section's name).
+template <class Fn>
+void for_each_variable(std::string_view text, Fn&& fn) {
   std::string section;  // of the lines read; a subsection makes it match no plain section
   std::size_t i = 0;
   const std::size_t n = text.size();
@@ -142,8 +142,51 @@ std::optional<std::string> config_file_value(std::string_view text, std::string_
       ++i;
     }
     value.resize(kept);
-    if (section == want_section && name == want_name) found = std::move(value);
+    fn(section, name, std::move(value));
   }
+}
+
+// A key "section.name" as the parser reports it: lower case, split at its last dot.
+std::pair<std::string, std::string> split_key(std::string_view key) {
+  const std::size_t dot = key.rfind('.');
+  if (dot == std::string_view::npos) return {"\n", ""};  // matches nothing
+  return {lower(key.substr(0, dot)), lower(key.substr(dot + 1))};
+}
+
+std::filesystem::path expand_home(const std::string& path) {
+  if (!path.starts_with("~/")) return path;
+  const std::string home = env("HOME");
+  return home.empty() ? std::filesystem::path() : std::filesystem::path(home) / path.substr(2);
+}
+
+// git follows includes this deep, then gives up.
+constexpr int kMaxIncludeDepth = 10;
+
+// Reads `file` into `value` as git would: the last value of the key wins, and an [include] path's file
+// counts where the directive stands (relative to the including file's directory).
+void read_config_file(const std::filesystem::path& file, const std::pair<std::string, std::string>& key,
+                      std::optional<std::string>& value, int depth) {
+  // The user's files are often links into a folder of dotfiles.
+  for_each_variable(read_regular_file(file, true), [&](const std::string& section, const std::string& name,
+                                                       std::string v) {
+    if (section == "include" && name == "path") {
+      std::filesystem::path included = expand_home(v);
+      if (included.empty() || depth >= kMaxIncludeDepth) return;
+      read_config_file(included.is_relative() ? file.parent_path() / included : included, key, value, depth + 1);
+    } else if (section == key.first && name == key.second) {
+      value = std::move(v);
+    }
+  });
+}
+
+}  // namespace
+
+std::optional<std::string> config_file_value(std::string_view text, std::string_view key) {
+  const auto [want_section, want_name] = split_key(key);
+  std::optional<std::string> found;
+  for_each_variable(text, [&](const std::string& section, const std::string& name, std::string value) {
+    if (section == want_section && name == want_name) found = std::move(value);
+  });
   return found;
 }
 
@@ -160,20 +203,16 @@ std::optional<std::string> git_config_value(const std::filesystem::path& git_dir
   }
   if (!git_dir.empty()) files.push_back(git_dir / "config");
   std::optional<std::string> value;
-  for (const auto& f : files) {
-    // The user's files are often links into a folder of dotfiles.
-    if (auto v = config_file_value(read_regular_file(f, true), key)) value = std::move(v);
-  }
+  const auto parts = split_key(key);
+  for (const auto& f : files) read_config_file(f, parts, value, 0);
   return value;
 }
 
 std::filesystem::path user_excludes_file(const std::filesystem::path& git_dir, const std::filesystem::path& root) {
-  const std::string home = env("HOME");
   if (auto v = git_config_value(git_dir, "core.excludesfile")) {
     if (v->empty()) return {};
-    if (v->starts_with("~/")) return home.empty() ? std::filesystem::path() : std::filesystem::path(home) / v->substr(2);
-    std::filesystem::path p(*v);
-    return p.is_relative() ? root / p : p;
+    std::filesystem::path p = expand_home(*v);
+    return p.is_relative() && !p.empty() ? root / p : p;
   }
   const std::filesystem::path dir = user_git_dir();
   return dir.empty() ? dir : dir / "ignore";

@@ -1,7 +1,8 @@
 // What git's configuration says of a repository, read from its files as git reads them: the system file
 // (/etc/gitconfig, or $GIT_CONFIG_SYSTEM; none with $GIT_CONFIG_NOSYSTEM), the user's files
 // ($XDG_CONFIG_HOME/git/config then ~/.gitconfig, or $GIT_CONFIG_GLOBAL alone) and the repository's
-// config, the last value set winning. Include directives are not followed.
+// config, the last value set winning. An [include] path counts where it stands; conditional includes
+// ([includeIf ...]) are not followed.
 #pragma once
 
 #include <filesystem>
