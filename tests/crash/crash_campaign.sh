@@ -3,7 +3,8 @@
 # rebuild, many times, and checks after each kill that the live index survived whole:
 #   - PRAGMA integrity_check is "ok";
 #   - the index is wholly the one before the rebuild or wholly the one a complete rebuild gives
-#     (row counts and a checksum over every row);
+#     (row counts and a checksum over every row), and each file's range of symbol rows holds exactly
+#     its rows;
 #   - a query works after the restart;
 #   - the next rebuild succeeds, leaves no staging file and every index in place.
 # Usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE]
@@ -30,6 +31,13 @@ fingerprint() {  # counts and a checksum over every row of the live index
     md5sum | cut -c1-16
 }
 counts() { sqlite3 "$data/index.db" "SELECT (SELECT count(*) FROM files) || '/' || (SELECT count(*) FROM symbols)"; }
+# Files whose recorded range of symbol rows is not exactly their rows, and symbol rows outside every range.
+bad_ranges() {
+  sqlite3 "$data/index.db" "
+    SELECT (SELECT count(*) FROM files f WHERE f.symbol_count != (SELECT count(*) FROM symbols s
+              WHERE s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count AND s.file_id = f.id))
+        || ' ' || ((SELECT count(*) FROM symbols) - (SELECT coalesce(sum(symbol_count), 0) FROM files))"
+}
 staging_left() { ls "$data"/index.db.reindex-staging* 2>/dev/null | wc -l; }
 now_ms() { date +%s%3N; }
 indexes() { sqlite3 "$data/index.db" "SELECT group_concat(name, ' ') FROM (SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name)"; }
@@ -58,11 +66,13 @@ for ((i = 1; i <= trials; i++)); do
   integrity=$(sqlite3 "$data/index.db" "PRAGMA integrity_check" 2>&1 || true)
   [[ "$integrity" == "ok" ]] || problem+=" integrity=$integrity"
   after_kill=$(fingerprint)
+  [[ $(bad_ranges) == "0 0" ]] || problem+=" symbol ranges after the kill: $(bad_ranges)"
   "$bin" search --repo "$repo" --data-dir "$data" --limit 1 main >/dev/null 2>>"$work/log" || problem+=" query failed"
   if ! "$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log"; then
     problem+=" next rebuild failed"
   fi
   [[ $(staging_left) -eq 0 ]] || problem+=" staging files left"
+  [[ $(bad_ranges) == "0 0" ]] || problem+=" symbol ranges after the next rebuild: $(bad_ranges)"
   [[ $(indexes) == "$want_indexes" ]] || problem+=" indexes: $(indexes)"
   complete=$(fingerprint)
   if [[ "$after_kill" == "$before" ]]; then
