@@ -404,7 +404,8 @@ void Repository::restore_indexes() {
   } catch (...) {
     failure = std::current_exception();
   }
-  db_->with_connection([&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
+  db_->with_connection(
+      [&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
   if (failure) std::rethrow_exception(failure);
 }
 

@@ -199,7 +199,8 @@ std::optional<std::string> git_config_value(const std::filesystem::path& git_dir
     files.emplace_back(env("GIT_CONFIG_GLOBAL"));
   } else {
     if (auto dir = user_git_dir(); !dir.empty()) files.push_back(dir / "config");
-    if (const std::string home = env("HOME"); !home.empty()) files.push_back(std::filesystem::path(home) / ".gitconfig");
+    const std::string home = env("HOME");
+    if (!home.empty()) files.push_back(std::filesystem::path(home) / ".gitconfig");
   }
   if (!git_dir.empty()) files.push_back(git_dir / "config");
   std::optional<std::string> value;
