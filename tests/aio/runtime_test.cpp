@@ -11,12 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include "brenloc/aio/lane.h"
 #include "brenloc/aio/lock.h"
 #include "brenloc/aio/scope.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
-#include "brenloc/daemon/offload.h"
 #include "brenloc/utils/best_effort.h"
 #include "brenloc/utils/logging.h"
 #include "support/log_capture.h"
@@ -264,41 +264,11 @@ TEST(Scope, IsToldHowTheBodyEndedAndSwallowsOnlyWhenItSaysSo) {
   EXPECT_NE(recs[0].message.find("step broke"), std::string::npos);
 }
 
-Task<void> fail_in_background() {
-  co_await sleep_for(1ms);
-  throw std::logic_error("escaped");
-}
-
-TEST(DetachedTask, KeptAliveWithoutAHandleFailuresLoggedAndDrainCancelsTheRest) {
-  testing::LogCapture logs;
-  bool ran = false;
-  run([&]() -> Task<void> {
-    (void)daemon::detached_task(fail_in_background());
-    (void)daemon::detached_task([](bool& r) -> Task<void> {
-      co_await sleep_for(2ms);
-      r = true;
-    }(ran));
-    EXPECT_EQ(daemon::detached_task_count(), 2u);
-    co_await sleep_for(30ms);
-    EXPECT_EQ(daemon::detached_task_count(), 0u);
-    auto waiting = daemon::detached_task(wait_on_sleep());
-    co_await yield_steps();
-    co_await daemon::drain_detached_tasks();  // cancels what remains and waits for it
-    EXPECT_TRUE(waiting.cancelled());
-    EXPECT_EQ(daemon::detached_task_count(), 0u);
-  }());
-  EXPECT_TRUE(ran);
-  auto recs = logs.of("brenloc.daemon.offload");
-  ASSERT_EQ(recs.size(), 1u);
-  EXPECT_EQ(recs[0].first_line(), "Background task failed");
-  EXPECT_NE(recs[0].message.find("std::logic_error: escaped"), std::string::npos);
-}
-
-TEST(Offloader, RunIsAValueAndShutdownWaitsForTheLanesThreads) {
+TEST(Lane, RunIsAValueAndShutdownWaitsForTheLanesThreads) {
   std::atomic<int> done{0};
   run([&]() -> Task<void> {
-    daemon::Offloader lane("test", 2);
-    daemon::Offloader::Run run = lane.run;  // handed on as a value
+    Lane lane("test", 2);
+    Lane::Run run = lane.run;  // handed on as a value
     auto slow = run([&](int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); ++done; }, 30);
     EXPECT_EQ(co_await run([](int a, int b) { return a + b; }, 2, 3), 5);
     co_await lane.shutdown();

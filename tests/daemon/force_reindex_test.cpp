@@ -93,7 +93,7 @@ TEST(ForceReindexHandler, ResponseFormsAndWhatThePassIsGiven) {
       ASSERT_EQ(w.indexer_options.size(), 1u);
       EXPECT_EQ(w.indexer_options[0].repository, w._repository);
       EXPECT_EQ(w.indexer_options[0].repo_root, w.repo_root);
-      EXPECT_TRUE(w.indexer_options[0].offload.has_value() && w.indexer_options[0].refresh_report);
+      EXPECT_TRUE(static_cast<bool>(w.indexer_options[0].offload) && w.indexer_options[0].refresh_report);
     } else {
       EXPECT_TRUE(w.indexer_options.empty());
     }

@@ -1,8 +1,9 @@
 #include "brenloc/aio/future.h"
 
 #include <algorithm>
-
-#include "brenloc/utils/logging.h"
+#include <atomic>
+#include <cstdio>
+#include <exception>
 
 namespace brenloc::aio {
 
@@ -17,10 +18,27 @@ bool is_cancellation(const std::exception_ptr& e) {
   }
 }
 
-FutureBase::~FutureBase() {
-  if (state_ == State::failed && !retrieved_) {
-    utils::log_exception(*utils::get_logger("brenloc.aio"), "Future exception was never retrieved", error_);
+namespace {
+
+void write_to_stderr(const std::exception_ptr& failure) {
+  const char* what = "not a std::exception";
+  try {
+    std::rethrow_exception(failure);
+  } catch (const std::exception& e) {
+    what = e.what();
+  } catch (...) {
   }
+  std::fprintf(stderr, "Future exception was never retrieved: %s\n", what);
+}
+
+std::atomic<UnfetchedFailureReporter> unfetched_reporter{&write_to_stderr};
+
+}  // namespace
+
+void set_unfetched_failure_reporter(UnfetchedFailureReporter reporter) { unfetched_reporter.store(reporter); }
+
+FutureBase::~FutureBase() {
+  if (state_ == State::failed && !retrieved_) unfetched_reporter.load()(error_);
 }
 
 bool FutureBase::cancel() {

@@ -26,6 +26,11 @@ namespace brenloc::aio {
 // True when `e` holds a Cancelled.
 bool is_cancellation(const std::exception_ptr& e);
 
+// Told of a failure that nobody fetched from its future when the future dies. The runtime's own one
+// writes a line to stderr; the daemon's logging puts its own in place (utils/logging.cpp). Any thread.
+using UnfetchedFailureReporter = void (*)(const std::exception_ptr& failure);
+void set_unfetched_failure_reporter(UnfetchedFailureReporter reporter);
+
 // A suspension that a task's cancellation can interrupt.
 class Waiter {
  public:

@@ -7,22 +7,6 @@
 
 namespace brenloc::daemon {
 
-aio::Task<void> Offloader::shutdown() {
-  {
-    std::lock_guard lock(lane_->mu);
-    lane_->closed = true;
-  }
-  co_await aio::to_thread([lane = lane_] { lane->pool.join(); });
-}
-
-void Offloader::join() {
-  {
-    std::lock_guard lock(lane_->mu);
-    lane_->closed = true;
-  }
-  lane_->pool.join();
-}
-
 namespace {
 
 // Detached tasks of the loop thread. Only touched on the loop thread.

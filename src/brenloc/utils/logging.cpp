@@ -10,6 +10,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include "brenloc/aio/cancelled.h"
+#include "brenloc/aio/future.h"
 
 namespace brenloc::utils {
 
@@ -61,6 +62,17 @@ void describe_into(std::string& out, const std::exception_ptr& e, int depth) {
   } catch (...) {
   }
 }
+
+void log_unfetched_failure(const std::exception_ptr& failure) {
+  log_exception(*get_logger("brenloc.aio"), "Future exception was never retrieved", failure);
+}
+
+// A failure that nobody fetched from a future is logged like any other error, once this unit is part of
+// the program (it is whenever anything logs).
+[[maybe_unused]] const bool unfetched_failures_logged = [] {
+  aio::set_unfetched_failure_reporter(&log_unfetched_failure);
+  return true;
+}();
 
 }  // namespace
 

@@ -16,11 +16,11 @@
 #include <fmt/format.h>
 
 #include "brenloc/aio/thread.h"
+#include "brenloc/aio/wait_any.h"
 #include "brenloc/engines/symbols.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/workers/pass_files.h"
 #include "brenloc/workers/report_generator.h"
-#include "brenloc/workers/wait_any.h"
 #include "brenloc/workers/walker.h"
 
 namespace brenloc::workers {
@@ -184,10 +184,273 @@ struct Indexer::Impl {
   // Database work: on the offload when one was given, else on the loop's pool.
   template <class F>
   auto on_writer(const IndexerOptions& o, F fn) {
-    if (o.offload && *o.offload) return track((*o.offload)(std::move(fn)));
+    if (o.offload) return track(o.offload(std::move(fn)));
     return track(aio::to_thread(std::move(fn)));
   }
 };
+
+// One index pass: what it was asked, what it has found so far, and its phases, in the order that
+// full_index() runs them. Thread work is awaited shielded throughout: a cancellation ends the waiting,
+// not the work, and the work's future stays pending until the thread is done with it, which is what
+// settle() waits for.
+struct Indexer::Pass {
+  Pass(std::shared_ptr<Impl> impl_in, const IndexerOptions& options, bool whole_in, ProgressFn progress_in)
+      : impl(std::move(impl_in)),
+        o(options),
+        repo(options.repository),
+        root(options.repo_root),
+        data_dir(repo->database()->path().parent_path()),
+        whole(whole_in),
+        limits{options.max_file_size, options.parse_time_limit},
+        threads(options.parse_threads != 0 ? options.parse_threads
+                                           : std::max(1u, std::thread::hardware_concurrency())),
+        progress(std::move(progress_in)) {}
+
+  aio::Task<void> find_files(std::optional<std::vector<std::filesystem::path>> paths);
+  aio::Task<void> parse_and_store();
+  aio::Task<void> remove_gone_rows();
+  aio::Task<void> finish_bulk_load();
+  aio::Task<void> write_records();
+  aio::Task<void> refresh_report();
+
+  // --- parse_and_store, one step at a time ---
+  void start_parse_jobs();
+  void start_store_if_due();
+  void take_parsed(std::vector<Outcome>& outcomes);
+  // Rows of files that are gone: listed and left out or vanished, or no longer found under a covered
+  // directory (but not under one that could not be listed: those files keep their rows).
+  void find_gone_rows();
+
+  const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  std::shared_ptr<Impl> impl;
+  const IndexerOptions& o;
+  std::shared_ptr<storage::Repository> repo;
+  const std::filesystem::path root;
+  const std::filesystem::path data_dir;
+  const bool whole;  // the whole repository, not listed paths
+  const ParseLimits limits;
+  const std::size_t threads;
+  const ProgressFn progress;
+  std::shared_ptr<spdlog::logger> log = utils::get_logger("brenloc.workers.indexer");
+  std::shared_ptr<std::atomic<bool>> stop = std::make_shared<std::atomic<bool>>(false);
+  StopOnExit stop_on_exit{stop};
+
+  IndexStats stats;
+  std::vector<LeftOut> errors;
+  std::shared_ptr<const HashMap> existing = std::make_shared<const HashMap>();  // the index's hashes
+  bool bulk = false;  // a bulk load: the name index is built at the end
+  std::shared_ptr<const Collected> collected;
+  std::set<std::string> to_remove;
+
+  // The pipeline: parse jobs under way, the store transaction under way, and the parsed files waiting
+  // for the next one.
+  struct ParseJob {
+    aio::Future<Outcomes> future;
+    std::size_t count;
+  };
+  std::deque<ParseJob> parsing;
+  std::size_t next = 0;  // the first file not yet handed to a parse job
+  std::size_t batch_size = 1;
+  std::int64_t done = 0;
+  std::optional<aio::Future<std::shared_ptr<Stored>>> storing;
+  std::shared_ptr<std::vector<storage::FileEntry>> buffer = std::make_shared<std::vector<storage::FileEntry>>();
+  std::size_t buffer_symbols = 0;
+};
+
+// Finds the files, and reads the index's hashes meanwhile. A whole pass into an empty index is a bulk
+// load: the name index is built once at its end. Any other pass first restores an index that a cancelled
+// or failed bulk load left missing.
+aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesystem::path>> paths) {
+  const bool nothing = paths && paths->empty();
+  auto collected_f =
+      impl->track(aio::to_thread([root = root, data_dir = data_dir, paths = std::move(paths), stop = stop] {
+        std::error_code ec;
+        std::filesystem::path dd = std::filesystem::weakly_canonical(data_dir, ec);
+        WalkPolicy policy{root, ec ? data_dir : dd};
+        return std::make_shared<const Collected>(collect_files(policy, paths, *stop));
+      }));
+  if (!nothing) {
+    auto hashes_f = impl->on_writer(o, [repo = repo, whole = whole] {
+      auto hashes = std::make_shared<const HashMap>(repo->file_hashes());
+      bool deferred = whole && hashes->empty() && repo->defer_name_index();
+      if (!deferred) repo->restore_indexes();
+      return std::make_pair(hashes, deferred);
+    });
+    std::tie(existing, bulk) = co_await aio::shield(hashes_f);
+  }
+  collected = co_await aio::shield(collected_f);
+  errors = collected->errors;
+  stats.files_skipped = collected->skipped;
+}
+
+// Parses on the parse threads and stores on the writer: parse jobs keep every thread busy (one queued
+// behind each running one, so that no thread waits for the loop to hand it the next) while one
+// transaction at a time stores what they produced.
+aio::Task<void> Indexer::Pass::parse_and_store() {
+  const std::vector<Candidate>& files = collected->files;
+  const auto total = static_cast<std::int64_t>(files.size());
+  batch_size = std::clamp<std::size_t>(files.size() / (threads * 4), std::size_t{1}, kParseBatch);
+  progress(0, total);
+  while (true) {
+    start_parse_jobs();
+    if (storing && storing->done()) {
+      std::shared_ptr<Stored> s = storing->result();
+      stats.files_processed += s->files;
+      stats.symbols_added += s->symbols;
+      errors.insert(errors.end(), s->failed.begin(), s->failed.end());
+      storing.reset();
+    }
+    start_store_if_due();
+    if (parsing.empty() && !storing) break;
+
+    std::vector<std::shared_ptr<aio::FutureBase>> waiting;
+    for (const auto& job : parsing) waiting.push_back(job.future.base());
+    if (storing) waiting.push_back(storing->base());
+    co_await aio::wait_any(std::move(waiting));
+
+    for (auto it = parsing.begin(); it != parsing.end();) {
+      if (!it->future.done()) {
+        ++it;
+        continue;
+      }
+      take_parsed(*it->future.result());
+      done += static_cast<std::int64_t>(it->count);
+      it = parsing.erase(it);
+      progress(done, total);
+    }
+  }
+}
+
+void Indexer::Pass::start_parse_jobs() {
+  const std::vector<Candidate>& files = collected->files;
+  while (parsing.size() < 2 * threads && next < files.size()) {
+    std::size_t end = std::min(files.size(), next + batch_size);
+    std::vector<Candidate> batch(files.begin() + static_cast<std::ptrdiff_t>(next),
+                                 files.begin() + static_cast<std::ptrdiff_t>(end));
+    std::size_t count = end - next;
+    next = end;
+    auto f = impl->track(aio::run_on(impl->parsers(threads), *aio::EventLoop::current(),
+                                     [root = root, batch = std::move(batch), existing = existing, limits = limits,
+                                      stop = stop] { return parse_batch(root, batch, *existing, limits, *stop); }));
+    parsing.push_back({std::move(f), count});
+  }
+}
+
+// A store transaction starts once the writer is free and enough parsed files or symbols wait, or when
+// nothing is left to parse.
+void Indexer::Pass::start_store_if_due() {
+  const bool parsing_done = parsing.empty() && next >= collected->files.size();
+  const bool enough =
+      buffer->size() >= std::max<std::size_t>(1, o.store_batch_files) || buffer_symbols >= kStoreSymbols;
+  if (storing || buffer->empty() || !(enough || parsing_done)) return;
+  storing = impl->on_writer(o, [repo = repo, entries = std::move(buffer)] {
+    return std::make_shared<Stored>(store_batch(*repo, *entries));
+  });
+  buffer = std::make_shared<std::vector<storage::FileEntry>>();
+  buffer_symbols = 0;
+}
+
+void Indexer::Pass::take_parsed(std::vector<Outcome>& outcomes) {
+  for (Outcome& out : outcomes) {
+    switch (out.kind) {
+      case Outcome::Kind::indexed:
+        buffer_symbols += out.entry.symbols.size();
+        buffer->push_back(std::move(out.entry));
+        break;
+      case Outcome::Kind::unchanged:
+        ++stats.files_processed;
+        ++stats.files_unchanged;
+        break;
+      case Outcome::Kind::skipped:
+        ++stats.files_skipped;
+        [[fallthrough]];
+      case Outcome::Kind::gone:
+        if (existing->contains(out.rel)) to_remove.insert(out.rel);
+        break;
+      case Outcome::Kind::failed:
+        errors.push_back(std::move(out.error));
+        break;
+    }
+  }
+}
+
+void Indexer::Pass::find_gone_rows() {
+  for (const std::string& rel : collected->drop) {
+    if (existing->contains(rel)) to_remove.insert(rel);
+  }
+  if (collected->covered.empty() || existing->empty()) return;
+  std::unordered_set<std::string_view> seen;
+  seen.reserve(collected->files.size());
+  for (const Candidate& c : collected->files) seen.insert(c.rel);
+  for (const auto& [rel, hash] : *existing) {
+    if (seen.contains(rel)) continue;
+    auto under = [&](const std::string& dir) { return is_under(rel, dir) || rel == dir; };
+    if (std::none_of(collected->covered.begin(), collected->covered.end(), under)) continue;
+    if (std::any_of(collected->failed_dirs.begin(), collected->failed_dirs.end(), under)) continue;
+    to_remove.insert(rel);
+  }
+}
+
+aio::Task<void> Indexer::Pass::remove_gone_rows() {
+  find_gone_rows();
+  if (to_remove.empty()) co_return;
+  std::vector<std::string> removing(to_remove.begin(), to_remove.end());
+  auto removed_f = impl->on_writer(o, [repo = repo, removing] { return remove_rows(*repo, removing); });
+  std::vector<LeftOut> failed = co_await aio::shield(removed_f);
+  stats.files_removed = static_cast<std::int64_t>(removing.size() - failed.size());
+  errors.insert(errors.end(), failed.begin(), failed.end());
+}
+
+// A failure here fails a pass that had stored everything; after left-out files (often the same cause, a
+// full disk) the pass's own outcome stands and the failure is logged. Either way the next pass builds the
+// index again.
+aio::Task<void> Indexer::Pass::finish_bulk_load() {
+  if (!bulk) co_return;
+  try {
+    auto restored_f = impl->on_writer(o, [repo = repo] { repo->restore_indexes(); });
+    co_await aio::shield(restored_f);
+  } catch (const std::exception&) {
+    if (errors.empty()) throw;
+    utils::log_exception(*log, "Building the indexes after the pass failed", std::current_exception());
+  }
+}
+
+// The pass's outcome: the left-out files logged (the first few), errors.jsonl and the last index info
+// written to the data directory, and a summary line.
+aio::Task<void> Indexer::Pass::write_records() {
+  stats.errors = static_cast<std::int64_t>(errors.size());
+  constexpr std::size_t kLoggedLeftOut = 20;
+  for (std::size_t i = 0; i < errors.size() && i < kLoggedLeftOut; ++i) {
+    log->warn("Left out {} ({}): {}", errors[i].path, errors[i].stage, errors[i].error);
+  }
+  if (errors.size() > kLoggedLeftOut) {
+    log->warn("... and {} more left out; errors.jsonl names them all", errors.size() - kLoggedLeftOut);
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  stats.last_info = nlohmann::ordered_json{{"type", whole ? "full" : "paths"},
+                                           {"duration_seconds", seconds},
+                                           {"files_processed", stats.files_processed},
+                                           {"errors", stats.errors}};
+  auto written_f = impl->on_writer(o, [data_dir = data_dir, errors = std::move(errors), info = stats.last_info] {
+    write_pass_files(data_dir, errors, info);
+  });
+  co_await aio::shield(written_f);
+
+  log->info("Index pass ({}) of {}: {} files processed ({} unchanged), {} symbols added, {} removed, {} left out, "
+            "{} skipped, {:.2f} s",
+            whole ? "full" : "paths", root.string(), stats.files_processed, stats.files_unchanged,
+            stats.symbols_added, stats.files_removed, stats.errors, stats.files_skipped, seconds);
+}
+
+aio::Task<void> Indexer::Pass::refresh_report() {
+  if (!o.refresh_report) co_return;
+  try {
+    auto report_f = impl->on_writer(o, [repo = repo, root = root] { write_report(repo, root, false); });
+    co_await aio::shield(report_f);
+  } catch (const std::exception&) {
+    utils::log_exception(*log, "Writing the repository report failed", std::current_exception());
+  }
+}
 
 Indexer::Indexer(IndexerOptions options) : options_(std::move(options)), impl_(std::make_shared<Impl>()) {}
 
@@ -203,229 +466,17 @@ aio::Task<void> Indexer::settle() {
 aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesystem::path>> paths) {
   // Work of an earlier, cancelled pass must not land after this pass's writes.
   co_await settle();
-
-  const auto started = std::chrono::steady_clock::now();
-  std::shared_ptr<Impl> impl = impl_;
-  const IndexerOptions& o = options_;
-  std::shared_ptr<storage::Repository> repo = o.repository;
-  const std::filesystem::path root = o.repo_root;
-  const std::filesystem::path data_dir = repo->database()->path().parent_path();
-  const bool whole = !paths.has_value();
-  const ParseLimits limits{o.max_file_size, o.parse_time_limit};
-  std::size_t threads = o.parse_threads;
-  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
-  auto log = utils::get_logger("brenloc.workers.indexer");
-
-  auto stop = std::make_shared<std::atomic<bool>>(false);
-  StopOnExit stop_on_exit{stop};
-
-  IndexStats stats;
-  std::vector<LeftOut> errors;
-
-  // Thread work is awaited shielded throughout: a cancellation ends the waiting, not the work, and the
-  // work's future stays pending until the thread is done with it, which is what settle() waits for.
-
-  // Find the files, and read the index's hashes meanwhile.
-  const bool nothing = paths && paths->empty();
-  auto collected_f = impl->track(aio::to_thread([root, data_dir, paths = std::move(paths), stop] {
-    std::error_code ec;
-    std::filesystem::path dd = std::filesystem::weakly_canonical(data_dir, ec);
-    WalkPolicy policy{root, ec ? data_dir : dd};
-    return std::make_shared<const Collected>(collect_files(policy, paths, *stop));
-  }));
-  // A whole pass into an empty index is a bulk load: the name index is built once at its end. Any other
-  // pass first restores an index that a cancelled or failed bulk load left missing.
-  std::shared_ptr<const HashMap> existing = std::make_shared<const HashMap>();
-  bool bulk = false;
-  if (!nothing) {
-    auto hashes_f = impl->on_writer(o, [repo, whole] {
-      auto hashes = std::make_shared<const HashMap>(repo->file_hashes());
-      bool deferred = whole && hashes->empty() && repo->defer_name_index();
-      if (!deferred) repo->restore_indexes();
-      return std::make_pair(hashes, deferred);
-    });
-    std::tie(existing, bulk) = co_await aio::shield(hashes_f);
-  }
-  std::shared_ptr<const Collected> collected = co_await aio::shield(collected_f);
-  errors = collected->errors;
-  stats.files_skipped = collected->skipped;
-
-  // Parse on the parse threads, store on the writer: parse jobs keep every thread busy (one queued
-  // behind each running one, so that no thread waits for the loop to hand it the next) while one
-  // transaction at a time stores what they produced.
-  const std::vector<Candidate>& files = collected->files;
-  const auto total = static_cast<std::int64_t>(files.size());
-  const std::size_t batch_size =
-      std::clamp<std::size_t>(files.size() / (threads * 4), std::size_t{1}, kParseBatch);
-  std::int64_t done = 0;
-  report_progress(0, total);
-
-  struct ParseJob {
-    aio::Future<Outcomes> future;
-    std::size_t count;
-  };
-  std::deque<ParseJob> parsing;
-  std::optional<aio::Future<std::shared_ptr<Stored>>> storing;
-  auto buffer = std::make_shared<std::vector<storage::FileEntry>>();
-  std::size_t buffer_symbols = 0;
-  std::set<std::string> to_remove;
-  std::size_t next = 0;
-
-  auto take_stored = [&](const std::shared_ptr<Stored>& s) {
-    stats.files_processed += s->files;
-    stats.symbols_added += s->symbols;
-    errors.insert(errors.end(), s->failed.begin(), s->failed.end());
-  };
-
-  while (true) {
-    while (parsing.size() < 2 * threads && next < files.size()) {
-      std::size_t end = std::min(files.size(), next + batch_size);
-      std::vector<Candidate> batch(files.begin() + static_cast<std::ptrdiff_t>(next),
-                                   files.begin() + static_cast<std::ptrdiff_t>(end));
-      std::size_t count = end - next;
-      next = end;
-      auto f = impl->track(aio::run_on(impl->parsers(threads), *aio::EventLoop::current(),
-                                       [root, batch = std::move(batch), existing, limits, stop] {
-                                         return parse_batch(root, batch, *existing, limits, *stop);
-                                       }));
-      parsing.push_back({std::move(f), count});
-    }
-    if (storing && storing->done()) {
-      take_stored(storing->result());
-      storing.reset();
-    }
-    const bool parsing_done = parsing.empty() && next >= files.size();
-    const bool enough = buffer->size() >= std::max<std::size_t>(1, o.store_batch_files) ||
-                        buffer_symbols >= kStoreSymbols;
-    if (!storing && !buffer->empty() && (enough || parsing_done)) {
-      storing = impl->on_writer(o, [repo, entries = std::move(buffer)] {
-        return std::make_shared<Stored>(store_batch(*repo, *entries));
-      });
-      buffer = std::make_shared<std::vector<storage::FileEntry>>();
-      buffer_symbols = 0;
-    }
-    if (parsing.empty() && !storing) break;
-
-    std::vector<std::shared_ptr<aio::FutureBase>> waiting;
-    for (const auto& job : parsing) waiting.push_back(job.future.base());
-    if (storing) waiting.push_back(storing->base());
-    co_await wait_any(std::move(waiting));
-
-    for (auto it = parsing.begin(); it != parsing.end();) {
-      if (!it->future.done()) {
-        ++it;
-        continue;
-      }
-      Outcomes outcomes = it->future.result();
-      for (Outcome& out : *outcomes) {
-        switch (out.kind) {
-          case Outcome::Kind::indexed:
-            buffer_symbols += out.entry.symbols.size();
-            buffer->push_back(std::move(out.entry));
-            break;
-          case Outcome::Kind::unchanged:
-            ++stats.files_processed;
-            ++stats.files_unchanged;
-            break;
-          case Outcome::Kind::skipped:
-            ++stats.files_skipped;
-            [[fallthrough]];
-          case Outcome::Kind::gone:
-            if (existing->contains(out.rel)) to_remove.insert(out.rel);
-            break;
-          case Outcome::Kind::failed:
-            errors.push_back(std::move(out.error));
-            break;
-        }
-      }
-      done += static_cast<std::int64_t>(it->count);
-      it = parsing.erase(it);
-      report_progress(done, total);
-    }
-  }
-
-  // Rows of files that are gone: listed and left out or vanished, or no longer found under a covered
-  // directory (but not under one that could not be listed: those files keep their rows).
-  for (const std::string& rel : collected->drop) {
-    if (existing->contains(rel)) to_remove.insert(rel);
-  }
-  if (!collected->covered.empty() && !existing->empty()) {
-    std::unordered_set<std::string_view> seen;
-    seen.reserve(files.size());
-    for (const Candidate& c : files) seen.insert(c.rel);
-    for (const auto& [rel, hash] : *existing) {
-      if (seen.contains(rel)) continue;
-      auto under = [&](const std::string& dir) { return is_under(rel, dir) || rel == dir; };
-      if (std::none_of(collected->covered.begin(), collected->covered.end(), under)) continue;
-      if (std::any_of(collected->failed_dirs.begin(), collected->failed_dirs.end(), under)) continue;
-      to_remove.insert(rel);
-    }
-  }
-  if (!to_remove.empty()) {
-    std::vector<std::string> removing(to_remove.begin(), to_remove.end());
-    auto removed_f = impl->on_writer(o, [repo, removing] { return remove_rows(*repo, removing); });
-    std::vector<LeftOut> failed = co_await aio::shield(removed_f);
-    stats.files_removed = static_cast<std::int64_t>(removing.size() - failed.size());
-    errors.insert(errors.end(), failed.begin(), failed.end());
-  }
-
-  if (bulk) {
-    // A failure here fails a pass that had stored everything; after left-out files (often the same
-    // cause, a full disk) the pass's own outcome stands and the failure is logged. Either way the next
-    // pass builds the index again.
-    std::exception_ptr index_error;
-    try {
-      auto restored_f = impl->on_writer(o, [repo] { repo->restore_indexes(); });
-      co_await aio::shield(restored_f);
-    } catch (const std::exception&) {
-      index_error = std::current_exception();
-    }
-    if (index_error && errors.empty()) std::rethrow_exception(index_error);
-    if (index_error) utils::log_exception(*log, "Building the indexes after the pass failed", index_error);
-  }
-
-  stats.errors = static_cast<std::int64_t>(errors.size());
-  constexpr std::size_t kLoggedLeftOut = 20;
-  for (std::size_t i = 0; i < errors.size() && i < kLoggedLeftOut; ++i) {
-    log->warn("Left out {} ({}): {}", errors[i].path, errors[i].stage, errors[i].error);
-  }
-  if (errors.size() > kLoggedLeftOut) {
-    log->warn("... and {} more left out; errors.jsonl names them all", errors.size() - kLoggedLeftOut);
-  }
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  stats.last_info = nlohmann::ordered_json{{"type", whole ? "full" : "paths"},
-                                           {"duration_seconds", seconds},
-                                           {"files_processed", stats.files_processed},
-                                           {"errors", stats.errors}};
-  auto written_f = impl->on_writer(o, [data_dir, errors = std::move(errors), info = stats.last_info] {
-    write_pass_files(data_dir, errors, info);
+  Pass pass(impl_, options_, !paths.has_value(), [this](std::int64_t done, std::int64_t total) {
+    report_progress(done, total);
   });
-  co_await aio::shield(written_f);
-
-  log->info("Index pass ({}) of {}: {} files processed ({} unchanged), {} symbols added, {} removed, {} left out, "
-            "{} skipped, {:.2f} s",
-            whole ? "full" : "paths", root.string(), stats.files_processed, stats.files_unchanged,
-            stats.symbols_added, stats.files_removed, stats.errors, stats.files_skipped, seconds);
-
-  if (o.refresh_report) {
-    std::exception_ptr report_error;
-    try {
-      auto report_f = impl->on_writer(o, [repo, root] { write_report(repo, root, false); });
-      co_await aio::shield(report_f);
-    } catch (const std::exception&) {
-      report_error = std::current_exception();
-    }
-    if (report_error) utils::log_exception(*log, "Writing the repository report failed", report_error);
-  }
-
-  this->stats.files_processed = stats.files_processed;
-  this->stats.symbols_added = stats.symbols_added;
-  this->stats.errors = stats.errors;
-  this->stats.files_unchanged = stats.files_unchanged;
-  this->stats.files_removed = stats.files_removed;
-  this->stats.files_skipped = stats.files_skipped;
-  this->stats.last_info = stats.last_info;
-  co_return stats;
+  co_await pass.find_files(std::move(paths));
+  co_await pass.parse_and_store();
+  co_await pass.remove_gone_rows();
+  co_await pass.finish_bulk_load();
+  co_await pass.write_records();
+  co_await pass.refresh_report();
+  stats = pass.stats;
+  co_return pass.stats;
 }
 
 }  // namespace brenloc::workers

@@ -19,8 +19,8 @@
 #include <optional>
 #include <vector>
 
+#include "brenloc/aio/lane.h"
 #include "brenloc/aio/task.h"
-#include "brenloc/daemon/offload.h"
 #include "brenloc/storage/repository.h"
 #include "brenloc/workers/index_stats.h"
 
@@ -29,7 +29,8 @@ namespace brenloc::workers {
 struct IndexerOptions {
   std::shared_ptr<storage::Repository> repository;
   std::filesystem::path repo_root;  // absolute, resolved
-  std::optional<daemon::Offloader::Run> offload;
+  // Where the database work goes (the worker hands its passes' lane); empty: the loop's default pool.
+  aio::Lane::Run offload;
   bool refresh_report = true;  // write the report (not forced) after each pass
   // Parse threads, the indexer's own (0: one per core).
   std::size_t parse_threads = 0;
@@ -70,6 +71,7 @@ class Indexer {
   IndexerOptions options_;
   ProgressFn progress_;
   struct Impl;
+  struct Pass;
   std::shared_ptr<Impl> impl_;
 };
 

@@ -1,6 +1,6 @@
 // Waiting until the first of several futures is done, on the event loop.
 //
-// Like aio::wait_all, it neither raises the futures' failures nor cancels them: a cancelled waiter
+// Like wait_all (future.h), it neither raises the futures' failures nor cancels them: a cancelled waiter
 // stops waiting (Cancelled) and the futures go on.
 #pragma once
 
@@ -11,11 +11,11 @@
 
 #include "brenloc/aio/future.h"
 
-namespace brenloc::workers {
+namespace brenloc::aio {
 
-class WaitAny final : public aio::SuspendBase, public aio::DoneListener {
+class WaitAny final : public SuspendBase, public DoneListener {
  public:
-  explicit WaitAny(std::vector<std::shared_ptr<aio::FutureBase>> fs) : futures_(std::move(fs)) {}
+  explicit WaitAny(std::vector<std::shared_ptr<FutureBase>> fs) : futures_(std::move(fs)) {}
   WaitAny(const WaitAny&) = delete;
   WaitAny(WaitAny&& o) noexcept : futures_(std::move(o.futures_)) {}
 
@@ -29,7 +29,7 @@ class WaitAny final : public aio::SuspendBase, public aio::DoneListener {
     return true;
   }
   void await_resume() {
-    if (late_cancel()) throw aio::Cancelled{};
+    if (late_cancel()) throw Cancelled{};
   }
 
   void on_done() override {
@@ -46,9 +46,9 @@ class WaitAny final : public aio::SuspendBase, public aio::DoneListener {
     for (auto& f : futures_) f->remove_listener(this);
   }
 
-  std::vector<std::shared_ptr<aio::FutureBase>> futures_;
+  std::vector<std::shared_ptr<FutureBase>> futures_;
 };
 
-inline WaitAny wait_any(std::vector<std::shared_ptr<aio::FutureBase>> fs) { return WaitAny(std::move(fs)); }
+inline WaitAny wait_any(std::vector<std::shared_ptr<FutureBase>> fs) { return WaitAny(std::move(fs)); }
 
-}  // namespace brenloc::workers
+}  // namespace brenloc::aio
