@@ -10,6 +10,7 @@
 #include <optional>
 #include <utility>
 
+#include "brenloc/aio/outcome.h"
 #include "brenloc/aio/task.h"
 
 namespace brenloc::aio {
@@ -26,24 +27,13 @@ using ScopeResult = std::optional<detail::Stored<T>>;
 template <class Scope, class T>
 Task<ScopeResult<T>> within(Scope& scope, Task<T> body) {
   scope.enter();
-  ScopeResult<T> result;
-  std::exception_ptr error;
-  try {
-    if constexpr (std::is_void_v<T>) {
-      co_await std::move(body);
-      result.emplace();
-    } else {
-      result.emplace(co_await std::move(body));
-    }
-  } catch (...) {
-    error = std::current_exception();
-  }
-  if (!error) {
+  Outcome<T> ended = co_await outcome_of(std::move(body));
+  if (!ended.failed()) {
     scope.exit(ScopeExit{ScopeExit::normal, nullptr});
-    co_return result;
+    co_return std::move(ended.value);
   }
-  ScopeExit info{is_cancellation(error) ? ScopeExit::cancelled : ScopeExit::failure, error};
-  if (!scope.exit(info)) std::rethrow_exception(error);
+  ScopeExit info{ended.cancelled() ? ScopeExit::cancelled : ScopeExit::failure, ended.error};
+  if (!scope.exit(info)) std::rethrow_exception(ended.error);
   co_return std::nullopt;
 }
 

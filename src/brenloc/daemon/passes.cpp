@@ -19,13 +19,11 @@ aio::Task<void> PassScheduler::run_loop(PassScheduler* self) {
   while (self->queued_) {
     self->queued_ = false;
     for (const auto& pass : self->passes_) {
-      std::exception_ptr failure;
       try {
         co_await self->lane_(pass.run);
       } catch (const std::exception&) {
-        failure = std::current_exception();
+        utils::log_exception(*logger, "Pass '" + pass.name + "' failed", std::current_exception());
       }
-      if (failure) utils::log_exception(*logger, "Pass '" + pass.name + "' failed", failure);
     }
     ++self->runs_completed_;
   }

@@ -4,6 +4,7 @@
 
 #include <system_error>
 
+#include "brenloc/aio/outcome.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/logging.h"
@@ -115,15 +116,11 @@ aio::Task<void> RepoWorker::_release_staging(std::optional<aio::Future<json>> sw
                                              std::shared_ptr<storage::Database> staging_db, Paths sidecars,
                                              std::shared_ptr<workers::Indexer> staging_indexer) {
   ++releases_in_flight_;
-  std::exception_ptr failure;
-  try {
-    co_await WorkerReindex::_release_staging(std::move(swap), std::move(staging_db), std::move(sidecars),
-                                             std::move(staging_indexer));
-  } catch (...) {
-    failure = std::current_exception();
-  }
+  auto ended = co_await aio::outcome_of(WorkerReindex::_release_staging(std::move(swap), std::move(staging_db),
+                                                                        std::move(sidecars),
+                                                                        std::move(staging_indexer)));
   if (--releases_in_flight_ == 0 && releases_done_) std::exchange(releases_done_, nullptr)->set_result();
-  if (failure) std::rethrow_exception(failure);
+  std::move(ended).get();
 }
 
 aio::Task<void> RepoWorker::wait_for_releases() {

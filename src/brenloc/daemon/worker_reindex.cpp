@@ -4,6 +4,7 @@
 
 #include <system_error>
 
+#include "brenloc/aio/outcome.h"
 #include "brenloc/aio/scope.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/daemon/reindex_paths.h"
@@ -93,57 +94,60 @@ WorkerReindex::PathResolution WorkerReindex::_resolve_reindex_paths(const std::v
 aio::Task<void> WorkerReindex::run_indexing(WorkerReindex* self, bool rebuild, std::shared_ptr<workers::Indexer> indexer,
                                             std::optional<Paths> index_paths) {
   co_await self->_start_indexing();
-
-  std::exception_ptr outgoing;  // an unsettled error or the cancellation, let out after the closing step
-  try {
-    std::exception_ptr failure;  // an ordinary error of the guarded region
-    try {
-      std::optional<workers::IndexStats> stats;
-      if (rebuild) {
-        try {
-          stats = co_await self->_full_reindex_via_staging();
-        } catch (const IncompleteRebuildError& refusal) {
-          self->_rebuild_refusal = refusal.what();
-          throw;
-        }
-        self->_rebuild_refusal = std::nullopt;
-      } else {
-        auto scope = self->_reporting_pass(*indexer);
-        auto result = co_await aio::within(*scope, indexer->full_index(index_paths));
-        if (result) stats = std::move(*result);
-      }
-      const workers::IndexStats& s = stats.value();  // absent only if a scope swallowed the pass's failure
-      self->_last_reindex_error = self->_rebuild_refusal;
-      log_info(fmt::sprintf("Reindex completed: %d files processed, %d symbols added", s.files_processed,
-                            s.symbols_added));
-      if (self->_indexer != nullptr) {
-        json last_info = s.get_last_index_info();
-        if (!last_info.is_null() && !last_info.empty()) {
-          self->_indexer->stats.record_completion({.index_type = last_info.at("type"),
-                                                   .duration_seconds = last_info.at("duration_seconds"),
-                                                   .files_processed = last_info.at("files_processed"),
-                                                   .errors = last_info.at("errors")});
-        }
-      }
-      co_await self->broadcast_status(json{{"type", "reindex_complete"},
-                                           {"files_processed", s.files_processed},
-                                           {"symbols_added", s.symbols_added},
-                                           {"errors", s.errors}});
-      self->_passes->trigger(Trigger::REINDEX);
-    } catch (const std::exception&) {
-      failure = std::current_exception();
-    }
-    if (failure) {
-      const std::string text = utils::error_text(failure);
-      utils::log_exception(*worker_logger(), fmt::sprintf("Reindex failed: %s", text), failure);
-      self->_last_reindex_error = text;
-      co_await self->broadcast_status(json{{"type", "reindex_failed"}, {"error", text}});
-    }
-  } catch (...) {
-    outgoing = std::current_exception();
-  }
+  // An unsettled error or the cancellation is let out after the closing step.
+  auto ended = co_await aio::outcome_of(settled_run(self, rebuild, std::move(indexer), std::move(index_paths)));
   co_await self->_finish_indexing();
-  if (outgoing) std::rethrow_exception(outgoing);
+  std::move(ended).get();
+}
+
+aio::Task<void> WorkerReindex::settled_run(WorkerReindex* self, bool rebuild, std::shared_ptr<workers::Indexer> indexer,
+                                           std::optional<Paths> index_paths) {
+  auto ran = co_await aio::outcome_of(index_and_record(self, rebuild, std::move(indexer), std::move(index_paths)));
+  if (!ran.failed() || ran.cancelled()) {
+    std::move(ran).get();
+    co_return;
+  }
+  const std::string text = utils::error_text(ran.error);
+  utils::log_exception(*worker_logger(), fmt::sprintf("Reindex failed: %s", text), ran.error);
+  self->_last_reindex_error = text;
+  co_await self->broadcast_status(json{{"type", "reindex_failed"}, {"error", text}});
+}
+
+aio::Task<void> WorkerReindex::index_and_record(WorkerReindex* self, bool rebuild,
+                                                std::shared_ptr<workers::Indexer> indexer,
+                                                std::optional<Paths> index_paths) {
+  std::optional<workers::IndexStats> stats;
+  if (rebuild) {
+    try {
+      stats = co_await self->_full_reindex_via_staging();
+    } catch (const IncompleteRebuildError& refusal) {
+      self->_rebuild_refusal = refusal.what();
+      throw;
+    }
+    self->_rebuild_refusal = std::nullopt;
+  } else {
+    auto scope = self->_reporting_pass(*indexer);
+    auto result = co_await aio::within(*scope, indexer->full_index(index_paths));
+    if (result) stats = std::move(*result);
+  }
+  const workers::IndexStats& s = stats.value();  // absent only if a scope swallowed the pass's failure
+  self->_last_reindex_error = self->_rebuild_refusal;
+  log_info(fmt::sprintf("Reindex completed: %d files processed, %d symbols added", s.files_processed,
+                        s.symbols_added));
+  if (self->_indexer != nullptr) {
+    json last_info = s.get_last_index_info();
+    if (!last_info.is_null() && !last_info.empty()) {
+      self->_indexer->stats.record_completion({.index_type = last_info.at("type"),
+                                               .duration_seconds = last_info.at("duration_seconds"),
+                                               .files_processed = last_info.at("files_processed"),
+                                               .errors = last_info.at("errors")});
+    }
+  }
+  co_await self->broadcast_status(json{{"type", "reindex_complete"},
+                                       {"files_processed", s.files_processed},
+                                       {"symbols_added", s.symbols_added},
+                                       {"errors", s.errors}});
+  self->_passes->trigger(Trigger::REINDEX);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -193,42 +197,41 @@ aio::Task<workers::IndexStats> WorkerReindex::_full_reindex_via_staging() {
     return _open_staging_db(staging_path, sidecars);
   });
 
-  std::shared_ptr<storage::Database> staging_db;
-  std::shared_ptr<workers::Indexer> staging_indexer;
-  std::optional<aio::Future<json>> swap;
-
-  std::optional<workers::IndexStats> stats;
-  std::exception_ptr ending;  // the failure or cancellation that ends the rebuild
-  try {
-    staging_db = co_await aio::shield(opening);
-    auto staging_repo = _new_repository(staging_db);
-    staging_indexer = _new_indexer({.repository = staging_repo, .repo_root = repo_root, .refresh_report = false});
-    {
-      auto scope = _reporting_pass(*staging_indexer);
-      auto result = co_await aio::within(*scope, staging_indexer->full_index());
-      if (result) stats = std::move(*result);
-    }
-    if (stats.value().errors != 0) throw IncompleteRebuildError(stats->errors);
-    swap = _passes_lane.run(&WorkerReindex::_swap_in_staged_index, repository, staging_db, staging_path);
-    json counts = co_await aio::shield(*swap);
-    log_info(fmt::sprintf("Force-reindex swap committed (rows: %s)", counts.dump()));
-    co_await _passes_lane.run(&WorkerReindex::_write_report, this, repository, repo_root, true);
-  } catch (...) {
-    ending = std::current_exception();
-  }
+  StagingRebuild staging;
+  auto ended = co_await aio::outcome_of(stage_and_swap(staging, repository, staging_path, opening));
 
   // Clean-up, on every way out: wait for an opening still under way to deliver the database, then
   // release it (shielded: a second cancellation stops only this wait, never the release).
-  if (!staging_db) {
+  if (!staging.db) {
     auto suppress = utils::logged_suppress(worker_logger(), "opening the staging database");
     auto delivered = co_await aio::within(suppress, aio::await_shielded(opening));
-    if (delivered) staging_db = *delivered;
+    if (delivered) staging.db = *delivered;
   }
-  if (staging_db) {
-    auto release = aio::spawn(_release_staging(swap, staging_db, sidecars, staging_indexer));
+  if (staging.db) {
+    auto release = aio::spawn(_release_staging(staging.swap, staging.db, sidecars, staging.indexer));
     co_await aio::shield(release);
   }
-  if (ending) std::rethrow_exception(ending);
+  co_return std::move(ended).get();
+}
+
+aio::Task<workers::IndexStats> WorkerReindex::stage_and_swap(StagingRebuild& staging,
+                                                             std::shared_ptr<storage::Repository> repository,
+                                                             fs::path staging_path,
+                                                             aio::Future<std::shared_ptr<storage::Database>> opening) {
+  staging.db = co_await aio::shield(opening);
+  auto staging_repo = _new_repository(staging.db);
+  staging.indexer = _new_indexer({.repository = staging_repo, .repo_root = repo_root, .refresh_report = false});
+  std::optional<workers::IndexStats> stats;
+  {
+    auto scope = _reporting_pass(*staging.indexer);
+    auto result = co_await aio::within(*scope, staging.indexer->full_index());
+    if (result) stats = std::move(*result);
+  }
+  if (stats.value().errors != 0) throw IncompleteRebuildError(stats->errors);
+  staging.swap = _passes_lane.run(&WorkerReindex::_swap_in_staged_index, repository, staging.db, staging_path);
+  json counts = co_await aio::shield(*staging.swap);
+  log_info(fmt::sprintf("Force-reindex swap committed (rows: %s)", counts.dump()));
+  co_await _passes_lane.run(&WorkerReindex::_write_report, this, repository, repo_root, true);
   co_return *stats;
 }
 

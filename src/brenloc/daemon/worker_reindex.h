@@ -78,8 +78,27 @@ class WorkerReindex : public WorkerState {
                              bool force);
 
  private:
+  // The background run of an accepted request, in three layers: run_indexing brackets the run with the
+  // worker's start and finish; settled_run logs, keeps and broadcasts an ordinary error of the run;
+  // index_and_record indexes and records the outcome.
   static aio::Task<void> run_indexing(WorkerReindex* self, bool rebuild, std::shared_ptr<workers::Indexer> indexer,
                                       std::optional<Paths> index_paths);
+  static aio::Task<void> settled_run(WorkerReindex* self, bool rebuild, std::shared_ptr<workers::Indexer> indexer,
+                                     std::optional<Paths> index_paths);
+  static aio::Task<void> index_and_record(WorkerReindex* self, bool rebuild, std::shared_ptr<workers::Indexer> indexer,
+                                          std::optional<Paths> index_paths);
+
+  // What a full rebuild holds of its staging database, for its clean-up: each absent until the rebuild got
+  // that far.
+  struct StagingRebuild {
+    std::shared_ptr<storage::Database> db;
+    std::shared_ptr<workers::Indexer> indexer;
+    std::optional<aio::Future<json>> swap;
+  };
+  // The full rebuild up to its clean-up: the staging pass, the swap and the report.
+  aio::Task<workers::IndexStats> stage_and_swap(StagingRebuild& staging, std::shared_ptr<storage::Repository> repository,
+                                                std::filesystem::path staging_path,
+                                                aio::Future<std::shared_ptr<storage::Database>> opening);
 };
 
 }  // namespace brenloc::daemon
