@@ -28,6 +28,12 @@ class ArgumentError : public std::invalid_argument {
   std::string argument_;
 };
 
+// A tool name that nobody serves.
+class UnknownTool : public std::runtime_error {
+ public:
+  explicit UnknownTool(const std::string& name) : std::runtime_error("unknown tool '" + name + "'") {}
+};
+
 // Throws ArgumentError for bad arguments, std::out_of_range for an unknown schema name. `params` may be
 // null (no arguments given).
 nlohmann::ordered_json bind_arguments(std::string_view name, const nlohmann::ordered_json& params);

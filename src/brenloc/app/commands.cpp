@@ -1,20 +1,28 @@
 #include "brenloc/app/commands.h"
 
+#include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <iostream>
 #include <memory>
+#include <thread>
 
 #include <boost/asio/signal_set.hpp>
 #include <fmt/format.h>
 
 #include "brenloc/aio/task.h"
+#include "brenloc/app/daemon_client.h"
+#include "brenloc/app/daemon_server.h"
 #include "brenloc/app/data_dir.h"
+#include "brenloc/app/mcp_bridge.h"
 #include "brenloc/app/worker_tools.h"
 #include "brenloc/daemon/worker.h"
+#include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
-#include "brenloc/utils/logging.h"
+#include "brenloc/tool_binding.h"
+#include "brenloc/utils/owner_lock.h"
 
 namespace brenloc::app {
 
@@ -28,6 +36,16 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A failure whose message is the whole story (printed as is, with this exit code).
+class CommandError : public std::runtime_error {
+ public:
+  CommandError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
 struct Resolved {
   fs::path root;
   fs::path data_dir;
@@ -38,8 +56,31 @@ Resolved resolve(const Where& where) {
   fs::path root = fs::canonical(where.repo.empty() ? fs::current_path() : where.repo, ec);
   if (ec) throw UsageError(fmt::format("repository {}: {}", where.repo.string(), ec.message()));
   if (!fs::is_directory(root)) throw UsageError(fmt::format("repository {} is not a directory", root.string()));
-  fs::path data = where.data_dir ? fs::absolute(*where.data_dir) : default_data_dir(root);
+  fs::path data = where.data_dir ? fs::absolute(*where.data_dir).lexically_normal() : default_data_dir(root);
   return {root, data};
+}
+
+// Runs `body`, turning its failures into a message on stderr and an exit code.
+template <class Body>
+int guarded(Body body) {
+  try {
+    return body();
+  } catch (const UsageError& e) {
+    std::cerr << "brenloc: " << e.what() << "\n";
+    return kExitUsage;
+  } catch (const ArgumentError& e) {
+    std::cerr << "brenloc: " << e.what() << "\n";
+    return kExitUsage;
+  } catch (const utils::LockBusy& e) {
+    std::cerr << "brenloc: " << e.what() << "\n";
+    return kExitRefused;
+  } catch (const CommandError& e) {
+    std::cerr << "brenloc: " << e.what() << "\n";
+    return e.code();
+  } catch (const std::exception& e) {
+    std::cerr << "brenloc: " << e.what() << "\n";
+    return kExitFailed;
+  }
 }
 
 // A future completed by SIGINT or SIGTERM (on the loop thread).
@@ -59,33 +100,39 @@ class StopSignal {
   std::shared_ptr<aio::FutureState<void>> fired_;
 };
 
+aio::Task<void> set_when_done(aio::Future<void> f, std::shared_ptr<aio::FutureState<void>> target) {
+  co_await aio::wait_all({f.base()});
+  target->set_result();
+}
+
+// Waits until the first of `futures` is done.
+aio::Task<void> first_of(std::vector<aio::Future<void>> futures) {
+  auto any = std::make_shared<aio::FutureState<void>>();
+  std::vector<aio::Future<void>> watchers;
+  for (auto& f : futures) watchers.push_back(aio::spawn(set_when_done(f, any)));
+  co_await aio::shield(aio::Future<void>(any));
+  for (auto& w : watchers) w.cancel();
+}
+
 // Runs `body` with a started worker on a loop of its own, stopping the worker on every way out.
 template <class Body>
-int with_worker(const Where& where, Body body) {
-  try {
-    Resolved r = resolve(where);
-    aio::EventLoop loop;
-    daemon::RepoWorker worker(r.root, r.data_dir);
-    return aio::run_until_complete(loop, [](aio::EventLoop& loop, daemon::RepoWorker& worker, Body body) -> aio::Task<int> {
-      co_await worker.start();
-      int code = kExitFailed;
-      std::exception_ptr failure;
-      try {
-        code = co_await body(loop, worker);
-      } catch (...) {
-        failure = std::current_exception();
-      }
-      co_await worker.stop();
-      if (failure) std::rethrow_exception(failure);
-      co_return code;
-    }(loop, worker, std::move(body)));
-  } catch (const UsageError& e) {
-    std::cerr << "brenloc: " << e.what() << "\n";
-    return kExitUsage;
-  } catch (const std::exception& e) {
-    std::cerr << "brenloc: " << e.what() << "\n";
-    return kExitFailed;
-  }
+int with_worker(const Resolved& r, Body body) {
+  aio::EventLoop loop;
+  daemon::RepoWorker worker(r.root, r.data_dir);
+  return aio::run_until_complete(
+      loop, [](aio::EventLoop& loop, daemon::RepoWorker& worker, Body body) -> aio::Task<int> {
+        std::exception_ptr failure;
+        int code = kExitFailed;
+        try {
+          co_await worker.start();
+          code = co_await body(loop, worker);
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        co_await worker.stop();
+        if (failure) std::rethrow_exception(failure);
+        co_return code;
+      }(loop, worker, std::move(body)));
 }
 
 // Shows progress on stderr: a bar that redraws itself on a terminal, plain lines otherwise.
@@ -108,106 +155,271 @@ class ProgressView {
     if (drawn_) std::cerr << "\n";
     drawn_ = false;
   }
+  // Shows a status message of the worker: progress, or the outcome it keeps.
+  void take(const json& m, std::optional<json>& outcome) {
+    if (m.value("type", "") == "reindex_progress") {
+      show(m.value("files_done", 0), m.value("files_total", 0));
+    } else if (m.value("type", "") == "reindex_complete" || m.value("type", "") == "reindex_failed") {
+      outcome = m;
+    }
+  }
 
  private:
   bool tty_;
   bool drawn_ = false;
 };
 
-aio::Task<void> watch_input(aio::Future<void> ended, std::shared_ptr<aio::FutureState<void>> stop) {
-  co_await aio::shield(ended);
-  stop->set_result();
+// Prints the outcome of a reindex and gives the exit code.
+int report_outcome(const std::optional<json>& outcome) {
+  if (!outcome) {
+    std::cerr << "brenloc: the reindex ended without an outcome\n";
+    return kExitFailed;
+  }
+  std::cout << outcome->dump() << std::endl;
+  if (outcome->value("type", "") == "reindex_complete") return kExitOk;
+  std::cerr << "brenloc: " << outcome->value("error", "") << "\n";
+  return kExitFailed;
 }
 
-aio::Task<void> watch_signal(aio::Future<void> fired, std::shared_ptr<aio::FutureState<void>> stop) {
-  co_await aio::shield(fired);
-  stop->set_result();
+// --- through the daemon ---
+
+std::atomic<bool> g_interrupted{false};
+
+void on_interrupt(int) { g_interrupted.store(true); }
+
+// SIGINT and SIGTERM end a blocking wait on the daemon (with Interrupted) instead of the process.
+void catch_interrupts() {
+  struct sigaction sa {};
+  sa.sa_handler = on_interrupt;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = 0;  // no SA_RESTART: a blocking poll returns at once
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
+}
+
+// A client of the user's daemon attached to the repository's worker, or null when no daemon runs (and
+// none is to be started). A refusal of the daemon (the data directory owned by another process, say)
+// is the command's refusal.
+std::unique_ptr<DaemonClient> reach_daemon(const Resolved& r, bool start) {
+  RuntimePaths paths;
+  try {
+    paths = prepare_runtime_dir();
+  } catch (const RuntimeDirError& e) {
+    if (start) throw CommandError(kExitRefused, e.what());
+    return nullptr;  // no usable runtime directory: no daemon of ours can be there
+  }
+  int fd = start ? connect_daemon(paths, true) : connect_socket(paths.socket);
+  if (fd < 0) return nullptr;
+  auto client = std::make_unique<DaemonClient>(fd);
+  try {
+    first_request(fd, "brenloc/attach", json{{"repo_root", r.root.string()}, {"data_dir", r.data_dir.string()}});
+  } catch (const RpcError& e) {
+    throw CommandError(kExitRefused, e.what());
+  }
+  client->interrupted = [] { return g_interrupted.load(); };
+  client->initialize();
+  return client;
+}
+
+// A tool's response dictionary through the daemon; a refusal of the arguments is a usage error.
+json call_tool(DaemonClient& client, const std::string& name, json arguments,
+               const DaemonClient::OnNotification& on_note = {}) {
+  json result;
+  try {
+    result = client.request("tools/call", json{{"name", name}, {"arguments", std::move(arguments)}}, on_note);
+  } catch (const RpcError& e) {
+    if (e.code() == mcp::kInvalidParams) throw UsageError(e.what());
+    throw;
+  }
+  if (result.contains("structuredContent")) return result["structuredContent"];
+  std::string text = "the tool failed";
+  if (result.contains("content") && !result["content"].empty()) text = result["content"][0].value("text", text);
+  throw std::runtime_error(text);
+}
+
+int reindex_via_daemon(DaemonClient& client, const json& arguments) {
+  ProgressView progress;
+  std::optional<json> outcome;
+  json response = call_tool(client, "force_reindex", arguments);
+  std::cout << response.dump() << std::endl;
+  if (response.value("status", "") != "accepted") return kExitRefused;
+  try {
+    while (!outcome) {
+      json note = client.next_notification();
+      if (note.value("method", "") == "notifications/message") {
+        progress.take(note["params"].value("data", json::object()), outcome);
+      }
+    }
+  } catch (const Interrupted&) {
+    progress.finish();
+    std::cerr << "brenloc: interrupted; the reindex goes on in the daemon (brenloc status tells how it ends)\n";
+    return kExitInterrupted;
+  } catch (const DaemonError& e) {
+    progress.finish();
+    std::cerr << "brenloc: " << e.what() << " before the reindex ended\n";
+    return kExitFailed;
+  }
+  progress.finish();
+  return report_outcome(outcome);
+}
+
+// --- in this process ---
+
+aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& worker, json arguments) {
+  ProgressView progress;
+  std::optional<json> outcome;
+  struct Subscription {
+    daemon::RepoWorker& worker;
+    int id;
+    ~Subscription() { worker.unsubscribe(id); }
+  } sub{worker, worker.subscribe([&](const json& m) { progress.take(m, outcome); })};
+  StopSignal signal(loop);
+  json response = co_await worker.force_reindex(std::move(arguments));
+  std::cout << response.dump() << std::endl;
+  if (response.value("status", "") != "accepted") co_return kExitRefused;
+  aio::Future<void> run = *worker.last_run();
+  co_await first_of({run, signal.fired()});
+  if (!run.done()) {
+    co_await worker.stop();  // cancels the run and waits for its clean-up
+    progress.finish();
+    std::cerr << "brenloc: interrupted; the reindex was cancelled and the live index kept\n";
+    co_return kExitInterrupted;
+  }
+  progress.finish();
+  co_return report_outcome(outcome);
+}
+
+// Runs one tool call, through the daemon or in this process, and prints its answer.
+int print_tool(const Where& where, const std::string& name, json arguments) {
+  return guarded([&] {
+    Resolved r = resolve(where);
+    if (auto client = reach_daemon(r, where.start_daemon)) {
+      std::cout << call_tool(*client, name, std::move(arguments)).dump(2) << std::endl;
+      return kExitOk;
+    }
+    return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
+      json answer = co_await worker.call_tool(name, arguments);
+      std::cout << answer.dump(2) << std::endl;
+      co_return kExitOk;
+    });
+  });
+}
+
+aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker) {
+  WorkerTools tools(worker);
+  mcp::McpServer server(loop, tools, STDIN_FILENO, STDOUT_FILENO);
+  StopSignal signal(loop);
+  server.start();
+  co_await first_of({server.input_ended(), signal.fired()});
+  co_await server.stop();
+  co_return kExitOk;
+}
+
+aio::Task<int> serve_bridge(aio::EventLoop& loop, BridgeTarget target) {
+  McpBridge bridge(loop, std::move(target), STDIN_FILENO, STDOUT_FILENO);
+  StopSignal signal(loop);
+  bridge.start();
+  co_await first_of({bridge.input_ended(), signal.fired()});
+  co_await bridge.stop();
+  co_return kExitOk;
 }
 
 }  // namespace
 
-int run_serve(const Where& where) {
-  return with_worker(where, [](aio::EventLoop& loop, daemon::RepoWorker& worker) -> aio::Task<int> {
-    WorkerTools tools(worker);
-    mcp::McpServer server(loop, tools, STDIN_FILENO, STDOUT_FILENO);
-    StopSignal signal(loop);
-    server.start();
-    auto stop = std::make_shared<aio::FutureState<void>>();
-    auto a = aio::spawn(watch_input(server.input_ended(), stop));
-    auto b = aio::spawn(watch_signal(signal.fired(), stop));
-    co_await aio::shield(aio::Future<void>(stop));
-    a.cancel();
-    b.cancel();
-    co_await server.stop();
-    co_await worker.stop();
-    co_return kExitOk;
+int run_serve(const Where& where, bool standalone) {
+  return guarded([&] {
+    Resolved r = resolve(where);
+    if (!standalone) {
+      std::optional<RuntimePaths> paths;
+      try {
+        paths = prepare_runtime_dir();
+      } catch (const RuntimeDirError& e) {
+        std::cerr << "brenloc: " << e.what() << "; serving in this process instead\n";
+      }
+      if (paths) {
+        aio::EventLoop loop;
+        return aio::run_until_complete(loop, serve_bridge(loop, BridgeTarget{r.root, r.data_dir, *paths}));
+      }
+    }
+    return with_worker(r, serve_standalone);
   });
 }
 
 int run_reindex(const Where& where, bool clear_existing, const std::vector<std::string>& paths) {
-  return with_worker(where, [clear_existing, paths](aio::EventLoop& loop, daemon::RepoWorker& worker) -> aio::Task<int> {
-    ProgressView progress;
-    std::optional<json> outcome;
-    struct Subscription {
-      daemon::RepoWorker& worker;
-      int id;
-      ~Subscription() { worker.unsubscribe(id); }
-    } sub{worker, worker.subscribe([&](const json& m) {
-            if (m.value("type", "") == "reindex_progress") {
-              progress.show(m.value("files_done", 0), m.value("files_total", 0));
-            } else {
-              outcome = m;
-            }
-          })};
-    StopSignal signal(loop);
-    json response = co_await worker._handle_force_reindex(json{{"paths", paths}, {"clear_existing", clear_existing}});
-    std::cout << response.dump() << std::endl;
-    if (response.value("status", "") != "accepted") co_return kExitRefused;
-    auto stop = std::make_shared<aio::FutureState<void>>();
-    auto run = *worker._indexer_task;
-    auto a = aio::spawn(watch_signal(signal.fired(), stop));
-    auto b = aio::spawn([](aio::Future<void> run, std::shared_ptr<aio::FutureState<void>> stop) -> aio::Task<void> {
-      co_await aio::wait_all({run.base()});
-      stop->set_result();
-    }(run, stop));
-    co_await aio::shield(aio::Future<void>(stop));
-    a.cancel();
-    b.cancel();
-    if (!run.done()) {
-      co_await worker.stop();  // cancels the run and waits for its clean-up
-      progress.finish();
-      std::cerr << "brenloc: interrupted; the reindex was cancelled and the live index kept\n";
-      co_return kExitFailed;
-    }
-    progress.finish();
-    if (!outcome) {
-      std::cerr << "brenloc: the reindex ended without an outcome\n";
-      co_return kExitFailed;
-    }
-    std::cout << outcome->dump() << std::endl;
-    if (outcome->value("type", "") == "reindex_complete") co_return kExitOk;
-    std::cerr << "brenloc: " << outcome->value("error", "") << "\n";
-    co_return kExitFailed;
+  const json arguments = {{"paths", paths}, {"clear_existing", clear_existing}};
+  return guarded([&] {
+    Resolved r = resolve(where);
+    catch_interrupts();
+    if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments);
+    // The worker's loop takes the signals from here on.
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    return with_worker(r, [&](aio::EventLoop& loop, daemon::RepoWorker& worker) {
+      return reindex_in_process(loop, worker, arguments);
+    });
   });
 }
 
-int run_status(const Where& where) {
-  return with_worker(where, [](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
-    json status = co_await worker.index_status();
-    std::cout << status.dump(2) << std::endl;
-    co_return kExitOk;
-  });
-}
+int run_status(const Where& where) { return print_tool(where, "index_status", json::object()); }
 
 int run_search(const Where& where, const std::string& query, const std::optional<std::string>& kind,
                std::optional<int> limit) {
-  return with_worker(where, [query, kind, limit](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
-    json params = {{"query", query}};
-    if (kind) params["kind"] = *kind;
-    if (limit) params["limit"] = *limit;
-    json result = co_await worker.search_symbols(params);
-    std::cout << result.dump(2) << std::endl;
-    co_return kExitOk;
+  json arguments = {{"query", query}};
+  if (kind) arguments["kind"] = *kind;
+  if (limit) arguments["limit"] = *limit;
+  return print_tool(where, "search_symbols", std::move(arguments));
+}
+
+int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle) {
+  return run_daemon(DaemonOptions{idle_exit, worker_idle});
+}
+
+int run_daemon_detach() {
+  return guarded([] {
+    RuntimePaths paths = prepare_runtime_dir();
+    int fd = connect_daemon(paths, true);
+    Json status = first_request(fd, "brenloc/status", Json::object());
+    ::close(fd);
+    std::cout << fmt::format("brenloc daemon running (pid {}, socket {})", status.value("pid", 0),
+                             paths.socket.string())
+              << std::endl;
+    return kExitOk;
+  });
+}
+
+int run_daemon_stop() {
+  return guarded([] {
+    RuntimePaths paths = runtime_paths();
+    int fd = connect_socket(paths.socket);
+    if (fd < 0) {
+      std::cout << "no brenloc daemon runs" << std::endl;
+      return kExitOk;
+    }
+    Json status = first_request(fd, "brenloc/stop", Json::object());
+    ::close(fd);
+    // Stopped once its lock is free: the daemon lets it go last, after its workers and its socket.
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+         std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+      try {
+        utils::OwnerLock::acquire(paths.lock, "the daemon's runtime directory");
+        std::cout << "brenloc daemon stopped" << std::endl;
+        return kExitOk;
+      } catch (const utils::LockBusy&) {
+      }
+    }
+    throw std::runtime_error("the brenloc daemon did not stop within 120 s");
+  });
+}
+
+int run_daemon_status() {
+  return guarded([] {
+    RuntimePaths paths = runtime_paths();
+    int fd = connect_socket(paths.socket);
+    if (fd < 0) throw CommandError(kExitFailed, "no brenloc daemon runs");
+    Json status = first_request(fd, "brenloc/status", Json::object());
+    ::close(fd);
+    std::cout << status.dump(2) << std::endl;
+    return kExitOk;
   });
 }
 

@@ -1,7 +1,11 @@
-// The commands of the brenloc binary. Each runs its own event loop and repository worker and returns
-// the process's exit code.
+// The commands of the brenloc binary; each returns the process's exit code.
+//
+// `reindex`, `status` and `search` go through the user's daemon when one runs (or when `daemon` is set,
+// which starts one), else they run a worker of their own in this process, holding the data directory's
+// lock. Either way they print the same output and end with the same exit codes.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -10,21 +14,34 @@
 namespace brenloc::app {
 
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;   // the reindex ran and failed, or a command failed
-inline constexpr int kExitRefused = 2;  // the request was refused ("failed" or "in_progress")
-inline constexpr int kExitUsage = 64;   // bad command line, missing repository
+inline constexpr int kExitFailed = 1;       // the reindex ran and failed, or a command failed
+inline constexpr int kExitRefused = 2;      // the request was refused ("failed" or "in_progress"), or the
+                                            // data directory is owned by another process
+inline constexpr int kExitUsage = 64;       // bad command line, missing repository, bad tool arguments
+inline constexpr int kExitInterrupted = 130;  // SIGINT or SIGTERM
 
 struct Where {
   std::filesystem::path repo;                    // as given; resolved by the command
   std::optional<std::filesystem::path> data_dir;  // absent: the default for the repository
+  bool start_daemon = false;                      // start the user's daemon when none runs, and use it
 };
 
-// MCP server on stdin/stdout until the input ends or SIGINT/SIGTERM arrives.
-int run_serve(const Where& where);
-// One force_reindex request, run in process; prints the response and the outcome.
+// MCP on stdin/stdout until the input ends or SIGINT/SIGTERM arrives: relayed to the user's daemon, or,
+// `standalone`, served by a worker in this process.
+int run_serve(const Where& where, bool standalone);
+// One force_reindex request; prints the response, the progress and the outcome.
 int run_reindex(const Where& where, bool clear_existing, const std::vector<std::string>& paths);
 int run_status(const Where& where);
 int run_search(const Where& where, const std::string& query, const std::optional<std::string>& kind,
                std::optional<int> limit);
+
+// The user's daemon in the foreground (until SIGTERM, SIGINT, `--stop` or its idle time).
+int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle);
+// Starts the daemon in the background unless one runs; returns once it accepts connections.
+int run_daemon_detach();
+// Asks the running daemon to stop and waits until it has.
+int run_daemon_stop();
+// Prints the running daemon's state as JSON.
+int run_daemon_status();
 
 }  // namespace brenloc::app

@@ -6,7 +6,9 @@ namespace brenloc::app {
 
 using json = nlohmann::ordered_json;
 
-std::vector<mcp::ToolSpec> WorkerTools::tools() const {
+std::vector<mcp::ToolSpec> WorkerTools::tools() const { return worker_tool_specs(); }
+
+std::vector<mcp::ToolSpec> worker_tool_specs() {
   return {
       {"force_reindex",
        "Index the repository again in the background: the whole repository, or the given files and directories. "
@@ -23,13 +25,7 @@ std::vector<mcp::ToolSpec> WorkerTools::tools() const {
 }
 
 aio::Task<json> WorkerTools::call_tool(std::string name, json arguments) {
-  if (name == "force_reindex") co_return co_await worker_._handle_force_reindex(std::move(arguments));
-  if (name == "index_status") {
-    bind_arguments("none", arguments);
-    co_return co_await worker_.index_status();
-  }
-  if (name == "search_symbols") co_return co_await worker_.search_symbols(std::move(arguments));
-  throw mcp::UnknownTool(name);
+  return worker_.call_tool(std::move(name), std::move(arguments));
 }
 
 std::string WorkerTools::level_of(const json& message) {

@@ -8,6 +8,9 @@
 
 namespace brenloc::app {
 
+// The descriptors of a worker's tools (the same for every worker).
+std::vector<mcp::ToolSpec> worker_tool_specs();
+
 class WorkerTools final : public mcp::ToolHost {
  public:
   explicit WorkerTools(daemon::RepoWorker& worker) : worker_(worker) {}

@@ -1,11 +1,21 @@
 // brenloc: a code-indexing daemon for AI coding assistants.
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
 #include <iostream>
 
 #include "brenloc/app/commands.h"
 
 namespace {
+
+// A duration in seconds from the environment, for daemons that clients start.
+long env_seconds(const char* name, long fallback) {
+  const char* v = std::getenv(name);
+  if (v == nullptr || *v == '\0') return fallback;
+  char* end = nullptr;
+  long n = std::strtol(v, &end, 10);
+  return *end == '\0' && n >= 0 ? n : fallback;
+}
 
 std::string one_line(std::string s) {
   for (char& c : s) {
@@ -30,8 +40,16 @@ int main(int argc, char** argv) {
                     "Where the index lives (default: $XDG_DATA_HOME/brenloc/<name>-<hash of the root>)");
   };
 
+  auto add_daemon_flag = [&where](CLI::App* cmd) {
+    cmd->add_flag("--daemon", where.start_daemon,
+                  "Go through the user's daemon, starting it when none runs (by default only a running one is used)");
+  };
+
+  bool standalone = false;
   auto* serve = app.add_subcommand("serve", "Serve the repository's tools over MCP on stdin/stdout");
   add_where(serve);
+  serve->add_flag("--standalone", standalone,
+                  "Serve from a worker in this process instead of the user's shared daemon");
 
   bool clear_existing = false;
   std::vector<std::string> paths;
@@ -40,9 +58,11 @@ int main(int argc, char** argv) {
   reindex->add_flag("--clear-existing", clear_existing,
                     "Rebuild the whole index from scratch; the live index is replaced only when every file was indexed");
   reindex->add_option("paths", paths, "Files or directories to reindex (default: the whole repository)");
+  add_daemon_flag(reindex);
 
   auto* status = app.add_subcommand("status", "Print the state of the repository's index as JSON");
   add_where(status);
+  add_daemon_flag(status);
 
   std::string query;
   std::optional<std::string> kind;
@@ -52,6 +72,22 @@ int main(int argc, char** argv) {
   search->add_option("query", query, "Name, prefix or substring")->required();
   search->add_option("--kind", kind, "Only symbols of this kind");
   search->add_option("--limit", limit, "Largest number of results");
+  add_daemon_flag(search);
+
+  long idle_exit = env_seconds("BRENLOC_DAEMON_IDLE_TIMEOUT", 900);
+  long worker_idle = env_seconds("BRENLOC_WORKER_IDLE_TIMEOUT", 300);
+  bool daemon_stop = false, daemon_status = false, daemon_detach = false;
+  auto* daemon = app.add_subcommand(
+      "daemon", "Run the user's daemon, which owns every repository's worker and serves all sessions (foreground)");
+  daemon->add_option("--idle-timeout", idle_exit, "Exit after this many seconds without a client (0: never)")
+      ->check(CLI::NonNegativeNumber);
+  daemon->add_option("--worker-idle", worker_idle, "Stop a repository's worker after this many seconds without a client")
+      ->check(CLI::NonNegativeNumber);
+  auto* stop_flag = daemon->add_flag("--stop", daemon_stop, "Ask the running daemon to stop, and wait until it has");
+  auto* status_flag = daemon->add_flag("--status", daemon_status, "Print the running daemon's state as JSON");
+  auto* detach_flag = daemon->add_flag("--detach", daemon_detach, "Start the daemon in the background unless one runs");
+  stop_flag->excludes(status_flag)->excludes(detach_flag);
+  status_flag->excludes(detach_flag);
 
   try {
     app.parse(argc, argv);
@@ -66,7 +102,13 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
 
-  if (serve->parsed()) return run_serve(where);
+  if (serve->parsed()) return run_serve(where, standalone);
+  if (daemon->parsed()) {
+    if (daemon_stop) return run_daemon_stop();
+    if (daemon_status) return run_daemon_status();
+    if (daemon_detach) return run_daemon_detach();
+    return run_daemon_foreground(std::chrono::seconds(idle_exit), std::chrono::seconds(worker_idle));
+  }
   if (reindex->parsed()) return run_reindex(where, clear_existing, paths);
   if (status->parsed()) return run_status(where);
   return run_search(where, query, kind, limit);

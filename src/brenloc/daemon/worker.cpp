@@ -52,6 +52,7 @@ RepoWorker::~RepoWorker() = default;
 
 aio::Task<void> RepoWorker::start() {
   fs::create_directories(data_dir);
+  owner_lock_ = utils::OwnerLock::acquire(data_dir / kOwnerLockFile, "the data directory " + data_dir.string());
   _database = _new_database(data_dir / "index.db");
   co_await aio::to_thread([db = _database] {
     db->connect();
@@ -87,6 +88,21 @@ aio::Task<void> RepoWorker::stop_once(RepoWorker* self) {
   co_await self->_passes_lane.shutdown();
   co_await self->_maintenance.shutdown();
   if (self->_database) co_await aio::to_thread([db = self->_database] { db->close(); });
+  self->owner_lock_.release();
+}
+
+bool RepoWorker::busy() const {
+  return (_indexer_task && !_indexer_task->done()) || _indexing_in_progress > 0 || releases_in_flight_ > 0;
+}
+
+aio::Task<json> RepoWorker::call_tool(std::string name, json arguments) {
+  if (name == "force_reindex") co_return co_await force_reindex(std::move(arguments));
+  if (name == "index_status") {
+    bind_arguments("none", arguments);
+    co_return co_await index_status();
+  }
+  if (name == "search_symbols") co_return co_await search_symbols(std::move(arguments));
+  throw UnknownTool(name);
 }
 
 json RepoWorker::_check_repository(std::string_view tool) {

@@ -1,8 +1,10 @@
 // The repository worker: one repository, its live index and the tools that clients call on it.
 //
-// start() opens (or creates) data_dir/index.db and builds the live store, the worker's own indexer and its
-// pass scheduler. stop() refuses new tools, cancels a background run and lets its clean-up finish, drains
-// the passes, waits for the lanes' threads, and only then closes the live database.
+// start() takes the data directory's owner lock (so that no other process writes there while this worker
+// lives), then opens (or creates) data_dir/index.db and builds the live store, the worker's own indexer
+// and its pass scheduler. stop() refuses new tools, cancels a background run and lets its clean-up
+// finish, drains the passes, waits for the lanes' threads, closes the live database and only then lets
+// the lock go. Everything here runs on the event loop.
 #pragma once
 
 #include <chrono>
@@ -11,6 +13,7 @@
 #include <memory>
 
 #include "brenloc/daemon/worker_reindex.h"
+#include "brenloc/utils/owner_lock.h"
 
 namespace brenloc::daemon {
 
@@ -18,13 +21,28 @@ class RepoWorker : public WorkerReindex {
  public:
   using StatusSink = std::function<void(const json& message)>;
 
+  // The lock file that marks the data directory's owner.
+  static constexpr const char* kOwnerLockFile = "brenloc.lock";
+
   // `repo_root` is resolved here (symbolic links followed); `data_dir` is created by start().
   RepoWorker(const std::filesystem::path& repo_root, std::filesystem::path data_dir);
   ~RepoWorker() override;
 
+  // Throws utils::LockBusy, having written nothing, when another process owns the data directory.
   aio::Task<void> start();
   aio::Task<void> stop();
   bool stopping() const { return stopping_; }
+
+  // --- the worker's public face ---
+  // Runs the tool `name` ("force_reindex", "index_status", "search_symbols") with its arguments and gives
+  // its response dictionary. Throws UnknownTool for another name and ArgumentError for bad arguments.
+  aio::Task<json> call_tool(std::string name, json arguments);
+  // The force_reindex tool: the response at once; an accepted run goes on in the background.
+  aio::Task<json> force_reindex(json arguments) { return _handle_force_reindex(std::move(arguments)); }
+  // The background run of the last accepted force_reindex, absent before the first; done once it ended.
+  std::optional<aio::Future<void>> last_run() const { return _indexer_task; }
+  // True while a reindex runs, an index pass is under way or a staging database is being released.
+  bool busy() const;
 
   // --- tools ---
   // {"repo_root", "data_dir", "indexing", "last_reindex_error", "rebuild_refusal", "files", "symbols",
@@ -67,6 +85,7 @@ class RepoWorker : public WorkerReindex {
   std::map<int, StatusSink> sinks_;
   int next_sink_ = 1;
   std::chrono::steady_clock::time_point last_progress_{};
+  utils::OwnerLock owner_lock_;
 };
 
 }  // namespace brenloc::daemon

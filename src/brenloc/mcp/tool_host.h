@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "brenloc/aio/task.h"
+#include "brenloc/tool_binding.h"
 
 namespace brenloc::mcp {
 
@@ -34,9 +35,6 @@ class ToolHost {
   virtual void unsubscribe(int id) = 0;
 };
 
-class UnknownTool : public std::runtime_error {
- public:
-  explicit UnknownTool(const std::string& name) : std::runtime_error("unknown tool '" + name + "'") {}
-};
+using brenloc::UnknownTool;
 
 }  // namespace brenloc::mcp

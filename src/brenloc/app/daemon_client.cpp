@@ -1,0 +1,214 @@
+#include "brenloc/app/daemon_client.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include <fmt/format.h>
+
+namespace brenloc::app {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::uintmax_t kLogRotateBytes = 8u << 20;
+
+int poll_ms(Clock::time_point deadline) {
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left < 0 ? 0 : static_cast<int>(std::min<long long>(left, 200));
+}
+
+}  // namespace
+
+int connect_socket(const fs::path& socket) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  if (socket.native().size() >= sizeof addr.sun_path) return -1;
+  std::memcpy(addr.sun_path, socket.c_str(), socket.native().size() + 1);
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+void spawn_daemon(const RuntimePaths& paths) {
+  // Everything the child needs is made before fork(): after it, a process with threads may only make
+  // async-signal-safe calls until exec.
+  std::error_code ec;
+  if (fs::file_size(paths.log, ec) > kLogRotateBytes && !ec) fs::rename(paths.log, paths.log.string() + ".1", ec);
+  const std::string log = paths.log.string();
+  char arg0[] = "brenloc", arg1[] = "daemon";
+  char* argv[] = {arg0, arg1, nullptr};
+
+  pid_t child = ::fork();
+  if (child < 0) throw DaemonError(fmt::format("cannot start the brenloc daemon: fork: {}", std::strerror(errno)));
+  if (child == 0) {
+    // A session of its own, then a second fork: the daemon is no session leader, so it can never take a
+    // terminal, and no signal sent to the caller's process group or session reaches it.
+    ::setsid();
+    if (::fork() != 0) ::_exit(0);
+    if (::chdir("/") != 0) ::_exit(127);
+    int null = ::open("/dev/null", O_RDONLY);
+    int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0600);
+    if (null < 0 || out < 0) ::_exit(127);
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(out, STDOUT_FILENO);
+    ::dup2(out, STDERR_FILENO);
+    ::close_range(3, ~0U, 0);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) ::signal(sig, SIG_DFL);
+    ::execv("/proc/self/exe", argv);
+    ::_exit(127);
+  }
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+int connect_daemon(const RuntimePaths& paths, bool start) {
+  int fd = connect_socket(paths.socket);
+  if (fd >= 0 || !start) {
+    if (fd < 0) throw DaemonError(fmt::format("no brenloc daemon listens on {}", paths.socket.string()));
+    return fd;
+  }
+  // Started again every second while nobody answers: a daemon that was on its way out when the first one
+  // lost the race for the lock is then replaced too.
+  const auto deadline = Clock::now() + kDaemonStartTimeout;
+  auto next_spawn = Clock::now();
+  auto pause = std::chrono::milliseconds(5);
+  while (Clock::now() < deadline) {
+    if (Clock::now() >= next_spawn) {
+      spawn_daemon(paths);
+      next_spawn = Clock::now() + std::chrono::seconds(1);
+    }
+    std::this_thread::sleep_for(pause);
+    pause = std::min(pause * 2, std::chrono::milliseconds(100));
+    fd = connect_socket(paths.socket);
+    if (fd >= 0) return fd;
+  }
+  throw DaemonError(fmt::format("the brenloc daemon did not start within {} s (its log: {})",
+                                kDaemonStartTimeout.count(), paths.log.string()));
+}
+
+void write_line(int fd, const std::string& line) {
+  std::string data = line + "\n";
+  std::size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) throw DaemonError(fmt::format("the brenloc daemon has gone ({})", std::strerror(errno)));
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  std::string line;
+  for (;;) {
+    pollfd p{fd, POLLIN, 0};
+    int r = ::poll(&p, 1, poll_ms(deadline));
+    if (r < 0 && errno == EINTR) continue;
+    if (r == 0) {
+      if (Clock::now() >= deadline) throw DaemonError("no answer on the daemon's socket in time");
+      continue;
+    }
+    char c = 0;
+    ssize_t n = ::read(fd, &c, 1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (line.empty()) return std::nullopt;
+      return line;
+    }
+    if (c == '\n') return line;
+    if (line.size() >= max_bytes) throw DaemonError("an overlong first line on the daemon's socket");
+    line.push_back(c);
+  }
+}
+
+Json first_request(int fd, const std::string& method, Json params) {
+  write_line(fd, Json{{"jsonrpc", "2.0"}, {"id", 0}, {"method", method}, {"params", std::move(params)}}.dump());
+  auto line = read_line_unbuffered(fd, 1 << 20, kAttachTimeout);
+  if (!line) throw DaemonError("the brenloc daemon closed the connection without answering");
+  Json answer = Json::parse(*line, nullptr, false);
+  if (answer.is_discarded() || !answer.is_object()) throw DaemonError("the brenloc daemon answered nonsense");
+  if (answer.contains("error")) {
+    const Json& e = answer["error"];
+    throw RpcError(e.value("code", 0), e.value("message", std::string("refused")));
+  }
+  return answer.value("result", Json::object());
+}
+
+DaemonClient::~DaemonClient() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void DaemonClient::initialize() {
+  request("initialize", Json{{"protocolVersion", "2025-11-25"},
+                             {"capabilities", Json::object()},
+                             {"clientInfo", {{"name", "brenloc"}, {"version", BRENLOC_VERSION}}}});
+  write_line(fd_, Json{{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}}.dump());
+}
+
+Json DaemonClient::request(const std::string& method, Json params, const OnNotification& on_note) {
+  const long long id = next_id_++;
+  write_line(fd_, Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(params)}}.dump());
+  for (;;) {
+    Json m = read_message();
+    if (m.contains("method")) {
+      if (on_note) on_note(m);
+      continue;
+    }
+    if (m.value("id", Json()) != Json(id)) continue;
+    if (m.contains("error")) {
+      const Json& e = m["error"];
+      throw RpcError(e.value("code", 0), e.value("message", std::string("error")));
+    }
+    return m.value("result", Json::object());
+  }
+}
+
+Json DaemonClient::next_notification() {
+  for (;;) {
+    Json m = read_message();
+    if (m.contains("method")) return m;
+  }
+}
+
+Json DaemonClient::read_message() {
+  for (;;) {
+    if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
+      std::string line = buffer_.substr(0, nl);
+      buffer_.erase(0, nl + 1);
+      Json m = Json::parse(line, nullptr, false);
+      if (m.is_discarded() || !m.is_object()) throw DaemonError("the brenloc daemon sent a line that is not JSON");
+      return m;
+    }
+    if (interrupted && interrupted()) throw Interrupted();
+    pollfd p{fd_, POLLIN, 0};
+    int r = ::poll(&p, 1, 200);
+    if (r <= 0) continue;  // a timeout or a signal: look at the interruption first
+    char chunk[65536];
+    ssize_t n = ::read(fd_, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) throw DaemonError("the brenloc daemon went away (the connection closed)");
+    buffer_.append(chunk, static_cast<std::size_t>(n));
+  }
+}
+
+}  // namespace brenloc::app

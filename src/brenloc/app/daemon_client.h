@@ -1,0 +1,102 @@
+// Reaching the user's daemon from a client process (`serve`, the command line): connecting to its socket,
+// starting it in the background when asked and none runs, attaching to a repository's worker, and a small
+// blocking JSON-RPC client for the command line.
+//
+// The socket speaks MCP, one JSON-RPC message per line, after a first request that names the repository:
+//   {"jsonrpc": "2.0", "id": 0, "method": "brenloc/attach", "params": {"repo_root": R, "data_dir": D}}
+// answered with {"repo_root", "data_dir", "pid", "version"} or an error whose message says why (the data
+// directory owned by another process, a root that is not a directory, a daemon that is stopping).
+// "brenloc/status" and "brenloc/stop" as first requests ask the daemon itself.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "brenloc/app/runtime_dir.h"
+
+namespace brenloc::app {
+
+using Json = nlohmann::ordered_json;
+
+// The daemon could not be reached or started, or it refused (the message says which and why).
+class DaemonError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A JSON-RPC error answered by the daemon.
+class RpcError : public std::runtime_error {
+ public:
+  RpcError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+// The user pressed Ctrl-C (or SIGTERM came) while a blocking client waited.
+class Interrupted : public std::runtime_error {
+ public:
+  Interrupted() : std::runtime_error("interrupted") {}
+};
+
+inline constexpr std::chrono::seconds kDaemonStartTimeout{10};
+inline constexpr std::chrono::seconds kAttachTimeout{30};
+
+// A connected socket to the daemon, or -1 when nobody listens (no socket file, or a stale one).
+int connect_socket(const std::filesystem::path& socket);
+
+// Starts `brenloc daemon` in the background (its own session, detached from the caller's process group
+// and terminal, output to the log), without waiting for it.
+void spawn_daemon(const RuntimePaths& paths);
+
+// A socket to the daemon, started first when none listens and `start` is set. Throws DaemonError.
+// Many callers at once end with one daemon: the others lose the race for its lock and exit.
+int connect_daemon(const RuntimePaths& paths, bool start);
+
+// Writes one line (a newline is added). Throws DaemonError when the daemon has gone.
+void write_line(int fd, const std::string& line);
+
+// Reads one line byte by byte, so that nothing after it is taken from the descriptor. Absent at the end of
+// input; throws DaemonError after `timeout` or past `max_bytes`.
+std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, std::chrono::milliseconds timeout);
+
+// Sends the first request `method` and returns its result; RpcError for the daemon's refusal.
+Json first_request(int fd, const std::string& method, Json params);
+
+// A blocking JSON-RPC client on a socket attached to a worker (the command line's way to the daemon).
+class DaemonClient {
+ public:
+  using OnNotification = std::function<void(const Json& message)>;
+
+  explicit DaemonClient(int fd) : fd_(fd) {}
+  ~DaemonClient();
+  DaemonClient(const DaemonClient&) = delete;
+  DaemonClient& operator=(const DaemonClient&) = delete;
+
+  // The MCP handshake.
+  void initialize();
+  // A request's result; RpcError for an error answer. Notifications that arrive meanwhile go to `on_note`.
+  Json request(const std::string& method, Json params, const OnNotification& on_note = {});
+  // Waits for the next notification and returns it; DaemonError when the daemon goes away.
+  Json next_notification();
+
+  // Checked while waiting: when it returns true, the wait ends with Interrupted.
+  std::function<bool()> interrupted;
+
+ private:
+  Json read_message();
+  int fd_;
+  std::string buffer_;
+  long long next_id_ = 1;
+};
+
+}  // namespace brenloc::app

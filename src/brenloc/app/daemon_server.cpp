@@ -1,0 +1,425 @@
+#include "brenloc/app/daemon_server.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <iostream>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <variant>
+
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <fmt/format.h>
+
+#include "brenloc/aio/task.h"
+#include "brenloc/aio/thread.h"
+#include "brenloc/aio/timer.h"
+#include "brenloc/app/daemon_client.h"
+#include "brenloc/app/runtime_dir.h"
+#include "brenloc/app/worker_tools.h"
+#include "brenloc/daemon/worker.h"
+#include "brenloc/mcp/protocol.h"
+#include "brenloc/mcp/server.h"
+#include "brenloc/utils/logging.h"
+#include "brenloc/utils/owner_lock.h"
+
+namespace brenloc::app {
+
+namespace fs = std::filesystem;
+namespace asio = boost::asio;
+using Clock = std::chrono::steady_clock;
+using local = asio::local::stream_protocol;
+
+namespace {
+
+std::shared_ptr<spdlog::logger> logger() { return utils::get_logger("brenloc.daemon"); }
+
+constexpr int kAttachRefused = -32001;
+constexpr std::chrono::seconds kFirstLineTimeout{10};
+constexpr std::chrono::seconds kSweepInterval{1};
+
+using WorkerKey = std::pair<fs::path, fs::path>;  // (repository root, data directory)
+
+struct Entry {
+  std::unique_ptr<daemon::RepoWorker> worker;
+  aio::Future<void> started;
+  std::optional<aio::Future<void>> stopped;  // set once the worker is being stopped
+  int clients = 0;
+  std::optional<Clock::time_point> idle_since;
+};
+
+struct Session {
+  int fd = -1;
+  bool attached = false;
+  std::shared_ptr<aio::FutureState<void>> end = std::make_shared<aio::FutureState<void>>();
+  aio::Future<void> task;
+};
+
+void reply(int fd, const mcp::Json& message) {
+  try {
+    write_line(fd, mcp::serialize(message));
+  } catch (const DaemonError&) {
+    // The client has gone; its session ends when its input does.
+  }
+}
+
+aio::Task<void> set_when_done(aio::Future<void> f, std::shared_ptr<aio::FutureState<void>> target) {
+  co_await aio::shield(f);
+  target->set_result();
+}
+
+class Daemon {
+ public:
+  Daemon(aio::EventLoop& loop, RuntimePaths paths, DaemonOptions options, local::acceptor acceptor)
+      : loop_(loop), paths_(std::move(paths)), options_(options), acceptor_(std::move(acceptor)),
+        signals_(loop.context(), SIGINT, SIGTERM), started_(Clock::now()) {}
+
+  aio::Task<void> run() {
+    signals_.async_wait([this](const boost::system::error_code& ec, int sig) {
+      if (!ec) request_stop(sig == SIGINT ? "SIGINT" : "SIGTERM");
+    });
+    accept_next();
+    auto sweeper = aio::spawn(sweep_loop(this));
+    co_await aio::shield(aio::Future<void>(stop_requested_));
+    sweeper.cancel();
+    co_await shutdown();
+  }
+
+ private:
+  void request_stop(const std::string& why) {
+    if (stop_requested_->done()) return;
+    logger()->info("Stopping ({})", why);
+    stopping_ = true;
+    stop_requested_->set_result();
+  }
+
+  void accept_next() {
+    acceptor_.async_accept([this](const boost::system::error_code& ec, local::socket socket) {
+      if (ec) {
+        if (!stopping_) {
+          logger()->warn("Accepting a connection failed: {}", ec.message());
+          accept_next();
+        }
+        return;
+      }
+      int fd = socket.release();
+      accept_next();
+      on_connection(fd);
+    });
+  }
+
+  void on_connection(int fd) {
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    ucred peer{};
+    socklen_t len = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0 || peer.uid != ::getuid()) {
+      logger()->warn("Refused a connection from uid {} (pid {}): this daemon serves uid {} only", peer.uid, peer.pid,
+                     ::getuid());
+      ::close(fd);
+      return;
+    }
+    if (stopping_) {
+      ::close(fd);
+      return;
+    }
+    auto session = std::make_shared<Session>();
+    session->fd = fd;
+    sessions_.push_back(session);
+    idle_since_.reset();
+    session->task = aio::spawn(run_session(this, session), &loop_);
+  }
+
+  static aio::Task<void> run_session(Daemon* self, std::shared_ptr<Session> s) {
+    try {
+      co_await self->handle_session(*s);
+    } catch (const std::exception& e) {
+      logger()->warn("A client session failed: {}", e.what());
+    }
+    ::close(s->fd);
+    self->sessions_.remove(s);
+    if (self->sessions_.empty()) self->idle_since_ = Clock::now();
+  }
+
+  aio::Task<void> handle_session(Session& s) {
+    const int fd = s.fd;
+    std::optional<std::string> line;
+    try {
+      line = co_await aio::to_thread([fd] {
+        return read_line_unbuffered(fd, 64 * 1024, std::chrono::duration_cast<std::chrono::milliseconds>(kFirstLineTimeout));
+      });
+    } catch (const DaemonError& e) {
+      logger()->info("A client sent no first request: {}", e.what());
+      co_return;
+    }
+    if (!line || stopping_) co_return;
+    mcp::Incoming m = mcp::parse_message(*line);
+    if (m.kind != mcp::Incoming::Kind::request) {
+      reply(fd, mcp::make_error(m.id, mcp::kInvalidRequest, "Invalid Request: the first message must be a request"));
+      co_return;
+    }
+    if (m.method == "brenloc/attach") {
+      co_await attach_and_serve(s, m);
+    } else if (m.method == "brenloc/status") {
+      reply(fd, mcp::make_result(m.id, status()));
+    } else if (m.method == "brenloc/stop") {
+      reply(fd, mcp::make_result(m.id, mcp::Json::object()));
+      request_stop("asked by a client");
+    } else {
+      reply(fd, mcp::make_error(m.id, mcp::kMethodNotFound,
+                                "Method not found: " + m.method + " (attach first with brenloc/attach)"));
+    }
+  }
+
+  // The key of an attach request, or the reason to refuse it.
+  static std::variant<WorkerKey, std::string> key_of(const mcp::Json& params) {
+    auto path_param = [&](const char* name) -> std::optional<fs::path> {
+      if (!params.is_object() || !params.contains(name) || !params[name].is_string()) return std::nullopt;
+      fs::path p = params[name].get<std::string>();
+      if (!p.is_absolute()) return std::nullopt;
+      return p.lexically_normal();
+    };
+    auto root = path_param("repo_root");
+    auto data = path_param("data_dir");
+    if (!root || !data) return std::string("\"repo_root\" and \"data_dir\" must be absolute paths");
+    std::error_code ec;
+    fs::path resolved = fs::canonical(*root, ec);
+    if (ec || !fs::is_directory(resolved, ec)) return fmt::format("repository {} is not a directory", root->string());
+    return WorkerKey{resolved, *data};
+  }
+
+  aio::Task<void> attach_and_serve(Session& s, const mcp::Incoming& m) {
+    auto key = key_of(m.params);
+    if (auto* why = std::get_if<std::string>(&key)) {
+      reply(s.fd, mcp::make_error(m.id, mcp::kInvalidParams, *why));
+      co_return;
+    }
+    const WorkerKey& k = std::get<WorkerKey>(key);
+    std::shared_ptr<Entry> entry;
+    try {
+      entry = co_await acquire(k);
+    } catch (const aio::Cancelled&) {
+      throw;
+    } catch (const std::exception& e) {
+      logger()->warn("Refused to attach a client to {}: {}", k.first.string(), e.what());
+      reply(s.fd, mcp::make_error(m.id, kAttachRefused, e.what()));
+      co_return;
+    }
+    reply(s.fd, mcp::make_result(m.id, mcp::Json{{"repo_root", k.first.string()},
+                                                  {"data_dir", k.second.string()},
+                                                  {"pid", ::getpid()},
+                                                  {"version", BRENLOC_VERSION}}));
+    s.attached = true;
+    std::exception_ptr failure;
+    try {
+      WorkerTools tools(*entry->worker);
+      mcp::McpServer server(loop_, tools, s.fd, s.fd);
+      server.start();
+      auto watcher = aio::spawn(set_when_done(server.input_ended(), s.end));
+      co_await aio::shield(aio::Future<void>(s.end));
+      watcher.cancel();
+      co_await server.stop();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    release(entry);
+    if (failure) std::rethrow_exception(failure);
+  }
+
+  // The started worker of `key`, created when there is none; counts the caller as a client.
+  aio::Task<std::shared_ptr<Entry>> acquire(WorkerKey key) {
+    for (;;) {
+      if (stopping_) throw DaemonError("the brenloc daemon is stopping");
+      auto it = workers_.find(key);
+      if (it != workers_.end() && it->second->stopped) {
+        // The old worker lets its lock go when its stop ends; a new one is made after that.
+        aio::Future<void> stopped = *it->second->stopped;
+        co_await aio::shield(stopped);
+        continue;
+      }
+      if (it == workers_.end()) {
+        auto e = std::make_shared<Entry>();
+        e->worker = std::make_unique<daemon::RepoWorker>(key.first, key.second);
+        e->started = aio::spawn(e->worker->start(), &loop_);
+        it = workers_.emplace(key, e).first;
+        logger()->info("Starting the worker of {} (data directory {})", key.first.string(), key.second.string());
+      }
+      std::shared_ptr<Entry> e = it->second;
+      ++e->clients;
+      e->idle_since.reset();
+      std::exception_ptr failure;
+      try {
+        co_await aio::shield(e->started);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+      if (!failure) co_return e;
+      --e->clients;
+      if (!e->stopped && !aio::is_cancellation(failure)) e->stopped = aio::spawn(stop_entry(this, key, e), &loop_);
+      std::rethrow_exception(failure);
+    }
+  }
+
+  void release(const std::shared_ptr<Entry>& e) {
+    if (--e->clients == 0) e->idle_since = Clock::now();
+  }
+
+  static aio::Task<void> stop_entry(Daemon* self, WorkerKey key, std::shared_ptr<Entry> e) {
+    try {
+      co_await e->worker->stop();
+    } catch (const std::exception& ex) {
+      logger()->error("Stopping the worker of {} failed: {}", key.first.string(), ex.what());
+    }
+    auto it = self->workers_.find(key);
+    if (it != self->workers_.end() && it->second == e) self->workers_.erase(it);
+    if (e->started.state()->state() == aio::FutureBase::State::finished) {
+      logger()->info("Stopped the worker of {}", key.first.string());
+    }
+  }
+
+  static aio::Task<void> sweep_loop(Daemon* self) {
+    for (;;) {
+      co_await aio::sleep_for(kSweepInterval);
+      self->sweep();
+    }
+  }
+
+  // Stops workers idle for long enough, and the daemon when nobody has used it for long enough.
+  void sweep() {
+    const auto now = Clock::now();
+    bool busy = false;
+    for (auto& [key, e] : workers_) {
+      if (e->stopped) continue;
+      if (!e->started.done() || e->worker->busy()) {
+        busy = true;
+        if (e->clients == 0) e->idle_since = now;  // the idle time counts from the run's end
+        continue;
+      }
+      if (e->clients > 0) continue;
+      if (!e->idle_since) e->idle_since = now;
+      if (now - *e->idle_since >= options_.worker_idle) {
+        logger()->info("Stopping the worker of {}: no client for {} s", key.first.string(),
+                       options_.worker_idle.count());
+        e->stopped = aio::spawn(stop_entry(this, key, e), &loop_);
+      }
+    }
+    if (!sessions_.empty() || busy) {
+      idle_since_.reset();
+      return;
+    }
+    if (!idle_since_) idle_since_ = now;
+    if (options_.idle_exit.count() > 0 && now - *idle_since_ >= options_.idle_exit) {
+      request_stop(fmt::format("no client for {} s", options_.idle_exit.count()));
+    }
+  }
+
+  mcp::Json status() const {
+    mcp::Json workers = mcp::Json::array();
+    for (const auto& [key, e] : workers_) {
+      workers.push_back(mcp::Json{{"repo_root", key.first.string()},
+                                  {"data_dir", key.second.string()},
+                                  {"clients", e->clients},
+                                  {"busy", e->started.done() && !e->stopped && e->worker->busy()},
+                                  {"stopping", e->stopped.has_value()}});
+    }
+    auto uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started_).count();
+    return mcp::Json{{"pid", ::getpid()},          {"version", BRENLOC_VERSION},
+                     {"socket", paths_.socket.string()}, {"uptime_seconds", uptime},
+                     {"sessions", sessions_.size()}, {"workers", workers}};
+  }
+
+  aio::Task<void> shutdown() {
+    boost::system::error_code ignored;
+    acceptor_.close(ignored);
+    signals_.cancel(ignored);
+    // Sessions first (their servers stop and their clients see the end), then the workers.
+    std::vector<std::shared_ptr<aio::FutureBase>> tasks;
+    for (auto& s : sessions_) {
+      s->end->set_result();
+      if (!s->attached) ::shutdown(s->fd, SHUT_RDWR);  // ends a wait for the first request
+      tasks.push_back(s->task.base());
+    }
+    co_await aio::wait_all(std::move(tasks));
+    std::vector<std::shared_ptr<aio::FutureBase>> stops;
+    for (auto& [key, e] : workers_) {
+      if (!e->stopped) {
+        co_await aio::wait_all({e->started.base()});
+        e->stopped = aio::spawn(stop_entry(this, key, e), &loop_);
+      }
+      stops.push_back(e->stopped->base());
+    }
+    co_await aio::wait_all(std::move(stops));
+    std::error_code ec;
+    fs::remove(paths_.socket, ec);
+    logger()->info("Stopped");
+  }
+
+  aio::EventLoop& loop_;
+  RuntimePaths paths_;
+  DaemonOptions options_;
+  local::acceptor acceptor_;
+  asio::signal_set signals_;
+  Clock::time_point started_;
+  std::shared_ptr<aio::FutureState<void>> stop_requested_ = std::make_shared<aio::FutureState<void>>();
+  bool stopping_ = false;
+  std::list<std::shared_ptr<Session>> sessions_;
+  std::map<WorkerKey, std::shared_ptr<Entry>> workers_;
+  std::optional<Clock::time_point> idle_since_ = Clock::now();
+};
+
+// Binds the socket with no permission for anyone else, over a stale socket file left by a daemon that
+// died (only the holder of the daemon lock ever removes or binds it).
+local::acceptor listen_on(aio::EventLoop& loop, const fs::path& socket) {
+  std::error_code ec;
+  fs::remove(socket, ec);
+  local::acceptor acceptor(loop.context());
+  acceptor.open();
+  mode_t old = ::umask(0177);
+  boost::system::error_code bind_ec;
+  acceptor.bind(local::endpoint(socket.string()), bind_ec);
+  ::umask(old);
+  if (bind_ec) throw std::system_error(bind_ec, "cannot listen on " + socket.string());
+  ::chmod(socket.c_str(), 0600);
+  acceptor.listen();
+  return acceptor;
+}
+
+}  // namespace
+
+int run_daemon(const DaemonOptions& options) {
+  RuntimePaths paths;
+  utils::OwnerLock lock;
+  try {
+    paths = prepare_runtime_dir();
+    lock = utils::OwnerLock::acquire(paths.lock, "the brenloc daemon's runtime directory " + paths.dir.string());
+  } catch (const utils::LockBusy& e) {
+    std::cerr << fmt::format("brenloc: a brenloc daemon already runs for this user (pid {}, socket {})\n",
+                             e.owner(), paths.socket.string());
+    return 2;
+  } catch (const std::exception& e) {
+    std::cerr << "brenloc: " << e.what() << "\n";
+    return 2;
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGHUP, SIG_IGN);
+  try {
+    aio::EventLoop loop;
+    Daemon daemon(loop, paths, options, listen_on(loop, paths.socket));
+    logger()->info("brenloc {} daemon listening on {} (pid {})", BRENLOC_VERSION, paths.socket.string(), ::getpid());
+    aio::run_until_complete(loop, daemon.run());
+  } catch (const std::exception& e) {
+    utils::log_exception(*logger(), "The daemon failed", std::current_exception());
+    std::error_code ec;
+    fs::remove(paths.socket, ec);
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace brenloc::app

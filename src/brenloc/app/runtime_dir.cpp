@@ -1,0 +1,72 @@
+#include "brenloc/app/runtime_dir.h"
+
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace brenloc::app {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path runtime_dir_path() {
+  if (const char* xdg = std::getenv("XDG_RUNTIME_DIR"); xdg != nullptr && *xdg == '/') {
+    return fs::path(xdg) / "brenloc";
+  }
+  const char* tmp = std::getenv("TMPDIR");
+  fs::path base = tmp != nullptr && *tmp == '/' ? fs::path(tmp) : fs::path("/tmp");
+  return base / fmt::format("brenloc-{}", ::getuid());
+}
+
+// Refuses a directory that is a link, someone else's, or open to others.
+void check_private(const fs::path& dir) {
+  struct stat st {};
+  if (::lstat(dir.c_str(), &st) != 0) {
+    throw RuntimeDirError(fmt::format("the runtime directory {} cannot be examined: {}", dir.string(),
+                                      std::strerror(errno)));
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    throw RuntimeDirError(fmt::format("the runtime directory {} is not a directory{}", dir.string(),
+                                      S_ISLNK(st.st_mode) ? " (it is a symbolic link)" : ""));
+  }
+  if (st.st_uid != ::getuid()) {
+    throw RuntimeDirError(fmt::format("the runtime directory {} belongs to uid {}, not to you (uid {}): someone "
+                                      "else made it, so brenloc will not use it",
+                                      dir.string(), st.st_uid, ::getuid()));
+  }
+  if ((st.st_mode & 077) != 0) {
+    throw RuntimeDirError(fmt::format("the runtime directory {} has mode {:04o}; it must be 0700 (closed to other "
+                                      "users): fix it with chmod 700 or remove it",
+                                      dir.string(), st.st_mode & 07777));
+  }
+}
+
+}  // namespace
+
+RuntimePaths runtime_paths() {
+  fs::path dir = runtime_dir_path();
+  return {dir, dir / "daemon.sock", dir / "daemon.lock", dir / "daemon.log"};
+}
+
+RuntimePaths prepare_runtime_dir() {
+  RuntimePaths paths = runtime_paths();
+  if (::mkdir(paths.dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    throw RuntimeDirError(fmt::format("cannot create the runtime directory {}: {}", paths.dir.string(),
+                                      std::strerror(errno)));
+  }
+  check_private(paths.dir);
+  if (paths.socket.native().size() >= sizeof(sockaddr_un{}.sun_path)) {
+    throw RuntimeDirError(fmt::format("the socket path {} is too long for a Unix socket ({} bytes at most)",
+                                      paths.socket.string(), sizeof(sockaddr_un{}.sun_path) - 1));
+  }
+  return paths;
+}
+
+}  // namespace brenloc::app

@@ -1,0 +1,30 @@
+// Where the user's daemon keeps its socket, its lock and its log: $XDG_RUNTIME_DIR/brenloc, or, where that
+// variable is unset, $TMPDIR/brenloc-<uid> (TMPDIR defaults to /tmp). The directory is created with mode
+// 0700 and, whether made now or found, must be a directory (not a link) owned by this user that nobody
+// else may enter; anything else is refused with a message that says why, never used.
+#pragma once
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace brenloc::app {
+
+struct RuntimePaths {
+  std::filesystem::path dir;
+  std::filesystem::path socket;  // daemon.sock: the daemon's Unix socket
+  std::filesystem::path lock;    // daemon.lock: held by the one daemon, with its pid
+  std::filesystem::path log;     // daemon.log: the log of a daemon started in the background
+};
+
+class RuntimeDirError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The paths, without touching the file system.
+RuntimePaths runtime_paths();
+
+// The paths, with the directory created when missing and checked as above. Throws RuntimeDirError.
+RuntimePaths prepare_runtime_dir();
+
+}  // namespace brenloc::app
