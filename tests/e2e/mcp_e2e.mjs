@@ -31,7 +31,9 @@ const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 // An SDK client connected to a fresh server, collecting the log notifications it receives.
 async function connect() {
-  const transport = new StdioClientTransport({ command, args, stderr: 'inherit' });
+  // The whole environment: the SDK passes only a few variables by default, and the server's daemon is found
+  // through XDG_RUNTIME_DIR.
+  const transport = new StdioClientTransport({ command, args, stderr: 'inherit', env: process.env });
   const client = new Client({ name: 'brenloc-e2e', version: '1.0.0' });
   const messages = [];
   client.setNotificationHandler(LoggingMessageNotificationSchema, (n) => messages.push(n.params));

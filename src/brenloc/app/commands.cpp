@@ -197,9 +197,25 @@ void catch_interrupts() {
   ::sigaction(SIGTERM, &sa, nullptr);
 }
 
+// A client attached to the repository's worker through the daemon of `paths`, or null when none listens
+// (and none is to be started). A refusal of the daemon (the data directory owned by another process,
+// say) is the command's refusal.
+std::unique_ptr<DaemonClient> attach(const RuntimePaths& paths, const Resolved& r, bool start) {
+  int fd = -1;
+  try {
+    fd = attach_worker(paths, r.root, r.data_dir, start);
+  } catch (const RpcError& e) {
+    throw CommandError(kExitRefused, e.what());
+  }
+  if (fd < 0) return nullptr;
+  auto client = std::make_unique<DaemonClient>(fd);
+  client->interrupted = [] { return g_interrupted.load(); };
+  client->initialize();
+  return client;
+}
+
 // A client of the user's daemon attached to the repository's worker, or null when no daemon runs (and
-// none is to be started). A refusal of the daemon (the data directory owned by another process, say)
-// is the command's refusal.
+// none is to be started).
 std::unique_ptr<DaemonClient> reach_daemon(const Resolved& r, bool start) {
   RuntimePaths paths;
   try {
@@ -208,17 +224,22 @@ std::unique_ptr<DaemonClient> reach_daemon(const Resolved& r, bool start) {
     if (start) throw CommandError(kExitRefused, e.what());
     return nullptr;  // no usable runtime directory: no daemon of ours can be there
   }
-  int fd = start ? connect_daemon(paths, true) : connect_socket(paths.socket);
-  if (fd < 0) return nullptr;
-  auto client = std::make_unique<DaemonClient>(fd);
+  return attach(paths, r, start);
+}
+
+// The daemon that owns the data directory, as its lock file names it, when that is a daemon of this user
+// that listens (one started with another runtime directory); else null.
+std::unique_ptr<DaemonClient> reach_owner(const Resolved& r, const utils::LockBusy& busy) {
+  if (busy.note().rfind(kOwnerSocketNote, 0) != 0) return nullptr;
+  RuntimePaths paths;
+  paths.socket = busy.note().substr(kOwnerSocketNote.size());
+  paths.dir = paths.socket.parent_path();
   try {
-    first_request(fd, "brenloc/attach", json{{"repo_root", r.root.string()}, {"data_dir", r.data_dir.string()}});
-  } catch (const RpcError& e) {
-    throw CommandError(kExitRefused, e.what());
+    verify_private_dir(paths.dir);
+  } catch (const RuntimeDirError&) {
+    return nullptr;
   }
-  client->interrupted = [] { return g_interrupted.load(); };
-  client->initialize();
-  return client;
+  return attach(paths, r, false);
 }
 
 // A tool's response dictionary through the daemon; a refusal of the arguments is a usage error.
@@ -228,7 +249,11 @@ json call_tool(DaemonClient& client, const std::string& name, json arguments,
   try {
     result = client.request("tools/call", json{{"name", name}, {"arguments", std::move(arguments)}}, on_note);
   } catch (const RpcError& e) {
-    if (e.code() == mcp::kInvalidParams) throw UsageError(e.what());
+    // The same text as in this process, without the protocol's prefix.
+    constexpr std::string_view prefix = "Invalid params: ";
+    std::string text = e.what();
+    if (text.rfind(prefix, 0) == 0) text.erase(0, prefix.size());
+    if (e.code() == mcp::kInvalidParams) throw UsageError(text);
     throw;
   }
   if (result.contains("structuredContent")) return result["structuredContent"];
@@ -293,15 +318,21 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
 int print_tool(const Where& where, const std::string& name, json arguments) {
   return guarded([&] {
     Resolved r = resolve(where);
-    if (auto client = reach_daemon(r, where.start_daemon)) {
-      std::cout << call_tool(*client, name, std::move(arguments)).dump(2) << std::endl;
+    auto through = [&](DaemonClient& client) {
+      std::cout << call_tool(client, name, arguments).dump(2) << std::endl;
       return kExitOk;
+    };
+    if (auto client = reach_daemon(r, where.start_daemon)) return through(*client);
+    try {
+      return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
+        json answer = co_await worker.call_tool(name, arguments);
+        std::cout << answer.dump(2) << std::endl;
+        co_return kExitOk;
+      });
+    } catch (const utils::LockBusy& busy) {
+      if (auto client = reach_owner(r, busy)) return through(*client);
+      throw;
     }
-    return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
-      json answer = co_await worker.call_tool(name, arguments);
-      std::cout << answer.dump(2) << std::endl;
-      co_return kExitOk;
-    });
   });
 }
 
@@ -351,12 +382,18 @@ int run_reindex(const Where& where, bool clear_existing, const std::vector<std::
     Resolved r = resolve(where);
     catch_interrupts();
     if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments);
-    // The worker's loop takes the signals from here on.
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    return with_worker(r, [&](aio::EventLoop& loop, daemon::RepoWorker& worker) {
-      return reindex_in_process(loop, worker, arguments);
-    });
+    try {
+      // The worker's loop takes the signals in this process.
+      std::signal(SIGINT, SIG_DFL);
+      std::signal(SIGTERM, SIG_DFL);
+      return with_worker(r, [&](aio::EventLoop& loop, daemon::RepoWorker& worker) {
+        return reindex_in_process(loop, worker, arguments);
+      });
+    } catch (const utils::LockBusy& busy) {
+      catch_interrupts();
+      if (auto client = reach_owner(r, busy)) return reindex_via_daemon(*client, arguments);
+      throw;
+    }
   });
 }
 

@@ -106,6 +106,26 @@ int connect_daemon(const RuntimePaths& paths, bool start) {
                                 kDaemonStartTimeout.count(), paths.log.string()));
 }
 
+int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const fs::path& data_dir, bool start) {
+  const Json params = {{"repo_root", repo_root.string()}, {"data_dir", data_dir.string()}};
+  for (int attempt = 1;; ++attempt) {
+    int fd = start ? connect_daemon(paths, true) : connect_socket(paths.socket);
+    if (fd < 0) return -1;
+    try {
+      first_request(fd, "brenloc/attach", params);
+      return fd;
+    } catch (const DaemonError&) {
+      ::close(fd);
+      // A daemon on its way out still accepts for a moment: the next attempt starts a new one.
+      if (attempt == 3) throw;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50 * attempt));
+    } catch (...) {
+      ::close(fd);
+      throw;
+    }
+  }
+}
+
 void write_line(int fd, const std::string& line) {
   std::string data = line + "\n";
   std::size_t done = 0;

@@ -17,6 +17,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -48,6 +49,9 @@ class Interrupted : public std::runtime_error {
   Interrupted() : std::runtime_error("interrupted") {}
 };
 
+// How the daemon's workers name, in their data directories' lock files, the socket that reaches them.
+inline constexpr std::string_view kOwnerSocketNote = "socket ";
+
 inline constexpr std::chrono::seconds kDaemonStartTimeout{10};
 inline constexpr std::chrono::seconds kAttachTimeout{30};
 
@@ -61,6 +65,13 @@ void spawn_daemon(const RuntimePaths& paths);
 // A socket to the daemon, started first when none listens and `start` is set. Throws DaemonError.
 // Many callers at once end with one daemon: the others lose the race for its lock and exit.
 int connect_daemon(const RuntimePaths& paths, bool start);
+
+// A socket attached to the worker of (`repo_root`, `data_dir`) in the daemon (started first when none
+// listens and `start` is set), or -1 when none listens and `start` is not set. A daemon that dies while it
+// is being reached (it closes the connection unanswered) is replaced and tried again. Throws RpcError for
+// the daemon's refusal, DaemonError when no daemon could be reached.
+int attach_worker(const RuntimePaths& paths, const std::filesystem::path& repo_root,
+                  const std::filesystem::path& data_dir, bool start);
 
 // Writes one line (a newline is added). Throws DaemonError when the daemon has gone.
 void write_line(int fd, const std::string& line);

@@ -246,6 +246,7 @@ class Daemon {
       if (it == workers_.end()) {
         auto e = std::make_shared<Entry>();
         e->worker = std::make_unique<daemon::RepoWorker>(key.first, key.second);
+        e->worker->set_owner_note(std::string(kOwnerSocketNote) + paths_.socket.string());
         e->started = aio::spawn(e->worker->start(), &loop_);
         it = workers_.emplace(key, e).first;
         logger()->info("Starting the worker of {} (data directory {})", key.first.string(), key.second.string());

@@ -141,6 +141,11 @@ struct McpBridge::Core : std::enable_shared_from_this<Core> {
         waiting.push_back(std::move(line));
         break;
       case Link::down:
+        // Only a request is worth starting a daemon for; a notification has nobody to reach.
+        if (mcp::parse_message(line).kind != mcp::Incoming::Kind::request) {
+          answer_alone(line);
+          break;
+        }
         waiting.push_back(std::move(line));
         connect();
         break;
@@ -198,17 +203,7 @@ struct McpBridge::Core : std::enable_shared_from_this<Core> {
     int fd = -1;
     std::string failure;
     try {
-      fd = co_await aio::to_thread([t]() -> int {
-        int fd = connect_daemon(t.paths, true);
-        try {
-          first_request(fd, "brenloc/attach",
-                        Json{{"repo_root", t.repo_root.string()}, {"data_dir", t.data_dir.string()}});
-        } catch (...) {
-          ::close(fd);
-          throw;
-        }
-        return fd;
-      });
+      fd = co_await aio::to_thread([t] { return attach_worker(t.paths, t.repo_root, t.data_dir, true); });
     } catch (const std::exception& e) {
       failure = e.what();
     }

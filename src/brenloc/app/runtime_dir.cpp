@@ -20,13 +20,21 @@ fs::path runtime_dir_path() {
   if (const char* xdg = std::getenv("XDG_RUNTIME_DIR"); xdg != nullptr && *xdg == '/') {
     return fs::path(xdg) / "brenloc";
   }
+  // Assistants often start their servers with a pared-down environment: where the login manager made
+  // the user's runtime directory, it is the one a shell of the same user names, so both meet there.
+  const fs::path login = fmt::format("/run/user/{}", ::getuid());
+  struct stat st {};
+  if (::lstat(login.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == ::getuid() && (st.st_mode & 077) == 0) {
+    return login / "brenloc";
+  }
   const char* tmp = std::getenv("TMPDIR");
   fs::path base = tmp != nullptr && *tmp == '/' ? fs::path(tmp) : fs::path("/tmp");
   return base / fmt::format("brenloc-{}", ::getuid());
 }
 
-// Refuses a directory that is a link, someone else's, or open to others.
-void check_private(const fs::path& dir) {
+}  // namespace
+
+void verify_private_dir(const fs::path& dir) {
   struct stat st {};
   if (::lstat(dir.c_str(), &st) != 0) {
     throw RuntimeDirError(fmt::format("the runtime directory {} cannot be examined: {}", dir.string(),
@@ -48,8 +56,6 @@ void check_private(const fs::path& dir) {
   }
 }
 
-}  // namespace
-
 RuntimePaths runtime_paths() {
   fs::path dir = runtime_dir_path();
   return {dir, dir / "daemon.sock", dir / "daemon.lock", dir / "daemon.log"};
@@ -61,7 +67,7 @@ RuntimePaths prepare_runtime_dir() {
     throw RuntimeDirError(fmt::format("cannot create the runtime directory {}: {}", paths.dir.string(),
                                       std::strerror(errno)));
   }
-  check_private(paths.dir);
+  verify_private_dir(paths.dir);
   if (paths.socket.native().size() >= sizeof(sockaddr_un{}.sun_path)) {
     throw RuntimeDirError(fmt::format("the socket path {} is too long for a Unix socket ({} bytes at most)",
                                       paths.socket.string(), sizeof(sockaddr_un{}.sun_path) - 1));

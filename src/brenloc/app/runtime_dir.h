@@ -1,5 +1,6 @@
 // Where the user's daemon keeps its socket, its lock and its log: $XDG_RUNTIME_DIR/brenloc, or, where that
-// variable is unset, $TMPDIR/brenloc-<uid> (TMPDIR defaults to /tmp). The directory is created with mode
+// variable is unset, /run/user/<uid>/brenloc when the login manager made /run/user/<uid> for the user,
+// else $TMPDIR/brenloc-<uid> (TMPDIR defaults to /tmp). The directory is created with mode
 // 0700 and, whether made now or found, must be a directory (not a link) owned by this user that nobody
 // else may enter; anything else is refused with a message that says why, never used.
 #pragma once
@@ -20,6 +21,9 @@ class RuntimeDirError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// Throws RuntimeDirError unless `dir` is a directory (not a link) of this user that nobody else may enter.
+void verify_private_dir(const std::filesystem::path& dir);
 
 // The paths, without touching the file system.
 RuntimePaths runtime_paths();

@@ -52,9 +52,13 @@ RepoWorker::~RepoWorker() = default;
 
 aio::Task<void> RepoWorker::start() {
   fs::create_directories(data_dir);
-  owner_lock_ = utils::OwnerLock::acquire(data_dir / kOwnerLockFile, "the data directory " + data_dir.string());
+  owner_lock_ = utils::OwnerLock::acquire(data_dir / kOwnerLockFile, "the data directory " + data_dir.string(),
+                                          owner_note_);
   _database = _new_database(data_dir / "index.db");
-  co_await aio::to_thread([db = _database] {
+  co_await aio::to_thread([db = _database, staging = _staging_db_paths(data_dir / "index.db").second] {
+    // With the lock held, staging files here belong to no live process: they are what a rebuild that a
+    // crash cut short left behind.
+    _remove_files(staging);
     db->connect();
     db->create_schema();
   });

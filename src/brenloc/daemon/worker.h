@@ -30,6 +30,9 @@ class RepoWorker : public WorkerReindex {
 
   // Throws utils::LockBusy, having written nothing, when another process owns the data directory.
   aio::Task<void> start();
+  // A line that start() leaves in the data directory's lock file for the processes it refuses (the
+  // daemon says there how to reach it).
+  void set_owner_note(std::string note) { owner_note_ = std::move(note); }
   aio::Task<void> stop();
   bool stopping() const { return stopping_; }
 
@@ -86,6 +89,7 @@ class RepoWorker : public WorkerReindex {
   int next_sink_ = 1;
   std::chrono::steady_clock::time_point last_progress_{};
   utils::OwnerLock owner_lock_;
+  std::string owner_note_;
 };
 
 }  // namespace brenloc::daemon

@@ -15,32 +15,47 @@ namespace brenloc::utils {
 
 namespace {
 
-pid_t read_pid(int fd) {
-  char buf[32] = {};
+struct Owner {
+  pid_t pid = 0;
+  std::string note;
+};
+
+// What the owner wrote: its pid on the first line, its note on the second.
+Owner read_owner(int fd) {
+  char buf[4096] = {};
   ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
-  if (n <= 0) return 0;
+  if (n <= 0) return {};
+  std::string text(buf, static_cast<std::size_t>(n));
+  Owner owner;
+  std::size_t nl = text.find('\n');
   try {
-    return static_cast<pid_t>(std::stol(std::string(buf, static_cast<std::size_t>(n))));
+    owner.pid = static_cast<pid_t>(std::stol(text.substr(0, nl)));
   } catch (const std::exception&) {
-    return 0;
+    return {};
   }
+  if (nl != std::string::npos) {
+    owner.note = text.substr(nl + 1);
+    if (auto end = owner.note.find('\n'); end != std::string::npos) owner.note.resize(end);
+  }
+  return owner;
 }
 
 }  // namespace
 
-OwnerLock OwnerLock::acquire(const std::filesystem::path& file, const std::string& what) {
+OwnerLock OwnerLock::acquire(const std::filesystem::path& file, const std::string& what, const std::string& note) {
   int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) throw std::system_error(errno, std::generic_category(), "cannot open the lock file " + file.string());
   while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;
     int err = errno;
-    pid_t owner = err == EWOULDBLOCK ? read_pid(fd) : 0;
+    Owner owner = err == EWOULDBLOCK ? read_owner(fd) : Owner{};
     ::close(fd);
     if (err != EWOULDBLOCK) throw std::system_error(err, std::generic_category(), "cannot lock " + file.string());
-    std::string who = owner > 0 ? fmt::format("pid {}", owner) : std::string("pid unknown");
-    throw LockBusy(fmt::format("{} is in use by another brenloc process ({})", what, who), owner);
+    std::string who = owner.pid > 0 ? fmt::format("pid {}", owner.pid) : std::string("pid unknown");
+    throw LockBusy(fmt::format("{} is in use by another brenloc process ({})", what, who), owner.pid,
+                   std::move(owner.note));
   }
-  std::string pid = std::to_string(::getpid()) + "\n";
+  std::string pid = std::to_string(::getpid()) + "\n" + note + (note.empty() ? "" : "\n");
   if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
     // The lock is ours all the same; only the refusal message of another process loses the pid.
   }
@@ -63,14 +78,6 @@ void OwnerLock::release() {
   // Closing the only descriptor of the open file drops the flock. The pid is left in the file: a later
   // owner overwrites it, and nobody reads it without first failing to take the lock.
   if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-}
-
-pid_t lock_owner(const std::filesystem::path& file) {
-  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return 0;
-  pid_t pid = read_pid(fd);
-  ::close(fd);
-  return pid;
 }
 
 }  // namespace brenloc::utils

@@ -1,0 +1,334 @@
+// End-to-end tests of the user's daemon: `brenloc serve` sessions (official MCP SDK clients) and the
+// command line sharing one daemon and one worker per repository, and the daemon's faults.
+//
+//   node daemon_e2e.mjs BRENLOC_BINARY SOURCE_TREE
+//
+// SOURCE_TREE is copied once; it must take the indexer long enough (a second or so) that a request sent
+// right after a rebuild was accepted finds it running. Each test has a runtime directory of its own, so
+// a daemon of its own, stopped at the end.
+import { test, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { execFile, spawn } from 'node:child_process';
+import { once } from 'node:events';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { LoggingMessageNotificationSchema } from '@modelcontextprotocol/sdk/types.js';
+
+const [bin, sourceTree] = process.argv.slice(2);
+if (!bin || !sourceTree) {
+  console.error('usage: node daemon_e2e.mjs BRENLOC_BINARY SOURCE_TREE');
+  process.exit(64);
+}
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'brenloc-daemon-e2e-'));
+after(() => process.env.KEEP_SCRATCH || fs.rmSync(scratch, { recursive: true, force: true }));
+const tree = path.join(scratch, 'tree');
+fs.cpSync(sourceTree, tree, { recursive: true });
+const demo = path.join(scratch, 'demo');
+fs.mkdirSync(path.join(demo, 'pkg'), { recursive: true });
+fs.writeFileSync(path.join(demo, 'pkg', 'shapes.py'), 'class Circle:\n    def area(self):\n        return 3\n');
+
+let counter = 0;
+const fresh = (name) => path.join(scratch, `${name}-${++counter}`);
+
+// A private runtime directory (so a daemon of its own) and the environment that leads to it.
+function runtime(extra = {}) {
+  const dir = fresh('rt');
+  fs.mkdirSync(dir, { mode: 0o700 });
+  return { dir, env: { ...process.env, XDG_RUNTIME_DIR: dir, BRENLOC_DAEMON_IDLE_TIMEOUT: '60', ...extra } };
+}
+const NO_DAEMON = { ...process.env, XDG_RUNTIME_DIR: '/nonexistent-runtime-dir' };
+
+function run(args, env) {
+  return new Promise((resolve) => {
+    execFile(bin, args, { env, timeout: 120_000 }, (error, stdout, stderr) => {
+      resolve({ code: error ? error.code ?? -1 : 0, stdout, stderr });
+    });
+  });
+}
+
+async function session(rt, repo, data, extraArgs = []) {
+  const transport = new StdioClientTransport({
+    command: bin, args: ['serve', ...extraArgs, '--repo', repo, '--data-dir', data], env: rt.env, stderr: 'pipe',
+  });
+  const client = new Client({ name: 'brenloc-daemon-e2e', version: '1.0.0' });
+  const messages = [];
+  client.setNotificationHandler(LoggingMessageNotificationSchema, (n) => messages.push(n.params));
+  await client.connect(transport);
+  return { client, messages, transport };
+}
+
+const call = async (s, name, args = {}) => s.client.callTool({ name, arguments: args });
+const answer = async (s, name, args = {}) => (await call(s, name, args)).structuredContent;
+
+async function outcomeAfter(messages, from) {
+  for (const deadline = Date.now() + 120_000; Date.now() < deadline; await sleep(20)) {
+    const found = messages.slice(from).find((m) => ['reindex_complete', 'reindex_failed'].includes(m.data?.type));
+    if (found) return found.data;
+  }
+  throw new Error('timed out waiting for the reindex outcome');
+}
+
+async function daemonStatus(rt) {
+  const r = await run(['daemon', '--status'], rt.env);
+  assert.equal(r.code, 0, r.stderr);
+  return JSON.parse(r.stdout);
+}
+
+// The pids of the daemons whose runtime directory is `rt`'s.
+function daemonPids(rt) {
+  const pids = [];
+  for (const pid of fs.readdirSync('/proc').filter((p) => /^\d+$/.test(p))) {
+    try {
+      if (fs.readFileSync(`/proc/${pid}/cmdline`, 'utf8') !== 'brenloc\0daemon\0') continue;
+      if (fs.readFileSync(`/proc/${pid}/environ`, 'utf8').split('\0').includes(`XDG_RUNTIME_DIR=${rt.dir}`)) {
+        pids.push(Number(pid));
+      }
+    } catch { /* gone meanwhile */ }
+  }
+  return pids;
+}
+
+async function until(what, predicate, ms = 20_000) {
+  for (const deadline = Date.now() + ms; Date.now() < deadline; await sleep(25)) {
+    if (await predicate()) return;
+  }
+  throw new Error(`timed out waiting until ${what}`);
+}
+
+const stopDaemon = (rt) => run(['daemon', '--stop'], rt.env);
+const staging = (data) => fs.readdirSync(data).filter((f) => f.startsWith('index.db.reindex-staging'));
+
+test('sessions and the command line share one daemon, one worker and one rebuild', async () => {
+  const rt = runtime();
+  const data = fresh('data');
+  // Five sessions started at once end with one daemon.
+  const sessions = await Promise.all([1, 2, 3, 4, 5].map(() => session(rt, tree, data)));
+  try {
+    await until('the losing daemons have exited', () => daemonPids(rt).length === 1);
+    const status = await daemonStatus(rt);
+    assert.equal(status.workers.length, 1);
+    assert.equal(status.workers[0].clients, 5);
+    const second = await run(['daemon'], rt.env);
+    assert.equal(second.code, 2);
+    assert.match(second.stderr, new RegExp(`^brenloc: a brenloc daemon already runs for this user \\(pid ${status.pid},`));
+
+    const [a, b] = sessions;
+    const seen = sessions.map((s) => s.messages.length);
+    assert.equal((await answer(a, 'force_reindex', { clear_existing: true })).status, 'accepted');
+    const [busy, cli] = await Promise.all([
+      answer(b, 'force_reindex', { clear_existing: true }),
+      run(['reindex', '--clear-existing', '--repo', tree, '--data-dir', data], rt.env),
+    ]);
+    assert.deepEqual(busy, { status: 'in_progress', message: 'Indexing already in progress' });
+    assert.equal(cli.code, 2, cli.stderr);
+    assert.equal(cli.stdout, '{"status":"in_progress","message":"Indexing already in progress"}\n');
+    const outcomes = await Promise.all(sessions.map((s, i) => outcomeAfter(s.messages, seen[i])));
+    for (const o of outcomes) assert.deepEqual(o, outcomes[0]);
+    assert.equal(outcomes[0].type, 'reindex_complete');
+    assert.ok(sessions.every((s, i) => s.messages.slice(seen[i]).some((m) => m.data?.type === 'reindex_progress')));
+
+    // The live index is exactly the one a rebuild run alone gives.
+    const alone = fresh('data');
+    assert.equal((await run(['reindex', '--clear-existing', '--repo', tree, '--data-dir', alone], NO_DAEMON)).code, 0);
+    const want = JSON.parse((await run(['status', '--repo', tree, '--data-dir', alone], NO_DAEMON)).stdout);
+    const got = await answer(a, 'index_status');
+    assert.deepEqual([got.files, got.symbols], [want.files, want.symbols]);
+    assert.equal(got.files, outcomes[0].files_processed);
+
+    // The command line goes through the running daemon: the same answers as in its own process.
+    const search = await run(['search', '--repo', tree, '--data-dir', data, '--limit', '1', 'io_context'], rt.env);
+    assert.equal(search.code, 0, search.stderr);
+    assert.equal(JSON.parse(search.stdout).count, 1);
+    assert.equal((await run(['search', '--repo', tree, '--data-dir', data, '--limit', '0', 'x'], rt.env)).code, 64);
+  } finally {
+    await Promise.all(sessions.map((s) => s.client.close()));
+    await stopDaemon(rt);
+  }
+});
+
+test('two repositories in one daemon do not hear each other', async () => {
+  const rt = runtime();
+  const one = await session(rt, demo, fresh('data'));
+  const other = await session(rt, tree, fresh('data'));
+  try {
+    assert.equal((await daemonStatus(rt)).workers.length, 2);
+    const seen = one.messages.length;
+    assert.equal((await answer(one, 'force_reindex', {})).status, 'accepted');
+    assert.equal((await outcomeAfter(one.messages, seen)).type, 'reindex_complete');
+    await sleep(300);
+    assert.deepEqual(other.messages.filter((m) => m.data?.type?.startsWith('reindex')), []);
+  } finally {
+    await one.client.close();
+    await other.client.close();
+    await stopDaemon(rt);
+  }
+});
+
+test('a killed daemon: the pending call fails clearly, the next one starts a new daemon, the index is whole', async () => {
+  const rt = runtime();
+  const repo = fresh('tree');
+  fs.cpSync(tree, repo, { recursive: true });
+  const data = fresh('data');
+  const s = await session(rt, repo, data);
+  try {
+    let seen = s.messages.length;
+    await answer(s, 'force_reindex', { clear_existing: true });
+    await outcomeAfter(s.messages, seen);
+    const old = await answer(s, 'index_status');
+    fs.writeFileSync(path.join(repo, 'brenloc_extra.h'), 'int brenloc_extra_fn(void);\n');
+
+    seen = s.messages.length;
+    await answer(s, 'force_reindex', { clear_existing: true });
+    await until('the rebuild has made progress', () => s.messages.slice(seen).some((m) => m.data?.type === 'reindex_progress'));
+    const [pid] = daemonPids(rt);
+    process.kill(pid, 'SIGSTOP');
+    const pending = call(s, 'index_status');
+    await sleep(200);
+    process.kill(pid, 'SIGKILL');
+    const failed = await pending;
+    assert.equal(failed.isError, true);
+    assert.match(failed.content[0].text, /daemon stopped before answering this call.*call the tool again/);
+    await until('the daemon is gone', () => daemonPids(rt).length === 0);
+    assert.ok(fs.existsSync(path.join(rt.dir, 'brenloc', 'daemon.sock')), 'a killed daemon leaves its socket');
+
+    // The next call starts a new daemon over the stale socket; the index is wholly old or wholly new.
+    const reconnected = await call(s, 'index_status');
+    assert.equal(reconnected.isError, false, JSON.stringify(reconnected.content));
+    const now = reconnected.structuredContent;
+    assert.notEqual(daemonPids(rt)[0], pid);
+    assert.equal(now.indexing, false);
+    assert.ok([old.files, old.files + 1].includes(now.files), `files ${now.files}, before ${old.files}`);
+    assert.deepEqual(staging(data), []);
+    seen = s.messages.length;
+    assert.equal((await answer(s, 'force_reindex', { clear_existing: true })).status, 'accepted');
+    assert.equal((await outcomeAfter(s.messages, seen)).files_processed, old.files + 1);
+  } finally {
+    await s.client.close();
+    await stopDaemon(rt);
+  }
+});
+
+test('a data directory owned by another process is refused, never shared', async () => {
+  const rt = runtime();
+  const data = fresh('data');
+  const standalone = await session(rt, demo, data, ['--standalone']);
+  const owner = standalone.transport.pid;
+  try {
+    const refusal = `brenloc: the data directory ${data} is in use by another brenloc process (pid ${owner})\n`;
+    const before = fs.readdirSync(data).sort();
+    for (const [args, env] of [[['reindex', '--clear-existing'], NO_DAEMON], [['reindex', '--daemon'], rt.env],
+                               [['status'], NO_DAEMON]]) {
+      const r = await run([...args, '--repo', demo, '--data-dir', data], env);
+      assert.equal(r.code, 2, `${args}: ${r.stderr}`);
+      assert.equal(r.stderr, refusal);
+    }
+    assert.deepEqual(fs.readdirSync(data).sort(), before);
+    // A session through the daemon hears the same refusal as a tool error, and goes on.
+    const bridged = await session(rt, demo, data);
+    const result = await call(bridged, 'index_status');
+    assert.equal(result.isError, true);
+    assert.match(result.content[0].text, new RegExp(`data directory ${data} is in use by another brenloc process \\(pid ${owner}\\)`));
+    await bridged.client.close();
+
+    // A daemon of another runtime directory owns a data directory: a command without a daemon of its own
+    // is led to the owner through the lock file, and gets its answer there.
+    const rt2 = runtime();
+    const data2 = fresh('data');
+    const s2 = await session(rt2, demo, data2);
+    const st = await run(['status', '--repo', demo, '--data-dir', data2], NO_DAEMON);
+    assert.equal(st.code, 0, st.stderr);
+    assert.equal(JSON.parse(st.stdout).data_dir, data2);
+    await s2.client.close();
+    await stopDaemon(rt2);
+  } finally {
+    await standalone.client.close();
+    await stopDaemon(rt);
+  }
+});
+
+test('a runtime directory that is not private is refused; serve then works alone', async (t) => {
+  const cases = [
+    ['loose permissions', (dir) => fs.chmodSync(dir, 0o755), /has mode 0755; it must be 0700/],
+    ['a symbolic link', (dir) => { fs.rmdirSync(dir); fs.symlinkSync(fresh('elsewhere'), dir); }, /is not a directory \(it is a symbolic link\)/],
+  ];
+  if (process.getuid() === 0) cases.push(['another owner', (dir) => fs.chownSync(dir, 65534, 65534), /belongs to uid 65534, not to you/]);
+  for (const [name, spoil, reason] of cases) {
+    await t.test(name, async () => {
+      const rt = runtime();
+      const dir = path.join(rt.dir, 'brenloc');
+      fs.mkdirSync(dir, { mode: 0o700 });
+      spoil(dir);
+      const r = await run(['daemon'], rt.env);
+      assert.equal(r.code, 2);
+      assert.match(r.stderr, reason);
+      assert.equal(r.stderr.split('\n').length, 2, r.stderr);
+      const s = await session(rt, demo, fresh('data'));
+      assert.equal((await call(s, 'index_status')).isError, false);
+      await s.client.close();
+      assert.deepEqual(daemonPids(rt), []);
+    });
+  }
+});
+
+test('another user gets nothing from the daemon', { skip: process.getuid() !== 0 && 'needs root to act as another user' }, async () => {
+  const rt = runtime();
+  const s = await session(rt, demo, fresh('data'));
+  try {
+    // Opened up so that the other user can reach the socket at all: the daemon's own check must refuse.
+    const socket = path.join(rt.dir, 'brenloc', 'daemon.sock');
+    for (const dir of [scratch, rt.dir]) fs.chmodSync(dir, 0o711);
+    fs.chmodSync(path.dirname(socket), 0o711);
+    fs.chmodSync(socket, 0o666);
+    const script = `const c = require('net').connect(${JSON.stringify(socket)});
+      let got = ''; c.on('data', (d) => { got += d; });
+      c.on('connect', () => c.write(JSON.stringify({jsonrpc: '2.0', id: 0, method: 'brenloc/status'}) + '\\n'));
+      c.on('close', () => { process.stdout.write(JSON.stringify(got)); });
+      c.on('error', () => {});  // the daemon may close before the request is written`;
+    const child = spawn('setpriv', ['--reuid=65534', '--regid=65534', '--clear-groups', process.execPath, '-e', script],
+      { stdio: ['ignore', 'pipe', 'inherit'] });
+    let out = '';
+    child.stdout.on('data', (d) => { out += d; });
+    await once(child, 'exit');
+    assert.equal(out, '""');
+    assert.match(fs.readFileSync(path.join(rt.dir, 'brenloc', 'daemon.log'), 'utf8'), /Refused a connection from uid 65534/);
+    assert.equal((await call(s, 'index_status')).isError, false);
+  } finally {
+    await s.client.close();
+    await stopDaemon(rt);
+  }
+});
+
+test('the daemon stops when idle, on SIGTERM mid-rebuild and when asked, cleaning up', async () => {
+  let rt = runtime({ BRENLOC_DAEMON_IDLE_TIMEOUT: '1', BRENLOC_WORKER_IDLE_TIMEOUT: '0' });
+  let s = await session(rt, demo, fresh('data'));
+  await call(s, 'index_status');
+  const [idle] = daemonPids(rt);
+  await s.client.close();
+  await until('the idle daemon has exited', () => daemonPids(rt).length === 0 && !fs.existsSync(path.join(rt.dir, 'brenloc', 'daemon.sock')));
+
+  rt = runtime();
+  const data = fresh('data');
+  s = await session(rt, tree, data);
+  const seen = s.messages.length;
+  await answer(s, 'force_reindex', { clear_existing: true });
+  await until('the rebuild has started', () => s.messages.slice(seen).some((m) => m.data?.type === 'reindex_progress'));
+  const [pid] = daemonPids(rt);
+  assert.notEqual(pid, idle);
+  process.kill(pid, 'SIGTERM');
+  await until('the daemon has exited', () => daemonPids(rt).length === 0);
+  assert.deepEqual(staging(data), []);
+  assert.ok(!fs.existsSync(path.join(rt.dir, 'brenloc', 'daemon.sock')));
+  await s.client.close();
+
+  const stopped = await stopDaemon(rt);
+  assert.equal(stopped.stdout, 'no brenloc daemon runs\n');
+  assert.equal((await run(['daemon', '--detach'], rt.env)).code, 0);
+  assert.equal(daemonPids(rt).length, 1);
+  assert.deepEqual(await stopDaemon(rt), { code: 0, stdout: 'brenloc daemon stopped\n', stderr: '' });
+  assert.deepEqual(daemonPids(rt), []);
+});
