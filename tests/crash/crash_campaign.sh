@@ -7,19 +7,34 @@
 #     its rows;
 #   - a query works after the restart;
 #   - the next rebuild succeeds, leaves no staging file and every index in place.
-# Usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE]
+# Usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE] [process|daemon]
 # The source tree is copied first (default /usr/include); each trial adds a file with a new symbol so
-# that the index before and after a rebuild differ.
+# that the index before and after a rebuild differ. In daemon mode the rebuilds run in the user's daemon
+# (a private one, in a runtime directory of the campaign's own), and the daemon is what gets killed; the
+# checks then go through a new daemon that the next command starts.
 set -euo pipefail
 
-bin=${1:?usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE]}
+bin=${1:?usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE] [process|daemon]}
 trials=${2:-100}
 source_tree=${3:-/usr/include}
+mode=${4:-process}
 work=$(mktemp -d /tmp/brenloc-crash-XXXXXX)
-trap 'rm -rf "$work"' EXIT
 repo=$work/repo
 data=$work/data
 cp -r "$source_tree" "$repo"
+
+via=()
+if [[ $mode == daemon ]]; then
+  export XDG_RUNTIME_DIR=$work/runtime BRENLOC_DAEMON_IDLE_TIMEOUT=600
+  mkdir -m 700 "$XDG_RUNTIME_DIR"
+  via=(--daemon)
+  trap '"$bin" daemon --stop >/dev/null 2>&1; rm -rf "$work"' EXIT
+else
+  export XDG_RUNTIME_DIR=$work/no-runtime  # no daemon: every command runs its own worker
+  trap 'rm -rf "$work"' EXIT
+fi
+# The process to kill: the command itself, or the daemon it talks to.
+victim() { if [[ $mode == daemon ]]; then head -1 "$XDG_RUNTIME_DIR/brenloc/daemon.lock"; else echo "$1"; fi; }
 
 fingerprint() {  # counts and a checksum over every row of the live index
   sqlite3 "$data/index.db" "
@@ -43,23 +58,23 @@ now_ms() { date +%s%3N; }
 indexes() { sqlite3 "$data/index.db" "SELECT group_concat(name, ' ') FROM (SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name)"; }
 
 t0=$(now_ms)
-"$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>"$work/log"
+"$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>"$work/log"
 duration=$(( $(now_ms) - t0 ))
 before=$(fingerprint)
 want_indexes=$(indexes)  # every index of the schema, which each rebuild must leave in place
 [[ " $want_indexes " == *" symbols_by_name "* ]] || { echo "the first rebuild left indexes: $want_indexes" >&2; exit 1; }
-echo "tree: $source_tree ($(counts) files/symbols), full rebuild ${duration} ms, $trials trials"
+echo "tree: $source_tree ($(counts) files/symbols), full rebuild ${duration} ms, $trials trials, $mode mode"
 
 old_kept=0 new_swapped=0 failures=0
 for ((i = 1; i <= trials; i++)); do
   rm -f "$repo"/brenloc_trial_*.h
   printf 'int brenloc_trial_%d_fn(void);\n' "$i" >"$repo/brenloc_trial_$i.h"
 
-  "$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log" &
+  "$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log" &
   pid=$!
   delay=$(( (RANDOM * 32768 + RANDOM) % (duration * 12 / 10 + 1) ))
   sleep "$(printf '%d.%03d' $((delay / 1000)) $((delay % 1000)))"
-  kill -KILL "$pid" 2>/dev/null || true
+  kill -KILL "$(victim "$pid")" 2>/dev/null || true
   wait "$pid" 2>/dev/null || true
 
   problem=""
@@ -67,8 +82,9 @@ for ((i = 1; i <= trials; i++)); do
   [[ "$integrity" == "ok" ]] || problem+=" integrity=$integrity"
   after_kill=$(fingerprint)
   [[ $(bad_ranges) == "0 0" ]] || problem+=" symbol ranges after the kill: $(bad_ranges)"
-  "$bin" search --repo "$repo" --data-dir "$data" --limit 1 main >/dev/null 2>>"$work/log" || problem+=" query failed"
-  if ! "$bin" reindex --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log"; then
+  "$bin" search "${via[@]}" --repo "$repo" --data-dir "$data" --limit 1 main >/dev/null 2>>"$work/log" ||
+    problem+=" query failed"
+  if ! "$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log"; then
     problem+=" next rebuild failed"
   fi
   [[ $(staging_left) -eq 0 ]] || problem+=" staging files left"
