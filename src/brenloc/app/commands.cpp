@@ -346,15 +346,6 @@ aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker
   co_return kExitOk;
 }
 
-aio::Task<int> serve_bridge(aio::EventLoop& loop, BridgeTarget target) {
-  McpBridge bridge(loop, std::move(target), STDIN_FILENO, STDOUT_FILENO);
-  StopSignal signal(loop);
-  bridge.start();
-  co_await first_of({bridge.input_ended(), signal.fired()});
-  co_await bridge.stop();
-  co_return kExitOk;
-}
-
 }  // namespace
 
 int run_serve(const Where& where, bool standalone) {
@@ -368,8 +359,8 @@ int run_serve(const Where& where, bool standalone) {
         std::cerr << "brenloc: " << e.what() << "; serving in this process instead\n";
       }
       if (paths) {
-        aio::EventLoop loop;
-        return aio::run_until_complete(loop, serve_bridge(loop, BridgeTarget{r.root, r.data_dir, *paths}));
+        run_bridge(BridgeTarget{r.root, r.data_dir, *paths}, STDIN_FILENO, STDOUT_FILENO);
+        return kExitOk;
       }
     }
     return with_worker(r, serve_standalone);

@@ -1,9 +1,13 @@
 #include "brenloc/app/mcp_bridge.h"
 
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <deque>
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <set>
@@ -11,10 +15,8 @@
 
 #include <fmt/format.h>
 
-#include "brenloc/aio/thread.h"
 #include "brenloc/app/daemon_client.h"
 #include "brenloc/app/worker_tools.h"
-#include "brenloc/mcp/line_io.h"
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/utils/logging.h"
 
@@ -27,8 +29,6 @@ namespace {
 std::shared_ptr<spdlog::logger> logger() { return utils::get_logger("brenloc.serve"); }
 
 constexpr std::size_t kMaxLine = 8 * 1024 * 1024;
-constexpr std::size_t kMaxPending = 32 * 1024 * 1024;
-constexpr std::size_t kMaxQueued = 64 * 1024 * 1024;
 
 const char kGone[] =
     "The brenloc daemon stopped before answering this call; it is started again at the next call: call the "
@@ -55,298 +55,253 @@ std::optional<std::string> response_id_key(std::string_view line) {
   } else {
     while (end < rest.size() && rest[end] != ',' && rest[end] != '}') ++end;
   }
-  Json id = Json::parse(rest.substr(0, end), nullptr, false);
+  Json id = Json::parse(rest.substr(0, std::min(end, rest.size())), nullptr, false);
   if (id.is_discarded()) return std::nullopt;
   return mcp::id_key(id);
 }
+
+// Writes all of `data`; false when the descriptor is broken.
+bool write_all(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = ::write(fd, data.data(), data.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      pollfd p{fd, POLLOUT, 0};
+      ::poll(&p, 1, -1);
+      continue;
+    }
+    if (n <= 0) return false;
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+// Splits what is read from a descriptor into lines; a line longer than the limit is skipped and counted.
+class LineSplitter {
+ public:
+  // Reads what is there; false at the end of input or on an error. `on_line(line)` for each line,
+  // `on_oversized(bytes)` for each skipped one.
+  template <class OnLine, class OnOversized>
+  bool read(int fd, OnLine on_line, OnOversized on_oversized) {
+    char chunk[65536];
+    ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return true;
+    if (n <= 0) return false;
+    std::string_view data(chunk, static_cast<std::size_t>(n));
+    while (!data.empty()) {
+      std::size_t nl = data.find('\n');
+      std::string_view piece = data.substr(0, nl);
+      if (skipping_) {
+        skipped_ += piece.size();
+      } else if (buffer_.size() + piece.size() > kMaxLine) {
+        skipping_ = true;
+        skipped_ = buffer_.size() + piece.size();
+        buffer_.clear();
+      } else {
+        buffer_.append(piece);
+      }
+      if (nl == std::string_view::npos) break;
+      if (skipping_) {
+        on_oversized(skipped_);
+      } else {
+        on_line(std::string_view(buffer_));
+      }
+      buffer_.clear();
+      skipping_ = false;
+      data.remove_prefix(nl + 1);
+    }
+    return true;
+  }
+  void reset() {
+    buffer_.clear();
+    skipping_ = false;
+  }
+
+ private:
+  std::string buffer_;
+  bool skipping_ = false;
+  std::size_t skipped_ = 0;
+};
 
 struct Pending {
   Json id;
   std::string method;
 };
 
-}  // namespace
+class Bridge {
+ public:
+  Bridge(const BridgeTarget& target, int in, int out) : target_(target), in_(in), out_(out) {}
 
-struct McpBridge::Core : std::enable_shared_from_this<Core> {
-  enum class Link { down, connecting, up };
-
-  Core(aio::EventLoop& l, BridgeTarget t, int in, int out)
-      : loop(&l), target(std::move(t)), input_fd(in), client_out(out, kMaxQueued),
-        ended(std::make_shared<aio::FutureState<void>>()) {}
-
-  ~Core() { drop_daemon(); }
-
-  aio::EventLoop* loop;
-  BridgeTarget target;
-  int input_fd;
-  mcp::LineWriter client_out;
-  std::unique_ptr<mcp::LineReader> client_in;
-  std::shared_ptr<aio::FutureState<void>> ended;
-  bool stopping = false;
-
-  // The daemon connection; events of an earlier connection (an older generation) are ignored.
-  Link link = Link::down;
-  int daemon_fd = -1;
-  int generation = 0;
-  std::unique_ptr<mcp::LineReader> daemon_in;
-  std::unique_ptr<mcp::LineWriter> daemon_out;
-  std::deque<std::string> waiting;  // client lines that wait for the connection
-  std::string unreachable;          // why the last connection attempt failed
-
-  // What the client has said that a new daemon must hear again, and the requests it still waits for.
-  std::optional<Json> initialize_params;
-  bool initialized = false;
-  std::optional<Json> level_params;
-  std::map<std::string, Pending> pending;
-  std::set<std::string> private_ids;
-  long long next_private = 1;
-
-  void start() {
-    std::weak_ptr<Core> weak = weak_from_this();
-    aio::EventLoop* l = loop;
-    client_in = std::make_unique<mcp::LineReader>(input_fd, kMaxLine, kMaxPending, [weak, l](mcp::InputEvent ev) {
-      l->post([weak, ev = std::move(ev)]() mutable {
-        if (auto c = weak.lock()) c->on_client(std::move(ev));
-      });
-    });
-    client_in->start();
+  void run(int signal_fd) {
     connect();  // at once, so that the daemon is ready by the first call
+    while (!done_) {
+      pollfd fds[3] = {{in_, POLLIN, 0}, {signal_fd, POLLIN, 0}, {daemon_fd_, POLLIN, 0}};
+      int r = ::poll(fds, daemon_fd_ >= 0 ? 3 : 2, -1);
+      if (r < 0) {
+        if (errno == EINTR) continue;
+        break;
+      }
+      if (fds[1].revents != 0) break;
+      if (daemon_fd_ >= 0 && fds[2].revents != 0) {
+        bool open = from_daemon_.read(
+            daemon_fd_, [this](std::string_view line) { on_daemon_line(line); }, [](std::size_t) {});
+        if (!open) lost_daemon();
+      }
+      if (fds[0].revents != 0) {
+        bool open = from_client_.read(
+            in_, [this](std::string_view line) { on_client_line(line); },
+            [this](std::size_t bytes) {
+              to_client(mcp::make_error(nullptr, mcp::kInvalidRequest,
+                                        fmt::format("Invalid Request: line of {} bytes is longer than the limit of "
+                                                    "{} bytes",
+                                                    bytes, kMaxLine)));
+            });
+        if (!open) break;
+      }
+    }
+    drop_daemon();
   }
 
+ private:
   // --- the client's side ---
 
-  void on_client(mcp::InputEvent ev) {
-    if (ev.kind == mcp::InputEvent::Kind::end) {
-      ended->set_result();
+  void on_client_line(std::string_view raw) {
+    std::string_view line = trim(raw);
+    if (line.empty()) return;
+    mcp::Incoming m = mcp::parse_message(line);
+    // Only a request is worth starting a daemon for; a notification has nobody to reach.
+    if (daemon_fd_ < 0 && m.kind == mcp::Incoming::Kind::request) connect();
+    if (daemon_fd_ < 0) {
+      answer_alone(m);
       return;
     }
-    if (ev.kind == mcp::InputEvent::Kind::oversized) {
-      client_out.send(mcp::serialize(mcp::make_error(nullptr, mcp::kInvalidRequest,
-                                                     fmt::format("Invalid Request: line of {} bytes is longer than "
-                                                                 "the limit of {} bytes",
-                                                                 ev.size, kMaxLine))));
-    } else if (!stopping) {
-      std::string_view line = trim(ev.text);
-      if (!line.empty()) on_client_line(std::string(line));
-    }
-    if (client_in) client_in->consumed(ev.size);
-  }
-
-  void on_client_line(std::string line) {
-    switch (link) {
-      case Link::up:
-        forward(std::move(line));
-        break;
-      case Link::connecting:
-        waiting.push_back(std::move(line));
-        break;
-      case Link::down:
-        // Only a request is worth starting a daemon for; a notification has nobody to reach.
-        if (mcp::parse_message(line).kind != mcp::Incoming::Kind::request) {
-          answer_alone(line);
-          break;
-        }
-        waiting.push_back(std::move(line));
-        connect();
-        break;
-    }
-  }
-
-  // Sends a client line to the daemon, noting what a reconnection would need.
-  void forward(std::string line) {
-    mcp::Incoming m = mcp::parse_message(line);
     note_handshake(m);
-    if (m.kind == mcp::Incoming::Kind::request) pending[mcp::id_key(m.id)] = Pending{m.id, m.method};
-    daemon_out->send(std::move(line));
+    if (m.kind == mcp::Incoming::Kind::request) pending_[mcp::id_key(m.id)] = Pending{m.id, m.method};
+    std::string out(line);
+    out += '\n';
+    if (!write_all(daemon_fd_, out)) lost_daemon();
   }
 
   void note_handshake(const mcp::Incoming& m) {
-    if (m.kind == mcp::Incoming::Kind::request && m.method == "initialize") initialize_params = m.params;
-    if (m.kind == mcp::Incoming::Kind::request && m.method == "logging/setLevel") level_params = m.params;
-    if (m.kind == mcp::Incoming::Kind::notification && m.method == "notifications/initialized") initialized = true;
+    if (m.kind == mcp::Incoming::Kind::request && m.method == "initialize") initialize_params_ = m.params;
+    if (m.kind == mcp::Incoming::Kind::request && m.method == "logging/setLevel") level_params_ = m.params;
+    if (m.kind == mcp::Incoming::Kind::notification && m.method == "notifications/initialized") initialized_ = true;
   }
 
-  // Answers a client line without a daemon.
-  void answer_alone(const std::string& line) {
-    mcp::Incoming m = mcp::parse_message(line);
+  // Answers a client message without a daemon.
+  void answer_alone(const mcp::Incoming& m) {
     note_handshake(m);
     if (m.kind == mcp::Incoming::Kind::invalid) {
-      client_out.send(mcp::serialize(mcp::make_error(m.id, m.error_code, m.error_message)));
+      to_client(mcp::make_error(m.id, m.error_code, m.error_message));
       return;
     }
     if (m.kind != mcp::Incoming::Kind::request) return;
-    Json answer;
     if (m.method == "initialize") {
-      answer = mcp::make_result(m.id, mcp::initialize_result(m.params));
+      to_client(mcp::make_result(m.id, mcp::initialize_result(m.params)));
     } else if (m.method == "ping" || m.method == "logging/setLevel") {
-      answer = mcp::make_result(m.id, Json::object());
+      to_client(mcp::make_result(m.id, Json::object()));
     } else if (m.method == "tools/list") {
-      answer = mcp::make_result(m.id, mcp::tool_listing(worker_tool_specs()));
+      to_client(mcp::make_result(m.id, mcp::tool_listing(worker_tool_specs())));
     } else if (m.method == "tools/call") {
-      answer = mcp::make_result(m.id, mcp::tool_failure_result("The brenloc daemon cannot be reached: " + unreachable));
+      to_client(mcp::make_result(m.id, mcp::tool_failure_result("The brenloc daemon cannot be reached: " + unreachable_)));
     } else {
-      answer = mcp::make_error(m.id, mcp::kMethodNotFound, "Method not found: " + m.method);
+      to_client(mcp::make_error(m.id, mcp::kMethodNotFound, "Method not found: " + m.method));
     }
-    client_out.send(mcp::serialize(answer));
+  }
+
+  void to_client(const Json& message) { to_client_line(mcp::serialize(message)); }
+  void to_client_line(std::string_view line) {
+    std::string out(line);
+    out += '\n';
+    if (!write_all(out_, out)) done_ = true;  // the client has gone
   }
 
   // --- the daemon's side ---
 
   void connect() {
-    if (stopping) return;
-    link = Link::connecting;
-    aio::spawn(connect_task(shared_from_this()), loop);
-  }
-
-  static aio::Task<void> connect_task(std::shared_ptr<Core> self) {
-    BridgeTarget t = self->target;
     int fd = -1;
-    std::string failure;
     try {
-      fd = co_await aio::to_thread([t] { return attach_worker(t.paths, t.repo_root, t.data_dir, true); });
+      fd = attach_worker(target_.paths, target_.repo_root, target_.data_dir, true);
     } catch (const std::exception& e) {
-      failure = e.what();
+      if (unreachable_ != e.what()) logger()->warn("The brenloc daemon cannot be reached: {}", e.what());
+      unreachable_ = e.what();
+      return;
     }
-    if (self->stopping) {
-      if (fd >= 0) ::close(fd);
-      co_return;
-    }
-    if (fd < 0) {
-      self->went_down(failure);
-      co_return;
-    }
-    self->came_up(fd);
-  }
-
-  void came_up(int fd) {
-    if (!unreachable.empty()) logger()->info("Connected to the brenloc daemon again");
-    unreachable.clear();
-    link = Link::up;
-    daemon_fd = fd;
-    const int gen = ++generation;
-    std::weak_ptr<Core> weak = weak_from_this();
-    aio::EventLoop* l = loop;
-    daemon_out = std::make_unique<mcp::LineWriter>(fd, kMaxQueued);
-    daemon_in = std::make_unique<mcp::LineReader>(fd, kMaxLine, kMaxPending, [weak, l, gen](mcp::InputEvent ev) {
-      l->post([weak, gen, ev = std::move(ev)]() mutable {
-        if (auto c = weak.lock()) c->on_daemon(gen, std::move(ev));
-      });
-    });
-    daemon_in->start();
+    if (!unreachable_.empty()) logger()->info("Connected to the brenloc daemon");
+    unreachable_.clear();
+    daemon_fd_ = fd;
+    from_daemon_.reset();
     replay_handshake();
-    while (!waiting.empty() && link == Link::up) {
-      std::string line = std::move(waiting.front());
-      waiting.pop_front();
-      forward(std::move(line));
-    }
   }
 
   void replay_handshake() {
-    auto private_request = [this](const char* method, const Json& params) {
-      std::string id = fmt::format("brenloc-bridge-{}", next_private++);
-      private_ids.insert(mcp::id_key(Json(id)));
+    std::string out;
+    auto private_request = [&](const char* method, const Json& params) {
+      std::string id = fmt::format("brenloc-bridge-{}", next_private_++);
+      private_ids_.insert(mcp::id_key(Json(id)));
       Json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
       if (!params.is_null()) m["params"] = params;
-      daemon_out->send(mcp::serialize(m));
+      out += mcp::serialize(m) + "\n";
     };
-    if (initialize_params) private_request("initialize", *initialize_params);
-    if (initialized) daemon_out->send(R"({"jsonrpc":"2.0","method":"notifications/initialized"})");
-    if (level_params) private_request("logging/setLevel", *level_params);
+    if (initialize_params_) private_request("initialize", *initialize_params_);
+    if (initialized_) out += "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/initialized\"}\n";
+    if (level_params_) private_request("logging/setLevel", *level_params_);
+    if (!out.empty() && !write_all(daemon_fd_, out)) lost_daemon();
   }
 
-  void went_down(const std::string& why) {
-    if (unreachable != why) {
-      logger()->warn("The brenloc daemon cannot be reached: {}", why);
+  void on_daemon_line(std::string_view line) {
+    if (auto key = response_id_key(line)) {
+      if (private_ids_.erase(*key) != 0) return;
+      pending_.erase(*key);
     }
-    unreachable = why;
-    link = Link::down;
-    while (!waiting.empty()) {
-      std::string line = std::move(waiting.front());
-      waiting.pop_front();
-      answer_alone(line);
-    }
-  }
-
-  void on_daemon(int gen, mcp::InputEvent ev) {
-    if (gen != generation || link != Link::up) {
-      if (daemon_in) daemon_in->consumed(ev.size);
-      return;
-    }
-    if (ev.kind == mcp::InputEvent::Kind::end) {
-      lost_daemon();
-      return;
-    }
-    if (ev.kind == mcp::InputEvent::Kind::line) {
-      std::string_view line = ev.text;
-      if (auto key = response_id_key(line)) {
-        if (private_ids.erase(*key) == 0) {
-          pending.erase(*key);
-          client_out.send(std::string(line));
-        }
-      } else {
-        client_out.send(std::string(line), true);  // notifications may be dropped for a slow client
-      }
-    }
-    daemon_in->consumed(ev.size);
+    to_client_line(line);
   }
 
   // The daemon went away: every pending request is answered, and the next one reconnects.
   void lost_daemon() {
     logger()->warn("The brenloc daemon went away; it is started again at the next request");
     drop_daemon();
-    link = Link::down;
-    unreachable = "it went away";
-    for (auto& [key, p] : pending) {
-      Json answer = p.method == "tools/call" ? mcp::make_result(p.id, mcp::tool_failure_result(kGone))
-                                             : mcp::make_error(p.id, mcp::kInternalError, kGone);
-      client_out.send(mcp::serialize(answer));
+    unreachable_ = "it went away";
+    for (auto& [key, p] : pending_) {
+      to_client(p.method == "tools/call" ? mcp::make_result(p.id, mcp::tool_failure_result(kGone))
+                                         : mcp::make_error(p.id, mcp::kInternalError, kGone));
     }
-    pending.clear();
-    private_ids.clear();
+    pending_.clear();
+    private_ids_.clear();
   }
 
   void drop_daemon() {
-    if (daemon_in) daemon_in->stop();
-    if (daemon_fd >= 0) ::shutdown(daemon_fd, SHUT_RDWR);
-    if (daemon_in) daemon_in->join();
-    if (daemon_out) daemon_out->abort();
-    daemon_in.reset();
-    daemon_out.reset();
-    if (daemon_fd >= 0) ::close(std::exchange(daemon_fd, -1));
+    if (daemon_fd_ >= 0) ::close(std::exchange(daemon_fd_, -1));
   }
 
-  static aio::Task<void> stop(std::shared_ptr<Core> self) {
-    if (self->stopping) co_return;
-    self->stopping = true;
-    if (self->client_in) self->client_in->stop();
-    self->drop_daemon();
-    self->link = Link::down;
-    mcp::LineReader* reader = self->client_in.get();
-    mcp::LineWriter* writer = &self->client_out;
-    co_await aio::to_thread([reader, writer] {
-      if (reader != nullptr) reader->join();
-      writer->close(std::chrono::milliseconds(2000));
-    });
-  }
+  const BridgeTarget& target_;
+  int in_, out_;
+  bool done_ = false;
+  int daemon_fd_ = -1;
+  LineSplitter from_client_, from_daemon_;
+  std::string unreachable_;  // why the daemon could not be reached the last time
+
+  // What the client has said that a new daemon must hear again, and the requests it still waits for.
+  std::optional<Json> initialize_params_;
+  bool initialized_ = false;
+  std::optional<Json> level_params_;
+  std::map<std::string, Pending> pending_;
+  std::set<std::string> private_ids_;
+  long long next_private_ = 1;
 };
 
-McpBridge::McpBridge(aio::EventLoop& loop, BridgeTarget target, int input_fd, int output_fd)
-    : core_(std::make_shared<Core>(loop, std::move(target), input_fd, output_fd)) {}
+}  // namespace
 
-McpBridge::~McpBridge() {
-  core_->stopping = true;
-  if (core_->client_in) {
-    core_->client_in->stop();
-    core_->client_in->join();
-  }
-  core_->drop_daemon();
-  core_->client_out.abort();
+void run_bridge(const BridgeTarget& target, int input_fd, int output_fd) {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  ::sigprocmask(SIG_BLOCK, &stop, nullptr);
+  int signal_fd = ::signalfd(-1, &stop, SFD_CLOEXEC);
+  Bridge(target, input_fd, output_fd).run(signal_fd);
+  ::close(signal_fd);
 }
-
-void McpBridge::start() { core_->start(); }
-
-aio::Future<void> McpBridge::input_ended() const { return aio::Future<void>(core_->ended); }
-
-aio::Task<void> McpBridge::stop() { return Core::stop(core_); }
 
 }  // namespace brenloc::app

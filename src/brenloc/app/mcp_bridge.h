@@ -7,13 +7,12 @@
 // logging level before it. While no daemon can be reached (or it refuses the repository), the bridge
 // answers by itself: the handshake, ping and the tool list as the daemon would, every tool call with an
 // error that says why.
+//
+// One thread relays both ways from a poll loop, so a message crosses the bridge with one wake-up.
 #pragma once
 
 #include <filesystem>
-#include <memory>
 
-#include "brenloc/aio/future.h"
-#include "brenloc/aio/task.h"
 #include "brenloc/app/runtime_dir.h"
 
 namespace brenloc::app {
@@ -24,23 +23,7 @@ struct BridgeTarget {
   RuntimePaths paths;               // the daemon's, already prepared
 };
 
-class McpBridge {
- public:
-  McpBridge(aio::EventLoop& loop, BridgeTarget target, int input_fd, int output_fd);
-  ~McpBridge();
-  McpBridge(const McpBridge&) = delete;
-  McpBridge& operator=(const McpBridge&) = delete;
-
-  // Starts reading the client and connecting to the daemon. On the loop thread.
-  void start();
-  // Completes when the client's input has ended.
-  aio::Future<void> input_ended() const;
-  // Closes the daemon connection and waits (briefly) for the client to take what is queued. Idempotent.
-  aio::Task<void> stop();
-
- private:
-  struct Core;
-  std::shared_ptr<Core> core_;
-};
+// Relays until the client's input ends, its output breaks, or SIGINT or SIGTERM arrives. Blocks.
+void run_bridge(const BridgeTarget& target, int input_fd, int output_fd);
 
 }  // namespace brenloc::app
