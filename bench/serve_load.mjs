@@ -6,7 +6,7 @@
 // With --check it exits non-zero when an answer is missing or wrong, when the rebuild phase did not
 // overlap a rebuild, or when memory grows batch after batch (the form run by CTest).
 import { spawn } from "node:child_process";
-import { readFileSync, mkdtempSync, rmSync } from "node:fs";
+import { existsSync, readFileSync, mkdtempSync, rmSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 
@@ -58,7 +58,16 @@ function call(method, params) {
   });
 }
 const tool = (name, args) => call("tools/call", { name, arguments: args });
-const rssKiB = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${server.pid}/status`, "utf8"))[1]);
+// The memory to follow is the daemon's when serve relays to one (its pid heads its lock file), else
+// the serving process's own.
+function memoryPid() {
+  try {
+    const pid = Number(readFileSync(join(process.env.XDG_RUNTIME_DIR ?? "", "brenloc", "daemon.lock"), "utf8").split("\n")[0]);
+    if (pid > 0 && existsSync(`/proc/${pid}/status`)) return pid;
+  } catch { /* no daemon */ }
+  return server.pid;
+}
+const rssKiB = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${memoryPid()}/status`, "utf8"))[1]);
 const pct = (sorted, p) => sorted[Math.min(sorted.length - 1, Math.floor(sorted.length * p))];
 
 async function batch() {
