@@ -42,10 +42,10 @@ aio::Task<Figures> measure(BenchWorker& w, int n) {
   us.reserve(n);
   for (int i = 0; i < n; ++i) {
     auto t0 = Clock::now();
-    auto response = co_await w._handle_force_reindex(nlohmann::ordered_json::object());
+    auto response = co_await w.force_reindex(nlohmann::ordered_json::object());
     us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
     if (response["status"] != "accepted") std::fprintf(stderr, "unexpected: %s\n", response.dump().c_str());
-    co_await aio::wait_all({w._indexer_task->base()});
+    co_await aio::wait_all({w.last_run()->base()});
   }
   co_await w.stop();
   std::sort(us.begin(), us.end());

@@ -48,9 +48,11 @@ class BenchWorker : public daemon::RepoWorker {
  public:
   BenchWorker(const fs::path& root, const fs::path& data, SwapWindow& w) : RepoWorker(root, data), w_(w) {}
   std::shared_ptr<storage::Repository> _new_repository(std::shared_ptr<storage::Database> db) override {
-    if (db->path().filename() == "index.db") return std::make_shared<TimedRepository>(std::move(db), w_);
-    return RepoWorker::_new_repository(std::move(db));
+    if (db->path().filename() != "index.db") return RepoWorker::_new_repository(std::move(db));
+    live = std::make_shared<TimedRepository>(std::move(db), w_);
+    return live;
   }
+  std::shared_ptr<storage::Repository> live;  // the live store, which the bench's client queries directly
 
  private:
   SwapWindow& w_;
@@ -58,10 +60,11 @@ class BenchWorker : public daemon::RepoWorker {
 
 aio::Task<double> timed_reindex(BenchWorker& w, json params) {
   auto t0 = Clock::now();
-  json response = co_await w._handle_force_reindex(std::move(params));
+  json response = co_await w.force_reindex(std::move(params));
   if (response["status"] != "accepted") std::fprintf(stderr, "not accepted: %s\n", response.dump().c_str());
-  co_await aio::wait_all({w._indexer_task->base()});
-  if (w._last_reindex_error) std::fprintf(stderr, "reindex error: %s\n", w._last_reindex_error->c_str());
+  co_await aio::wait_all({w.last_run()->base()});
+  json status = co_await w.index_status();
+  if (!status["last_reindex_error"].is_null()) std::fprintf(stderr, "reindex error: %s\n", status["last_reindex_error"].dump().c_str());
   co_return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
@@ -91,9 +94,9 @@ struct Round {
   double swap_s = 0;
 };
 
-double last_pass_seconds(BenchWorker& w) {
-  json info = w._indexer->stats.get_last_index_info();
-  return info.is_object() ? info.value("duration_seconds", 0.0) : 0.0;
+aio::Task<double> last_pass_seconds(BenchWorker& w) {
+  json info = (co_await w.index_status())["last_index"];
+  co_return info.is_object() ? info.value("duration_seconds", 0.0) : 0.0;
 }
 
 double median(std::vector<double> v) {
@@ -131,13 +134,13 @@ int main(int argc, char** argv) {
                                      std::vector<Sample>& samples) -> aio::Task<void> {
       co_await w.start();
       round.live_s = co_await timed_reindex(w, json::object());  // a live whole pass into an empty index
-      round.live_pass_s = last_pass_seconds(w);
+      round.live_pass_s = co_await last_pass_seconds(w);
       // The same tree rebuilt through staging, with no client load either, so that the two compare.
       round.rebuild_s = co_await timed_reindex(w, json{{"clear_existing", true}});
-      round.rebuild_pass_s = last_pass_seconds(w);
+      round.rebuild_pass_s = co_await last_pass_seconds(w);
       round.swap_s = static_cast<double>(window.end - window.start) / 1e9;
       if (last) {
-        auto repo = w._repository;
+        auto repo = w.live;
         client = std::thread([repo, &phase, &mu, &samples] {
           const char* queries[] = {"get", "init", "Error", "parse", "x"};
           for (int i = 0; phase != 2; ++i) {
