@@ -33,9 +33,9 @@ struct SwapWindow {
 class TimedRepository : public storage::Repository {
  public:
   TimedRepository(std::shared_ptr<storage::Database> db, SwapWindow& w) : storage::Repository(std::move(db)), w_(w) {}
-  json swap_index_from(const fs::path& p) override {
+  storage::Counts swap_index_from(const fs::path& p) override {
     w_.start = Clock::now().time_since_epoch().count();
-    json counts = storage::Repository::swap_index_from(p);
+    storage::Counts counts = storage::Repository::swap_index_from(p);
     w_.end = Clock::now().time_since_epoch().count();
     return counts;
   }

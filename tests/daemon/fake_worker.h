@@ -142,8 +142,8 @@ std::string ending_of(const aio::Future<T>& f) {
 }
 
 inline workers::IndexStats make_stats(std::int64_t files, std::int64_t symbols, std::int64_t errors,
-                                      json last_info = json()) {
-  return {.files_processed = files, .symbols_added = symbols, .errors = errors, .last_info = std::move(last_info)};
+                                      std::optional<workers::PassRecord> last_pass = std::nullopt) {
+  return {.files_processed = files, .symbols_added = symbols, .errors = errors, .last_pass = last_pass};
 }
 
 }  // namespace brenloc::testing

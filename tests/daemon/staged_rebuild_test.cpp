@@ -61,10 +61,10 @@ struct Faults {
 class LiveRepository : public storage::Repository {
  public:
   LiveRepository(std::shared_ptr<storage::Database> db, Faults& f) : storage::Repository(std::move(db)), f_(f) {}
-  json swap_index_from(const fs::path& staging_path) override {
+  storage::Counts swap_index_from(const fs::path& staging_path) override {
     f_.log("swap");
     f_.reach(Step::swap);
-    json counts = storage::Repository::swap_index_from(staging_path);
+    storage::Counts counts = storage::Repository::swap_index_from(staging_path);
     f_.log("swap done");
     return counts;
   }
@@ -135,7 +135,8 @@ class StagingWorker : public FakeWorker {
     f.log(force ? "report forced" : "report");
     f.reach(Step::report);
   }
-  aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap, std::shared_ptr<storage::Database> db,
+  aio::Task<void> _release_staging(std::optional<aio::Future<storage::Counts>> swap,
+                                   std::shared_ptr<storage::Database> db,
                                    Paths sidecars, std::shared_ptr<workers::Indexer> indexer) override {
     ++releases_running;
     struct Done {

@@ -232,12 +232,13 @@ TEST_F(SwapTest, ReplacesEveryRowAndAnswersCachedQueriesFromTheNewIndex) {
   auto staging = make_staging(dir.path() / "index.db.reindex-staging", rows);
   db->execute("DROP INDEX symbols_by_name");  // as a cancelled bulk load into the live file leaves it
 
-  EXPECT_EQ(repo.swap_index_from(dir.path() / "index.db.reindex-staging").dump(), R"({"files":41,"symbols":1001})");
+  EXPECT_EQ(storage::to_string(repo.swap_index_from(dir.path() / "index.db.reindex-staging")),
+            R"({"files":41,"symbols":1001})");
   EXPECT_EQ(dump(*db), dump(*staging));  // every row and index, and the staging file detached
   EXPECT_EQ(repo.search_symbols(query).at(0).path, "moved.cpp");
 
   auto empty = make_staging(dir.path() / "empty", {});  // also an index, and the live writer carries on after it
-  EXPECT_EQ(repo.swap_index_from(dir.path() / "empty").dump(), R"({"files":0,"symbols":0})");
+  EXPECT_EQ(storage::to_string(repo.swap_index_from(dir.path() / "empty")), R"({"files":0,"symbols":0})");
   repo.store_files(entries("after", 1, 2));
   EXPECT_EQ(repo.counts().symbols, 2);
 }
@@ -297,7 +298,7 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
     EXPECT_EQ(repo.search_symbols(query).size(), cached);
   }
   make_staging(dir.path() / "good", entries("new", 2, 2));
-  EXPECT_EQ(repo.swap_index_from(dir.path() / "good").dump(), R"({"files":2,"symbols":4})");
+  EXPECT_EQ(storage::to_string(repo.swap_index_from(dir.path() / "good")), R"({"files":2,"symbols":4})");
 }
 
 // Readers on their own connections during repeated swaps (from another thread than the one that opened the

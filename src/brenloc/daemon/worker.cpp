@@ -132,7 +132,7 @@ aio::Task<void> RepoWorker::_start_indexing() {
   ++_indexing_in_progress;
 }
 
-aio::Task<void> RepoWorker::_release_staging(std::optional<aio::Future<json>> swap,
+aio::Task<void> RepoWorker::_release_staging(std::optional<aio::Future<storage::Counts>> swap,
                                              std::shared_ptr<storage::Database> staging_db, Paths sidecars,
                                              std::shared_ptr<workers::Indexer> staging_indexer) {
   ++releases_in_flight_;

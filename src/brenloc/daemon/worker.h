@@ -67,7 +67,8 @@ class RepoWorker : public WorkerReindex {
   aio::Task<void> broadcast_status(json message) override;
   // Counts the releases still running: a rebuild cancelled while it waits for its release ends before
   // the release does, and nothing may open a new staging database until the old one is discarded.
-  aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap, std::shared_ptr<storage::Database> staging_db,
+  aio::Task<void> _release_staging(std::optional<aio::Future<storage::Counts>> swap,
+                                   std::shared_ptr<storage::Database> staging_db,
                                    Paths sidecars, std::shared_ptr<workers::Indexer> staging_indexer) override;
   int releases_in_flight() const { return releases_in_flight_; }
 

@@ -134,15 +134,7 @@ aio::Task<void> WorkerReindex::index_and_record(WorkerReindex* self, bool rebuil
   self->_last_reindex_error = self->_rebuild_refusal;
   log_info(fmt::sprintf("Reindex completed: %d files processed, %d symbols added", s.files_processed,
                         s.symbols_added));
-  if (self->_indexer != nullptr) {
-    json last_info = s.get_last_index_info();
-    if (!last_info.is_null() && !last_info.empty()) {
-      self->_indexer->stats.record_completion({.index_type = last_info.at("type"),
-                                               .duration_seconds = last_info.at("duration_seconds"),
-                                               .files_processed = last_info.at("files_processed"),
-                                               .errors = last_info.at("errors")});
-    }
-  }
+  if (self->_indexer != nullptr && s.last_pass) self->_indexer->stats.record_completion(*s.last_pass);
   co_await self->broadcast_status(json{{"type", "reindex_complete"},
                                        {"files_processed", s.files_processed},
                                        {"symbols_added", s.symbols_added},
@@ -229,22 +221,22 @@ aio::Task<workers::IndexStats> WorkerReindex::stage_and_swap(StagingRebuild& sta
   }
   if (stats.value().errors != 0) throw IncompleteRebuildError(stats->errors);
   staging.swap = _passes_lane.run(&WorkerReindex::_swap_in_staged_index, repository, staging.db, staging_path);
-  json counts = co_await aio::shield(*staging.swap);
-  log_info(fmt::sprintf("Force-reindex swap committed (rows: %s)", counts.dump()));
+  storage::Counts counts = co_await aio::shield(*staging.swap);
+  log_info(fmt::sprintf("Force-reindex swap committed (rows: %s)", storage::to_string(counts)));
   co_await _passes_lane.run(&WorkerReindex::_write_report, this, repository, repo_root, true);
   co_return *stats;
 }
 
-json WorkerReindex::_swap_in_staged_index(const std::shared_ptr<storage::Repository>& repository,
+storage::Counts WorkerReindex::_swap_in_staged_index(const std::shared_ptr<storage::Repository>& repository,
                                           const std::shared_ptr<storage::Database>& staging_db,
                                           const fs::path& staging_path) {
   staging_db->execute("PRAGMA wal_checkpoint(TRUNCATE)");
-  json counts = repository->swap_index_from(staging_path);
+  storage::Counts counts = repository->swap_index_from(staging_path);
   repository->clear_query_cache();
   return counts;
 }
 
-aio::Task<void> WorkerReindex::_release_staging(std::optional<aio::Future<json>> swap,
+aio::Task<void> WorkerReindex::_release_staging(std::optional<aio::Future<storage::Counts>> swap,
                                                 std::shared_ptr<storage::Database> staging_db, Paths sidecars,
                                                 std::shared_ptr<workers::Indexer> staging_indexer) {
   if (staging_indexer) co_await staging_indexer->settle();

@@ -65,11 +65,11 @@ class WorkerReindex : public WorkerState {
   // --- the full rebuild ---
   virtual aio::Task<workers::IndexStats> _full_reindex_via_staging();
   // Makes the staged index the live one. Blocking; runs on the passes' lane.
-  static json _swap_in_staged_index(const std::shared_ptr<storage::Repository>& repository,
+  static storage::Counts _swap_in_staged_index(const std::shared_ptr<storage::Repository>& repository,
                                     const std::shared_ptr<storage::Database>& staging_db,
                                     const std::filesystem::path& staging_path);
   // Discards the staging database once the staging indexer has settled and a started swap has ended.
-  virtual aio::Task<void> _release_staging(std::optional<aio::Future<json>> swap,
+  virtual aio::Task<void> _release_staging(std::optional<aio::Future<storage::Counts>> swap,
                                            std::shared_ptr<storage::Database> staging_db, Paths sidecars,
                                            std::shared_ptr<workers::Indexer> staging_indexer = nullptr);
 
@@ -93,10 +93,11 @@ class WorkerReindex : public WorkerState {
   struct StagingRebuild {
     std::shared_ptr<storage::Database> db;
     std::shared_ptr<workers::Indexer> indexer;
-    std::optional<aio::Future<json>> swap;
+    std::optional<aio::Future<storage::Counts>> swap;
   };
   // The full rebuild up to its clean-up: the staging pass, the swap and the report.
-  aio::Task<workers::IndexStats> stage_and_swap(StagingRebuild& staging, std::shared_ptr<storage::Repository> repository,
+  aio::Task<workers::IndexStats> stage_and_swap(StagingRebuild& staging,
+                                                std::shared_ptr<storage::Repository> repository,
                                                 std::filesystem::path staging_path,
                                                 aio::Future<std::shared_ptr<storage::Database>> opening);
 };

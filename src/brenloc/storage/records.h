@@ -56,4 +56,9 @@ struct Counts {
   std::int64_t symbols = 0;
 };
 
+// {"files":N,"symbols":M}, as logs show counts.
+inline std::string to_string(const Counts& c) {
+  return "{\"files\":" + std::to_string(c.files) + ",\"symbols\":" + std::to_string(c.symbols) + "}";
+}
+
 }  // namespace brenloc::storage

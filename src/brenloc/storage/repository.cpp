@@ -581,7 +581,7 @@ SwapTiming Repository::last_swap_timing() const {
 // ---------------------------------------------------------------------------------------------------
 // Swap
 
-nlohmann::ordered_json Repository::swap_index_from(const std::filesystem::path& staging_path) {
+Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   const auto start = Clock::now();
   const std::string what =
       fmt::format("swapping in the index of {} onto {}", staging_path.string(), impl_->path.string());
@@ -654,10 +654,7 @@ nlohmann::ordered_json Repository::swap_index_from(const std::filesystem::path& 
   }
   impl_->log->info("Swapped in {} files and {} symbols from {} in {:.3f} s (write lock held {:.3f} s)", rows.files,
                    rows.symbols, staging_path.string(), timing.total_seconds, timing.write_lock_seconds);
-  nlohmann::ordered_json out;
-  out["files"] = rows.files;
-  out["symbols"] = rows.symbols;
-  return out;
+  return rows;
 }
 
 }  // namespace brenloc::storage

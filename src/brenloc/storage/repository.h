@@ -13,8 +13,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/records.h"
 
@@ -63,8 +61,8 @@ class Repository {
   // Replaces the live index with the one in the staging file, in one transaction on the writer
   // connection (attach read-only, check the schema version, replace the rows, commit, detach). Any
   // failure rolls back and leaves the live index exactly as it was; readers see the old index or the new
-  // one, never a mix. Returns the row counts {"files": N, "symbols": M}.
-  virtual nlohmann::ordered_json swap_index_from(const std::filesystem::path& staging_path);
+  // one, never a mix. Returns the rows copied.
+  virtual Counts swap_index_from(const std::filesystem::path& staging_path);
   // Drops every cached query result.
   virtual void clear_query_cache();
   // Timing of the last swap_index_from that succeeded (zeros before the first).

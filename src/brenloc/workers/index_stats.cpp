@@ -2,11 +2,14 @@
 
 namespace brenloc::workers {
 
-void IndexStats::record_completion(const Completion& c) {
-  last_info = nlohmann::ordered_json{{"type", c.index_type},
-                                     {"duration_seconds", c.duration_seconds},
-                                     {"files_processed", c.files_processed},
-                                     {"errors", c.errors}};
+const char* pass_type_name(PassType type) { return type == PassType::full ? "full" : "paths"; }
+
+nlohmann::ordered_json pass_info(const std::optional<PassRecord>& record) {
+  if (!record) return nullptr;
+  return nlohmann::ordered_json{{"type", pass_type_name(record->index_type)},
+                                {"duration_seconds", record->duration_seconds},
+                                {"files_processed", record->files_processed},
+                                {"errors", record->errors}};
 }
 
 }  // namespace brenloc::workers

@@ -2,10 +2,26 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include <nlohmann/json.hpp>
 
 namespace brenloc::workers {
+
+// What a pass covered: the whole repository, or listed paths. Named "full" and "paths" in status.
+enum class PassType { full, paths };
+const char* pass_type_name(PassType type);
+
+// The record of one completed pass, as status shows it.
+struct PassRecord {
+  PassType index_type = PassType::full;
+  double duration_seconds = 0;
+  std::int64_t files_processed = 0;
+  std::int64_t errors = 0;
+};
+
+// The dictionary of a record: {"type", "duration_seconds", "files_processed", "errors"}; null for none.
+nlohmann::ordered_json pass_info(const std::optional<PassRecord>& record);
 
 struct IndexStats {
   std::int64_t files_processed = 0;  // files the pass indexed: stored anew, or found up to date
@@ -14,21 +30,12 @@ struct IndexStats {
   std::int64_t files_unchanged = 0;  // of files_processed: found up to date by content hash
   std::int64_t files_removed = 0;    // rows dropped: files gone, or now left out by policy
   std::int64_t files_skipped = 0;    // left out by policy (ignored, links, special, binary, too large)
-  // {"type", "duration_seconds", "files_processed", "errors"} of the pass, or null when there is nothing
-  // to record.
-  nlohmann::ordered_json last_info;
+  std::optional<PassRecord> last_pass;  // absent when there is nothing to record
 
-  nlohmann::ordered_json get_last_index_info() const { return last_info; }
-
-  // Values are passed through as the caller got them from get_last_index_info().
-  struct Completion {
-    nlohmann::ordered_json index_type;
-    nlohmann::ordered_json duration_seconds;
-    nlohmann::ordered_json files_processed;
-    nlohmann::ordered_json errors;
-  };
-  // Records a completed pass: it becomes get_last_index_info().
-  void record_completion(const Completion& c);
+  // The design's dictionary of last_pass (pass_info), or null.
+  nlohmann::ordered_json get_last_index_info() const { return pass_info(last_pass); }
+  // Records a completed pass: it becomes last_pass.
+  void record_completion(const PassRecord& completion) { last_pass = completion; }
 };
 
 }  // namespace brenloc::workers

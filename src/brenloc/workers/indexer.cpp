@@ -427,18 +427,16 @@ aio::Task<void> Indexer::Pass::write_records() {
     log->warn("... and {} more left out; errors.jsonl names them all", errors.size() - kLoggedLeftOut);
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  stats.last_info = nlohmann::ordered_json{{"type", whole ? "full" : "paths"},
-                                           {"duration_seconds", seconds},
-                                           {"files_processed", stats.files_processed},
-                                           {"errors", stats.errors}};
-  auto written_f = impl->on_writer(o, [data_dir = data_dir, errors = std::move(errors), info = stats.last_info] {
-    write_pass_files(data_dir, errors, info);
+  const PassType type = whole ? PassType::full : PassType::paths;
+  stats.last_pass = PassRecord{type, seconds, stats.files_processed, stats.errors};
+  auto written_f = impl->on_writer(o, [data_dir = data_dir, errors = std::move(errors), record = *stats.last_pass] {
+    write_pass_files(data_dir, errors, record);
   });
   co_await aio::shield(written_f);
 
   log->info("Index pass ({}) of {}: {} files processed ({} unchanged), {} symbols added, {} removed, {} left out, "
             "{} skipped, {:.2f} s",
-            whole ? "full" : "paths", root.string(), stats.files_processed, stats.files_unchanged,
+            pass_type_name(type), root.string(), stats.files_processed, stats.files_unchanged,
             stats.symbols_added, stats.files_removed, stats.errors, stats.files_skipped, seconds);
 }
 

@@ -49,14 +49,14 @@ void replace_file(const std::filesystem::path& path, std::string_view content) {
 }
 
 void write_pass_files(const std::filesystem::path& data_dir, const std::vector<LeftOut>& errors,
-                      const nlohmann::ordered_json& info) {
+                      const PassRecord& record) {
   std::string lines;
   for (const LeftOut& e : errors) {
     lines += dump(nlohmann::ordered_json{{"path", e.path}, {"stage", e.stage}, {"error", e.error}});
     lines += '\n';
   }
   replace_file(data_dir / kErrorsFile, lines);
-  nlohmann::ordered_json last = info;
+  nlohmann::ordered_json last = pass_info(record);
   last["finished_at"] = fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(
                                                      std::chrono::system_clock::now())));
   replace_file(data_dir / kLastIndexFile, dump(last) + "\n");

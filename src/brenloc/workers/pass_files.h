@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "brenloc/workers/index_stats.h"
 #include "brenloc/workers/walker.h"
 
 namespace brenloc::workers {
@@ -15,9 +16,9 @@ namespace brenloc::workers {
 inline constexpr const char* kErrorsFile = "errors.jsonl";
 inline constexpr const char* kLastIndexFile = "last_index.json";
 
-// Writes both files; `info` is the pass's last index info. Blocking; throws on failure.
+// Writes both files; `record` is what the pass did. Blocking; throws on failure.
 void write_pass_files(const std::filesystem::path& data_dir, const std::vector<LeftOut>& errors,
-                      const nlohmann::ordered_json& info);
+                      const PassRecord& record);
 
 // The last pass's info with "finished_at" (UTC, ISO 8601), or null when there is none to read.
 nlohmann::ordered_json read_last_index(const std::filesystem::path& data_dir);
