@@ -142,6 +142,119 @@ std::string_view word_after(const std::string& text, std::size_t i) {
   return std::string_view(text.data() + i, j - i);
 }
 
+bool is_class_key(std::string_view word) { return word == "class" || word == "struct" || word == "union"; }
+
+// Where a word spelled like a macro at [i, j) ends as a decoration to blank (with its arguments when a
+// parameter list's decoration takes some), or npos when it is no decoration there: between a class key and
+// the class's name, at the start of a declaration, or after a parameter list.
+std::size_t macro_decoration_end(const std::string& text, std::size_t line_begin, std::size_t i, std::size_t j) {
+  const std::string_view before = word_before(text, i);
+  const std::string_view after = word_after(text, j);
+  const std::size_t next = skip_spaces(text, j);
+  const char next_char = next < text.size() ? text[next] : ';';
+  bool drop = false;
+  if (is_class_key(before)) {
+    // class EXPORT_MACRO Name {   (but not: typedef struct TAG name;)
+    if (!after.empty() && !is_macro_like(after) && after != "final") {
+      const std::size_t k = skip_spaces(text, static_cast<std::size_t>(after.data() - text.data()) + after.size());
+      const char c = k < text.size() ? text[k] : ';';
+      drop = c == '{' || (c == ':' && (k + 1 >= text.size() || text[k + 1] != ':')) || c == '<' ||
+             word_after(text, k) == "final";
+    }
+  } else if (i == line_begin) {
+    // EXPORT_MACRO static int f();
+    drop = listed(declaration_keywords, after);
+  } else if (follows_parameter_list(text, i)) {
+    // void f() const NOEXCEPT_MACRO;
+    drop = next_char == '{' || next_char == ';' || next_char == '=' || next_char == ':' || next_char == '(' ||
+           is_macro_like(after) || listed(trailing_keywords, after);
+  }
+  if (!drop) return std::string::npos;
+  std::size_t stop = j;
+  if (next_char == '(' && !is_class_key(before)) {
+    const std::size_t close = balanced_end(text, next);
+    if (close != std::string::npos && text.find('\n', j) >= close) stop = close;
+  }
+  return stop;
+}
+
+// Blanks the decorations among the words of the line that starts at `begin` and ends at `eol`. Returns
+// the line's end, which moves on when a listed decoration's arguments run on to later lines.
+std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t eol, bool& changed) {
+  for (std::size_t i = begin; i < eol;) {
+    if (!is_ident_start(text[i]) || (i > 0 && is_ident_char(text[i - 1]))) {
+      ++i;
+      continue;
+    }
+    std::size_t j = i;
+    while (j < text.size() && is_ident_char(text[j])) ++j;
+    const std::string_view word(text.data() + i, j - i);
+    if (is_macro_like(word)) {
+      const std::size_t stop = macro_decoration_end(text, begin, i, j);
+      if (stop != std::string::npos) {
+        blank(text, i, stop);
+        changed = true;
+        i = stop;
+        continue;
+      }
+    }
+    if (text[i] == '_') {
+      if (listed(plain_macros, word)) {
+        blank(text, i, j);
+        changed = true;
+      } else if (listed(call_macros, word)) {
+        std::size_t open = j;
+        while (open < text.size() && is_space(text[open])) ++open;
+        std::size_t close = open < text.size() && text[open] == '(' ? balanced_end(text, open) : std::string::npos;
+        blank(text, i, close == std::string::npos ? j : close);
+        changed = true;
+        if (close != std::string::npos && close > eol) {
+          eol = text.find('\n', close);
+          if (eol == std::string::npos) eol = text.size();
+        }
+        if (close != std::string::npos) j = close;
+      }
+    }
+    i = j;
+  }
+  return eol;
+}
+
+// The end of the preprocessor directive whose first line is [begin, end) and ends at `eol`: the end of its
+// last continuation line.
+std::size_t directive_end(const std::string& text, std::size_t begin, std::size_t end, std::size_t eol) {
+  while (eol < text.size() && end > begin && text[end - 1] == '\\') {
+    const std::size_t pos = eol + 1;
+    eol = text.find('\n', pos);
+    if (eol == std::string::npos) eol = text.size();
+    end = eol;
+    while (end > pos && is_space(text[end - 1])) --end;
+    begin = pos;
+  }
+  return eol;
+}
+
+// A line holding nothing but a macro name or call, after the end of a declaration (`previous`), and not
+// followed by what would continue an expression or a list.
+bool is_lone_macro_line(const std::string& text, std::string_view line, char previous, std::size_t eol) {
+  if (!is_macro_line(line)) return false;
+  if (previous != ';' && previous != '{' && previous != '}' && previous != '#' && previous != '/') return false;
+  const std::size_t next = skip_spaces(text, eol);
+  const char after = next < text.size() ? text[next] : ';';
+  return after != '}' && after != ',' && after != ')' && after != '=' && after != ';' && after != '(' &&
+         after != '[';
+}
+
+// What the text from `pos` to `eol` ends with, for the next line: its last character ('/' for the end of a
+// comment), or `previous` when it holds only white space.
+char line_ending(const std::string& text, std::size_t pos, std::size_t eol, char previous) {
+  std::size_t last = eol;
+  while (last > pos && (is_space(text[last - 1]) || text[last - 1] == '\n')) --last;
+  if (last == pos) return previous;
+  const char c = text[last - 1];
+  return (c == '/' && last >= 2 && text[last - 2] == '*') ? '/' : c;
+}
+
 }  // namespace
 
 bool blank_annotation_macros(std::string& text) {
@@ -159,113 +272,24 @@ bool blank_annotation_macros(std::string& text) {
     while (end > begin && is_space(text[end - 1])) --end;
     const std::string_view line(text.data() + begin, end - begin);
 
-    if (line.empty()) {
-      pos = eol + 1;
-      continue;
-    }
     // Comment lines say nothing about where declarations end.
-    if (line.starts_with("//") || line.starts_with("/*") || line[0] == '*') {
+    if (line.empty() || line.starts_with("//") || line.starts_with("/*") || line[0] == '*') {
       pos = eol + 1;
       continue;
     }
     if (line[0] == '#') {
-      // A directive, and its continuation lines.
-      while (eol < text.size() && end > begin && text[end - 1] == '\\') {
-        pos = eol + 1;
-        eol = text.find('\n', pos);
-        if (eol == std::string::npos) eol = text.size();
-        end = eol;
-        while (end > pos && is_space(text[end - 1])) --end;
-        begin = pos;
-      }
+      pos = directive_end(text, begin, end, eol) + 1;
       previous = '#';
+      continue;
+    }
+    if (is_lone_macro_line(text, line, previous, eol)) {
+      blank(text, begin, end);
+      changed = true;
       pos = eol + 1;
       continue;
     }
-
-    if (is_macro_line(line) && (previous == ';' || previous == '{' || previous == '}' || previous == '#' ||
-                                previous == '/')) {
-      const std::size_t next = skip_spaces(text, eol);
-      const char after = next < text.size() ? text[next] : ';';
-      if (after != '}' && after != ',' && after != ')' && after != '=' && after != ';' && after != '(' &&
-          after != '[') {
-        blank(text, begin, end);
-        changed = true;
-        pos = eol + 1;
-        continue;
-      }
-    }
-
-    // Listed decorations anywhere on the line.
-    for (std::size_t i = begin; i < eol;) {
-      if (!is_ident_start(text[i]) || (i > 0 && is_ident_char(text[i - 1]))) {
-        ++i;
-        continue;
-      }
-      std::size_t j = i;
-      while (j < text.size() && is_ident_char(text[j])) ++j;
-      const std::string_view word(text.data() + i, j - i);
-      if (is_macro_like(word)) {
-        const std::string_view before = word_before(text, i);
-        const std::string_view after = word_after(text, j);
-        const std::size_t next = skip_spaces(text, j);
-        const char next_char = next < text.size() ? text[next] : ';';
-        bool drop = false;
-        if (before == "class" || before == "struct" || before == "union") {
-          // class EXPORT_MACRO Name {   (but not: typedef struct TAG name;)
-          if (!after.empty() && !is_macro_like(after) && after != "final") {
-            const std::size_t k = skip_spaces(text, static_cast<std::size_t>(after.data() - text.data()) + after.size());
-            const char c = k < text.size() ? text[k] : ';';
-            drop = c == '{' || (c == ':' && (k + 1 >= text.size() || text[k + 1] != ':')) || c == '<' ||
-                   word_after(text, k) == "final";
-          }
-        } else if (i == begin) {
-          // EXPORT_MACRO static int f();
-          drop = listed(declaration_keywords, after);
-        } else if (follows_parameter_list(text, i)) {
-          // void f() const NOEXCEPT_MACRO;
-          drop = next_char == '{' || next_char == ';' || next_char == '=' || next_char == ':' ||
-                 next_char == '(' || is_macro_like(after) || listed(trailing_keywords, after);
-        }
-        if (drop) {
-          std::size_t stop = j;
-          if (next_char == '(' && !(before == "class" || before == "struct" || before == "union")) {
-            const std::size_t close = balanced_end(text, next);
-            if (close != std::string::npos && text.find('\n', j) >= close) stop = close;
-          }
-          blank(text, i, stop);
-          changed = true;
-          i = stop;
-          continue;
-        }
-      }
-      if (text[i] == '_') {
-        if (listed(plain_macros, word)) {
-          blank(text, i, j);
-          changed = true;
-        } else if (listed(call_macros, word)) {
-          std::size_t open = j;
-          while (open < text.size() && is_space(text[open])) ++open;
-          std::size_t close = open < text.size() && text[open] == '(' ? balanced_end(text, open) : std::string::npos;
-          blank(text, i, close == std::string::npos ? j : close);
-          changed = true;
-          if (close != std::string::npos && close > eol) {
-            eol = text.find('\n', close);
-            if (eol == std::string::npos) eol = text.size();
-          }
-          if (close != std::string::npos) j = close;
-        }
-      }
-      i = j;
-    }
-
-    // What this line ends with, for the next one.
-    std::size_t last = eol;
-    while (last > pos && (is_space(text[last - 1]) || text[last - 1] == '\n')) --last;
-    if (last > pos) {
-      const char c = text[last - 1];
-      previous = (c == '/' && last >= 2 && text[last - 2] == '*') ? '/' : c;
-    }
+    eol = blank_decorations(text, begin, eol, changed);
+    previous = line_ending(text, pos, eol, previous);
     pos = eol + 1;
   }
   return changed;

@@ -1,8 +1,12 @@
 #include "brenloc/engines/code_matchers.h"
 
+#include <algorithm>
 #include <array>
 #include <span>
+#include <stdexcept>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace brenloc::engines {
 
@@ -37,6 +41,7 @@ namespace {
 
 using Rule = CodeMatcher::Rule;
 using Family = CodeMatcher::Family;
+using Places = CodeMatcher::Places;
 
 // Node types the rules look for among a node's children, as bits.
 enum TypeBit : std::uint8_t {
@@ -49,22 +54,6 @@ enum TypeBit : std::uint8_t {
   pattern_list = 64,
   tuple_pattern = 128,
 };
-
-// The place of each pattern in its language's query (definition_queries.h): where two patterns capture
-// one name, the first wins. Patterns a language lacks have no place.
-struct Places {
-  std::uint32_t function, declaration, type, alias, class_, struct_, union_, enum_, enumerator, field, namespace_,
-      concept_, macro, function_macro, typedef_scope, lambda;
-};
-constexpr std::uint32_t kNone = ~0u;
-constexpr Places c_places{0, 1, 2, kNone, kNone, 3, 4, 5, 7, 8, kNone, kNone, 9, 10, 11, kNone};
-constexpr Places cpp_places{0, 1, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15, 16};
-struct PythonPlaces {
-  std::uint32_t constant, variable, pattern_list, tuple_pattern, class_, function, lambda;
-};
-constexpr PythonPlaces python_places{0, 1, 2, 3, 4, 5, 6};
-
-const Places& places(Family f) { return f == Family::c ? c_places : cpp_places; }
 
 // The thread's cursor over a node's children: the rules never walk two nodes' children at once.
 TSTreeCursor& children_cursor(TSNode node) {
@@ -119,9 +108,79 @@ Captured local(TSNode def, std::uint32_t pattern) {
   return c;
 }
 
+// A rule of a matcher: what starts at a node of type `type`, and the pattern of the query that it stands
+// for, found by that node type and the pattern's entry capture (`nth` of several such patterns).
+struct RuleSpec {
+  std::string_view type;
+  Rule rule;
+  std::string_view entry;
+  std::uint32_t Places::*place;
+  std::size_t nth = 0;
+};
+
+constexpr RuleSpec python_rules[] = {
+    {"expression_statement", Rule::expression_statement, "def.constant", &Places::constant},
+    // The three assignment patterns, in the order the query writes them: a name, a pattern list, a tuple.
+    {"expression_statement", Rule::expression_statement, "def.variable", &Places::variable, 0},
+    {"expression_statement", Rule::expression_statement, "def.variable", &Places::pattern_list, 1},
+    {"expression_statement", Rule::expression_statement, "def.variable", &Places::tuple_pattern, 2},
+    {"class_definition", Rule::class_definition, "def.class", &Places::class_},
+    {"function_definition", Rule::py_function_definition, "def.function", &Places::function},
+    {"lambda", Rule::lambda, "local", &Places::lambda},
+};
+
+constexpr RuleSpec c_rules[] = {
+    {"function_definition", Rule::function_definition, "def.function", &Places::function},
+    {"declaration", Rule::declaration, "def.variable", &Places::declaration},
+    {"type_definition", Rule::type_definition, "def.type", &Places::type},
+    {"type_definition", Rule::type_definition, "scope", &Places::typedef_scope},
+    {"field_declaration", Rule::field_declaration, "def.field", &Places::field},
+    {"struct_specifier", Rule::struct_specifier, "def.struct", &Places::struct_},
+    {"union_specifier", Rule::union_specifier, "def.union", &Places::union_},
+    {"enum_specifier", Rule::enum_specifier, "def.enum", &Places::enum_},
+    {"enumerator", Rule::enumerator, "def.enumerator", &Places::enumerator},
+    {"preproc_def", Rule::preproc_def, "def.macro", &Places::macro},
+    {"preproc_function_def", Rule::preproc_function_def, "def.macro", &Places::function_macro},
+};
+
+constexpr RuleSpec cpp_only_rules[] = {
+    {"alias_declaration", Rule::alias_declaration, "def.type", &Places::alias},
+    {"class_specifier", Rule::class_specifier, "def.class", &Places::class_},
+    {"namespace_definition", Rule::namespace_definition, "def.namespace", &Places::namespace_},
+    {"concept_definition", Rule::concept_definition, "def.type", &Places::concept_},
+    {"lambda_expression", Rule::lambda_expression, "local", &Places::lambda},
+};
+
 }  // namespace
 
-std::optional<CodeMatcher> CodeMatcher::for_language(std::string_view language, const TSLanguage* grammar) {
+void PatternPlaces::add(std::string_view root_type, std::string_view entry_capture, std::uint32_t place) {
+  patterns_.push_back({std::string(root_type), std::string(entry_capture), place});
+}
+
+std::uint32_t PatternPlaces::find(std::string_view root_type, std::string_view entry_capture,
+                                  std::size_t nth) const {
+  std::size_t seen = 0;
+  for (const Pattern& p : patterns_) {
+    if (p.root_type == root_type && p.entry_capture == entry_capture && seen++ == nth) return p.place;
+  }
+  throw std::logic_error(fmt::format("the definition query has no pattern number {} of the form ({} ...) @{}",
+                                     nth + 1, root_type, entry_capture));
+}
+
+std::vector<std::uint32_t> PatternPlaces::starting_at(std::string_view root_type) const {
+  std::vector<std::uint32_t> out;
+  for (const Pattern& p : patterns_) {
+    if (p.root_type == root_type) out.push_back(p.place);
+  }
+  return out;
+}
+
+bool CodeMatcher::exists_for(std::string_view language) {
+  return language == "c" || language == "cpp" || language == "python";
+}
+
+std::optional<CodeMatcher> CodeMatcher::for_language(std::string_view language, const TSLanguage* grammar,
+                                                     const PatternPlaces& places) {
   CodeMatcher m;
   if (language == "c") m.family_ = Family::c;
   else if (language == "cpp") m.family_ = Family::cpp;
@@ -139,26 +198,21 @@ std::optional<CodeMatcher> CodeMatcher::for_language(std::string_view language, 
   m.type_ = field("type");
   m.declarator_ = field("declarator");
   m.left_ = field("left");
-  struct Named {
-    std::string_view type;
-    Rule rule;
-  };
-  static constexpr Named python_rules[] = {{"expression_statement", Rule::expression_statement},
-                                           {"class_definition", Rule::class_definition},
-                                           {"function_definition", Rule::py_function_definition},
-                                           {"lambda", Rule::lambda}};
-  static constexpr Named c_rules[] = {
-      {"function_definition", Rule::function_definition}, {"declaration", Rule::declaration},
-      {"type_definition", Rule::type_definition},         {"field_declaration", Rule::field_declaration},
-      {"struct_specifier", Rule::struct_specifier},       {"union_specifier", Rule::union_specifier},
-      {"enum_specifier", Rule::enum_specifier},           {"enumerator", Rule::enumerator},
-      {"preproc_def", Rule::preproc_def},                 {"preproc_function_def", Rule::preproc_function_def}};
-  static constexpr Named cpp_only_rules[] = {
-      {"alias_declaration", Rule::alias_declaration},       {"class_specifier", Rule::class_specifier},
-      {"namespace_definition", Rule::namespace_definition}, {"concept_definition", Rule::concept_definition},
-      {"lambda_expression", Rule::lambda_expression}};
-  auto rules = [&](std::span<const Named> table) {
-    for (const Named& r : table) for_each_symbol_named(grammar, r.type, [&](TSSymbol s) { m.rules_[s] = r.rule; });
+  std::vector<std::uint32_t> claimed;
+  auto rules = [&](std::span<const RuleSpec> table) {
+    for (const RuleSpec& r : table) {
+      for_each_symbol_named(grammar, r.type, [&](TSSymbol s) { m.rules_[s] = r.rule; });
+      m.places_.*r.place = places.find(r.type, r.entry, r.nth);
+      claimed.push_back(m.places_.*r.place);
+    }
+    for (const RuleSpec& r : table) {
+      for (std::uint32_t place : places.starting_at(r.type)) {
+        if (std::find(claimed.begin(), claimed.end(), place) == claimed.end()) {
+          throw std::logic_error(fmt::format("the {} matcher has no rule for pattern {} of the query, at {}",
+                                             language, place, r.type));
+        }
+      }
+    }
   };
   auto type = [&](std::string_view name, std::uint8_t bit) {
     for_each_symbol_named(grammar, name, [&](TSSymbol s) { m.types_[s] |= bit; });
@@ -190,8 +244,8 @@ bool CodeMatcher::is(TSNode node, std::uint8_t type) const {
 void CodeMatcher::match(TSNode node, std::string_view source, std::vector<Captured>& out) const {
   const TSSymbol sym = ts_node_symbol(node);
   if (sym >= rules_.size()) return;
+  const Places& p = places_;
   if (family_ == Family::python) {
-    const PythonPlaces& p = python_places;
     switch (rules_[sym]) {
       case Rule::expression_statement: assignments(node, source, out); return;
       case Rule::class_definition: named(node, Kind::class_, p.class_, identifier, out); return;
@@ -200,7 +254,6 @@ void CodeMatcher::match(TSNode node, std::string_view source, std::vector<Captur
       default: return;
     }
   }
-  const Places& p = places(family_);
   // C names a struct, union or enum by a type_identifier; C++ by any name (qualified, templated).
   const std::uint8_t tag_name = family_ == Family::c ? type_identifier : 0;
   switch (rules_[sym]) {
@@ -258,7 +311,7 @@ void CodeMatcher::declarators(TSNode node, Kind kind, std::uint32_t pattern, boo
     if (!is(declarator, type_identifier)) continue;
     Captured c;
     c.entry = Entry::scope;
-    c.pattern = places(family_).typedef_scope;
+    c.pattern = places_.typedef_scope;
     c.def = type;
     c.scope_name = declarator;
     out.push_back(c);
@@ -301,7 +354,7 @@ void CodeMatcher::named(TSNode node, Kind kind, std::uint32_t pattern, std::uint
 //   (expression_statement (assignment left: (pattern_list (identifier) @name))) @def.variable
 //   (expression_statement (assignment left: (tuple_pattern (identifier) @name))) @def.variable
 void CodeMatcher::assignments(TSNode node, std::string_view source, std::vector<Captured>& out) const {
-  const PythonPlaces& p = python_places;
+  const Places& p = places_;
   auto add = [&](TSNode name, Kind kind, std::uint32_t pattern) {
     Captured c = symbol(node, kind, pattern);
     c.name = name;

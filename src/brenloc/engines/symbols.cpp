@@ -4,57 +4,25 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <regex>
-#include <span>
 #include <stdexcept>
 #include <unordered_set>
 
 #include <fmt/format.h>
 
 #include "brenloc/engines/annotation_macros.h"
-#include "brenloc/engines/code_matchers.h"
-#include "brenloc/engines/definition_queries.h"
+#include "brenloc/engines/compiled_query.h"
 #include "brenloc/engines/languages.h"
-
-extern "C" {
-const TSLanguage* tree_sitter_python();
-const TSLanguage* tree_sitter_c();
-const TSLanguage* tree_sitter_cpp();
-const TSLanguage* tree_sitter_javascript();
-const TSLanguage* tree_sitter_typescript();
-const TSLanguage* tree_sitter_tsx();
-const TSLanguage* tree_sitter_go();
-const TSLanguage* tree_sitter_rust();
-const TSLanguage* tree_sitter_java();
-}
 
 namespace brenloc::engines {
 namespace {
 
-// Runtimes before ABI 15 cannot limit the depth at which a query's matches start, which querying
-// an outline needs: with them every language is queried over its whole tree.
-#if TREE_SITTER_LANGUAGE_VERSION >= 15
-constexpr bool outline_supported = true;
-#else
-constexpr bool outline_supported = false;
-#endif
-
 // ---------------------------------------------------------------------------------------------
 // Kinds
-
-std::optional<Kind> kind_from_name(std::string_view name) {
-  for (std::size_t i = 0; i < kind_names.size(); ++i) {
-    if (kind_names[i] == name) return static_cast<Kind>(i);
-  }
-  return std::nullopt;
-}
 
 std::string_view kind_name(Kind k) { return kind_names[static_cast<std::size_t>(k)]; }
 
@@ -79,215 +47,12 @@ bool opens_scope(Kind k) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Languages and their compiled queries
-
-struct LanguageInfo {
-  std::string_view name;
-  const TSLanguage* (*grammar)();
-  std::string_view query_source;
-  std::string_view separator;  // between the parts of a scope
-  std::span<const std::string_view> outline;  // empty: query the whole tree
-};
-
-const std::array<LanguageInfo, 9> language_infos = {{
-    {"python", tree_sitter_python, queries::python, ".", queries::python_outline},
-    {"c", tree_sitter_c, queries::c, "::", queries::c_outline},
-    {"cpp", tree_sitter_cpp, queries::cpp, "::", queries::cpp_outline},
-    {"javascript", tree_sitter_javascript, queries::javascript, "."},
-    {"typescript", tree_sitter_typescript, queries::typescript, "."},
-    {"tsx", tree_sitter_tsx, queries::typescript, "."},
-    {"go", tree_sitter_go, queries::go, ".", queries::go_outline},
-    {"rust", tree_sitter_rust, queries::rust, "::", queries::rust_outline},
-    {"java", tree_sitter_java, queries::java, ".", queries::java_outline},
-}};
-constexpr std::size_t c_index = 1;
-constexpr std::size_t cpp_index = 2;
-
-std::optional<std::size_t> language_index(std::string_view language) {
-  for (std::size_t i = 0; i < language_infos.size(); ++i) {
-    if (language_infos[i].name == language) return i;
-  }
-  return std::nullopt;
-}
-
-enum class Role : std::uint8_t { none, name, name_declarator, qualifier, def, scope, scope_name, local };
-
-struct CaptureInfo {
-  Role role = Role::none;
-  Kind kind = Kind::function;  // for Role::def
-};
-
-struct Predicate {
-  enum class Op { eq, not_eq_, match, not_match } op;
-  std::uint32_t capture = 0;
-  std::optional<std::uint32_t> other_capture;  // compared with this capture's text...
-  std::string text;                            // ...or with this text
-  std::optional<std::regex> regex;
-};
-
-struct CompiledQuery {
-  TSQuery* query = nullptr;
-  std::vector<CaptureInfo> captures;                // by capture id
-  std::vector<std::vector<Predicate>> predicates;  // by pattern index
-  std::vector<bool> outline;                        // by node symbol; empty: no outline
-  std::vector<bool> starts;                         // by node symbol: a pattern starts at such a node
-  std::optional<CodeMatcher> code;                  // matches what the query would, except at error nodes
-};
-
-// The node type a pattern starts with: its first name after the opening parentheses ("" when it
-// starts otherwise: an alternation, a wildcard, a string).
-std::string_view pattern_root_type(const TSQuery* q, std::uint32_t pattern, std::string_view src) {
-  std::size_t i = ts_query_start_byte_for_pattern(q, pattern);
-  while (i < src.size() && (src[i] == '(' || std::isspace(static_cast<unsigned char>(src[i])))) ++i;
-  std::size_t end = i;
-  while (end < src.size() && (std::isalnum(static_cast<unsigned char>(src[end])) || src[end] == '_')) ++end;
-  const std::string_view type = src.substr(i, end - i);
-  return type == "_" ? std::string_view() : type;
-}
-
-// Marks in `by_symbol` every regular symbol named `type`; false if none is.
-bool mark_node_type(const TSLanguage* lang, std::string_view type, std::vector<bool>& by_symbol) {
-  return for_each_symbol_named(lang, type, [&](TSSymbol sym) { by_symbol[sym] = true; });
-}
-
-std::string_view capture_name(const TSQuery* q, std::uint32_t id) {
-  std::uint32_t len = 0;
-  const char* s = ts_query_capture_name_for_id(q, id, &len);
-  return {s, len};
-}
-
-std::string_view query_string(const TSQuery* q, std::uint32_t id) {
-  std::uint32_t len = 0;
-  const char* s = ts_query_string_value_for_id(q, id, &len);
-  return {s, len};
-}
-
-const char* query_error_name(TSQueryError e) {
-  switch (e) {
-    case TSQueryErrorSyntax: return "syntax error";
-    case TSQueryErrorNodeType: return "unknown node type";
-    case TSQueryErrorField: return "unknown field";
-    case TSQueryErrorCapture: return "unknown capture";
-    case TSQueryErrorStructure: return "impossible pattern";
-    case TSQueryErrorLanguage: return "language version mismatch";
-    default: return "error";
-  }
-}
-
-CompiledQuery compile_query(const LanguageInfo& info) {
-  CompiledQuery out;
-  std::uint32_t error_offset = 0;
-  TSQueryError error = TSQueryErrorNone;
-  const std::string_view src = info.query_source;
-  out.query = ts_query_new(info.grammar(), src.data(), static_cast<std::uint32_t>(src.size()),
-                           &error_offset, &error);
-  if (out.query == nullptr) {
-    throw std::logic_error(fmt::format("definition query of {}: {} at offset {} near '{}'", info.name,
-                                       query_error_name(error), error_offset,
-                                       src.substr(error_offset, 40)));
-  }
-  const std::uint32_t n_captures = ts_query_capture_count(out.query);
-  out.captures.resize(n_captures);
-  for (std::uint32_t id = 0; id < n_captures; ++id) {
-    const std::string_view name = capture_name(out.query, id);
-    CaptureInfo& c = out.captures[id];
-    if (name == "name") c.role = Role::name;
-    else if (name == "name.declarator") c.role = Role::name_declarator;
-    else if (name == "qualifier") c.role = Role::qualifier;
-    else if (name == "scope") c.role = Role::scope;
-    else if (name == "scope.name") c.role = Role::scope_name;
-    else if (name == "local") c.role = Role::local;
-    else if (name.starts_with("def.")) {
-      auto kind = kind_from_name(name.substr(4));
-      if (!kind) {
-        throw std::logic_error(fmt::format("definition query of {}: unknown kind {}", info.name, name));
-      }
-      c.role = Role::def;
-      c.kind = *kind;
-    }
-    // Other captures only serve predicates.
-  }
-
-  if (outline_supported && !info.outline.empty()) {
-    const TSLanguage* lang = info.grammar();
-    const std::uint32_t n_symbols = ts_language_symbol_count(lang);
-    out.outline.assign(n_symbols, false);
-    for (std::string_view type : info.outline) {
-      if (!mark_node_type(lang, type, out.outline)) {
-        throw std::logic_error(fmt::format("outline of {}: no node type {}", info.name, type));
-      }
-    }
-    // Most nodes of an outline start no pattern (punctuation, statements): the query is not run on
-    // them. Error nodes are always queried.
-    out.starts.assign(n_symbols, false);
-    for (std::uint32_t p = 0; p < ts_query_pattern_count(out.query); ++p) {
-      const std::string_view type = pattern_root_type(out.query, p, src);
-      const bool known = type == "ERROR" || (!type.empty() && mark_node_type(lang, type, out.starts));
-      if (!known) {  // a pattern that may start anywhere
-        out.starts.clear();
-        break;
-      }
-    }
-    out.code = CodeMatcher::for_language(info.name, lang);
-  }
-
-  const std::uint32_t n_patterns = ts_query_pattern_count(out.query);
-  out.predicates.resize(n_patterns);
-  for (std::uint32_t p = 0; p < n_patterns; ++p) {
-    std::uint32_t n_steps = 0;
-    const TSQueryPredicateStep* steps = ts_query_predicates_for_pattern(out.query, p, &n_steps);
-    std::uint32_t i = 0;
-    while (i < n_steps) {
-      std::uint32_t end = i;
-      while (end < n_steps && steps[end].type != TSQueryPredicateStepTypeDone) ++end;
-      if (end - i != 3 || steps[i].type != TSQueryPredicateStepTypeString ||
-          steps[i + 1].type != TSQueryPredicateStepTypeCapture) {
-        throw std::logic_error(fmt::format("definition query of {}: malformed predicate in pattern {}",
-                                           info.name, p));
-      }
-      const std::string_view op = query_string(out.query, steps[i].value_id);
-      Predicate pred;
-      if (op == "eq?") pred.op = Predicate::Op::eq;
-      else if (op == "not-eq?") pred.op = Predicate::Op::not_eq_;
-      else if (op == "match?") pred.op = Predicate::Op::match;
-      else if (op == "not-match?") pred.op = Predicate::Op::not_match;
-      else {
-        throw std::logic_error(fmt::format("definition query of {}: unsupported predicate #{}", info.name, op));
-      }
-      pred.capture = steps[i + 1].value_id;
-      const TSQueryPredicateStep& arg = steps[i + 2];
-      if (arg.type == TSQueryPredicateStepTypeCapture) {
-        if (pred.op == Predicate::Op::match || pred.op == Predicate::Op::not_match) {
-          throw std::logic_error(fmt::format("definition query of {}: #{} needs a regular expression",
-                                             info.name, op));
-        }
-        pred.other_capture = arg.value_id;
-      } else {
-        pred.text = std::string(query_string(out.query, arg.value_id));
-        if (pred.op == Predicate::Op::match || pred.op == Predicate::Op::not_match) {
-          pred.regex.emplace(pred.text, std::regex::ECMAScript | std::regex::optimize);
-        }
-      }
-      out.predicates[p].push_back(std::move(pred));
-      i = end + 1;
-    }
-  }
-  return out;
-}
-
-// Queries are compiled once per process, on first use, and shared read-only by all threads
-// (each thread runs them with a cursor of its own).
-const CompiledQuery& compiled_query(std::size_t index) {
-  static std::array<std::once_flag, language_infos.size()> once;
-  static std::array<CompiledQuery, language_infos.size()> compiled;
-  std::call_once(once[index], [index] { compiled[index] = compile_query(language_infos[index]); });
-  return compiled[index];
-}
+// The thread's parsers and query cursor
 
 // One parser per language per thread.
-TSParser* thread_parser(std::size_t index) {
+TSParser* thread_parser(const Language& lang) {
   struct Parsers {
-    std::array<TSParser*, language_infos.size()> parsers{};
+    std::vector<TSParser*> parsers = std::vector<TSParser*>(LANGUAGES.size(), nullptr);
     ~Parsers() {
       for (TSParser* p : parsers) {
         if (p) ts_parser_delete(p);
@@ -295,14 +60,13 @@ TSParser* thread_parser(std::size_t index) {
     }
   };
   thread_local Parsers local;
-  TSParser*& p = local.parsers[index];
+  TSParser*& p = local.parsers[static_cast<std::size_t>(&lang - LANGUAGES.data())];
   if (p == nullptr) {
     p = ts_parser_new();
-    if (!ts_parser_set_language(p, language_infos[index].grammar())) {
+    if (!ts_parser_set_language(p, lang.grammar())) {
       ts_parser_delete(p);
       p = nullptr;
-      throw std::runtime_error(fmt::format("the {} grammar does not load with this tree-sitter runtime",
-                                           language_infos[index].name));
+      throw std::runtime_error(fmt::format("the {} grammar does not load with this tree-sitter runtime", lang.name));
     }
   }
   return p;
@@ -372,8 +136,8 @@ bool parse_progress(TSParseState* state) {
 }
 #endif
 
-TreePtr parse_tree(std::size_t index, std::string_view source, const Deadline& deadline) {
-  TSParser* parser = thread_parser(index);
+TreePtr parse_tree(const Language& lang, std::string_view source, const Deadline& deadline) {
+  TSParser* parser = thread_parser(lang);
 #if TREE_SITTER_LANGUAGE_VERSION >= 15
   TSInput input{};
   input.payload = &source;
@@ -425,14 +189,7 @@ bool looks_like_cpp(std::string_view src) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Extraction
-
-std::string_view text_of(TSNode node, std::string_view source) {
-  const std::uint32_t start = ts_node_start_byte(node);
-  const std::uint32_t end = ts_node_end_byte(node);
-  if (start >= source.size() || end <= start) return {};
-  return source.substr(start, std::min<std::size_t>(end, source.size()) - start);
-}
+// Candidate definitions
 
 bool type_is(TSNode node, const char* type) { return std::strcmp(ts_node_type(node), type) == 0; }
 
@@ -534,54 +291,8 @@ struct Candidate {
   std::uint32_t pattern = 0;
 };
 
-bool predicates_hold(const CompiledQuery& q, const TSQueryMatch& m, std::string_view source) {
-  const auto& preds = q.predicates[m.pattern_index];
-  for (const Predicate& p : preds) {
-    std::optional<std::string_view> value;
-    std::optional<std::string_view> other;
-    for (std::uint16_t i = 0; i < m.capture_count; ++i) {
-      if (m.captures[i].index == p.capture && !value) value = text_of(m.captures[i].node, source);
-      if (p.other_capture && m.captures[i].index == *p.other_capture && !other) {
-        other = text_of(m.captures[i].node, source);
-      }
-    }
-    if (!value) return false;
-    const std::string_view rhs = p.other_capture ? other.value_or(std::string_view{}) : std::string_view(p.text);
-    bool ok = true;
-    switch (p.op) {
-      case Predicate::Op::eq: ok = *value == rhs; break;
-      case Predicate::Op::not_eq_: ok = *value != rhs; break;
-      case Predicate::Op::match: ok = std::regex_search(value->begin(), value->end(), *p.regex); break;
-      case Predicate::Op::not_match: ok = !std::regex_search(value->begin(), value->end(), *p.regex); break;
-    }
-    if (!ok) return false;
-  }
-  return true;
-}
-
-// What one query match captured.
-Captured captured_of(const CompiledQuery& q, const TSQueryMatch& m) {
-  Captured c;
-  c.pattern = m.pattern_index;
-  for (std::uint16_t i = 0; i < m.capture_count; ++i) {
-    const CaptureInfo& info = q.captures[m.captures[i].index];
-    const TSNode node = m.captures[i].node;
-    switch (info.role) {
-      case Role::def: c.def = node; c.kind = info.kind; break;
-      case Role::scope: c.def = node; c.entry = Entry::scope; break;
-      case Role::local: c.def = node; c.entry = Entry::local; break;
-      case Role::name: c.name = node; break;
-      case Role::name_declarator: c.declarator = node; break;
-      case Role::qualifier: c.qualifier = node; break;
-      case Role::scope_name: c.scope_name = node; break;
-      case Role::none: break;
-    }
-  }
-  return c;
-}
-
 // Turns one match into a candidate definition, or nothing.
-std::optional<Candidate> candidate_of(const Captured& m, std::string_view source, std::string_view language) {
+std::optional<Candidate> candidate_of(const Captured& m, std::string_view source, const Language& lang) {
   if (ts_node_is_null(m.def)) return std::nullopt;
   Candidate c;
   c.entry = m.entry;
@@ -613,7 +324,7 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
     if (c.kind == Kind::variable && has_extern_storage(m.def, source)) return std::nullopt;
     name = r.node;
     c.qualifier = std::move(r.scope);
-  } else if (!ts_node_is_null(name) && (language == "cpp" || language == "c") &&
+  } else if (!ts_node_is_null(name) && lang.c_family &&
              type_is(name, "qualified_identifier")) {
     ResolvedName r = resolve_declarator(name, source);
     if (!r.found) return std::nullopt;
@@ -660,95 +371,82 @@ std::string join_scope(const std::string& outer, std::string_view part, std::str
   return out;
 }
 
+// The language a file is parsed as: its own, or C++ for a C file that looks like C++.
+const Language& parsed_language(const Language& lang, std::string_view source) {
+  if (lang.name == "c" && looks_like_cpp(source)) return *find_language("cpp");
+  return lang;
+}
+
 // The text the parser sees: C and C++ without their decoration macros (same offsets), else the
 // source itself. The buffer is the thread's own and lives until its next use.
-std::string_view parser_input(std::size_t index, std::string_view source) {
-  if (index != c_index && index != cpp_index) return source;
+std::string_view parser_input(const Language& lang, std::string_view source) {
+  if (!lang.c_family) return source;
   thread_local std::string buffer;
   buffer.assign(source);
   if (!blank_annotation_macros(buffer)) return source;
   return buffer;
 }
 
-ParseResult extract(std::string_view language, std::string_view source, std::chrono::milliseconds time_limit,
-                    Matching matching) {
-  ParseResult result;
-  auto index = language_index(language);
-  if (!index) {
-    result.error = fmt::format("no parser for language '{}'", language);
-    return result;
-  }
-  if (source.size() > std::numeric_limits<std::uint32_t>::max() / 2) {
-    result.error = "file too large for the parser";
-    return result;
-  }
-  if (*index == c_index && looks_like_cpp(source)) index = cpp_index;
-  const LanguageInfo& info = language_infos[*index];
+// ---------------------------------------------------------------------------------------------
+// Finding the definitions of a tree
 
-  const Deadline deadline = Deadline::after(time_limit);
-  const auto limit_error = [&] {
-    return fmt::format("parsing took longer than the time limit of {} ms", time_limit.count());
-  };
+// Finds the candidate definitions of a tree: with the query over the whole tree, or, with an outline,
+// depth first over the outline's nodes and their children, each the start of the patterns once (by the
+// language's matcher in code where it has one). Stops, `late`, once the deadline has passed.
+class DefinitionFinder {
+ public:
+  DefinitionFinder(const Language& lang, const CompiledQuery& query, std::string_view source,
+                   const Deadline& deadline, Matching matching)
+      : lang_(lang),
+        query_(query),
+        source_(source),
+        deadline_(deadline),
+        code_(matching == Matching::fastest && query.code ? &*query.code : nullptr) {}
 
-  const CompiledQuery& query = compiled_query(*index);
-  TreePtr tree = parse_tree(*index, parser_input(*index, source), deadline);
-  if (!tree) {
-    result.error = deadline.passed() ? limit_error() : std::string("the parser returned no tree");
-    return result;
+  std::vector<Candidate> find(TSNode root) {
+    if (query_.outline.empty()) {
+      run_query(root, true);
+    } else {
+      walk_outline(root);
+    }
+    return std::move(candidates_);
   }
-  const TSNode root = ts_tree_root_node(tree.get());
-  result.syntax_errors = ts_node_has_error(root);
+  bool late() const { return late_; }
 
-  std::vector<Candidate> candidates;
-  TSQueryCursor* cursor = thread_cursor();
-  std::uint32_t n_matches = 0;
-  bool late = false;
-  // Runs the query on `node`: on the whole subtree, or (with an outline) only for patterns that
-  // start at the node itself.
-  const auto run_query = [&](TSNode node, bool whole) {
+ private:
+  // Runs the query on `node`: on the whole subtree, or only for the patterns that start at the node.
+  void run_query(TSNode node, bool whole) {
 #if TREE_SITTER_LANGUAGE_VERSION >= 15
-    ts_query_cursor_set_max_start_depth(cursor, whole ? UINT32_MAX : 0);
+    ts_query_cursor_set_max_start_depth(cursor_, whole ? UINT32_MAX : 0);
 #endif
-    ts_query_cursor_exec(cursor, query.query, node);
+    ts_query_cursor_exec(cursor_, query_.query, node);
     TSQueryMatch match;
-    while (ts_query_cursor_next_match(cursor, &match)) {
-      if ((++n_matches & 255) == 0 && deadline.passed()) {
-        late = true;
+    while (ts_query_cursor_next_match(cursor_, &match)) {
+      if ((++steps_ & 255) == 0 && deadline_.passed()) {
+        late_ = true;
         return;
       }
-      if (!predicates_hold(query, match, source)) continue;
-      if (auto c = candidate_of(captured_of(query, match), source, info.name)) candidates.push_back(std::move(*c));
+      if (!predicates_hold(query_, match, source_)) continue;
+      add(captured_of(query_, match));
     }
-  };
-  // The patterns that start at an outline node: by the language's matcher in code where it has one.
-  const CodeMatcher* code = matching == Matching::fastest && query.code ? &*query.code : nullptr;
-  std::vector<Captured> captured;
-  const auto match_at = [&](TSNode node) {
-    if (code == nullptr || ts_node_symbol(node) == static_cast<TSSymbol>(-1)) {
+  }
+
+  // The patterns that start at an outline node: by the matcher in code, except at error nodes.
+  void match_at(TSNode node) {
+    if (code_ == nullptr || ts_node_symbol(node) == static_cast<TSSymbol>(-1)) {
       run_query(node, false);
       return;
     }
-    captured.clear();
-    code->match(node, source, captured);
-    for (const Captured& m : captured) {
-      if (auto c = candidate_of(m, source, info.name)) candidates.push_back(std::move(*c));
-    }
-  };
-  if (query.outline.empty()) {
-    run_query(root, true);
-  } else {
-    // Whether a node's type is marked in `by_symbol`; error nodes (symbol -1) always are.
-    const auto marked = [](const std::vector<bool>& by_symbol, TSNode node) {
-      const TSSymbol sym = ts_node_symbol(node);
-      return sym == static_cast<TSSymbol>(-1) || (sym < by_symbol.size() && by_symbol[sym]);
-    };
-    const auto in_outline = [&](TSNode node) { return marked(query.outline, node); };
-    const auto starts_pattern = [&](TSNode node) { return query.starts.empty() || marked(query.starts, node); };
-    // Depth first over the outline nodes and their children, each the start of the patterns once.
+    captured_.clear();
+    code_->match(node, source_, captured_);
+    for (const Captured& m : captured_) add(m);
+  }
+
+  void walk_outline(TSNode root) {
     TSTreeCursor walk = ts_tree_cursor_new(root);
     match_at(root);
     bool descend = true;
-    while (!late) {
+    while (!late_) {
       if (!(descend && ts_tree_cursor_goto_first_child(&walk))) {
         bool moved = false;
         while (!(moved = ts_tree_cursor_goto_next_sibling(&walk))) {
@@ -757,18 +455,38 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
         if (!moved) break;
       }
       const TSNode node = ts_tree_cursor_current_node(&walk);
-      descend = in_outline(node);
-      if (starts_pattern(node)) match_at(node);
-      if ((++n_matches & 255) == 0 && deadline.passed()) late = true;
+      descend = marked(query_.outline, node);
+      if (query_.starts.empty() || marked(query_.starts, node)) match_at(node);
+      if ((++steps_ & 255) == 0 && deadline_.passed()) late_ = true;
     }
     ts_tree_cursor_delete(&walk);
   }
-  if (late || deadline.passed()) {
-    result.error = limit_error();
-    return result;
+
+  // Whether a node's type is marked in `by_symbol`; error nodes (symbol -1) always are.
+  static bool marked(const std::vector<bool>& by_symbol, TSNode node) {
+    const TSSymbol sym = ts_node_symbol(node);
+    return sym == static_cast<TSSymbol>(-1) || (sym < by_symbol.size() && by_symbol[sym]);
   }
 
-  // One definition per name node: the pattern written first wins.
+  void add(const Captured& m) {
+    if (auto c = candidate_of(m, source_, lang_)) candidates_.push_back(std::move(*c));
+  }
+
+  const Language& lang_;
+  const CompiledQuery& query_;
+  const std::string_view source_;
+  const Deadline& deadline_;
+  const CodeMatcher* code_;
+  TSQueryCursor* cursor_ = thread_cursor();
+  std::vector<Captured> captured_;
+  std::vector<Candidate> candidates_;
+  std::uint32_t steps_ = 0;
+  bool late_ = false;
+};
+
+// One definition per name node, the pattern written first winning; then outer definitions before the
+// definitions they contain.
+void order_candidates(std::vector<Candidate>& candidates) {
   std::sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {
     if (a.entry != b.entry) return a.entry < b.entry;
     if (a.key != b.key) return a.key < b.key;
@@ -779,21 +497,66 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
                                  return a.entry == b.entry && a.key == b.key;
                                }),
                    candidates.end());
-  // Outer definitions before the definitions they contain.
   std::sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {
     if (a.start_byte != b.start_byte) return a.start_byte < b.start_byte;
     if (a.end_byte != b.end_byte) return a.end_byte > b.end_byte;
     return a.entry > b.entry;  // an impl block or local before a symbol of the same range
   });
+}
 
+// ---------------------------------------------------------------------------------------------
+// From candidates to symbol rows
+
+// The kind a function turns out to have where it is defined: a method or constructor of its class
+// (inside it, or out of it as K::m unless K is a namespace). JavaScript names its constructors.
+void refine_kind(Candidate& c, const OpenScope* container, const std::unordered_set<std::string>& namespaces,
+                 std::string_view language) {
+  if (c.kind == Kind::function) {
+    if (!c.qualifier.empty()) {
+      const std::string& last = c.qualifier.back();
+      if (c.name == last) c.kind = Kind::constructor;
+      else if (!namespaces.contains(last)) c.kind = Kind::method;
+    } else if (container && container->type_like) {
+      c.kind = (c.name == container->name && language != "python") ? Kind::constructor : Kind::method;
+    }
+  }
+  if (c.kind == Kind::method && c.name == "constructor" && is_javascript_family(language)) {
+    c.kind = Kind::constructor;
+  }
+}
+
+// The row of a symbol (its name moved in by the caller). The position is the name's (where an editor
+// should jump); the end is the definition's last byte. Columns count bytes from 1: the parser's exclusive
+// 0-based end is that last byte's 1-based column.
+storage::SymbolRow row_of(const Candidate& c, std::string_view source, const std::string& scope) {
+  storage::SymbolRow row;
+  row.kind = std::string(kind_name(c.kind));
+  row.line = static_cast<int>(c.start.row) + 1;
+  row.column = static_cast<int>(c.start.column) + 1;
+  row.end_line = static_cast<int>(c.end.row) + 1;
+  row.end_column = static_cast<int>(c.end.column);
+  if (c.end.column == 0 && c.end.row > c.start.row && c.end_byte > 0 && c.end_byte <= source.size()) {
+    // The definition ends with its line's newline (a macro): it ends on that line, before it.
+    const std::size_t newline = c.end_byte - 1;
+    const std::size_t line_start = source.rfind('\n', newline == 0 ? 0 : newline - 1);
+    row.end_line = static_cast<int>(c.end.row);
+    row.end_column = static_cast<int>(newline - (line_start == std::string_view::npos ? 0 : line_start + 1));
+  }
+  row.scope = scope;
+  return row;
+}
+
+// The symbol rows of ordered candidates, each with the scope that the definitions around it open.
+std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, std::string_view source,
+                                            const Language& lang) {
   std::unordered_set<std::string> namespaces;
   for (const auto& c : candidates) {
     if (c.entry == Entry::symbol && c.kind == Kind::namespace_) namespaces.insert(c.name);
   }
-
-  const std::string_view sep = info.separator;
+  const std::string_view sep = lang.scope_separator;
   std::vector<OpenScope> stack;
-  result.symbols.reserve(candidates.size());
+  std::vector<storage::SymbolRow> rows;
+  rows.reserve(candidates.size());
   for (Candidate& c : candidates) {
     while (!stack.empty() && !(stack.back().start_byte <= c.start_byte && c.end_byte <= stack.back().end_byte)) {
       stack.pop_back();
@@ -817,50 +580,61 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
       stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), true, false, c.name});
       continue;
     }
-
     // Variables inside functions are locals.
     if ((c.kind == Kind::variable || c.kind == Kind::constant) && container && container->function_like &&
         c.qualifier.empty()) {
       continue;
     }
-    if (c.kind == Kind::function) {
-      if (!c.qualifier.empty()) {
-        // An out-of-class definition (K::m): a method, or a constructor, unless K is a namespace.
-        const std::string& last = c.qualifier.back();
-        if (c.name == last) c.kind = Kind::constructor;
-        else if (!namespaces.contains(last)) c.kind = Kind::method;
-      } else if (container && container->type_like) {
-        c.kind = (c.name == container->name && language != "python") ? Kind::constructor : Kind::method;
-      }
-    }
-    if (c.kind == Kind::method && c.name == "constructor" && is_javascript_family(language)) {
-      c.kind = Kind::constructor;
-    }
-
-    storage::SymbolRow row;
-    row.kind = std::string(kind_name(c.kind));
-    // The position is the name's (where an editor should jump); the end is the definition's last
-    // byte. Columns count bytes from 1: the parser's exclusive 0-based end is that last byte's
-    // 1-based column.
-    row.line = static_cast<int>(c.start.row) + 1;
-    row.column = static_cast<int>(c.start.column) + 1;
-    row.end_line = static_cast<int>(c.end.row) + 1;
-    row.end_column = static_cast<int>(c.end.column);
-    if (c.end.column == 0 && c.end.row > c.start.row && c.end_byte > 0 && c.end_byte <= source.size()) {
-      // The definition ends with its line's newline (a macro): it ends on that line, before it.
-      const std::size_t newline = c.end_byte - 1;
-      const std::size_t line_start = source.rfind('\n', newline == 0 ? 0 : newline - 1);
-      row.end_line = static_cast<int>(c.end.row);
-      row.end_column = static_cast<int>(newline - (line_start == std::string_view::npos ? 0 : line_start + 1));
-    }
-    row.scope = scope;
+    refine_kind(c, container, namespaces, lang.name);
+    storage::SymbolRow row = row_of(c, source, scope);
     if (opens_scope(c.kind)) {
       stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), is_type_like(c.kind),
                        is_function_like(c.kind), c.name});
     }
     row.name = std::move(c.name);
-    result.symbols.push_back(std::move(row));
+    rows.push_back(std::move(row));
   }
+  return rows;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Extraction
+
+ParseResult extract(std::string_view language, std::string_view source, std::chrono::milliseconds time_limit,
+                    Matching matching) {
+  ParseResult result;
+  const Language* named = find_language(language);
+  if (named == nullptr) {
+    result.error = fmt::format("no parser for language '{}'", language);
+    return result;
+  }
+  if (source.size() > std::numeric_limits<std::uint32_t>::max() / 2) {
+    result.error = "file too large for the parser";
+    return result;
+  }
+  const Language& lang = parsed_language(*named, source);
+  const Deadline deadline = Deadline::after(time_limit);
+  const auto limit_error = [&] {
+    return fmt::format("parsing took longer than the time limit of {} ms", time_limit.count());
+  };
+
+  const CompiledQuery& query = compiled_query(lang);
+  TreePtr tree = parse_tree(lang, parser_input(lang, source), deadline);
+  if (!tree) {
+    result.error = deadline.passed() ? limit_error() : std::string("the parser returned no tree");
+    return result;
+  }
+  const TSNode root = ts_tree_root_node(tree.get());
+  result.syntax_errors = ts_node_has_error(root);
+
+  DefinitionFinder finder(lang, query, source, deadline, matching);
+  std::vector<Candidate> candidates = finder.find(root);
+  if (finder.late() || deadline.passed()) {
+    result.error = limit_error();
+    return result;
+  }
+  order_candidates(candidates);
+  result.symbols = symbol_rows(candidates, source, lang);
   result.ok = true;
   return result;
 }
@@ -879,11 +653,11 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
 }
 
 bool parse_only(std::string_view language, std::string_view source) {
-  auto index = language_index(language);
-  if (!index) return false;
-  if (*index == c_index && looks_like_cpp(source)) index = cpp_index;
+  const Language* named = find_language(language);
+  if (named == nullptr) return false;
+  const Language& lang = parsed_language(*named, source);
   try {
-    TreePtr tree = parse_tree(*index, parser_input(*index, source), Deadline{});
+    TreePtr tree = parse_tree(lang, parser_input(lang, source), Deadline{});
     return tree != nullptr;
   } catch (const std::exception&) {
     return false;
