@@ -1,6 +1,7 @@
 // The worker's follow-up passes: maintenance work (report refresh, checkpoint, statistics) that runs on
-// the passes' lane after something changed the index. trigger() returns at once; triggers that arrive
-// while a run is queued or under way coalesce into one further run.
+// the passes' lane after something changed the index (not index passes, which are the indexer's).
+// trigger() returns at once; triggers that arrive while a run is queued or under way coalesce into one
+// further run.
 #pragma once
 
 #include <functional>
@@ -14,6 +15,7 @@
 
 namespace brenloc::daemon {
 
+// Why the passes run; REINDEX, the one reason there is, follows a successful force_reindex.
 enum class Trigger { REINDEX };
 
 class PassScheduler {

@@ -79,9 +79,9 @@ class WorkerState {
   std::shared_ptr<storage::Database> _database;      // the live index.db
   std::shared_ptr<storage::Repository> _repository;  // the live store
   std::shared_ptr<workers::Indexer> _indexer;        // the worker's own indexer; may be absent
-  Offloader _passes_lane{"passes", 1};
-  Offloader _maintenance{"maintenance", 1};
-  std::unique_ptr<PassScheduler> _passes;
+  Offloader _passes_lane{"passes", 1};  // the live database's blocking work: passes, swap, report
+  Offloader _maintenance{"maintenance", 1};  // blocking work that leaves the index alone: path resolution
+  std::unique_ptr<PassScheduler> _passes;  // the follow-up passes (report, checkpoint, optimize)
 };
 
 }  // namespace brenloc::daemon

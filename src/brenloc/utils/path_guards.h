@@ -20,6 +20,7 @@ std::vector<std::string_view> path_components(std::string_view text);
 // although it ends inside: the link guard that comes next would otherwise look at those places. Nothing
 // is resolved and the file system is not touched. A relative path is always outside (its place is not
 // known); a relative root contains nothing.
+// (A "trusted share" is a root under which a client may name paths: the worker passes its repository root.)
 bool outside_trusted_shares(const std::filesystem::path& path, const std::vector<std::filesystem::path>& roots);
 
 // Walks `path` from the file-system root (a relative path is first made absolute against the current

@@ -2,10 +2,11 @@
 //
 // full_index(paths): with paths absent, the whole repository (new files added, changed ones re-indexed
 // by content hash, vanished ones removed); with a list, exactly those files (a listed file that no
-// longer exists drops its stale rows; an empty list indexes nothing). Parsing runs on pool threads,
-// storage on one writer through the `offload` it was given (the loop's default pool when absent). Files
-// that cannot be looked at, read, parsed or stored are left out and counted in IndexStats::errors, and
-// every pass writes errors.jsonl into the data directory (the directory of the repository's database).
+// longer exists drops its stale rows; an empty list indexes nothing); full_index is the name of every
+// pass, whole or not. Parsing runs on pool threads, storage on one writer through the `offload` it was
+// given (the loop's default pool when absent). Files that cannot be looked at, read, parsed or stored are
+// left out and counted in IndexStats::errors, and every pass writes errors.jsonl into the data directory
+// (the directory of the repository's database).
 //
 // A cancelled pass stops starting new work within about 100 ms; settle() completes once its work still
 // running on threads has ended. Virtual so that tests can stand in for it.
