@@ -15,6 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "brenloc/storage/errors.h"
+#include "brenloc/storage/symbol_match.h"
+#include "brenloc/storage/symbol_search.h"
 #include "storage/storage_fixture.h"
 
 namespace brenloc::storage {
@@ -102,17 +104,20 @@ TEST_F(RepositoryTest, StoresReplacesAndRemovesFiles) {
   repo.store_files({file_entry("a/f1.cpp", {{"x", "class", 1, 1, 1, 1, ""}}),
                     file_entry("a/f1.cpp", {{"y", "class", 1, 1, 1, 1, ""}, {"z", "class", 2, 1, 2, 1, ""}})});
   EXPECT_EQ(found({.text = "", .match = SymbolQuery::Match::substring, .path_prefix = "a"}),
-            (std::vector<std::string>{"only class a/f0.cpp:1:1-2 ", "y class a/f1.cpp:1:1-1 ", "z class a/f1.cpp:2:1-2 "}));
+            (std::vector<std::string>{"y class a/f1.cpp:1:1-1 ", "z class a/f1.cpp:2:1-2 ", "only class a/f0.cpp:1:1-2 "}));
+  EXPECT_EQ(testing::search_tables_problem(*db), "");
   repo.remove_files({"a/f1.cpp"});
   EXPECT_EQ(repo.file_hashes(), (Hashes{{"a/f0.cpp", "hash-a/f0.cpp"}}));
   EXPECT_EQ(found({.text = "", .match = SymbolQuery::Match::prefix}), (std::vector<std::string>{"only class a/f0.cpp:1:1-2 "}));
   EXPECT_EQ(repo.counts().symbols, 1);
 }
 
-// Every match mode with every filter answers what a plain filter over all rows answers, in order, whichever
-// way the search runs (directories of many files or of few; selective names or not).
-TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
-  const std::vector<std::string> stems = {"get", "getValue", "Get_value", "get%x", "GETXvalue", "parse", "Parser"};
+// Every way a search runs (by name, with or without the name index; by the rows of a few files) finds
+// what ranking every row finds: the same best hits in order and the same total, or, when it stopped
+// counting, that many rows that all match.
+TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
+  const std::vector<std::string> stems = {"get", "getValue", "Get_value", "get%x", "GETXvalue", "parse", "Parser",
+                                          "setGreatValue", "target"};
   std::vector<FileEntry> rows;
   for (auto [dir, files] : {std::pair{"big", 100}, {"small", 3}, {"big/sub", 2}, {"bigger", 700}, {"a.cpp", 1}}) {
     for (int f = 0; f < files; ++f) {
@@ -120,9 +125,11 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
       for (int n = 0; n < 6; ++n) {
         auto i = static_cast<std::size_t>(f * 7 + n * 3);
         symbols.push_back({stems[i % stems.size()] + std::to_string(n % 2), n % 3 ? "function" : "class", n + 1,
-                           n + 2, n + 9, 1, n % 2 ? "K" : ""});
+                           n + 2, n + 9, 1, n % 2 ? "ns::K" : ""});
       }
-      rows.push_back(file_entry(files == 1 ? dir : fmt::format("{}/f{}.cpp", dir, f), std::move(symbols)));
+      auto entry = file_entry(files == 1 ? dir : fmt::format("{}/f{}.cpp", dir, f), std::move(symbols));
+      if (f % 5 == 1) entry.file.language = "c";
+      rows.push_back(std::move(entry));
     }
   }
   // Loaded in bulk: the name index is deferred while the index is empty, and not once it has rows; the
@@ -131,45 +138,60 @@ TEST_F(RepositoryTest, SearchesAgreeWithAFilterOverAllRows) {
   repo.store_files(rows);
   EXPECT_FALSE(repo.defer_name_index());
 
-  auto lower = [](std::string t) { return std::ranges::transform(t, t.begin(), ::tolower), t; };
   auto reference = [&](const SymbolQuery& q) {
+    const NamePattern pattern = parse_pattern(q.text, q.match);
     const std::string dir = q.path_prefix.value_or("");
-    std::vector<std::tuple<std::string, std::string, int, std::string>> hits;  // in the search's order
+    const bool glob = dir.find('*') != std::string::npos;
+    std::vector<SymbolHit> hits;
     for (const auto& e : rows) {
-      if (!dir.empty() && e.file.path != dir && !e.file.path.starts_with(dir + "/")) continue;
+      const std::string& p = e.file.path;
+      if (glob ? !glob_match(dir, p) : !dir.empty() && p != dir && !p.starts_with(dir + "/")) continue;
+      if (q.language && *q.language != e.file.language) continue;
       for (const auto& s : e.symbols) {
-        bool match = q.match == SymbolQuery::Match::exact    ? s.name == q.text
-                     : q.match == SymbolQuery::Match::prefix ? s.name.starts_with(q.text)
-                                                             : lower(s.name).find(lower(q.text)) != std::string::npos;
-        if (match && (!q.kind || *q.kind == s.kind)) {
-          hits.emplace_back(s.name, e.file.path, s.line, text(s, e.file.path));
-        }
+        const Tier tier = match_tier(pattern, s.name, s.scope);
+        if (tier == Tier::none || (q.kind && *q.kind != s.kind)) continue;
+        hits.push_back({s.name, s.kind, p, s.line, s.column, s.end_line, s.scope, e.file.language, int(tier)});
       }
     }
-    std::sort(hits.begin(), hits.end());
-    if (q.limit >= 0 && hits.size() > static_cast<std::size_t>(q.limit)) hits.resize(q.limit);
+    std::sort(hits.begin(), hits.end(), ranks_before);
+    return hits;
+  };
+  auto lines = [&](const std::vector<SymbolHit>& hits) {
     std::vector<std::string> out;
-    for (const auto& h : hits) out.push_back(std::get<3>(h));
+    for (const auto& h : hits) out.push_back(text(h, h.path) + " " + std::to_string(h.tier));
     return out;
   };
 
   using Opt = std::optional<std::string>;
+  using M = SymbolQuery::Match;
   for (bool name_index : {false, true}) {
     SCOPED_TRACE(name_index ? "with the name index" : "without the name index");
     if (name_index) {
       repo.restore_indexes();
       repo.clear_query_cache();
+      ASSERT_EQ(testing::search_tables_problem(*db), "");
     }
-    for (auto match : {SymbolQuery::Match::exact, SymbolQuery::Match::prefix, SymbolQuery::Match::substring}) {
-      for (std::string text : {"", "get", "Get", "value1", "_v", "%x", "Parser0", "zzz"}) {
-        for (Opt kind : {Opt(), Opt("class")}) {
-          for (Opt dir : {Opt(), Opt("big"), Opt("big/"), Opt("small"), Opt("big/sub"), Opt("a.cpp"), Opt("a")}) {
+    for (auto match : {M::automatic, M::exact, M::prefix, M::substring, M::fuzzy}) {
+      for (std::string text : {"", "get", "Get", "value1", "_v", "%x", "Parser0", "zzz", "gv", "gtv", "K.get",
+                               "ns::k::parse", "*value?", "get*", "ta"}) {
+        for (auto [kind, language] : {std::pair{Opt(), Opt()}, {Opt("class"), Opt()}, {Opt(), Opt("c")}}) {
+          for (Opt dir : {Opt(), Opt("big"), Opt("./big/"), Opt("small"), Opt("a.cpp"), Opt("a"), Opt("big*/f1*")}) {
             for (int limit : {-1, 5}) {
-              SymbolQuery q{.text = text, .match = match, .kind = kind, .path_prefix = dir, .limit = limit};
-              SCOPED_TRACE(fmt::format("match {} text '{}' kind {} dir {} limit {}", static_cast<int>(match), text,
-                                       kind.value_or("-"), dir.value_or("-"), limit));
-              if (dir == "big/") q.path_prefix = "./big/";  // the same directory, spelt differently
-              ASSERT_EQ(found(q), reference(SymbolQuery{text, match, kind, dir == "big/" ? Opt("big") : dir, limit}));
+              SymbolQuery q{.text = text, .match = match, .kind = kind, .path_prefix = dir, .limit = limit,
+                            .language = language};
+              SCOPED_TRACE(fmt::format("match {} text '{}' kind {} language {} dir {} limit {}", int(match), text,
+                                       kind.value_or("-"), language.value_or("-"), dir.value_or("-"), limit));
+              auto want = reference({text, match, kind, dir == "./big/" ? Opt("big") : dir, -1, language});
+              const auto got = repo.find_symbols(q);
+              if (got.more) {  // stopped counting: as many as it counted, each a match
+                ASSERT_GE(got.total, detail::kCountCap);
+                ASSERT_LT(got.total, static_cast<std::int64_t>(want.size()));
+                for (const auto& h : got.hits) ASSERT_NE(match_tier(parse_pattern(text, match), h.name, h.scope), Tier::none);
+                continue;
+              }
+              ASSERT_EQ(got.total, static_cast<std::int64_t>(want.size()));
+              if (limit >= 0 && want.size() > static_cast<std::size_t>(limit)) want.resize(limit);
+              ASSERT_EQ(lines(got.hits), lines(want));
             }
           }
         }
@@ -236,11 +258,17 @@ TEST_F(SwapTest, ReplacesEveryRowAndAnswersCachedQueriesFromTheNewIndex) {
             R"({"files":41,"symbols":1001})");
   EXPECT_EQ(dump(*db), dump(*staging));  // every row and index, and the staging file detached
   EXPECT_EQ(repo.search_symbols(query).at(0).path, "moved.cpp");
+  // The writer goes on from the new trigram index, not from what it had read of the old one.
+  repo.store_files(entries("later", 3, 4));
+  repo.remove_files({"new/f1.cpp"});
+  EXPECT_EQ(testing::search_tables_problem(*db), "");
+  EXPECT_EQ(repo.find_symbols({.text = "ater_1", .match = SymbolQuery::Match::substring}).total, 4);
 
   auto empty = make_staging(dir.path() / "empty", {});  // also an index, and the live writer carries on after it
   EXPECT_EQ(storage::to_string(repo.swap_index_from(dir.path() / "empty")), R"({"files":0,"symbols":0})");
   repo.store_files(entries("after", 1, 2));
   EXPECT_EQ(repo.counts().symbols, 2);
+  EXPECT_EQ(testing::search_tables_problem(*db), "");
 }
 
 void write_bytes(const fs::path& path, const std::string& bytes, std::streamoff at) {
@@ -264,13 +292,18 @@ TEST_F(SwapTest, EveryFailureLeavesTheLiveIndexAsItWas) {
       {"missing", [](auto&) {}, "the staging file does not exist"},
       {"directory", [](auto& p) { fs::create_directory(p); }, "the staging file is not a regular file"},
       {"older version", [&](auto& p) { staged(p, "PRAGMA user_version = 1"); },
-       "the staging file has schema version 1, expected 2"},
-      {"no schema", [&](auto& p) { staged(p, "CREATE TABLE files(x)", false); }, "schema version 0, expected 2"},
-      {"wrong files table", [&](auto& p) { staged(p, "CREATE TABLE files(x); PRAGMA user_version = 2", false); },
+       fmt::format("the staging file has schema version 1, expected {}", kSchemaVersion)},
+      {"no schema", [&](auto& p) { staged(p, "CREATE TABLE files(x)", false); },
+       fmt::format("schema version 0, expected {}", kSchemaVersion)},
+      {"wrong files table",
+       [&](auto& p) { staged(p, fmt::format("CREATE TABLE files(x); PRAGMA user_version = {}", kSchemaVersion), false); },
        "copying the files: table main.files has 8 columns but 1 values were supplied"},
       {"wrong symbols table, after the files were copied",
        [&](auto& p) { staged(p, "DROP TABLE symbols; CREATE TABLE symbols(y)"); },
        "copying the symbols: table main.symbols has 9 columns but 1 values were supplied"},
+      {"wrong names table, after the symbols were copied",
+       [&](auto& p) { staged(p, "DROP TABLE name_grams; DROP TABLE names; CREATE TABLE names(z)"); },
+       "copying the names: table main.names has 2 columns but 1 values were supplied"},
       {"not a database", [](auto& p) { write_bytes(p, std::string(8192, 'x'), 0); }, "file is not a database"},
       {"damaged pages",  // page 1 (header and schema) intact, every later page overwritten
        [&](auto& p) {

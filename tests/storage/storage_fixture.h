@@ -64,11 +64,34 @@ inline std::string query_text(Database& db, const std::string& sql) {
   return out;
 }
 
-// Every row of both tables in id order, then the names of the attached databases.
+// Every row of the tables in id order (the trigram index's own tables included), then the names of the
+// attached databases and of the indexes.
 inline std::string dump(Database& db) {
   return query_text(db, "SELECT * FROM files ORDER BY id") + "\n" + query_text(db, "SELECT * FROM symbols ORDER BY id") +
-         "\n" + query_text(db, "SELECT name FROM pragma_database_list") + "\n" +
+         "\n" + query_text(db, "SELECT * FROM names ORDER BY id") + "\n" +
+         query_text(db, "SELECT id, hex(block) FROM name_grams_data ORDER BY id") + "\n" +
+         query_text(db, "SELECT name FROM pragma_database_list") + "\n" +
          query_text(db, "SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name");
+}
+
+// Empty when the search tables agree with the symbols: `names` holds each name once (ASCII case folded)
+// and the trigram index passes its own check; otherwise what is wrong.
+inline std::string search_tables_problem(Database& db) {
+  const std::string stray = query_text(
+      db, "SELECT (SELECT count(*) FROM (SELECT lower(name) FROM symbols EXCEPT SELECT name FROM names)) || ' ' || "
+          "(SELECT count(*) FROM (SELECT name FROM names EXCEPT SELECT lower(name) FROM symbols))");
+  std::string problem = stray == "0 0" ? "" : "names missing and stray: " + stray;
+  // Each name of three characters or more is found through the trigram index by its own text.
+  const std::string unfound = query_text(
+      db, "SELECT count(*) FROM names n WHERE length(n.name) >= 3 AND NOT EXISTS "
+          "(SELECT 1 FROM name_grams g WHERE g.name LIKE n.name AND g.rowid = n.id)");
+  if (unfound != "0") problem += " names the trigram index misses: " + unfound;
+  try {
+    db.execute("INSERT INTO name_grams(name_grams) VALUES('integrity-check')");
+  } catch (const std::exception& e) {
+    problem += std::string(" trigram index: ") + e.what();
+  }
+  return problem;
 }
 
 }  // namespace brenloc::storage::testing

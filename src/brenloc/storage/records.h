@@ -32,13 +32,20 @@ struct FileEntry {
   std::vector<SymbolRow> symbols;
 };
 
+// A name search. `text` is a name, a prefix, a substring or an ordered subsequence of one; "Cart.add",
+// "Cart::add" or "Cart/add" also asks the scope to end with "Cart"; "*" and "?" make it a glob. Names
+// are compared ignoring ASCII case (a match of the exact case ranks first).
 struct SymbolQuery {
-  enum class Match { exact, prefix, substring };
+  // auto: every form below, ranked (exact, prefix, word boundary, substring, subsequence); exact: equal
+  // names; prefix: names that start with the text; substring: names that contain it; fuzzy: names of
+  // which it is an ordered subsequence that starts with the name's first character, ranked like auto.
+  enum class Match { automatic, exact, prefix, substring, fuzzy };
   std::string text;
-  Match match = Match::substring;
+  Match match = Match::automatic;
   std::optional<std::string> kind;         // only this kind
-  std::optional<std::string> path_prefix;  // only files under this relative path
-  int limit = 50;
+  std::optional<std::string> path_prefix;  // only files under this relative path, or matching this glob
+  int limit = 50;                          // negative: no limit
+  std::optional<std::string> language;     // only files of this language
 };
 
 struct SymbolHit {
@@ -49,6 +56,16 @@ struct SymbolHit {
   int column = 0;
   int end_line = 0;
   std::string scope;
+  std::string language;
+  int tier = 0;  // how it matched (see symbol_match.h): lower ranks first
+};
+
+// The best hits of a search, and how many matched in all: `total` is exact unless `more`, when it is
+// the number counted before the search stopped counting.
+struct SymbolSearch {
+  std::vector<SymbolHit> hits;
+  std::int64_t total = 0;
+  bool more = false;
 };
 
 struct Counts {

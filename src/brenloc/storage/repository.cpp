@@ -11,9 +11,12 @@
 #include <fmt/format.h>
 
 #include "brenloc/storage/errors.h"
+#include "brenloc/storage/name_table.h"
 #include "brenloc/storage/query_cache.h"
+#include "brenloc/storage/reader.h"
 #include "brenloc/storage/schema.h"
 #include "brenloc/storage/sqlite_util.h"
+#include "brenloc/storage/symbol_search.h"
 #include "brenloc/utils/logging.h"
 
 namespace brenloc::storage {
@@ -29,37 +32,7 @@ constexpr std::size_t kCacheEntries = 512;
 // A file listing longer than this is not cached (it would pin a large copy of the files table).
 constexpr std::size_t kMaxCachedFiles = 20000;
 
-const char* const kSymbolColumns = "s.name, s.kind, f.path, s.line, s.col, s.end_line, s.scope";
-
 double seconds_since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
-// The smallest string greater than every string that starts with `prefix`, or empty when there is none
-// (a prefix of 0xFF bytes only).
-std::string prefix_upper_bound(std::string prefix) {
-  while (!prefix.empty() && static_cast<unsigned char>(prefix.back()) == 0xFF) prefix.pop_back();
-  if (!prefix.empty()) prefix.back() = static_cast<char>(static_cast<unsigned char>(prefix.back()) + 1);
-  return prefix;
-}
-
-// A path prefix as a directory (or file) of the index: "./src/" and "src" both mean "src". Empty when it
-// selects everything.
-std::string normalise_path_prefix(std::string p) {
-  while (p.starts_with("./")) p.erase(0, 2);
-  while (!p.empty() && p.back() == '/') p.pop_back();
-  if (p == ".") p.clear();
-  return p;
-}
-
-// The LIKE pattern that matches names containing `text`, with LIKE's wildcards escaped by '\'.
-std::string like_contains(const std::string& text) {
-  std::string out = "%";
-  for (char c : text) {
-    if (c == '%' || c == '_' || c == '\\') out += '\\';
-    out += c;
-  }
-  out += '%';
-  return out;
-}
 
 // A cache key made of length-prefixed parts, so that no two different queries share one.
 class Key {
@@ -103,38 +76,9 @@ std::string read_only_uri(const std::filesystem::path& path) {
   return out;
 }
 
-// One read connection with its prepared statements.
-struct Reader {
-  sqlite3* db = nullptr;
-  std::unordered_map<std::string, std::unique_ptr<Statement>> statements;
-
-  ~Reader() {
-    statements.clear();
-    sqlite3_close_v2(db);
-  }
-
-  Statement& statement(const std::string& sql, const std::filesystem::path& file) {
-    auto& slot = statements[sql];
-    if (!slot) slot = std::make_unique<Statement>(db, sql, file, "preparing a query");
-    return *slot;
-  }
-};
-
-// Resets a statement when a query is done with it, ending its read transaction.
-struct ResetOnExit {
-  Statement& stmt;
-  ~ResetOnExit() { stmt.reset(); }
-};
-
-// One read transaction over several statements, so that they all see the same snapshot (declare it
-// before the statements' ResetOnExit, so that they are reset before it ends).
-struct ReadTransaction {
-  sqlite3* db;
-  ReadTransaction(sqlite3* c, const std::filesystem::path& file) : db(c) {
-    detail::run_script(db, "BEGIN", file, "starting a read transaction");
-  }
-  ~ReadTransaction() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
-};
+using detail::ReadTransaction;
+using detail::Reader;
+using detail::ResetOnExit;
 
 constexpr const char* kHasNameIndexSql =
     "SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'";
@@ -155,21 +99,22 @@ struct PendingSymbol {
 };
 
 // The symbol rows of files, by their range (see the files table).
-class FileSymbols {
+class SymbolRanges {
  public:
-  FileSymbols(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
+  SymbolRanges(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
       : file_(file),
         range_(c, "SELECT first_symbol, symbol_count FROM files WHERE path = ?1", file, operation),
         drop_(c, "DELETE FROM symbols WHERE id >= ?1 AND id < ?2", file, operation) {}
 
-  // Deletes the rows of the file at `rel` (none when it is not in the index).
-  void drop(const std::string& rel, std::string_view operation) {
+  // Deletes the rows of the file at `rel` (none when it is not in the index), noting their names in `names`.
+  void drop(const std::string& rel, std::string_view operation, detail::NameTable& names) {
     range_.bind(1, rel);
     const bool known = range_.step(file_, operation);
     const std::int64_t first = known ? range_.integer(0) : 0;
     const std::int64_t count = known ? range_.integer(1) : 0;
     range_.reset();
     if (count == 0) return;
+    names.removing(first, count);
     drop_.bind(1, first);
     drop_.bind(2, first + count);
     drop_.step(file_, operation);
@@ -209,7 +154,7 @@ void insert_symbols(Statement& stmt, std::span<const PendingSymbol> rows, const 
 
 }  // namespace
 
-using CachedValue = std::variant<std::vector<SymbolHit>, std::vector<FileRow>, Counts>;
+using CachedValue = std::variant<SymbolSearch, std::vector<FileRow>, Counts>;
 
 struct Repository::Impl {
   std::filesystem::path path;
@@ -307,8 +252,11 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
     std::unordered_set<std::string_view> later;
     std::vector<bool> superseded(entries.size());
     for (std::size_t i = entries.size(); i-- > 0;) superseded[i] = !later.insert(entries[i].file.path).second;
-    FileSymbols old_rows(c, path, "storing files");
-    for (const auto& entry : entries) old_rows.drop(entry.file.path, fmt::format("storing {}", entry.file.path));
+    SymbolRanges old_rows(c, path, "storing files");
+    detail::NameTable names(c, path, "storing files");
+    for (const auto& entry : entries) {
+      old_rows.drop(entry.file.path, fmt::format("storing {}", entry.file.path), names);
+    }
     std::int64_t next = next_symbol_id(c, path);
     Statement upsert(c,
                      "INSERT INTO files(path, language, size, mtime_ns, content_hash, first_symbol, symbol_count) "
@@ -341,6 +289,7 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       upsert.reset();
       next += count;
       for (const auto& s : entry.symbols) {
+        names.adding(s.name);
         pending.push_back({file_id, &s, &entry.file.path});
         if (pending.size() == kRowsPerInsert) {
           insert_symbols(insert_many, pending, path);
@@ -355,6 +304,7 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
                                      path.string()),
                          SQLITE_INTERNAL);
     }
+    names.apply();
   });
 }
 
@@ -362,15 +312,17 @@ void Repository::remove_files(const std::vector<std::string>& paths) {
   if (paths.empty()) return;
   const auto& path = impl_->path;
   impl_->write(*db_, "removing files", [&](sqlite3* c) {
-    FileSymbols rows(c, path, "removing files");
+    SymbolRanges rows(c, path, "removing files");
+    detail::NameTable names(c, path, "removing files");
     Statement drop_file(c, "DELETE FROM files WHERE path = ?1", path, "removing files");
     for (const auto& p : paths) {
       const std::string op = fmt::format("removing {}", p);
-      rows.drop(p, op);
+      rows.drop(p, op, names);
       drop_file.bind(1, p);
       drop_file.step(path, op);
       drop_file.reset();
     }
+    names.apply();
   });
 }
 
@@ -380,6 +332,7 @@ bool Repository::defer_name_index() {
     const auto& path = impl_->path;
     if (detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM files)", path, "deferring the name index") != 0) return;
     detail::run_script(c, "DROP INDEX IF EXISTS symbols_by_name", path, "deferring the name index");
+    detail::clear_search_tables(c, path, "deferring the name index");
     dropped = true;
   });
   return dropped;
@@ -399,8 +352,10 @@ void Repository::restore_indexes() {
   if (!missing) return;
   std::exception_ptr failure;
   try {
-    impl_->write(*db_, "building the indexes",
-                 [&](sqlite3* c) { detail::run_script(c, detail::kSchemaSql, path, "building the indexes"); });
+    impl_->write(*db_, "building the indexes", [&](sqlite3* c) {
+      detail::run_script(c, detail::kSchemaSql, path, "building the indexes");
+      detail::rebuild_search_tables(c, path, "building the indexes");
+    });
   } catch (...) {
     failure = std::current_exception();
   }
@@ -411,128 +366,61 @@ void Repository::restore_indexes() {
 
 // ---------------------------------------------------------------------------------------------------
 // Queries
-//
-// Exact and prefix matches compare bytes (case-sensitive); a substring match ignores ASCII case (LIKE).
-// Results are ordered by name, path, line and column.
-//
-// A search runs one of two ways, chosen per query:
-// - by name: the name index in name order (a range for exact and prefix matches, the whole index for a
-//   substring), each row checked against the other filters, stopping at the limit;
-// - by directory: the files under the path prefix, then the range of symbol rows of each, sorted at the end.
-// SQLite's planner, without statistics, picks the first way for a path filter even when the directory
-// holds a handful of files among a million symbols (a scan of the whole name range), and a full table
-// scan and sort for a substring with a kind filter; so the way is fixed here, from two bounded probes:
-// the directory way when the directory has few files and the name match alone is not selective.
 
-namespace {
-
-// At most this many files under the path prefix make the directory way cheap.
-constexpr int kFewFiles = 64;
-// A name range with fewer rows than this is cheap to walk whatever the directory.
-constexpr int kSelectiveNames = 1024;
-
-}  // namespace
-
-std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& q) {
-  const std::string prefix = q.path_prefix ? normalise_path_prefix(*q.path_prefix) : std::string();
+SymbolSearch Repository::find_symbols(const SymbolQuery& q) {
+  const std::string prefix = q.path_prefix ? detail::normalise_path_prefix(*q.path_prefix) : std::string();
   std::string key = Key('S')
                         .add(static_cast<std::int64_t>(q.match))
                         .add(q.text)
                         .add(q.kind)
-                        .add(prefix)
+                        .add(q.language)
+                        .add(q.path_prefix ? std::optional<std::string>(prefix) : std::nullopt)
                         .add(static_cast<std::int64_t>(q.limit))
                         .str();
-  return impl_->cached<std::vector<SymbolHit>>(std::move(key), [&] {
-    const auto& file = impl_->path;
-    // Parameters: ?1 name (or pattern), ?2 name's upper bound, ?3 kind, ?4 path, ?5 path's lower bound,
-    // ?6 path's upper bound, ?7 limit.
-    std::string upper;
-    std::string name_term;
-    switch (q.match) {
-      case SymbolQuery::Match::exact:
-        name_term = "s.name = ?1";
-        break;
-      case SymbolQuery::Match::prefix:
-        upper = prefix_upper_bound(q.text);
-        name_term = upper.empty() ? "s.name >= ?1" : "s.name >= ?1 AND s.name < ?2";
-        break;
-      case SymbolQuery::Match::substring:
-        name_term = "s.name LIKE ?1 ESCAPE '\\'";
-        break;
-    }
-    const std::string path_term = "(f.path = ?4 OR (f.path >= ?5 AND f.path < ?6))";
-    auto bind_path = [&](Statement& stmt) {
-      stmt.bind(4, prefix);
-      stmt.bind(5, prefix + "/");
-      stmt.bind(6, prefix + "0");  // '0' follows '/'
-    };
-
+  return impl_->cached<SymbolSearch>(std::move(key), [&] {
     return impl_->with_reader([&](Reader& r) {
-      ReadTransaction snapshot(r.db, file);
-      // A bulk load into an empty index builds the name index only at its end.
-      Statement& has_name_index =
-          r.statement(kHasNameIndexSql, file);
-      bool name_index = true;
-      {
-        ResetOnExit done{has_name_index};
-        has_name_index.step(file, "searching symbols");
-        name_index = has_name_index.integer(0) != 0;
-      }
-      bool by_directory = false;
-      if (!prefix.empty() && q.match != SymbolQuery::Match::exact) {
-        Statement& few = r.statement(
-            fmt::format("SELECT count(*) FROM (SELECT 1 FROM files f WHERE {} LIMIT {})", path_term, kFewFiles + 1),
-            file);
-        ResetOnExit done{few};
-        bind_path(few);
-        few.step(file, "searching symbols");
-        by_directory = few.integer(0) <= kFewFiles;
-      }
-      if (by_directory && q.match == SymbolQuery::Match::prefix) {
-        Statement& selective = r.statement(
-            fmt::format("SELECT count(*) FROM (SELECT 1 FROM symbols s WHERE {} LIMIT {})", name_term, kSelectiveNames),
-            file);
-        ResetOnExit done{selective};
-        selective.bind(1, q.text);
-        if (!upper.empty()) selective.bind(2, upper);
-        selective.step(file, "searching symbols");
-        by_directory = selective.integer(0) >= kSelectiveNames;
-      }
-
-      std::string sql = fmt::format("SELECT {} FROM ", kSymbolColumns);
-      if (by_directory) {
-        sql += fmt::format(
-            "files f CROSS JOIN symbols s ON s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count "
-            "WHERE {} AND {}",
-            path_term, name_term);
-      } else {
-        sql += fmt::format("symbols s {} CROSS JOIN files f ON f.id = s.file_id WHERE {}",
-                           name_index ? "INDEXED BY symbols_by_name" : "", name_term);
-        if (!prefix.empty()) sql += " AND " + path_term;
-      }
-      if (q.kind) sql += " AND s.kind = ?3";
-      sql += " ORDER BY s.name, f.path, s.line, s.col LIMIT ?7";
-
-      Statement& stmt = r.statement(sql, file);
-      ResetOnExit done{stmt};
-      stmt.bind(1, q.match == SymbolQuery::Match::substring ? like_contains(q.text) : q.text);
-      if (!upper.empty()) stmt.bind(2, upper);
-      if (q.kind) stmt.bind(3, *q.kind);
-      if (!prefix.empty()) bind_path(stmt);
-      stmt.bind(7, q.limit);
-      std::vector<SymbolHit> hits;
-      while (stmt.step(file, "searching symbols")) {
-        hits.push_back(SymbolHit{stmt.text(0), stmt.text(1), stmt.text(2), static_cast<int>(stmt.integer(3)),
-                                 static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)),
-                                 stmt.text(6)});
-      }
-      return hits;
+      ReadTransaction snapshot(r.db, impl_->path);
+      return detail::run_symbol_search(r, impl_->path, q);
     });
   });
 }
 
+std::vector<SymbolHit> Repository::search_symbols(const SymbolQuery& query) { return find_symbols(query).hits; }
+
+std::optional<FileEntry> Repository::file_symbols(const std::string& path) {
+  return impl_->with_reader([&](Reader& r) -> std::optional<FileEntry> {
+    ReadTransaction snapshot(r.db, impl_->path);
+    Statement& file = r.statement(
+        "SELECT path, language, size, mtime_ns, content_hash, first_symbol, symbol_count FROM files WHERE path = ?1",
+        impl_->path);
+    std::optional<FileEntry> out;
+    std::int64_t first = 0, count = 0;
+    {
+      ResetOnExit done{file};
+      file.bind(1, detail::normalise_path_prefix(path));
+      if (!file.step(impl_->path, "reading a file's symbols")) return out;
+      out.emplace();
+      out->file = FileRow{file.text(0), file.text(1), file.integer(2), file.integer(3), file.text(4)};
+      first = file.integer(5);
+      count = file.integer(6);
+    }
+    Statement& rows = r.statement(
+        "SELECT name, kind, line, col, end_line, end_col, scope FROM symbols WHERE id >= ?1 AND id < ?2 ORDER BY id",
+        impl_->path);
+    ResetOnExit done{rows};
+    rows.bind(1, first);
+    rows.bind(2, first + count);
+    while (rows.step(impl_->path, "reading a file's symbols")) {
+      out->symbols.push_back(SymbolRow{rows.text(0), rows.text(1), static_cast<int>(rows.integer(2)),
+                                       static_cast<int>(rows.integer(3)), static_cast<int>(rows.integer(4)),
+                                       static_cast<int>(rows.integer(5)), rows.text(6)});
+    }
+    return out;
+  });
+}
+
 std::vector<FileRow> Repository::list_files(const std::string& path_prefix) {
-  const std::string prefix = normalise_path_prefix(path_prefix);
+  const std::string prefix = detail::normalise_path_prefix(path_prefix);
   return impl_->cached<std::vector<FileRow>>(Key('L').add(prefix).str(), [&] {
     std::string sql = "SELECT path, language, size, mtime_ns, content_hash FROM files";
     if (!prefix.empty()) sql += " WHERE path = ?1 OR (path >= ?2 AND path < ?3)";
@@ -624,13 +512,24 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       // The tables are emptied first so that the copies below go b-tree to b-tree (see schema.h).
       step("DELETE FROM main.symbols", "emptying the live symbols");
       step("DELETE FROM main.files", "emptying the live files");
+      step("DELETE FROM main.names", "emptying the live names");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
-      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name)", "restoring the name index");
+      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE)",
+           "restoring the name index");
+      // The trigram index is made anew and its tables copied: a connection keeps what it has read of
+      // such an index until the schema changes, so the writer must not go on from the old one.
+      step("DROP TABLE main.name_grams", "emptying the live trigram index");
+      step(detail::name_grams_sql("main.").c_str(), "emptying the live trigram index");
+      step("DELETE FROM main.name_grams_data; DELETE FROM main.name_grams_idx", "emptying the live trigram index");
       step("INSERT INTO main.files SELECT * FROM staging.files", "copying the files");
       rows.files = sqlite3_changes64(c);
       step("INSERT INTO main.symbols SELECT * FROM staging.symbols", "copying the symbols");
       rows.symbols = sqlite3_changes64(c);
+      step("INSERT INTO main.names SELECT * FROM staging.names", "copying the names");
+      step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
+           "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",
+           "copying the trigram index");
       step("COMMIT", "committing");
       write_lock_seconds = seconds_since(locked);
     } catch (...) {

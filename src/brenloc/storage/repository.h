@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -41,19 +42,25 @@ class Repository {
   void store_files(const std::vector<FileEntry>& entries);
   // Removes the files (and their symbols) with these relative paths; unknown paths are ignored.
   void remove_files(const std::vector<std::string>& paths);
-  // Bulk load into an empty index: drops the name index when no file is indexed yet and says whether it
-  // did. Inserting names in random order into that index rewrites most of its pages at every commit;
+  // Bulk load into an empty index: drops the name index (and empties the search tables, which are kept
+  // only beside it) when no file is indexed yet and says whether it did. Inserting names in random order into that index rewrites most of its pages at every commit;
   // building it once after the load is a sort. Until restore_indexes(), name queries scan the table
   // (same results, slower).
   bool defer_name_index();
-  // Creates the indexes that are missing (after a bulk load, or one that was cancelled or crashed).
+  // Creates the indexes that are missing (after a bulk load, or one that was cancelled or crashed), and
+  // with the name index the search tables.
   void restore_indexes();
 
   // --- queries (own read connections, cached) ---
-  // Exact and prefix matches are case-sensitive, a substring match ignores ASCII case; a path prefix
-  // selects a directory or file ("src" takes "src/a.c", not "srcx/a.c"). Hits are ordered by name, path,
-  // line and column; a negative limit means no limit.
+  // The best matches of a name search, ranked (see symbol_match.h), and how many matched. A path filter
+  // selects a directory or file ("src" takes "src/a.c", not "srcx/a.c"), or, holding "*", "?" or "[",
+  // the files its glob matches ("*" also matches "/"). A negative limit means no limit.
+  SymbolSearch find_symbols(const SymbolQuery& query);
+  // The hits of find_symbols.
   std::vector<SymbolHit> search_symbols(const SymbolQuery& query);
+  // One file (a relative path) with its symbols in the indexer's order (outer definitions before those
+  // they contain); absent when it is not indexed. Not cached.
+  std::optional<FileEntry> file_symbols(const std::string& path);
   // Files under a directory (or that file), ordered by path; all of them for an empty prefix.
   std::vector<FileRow> list_files(const std::string& path_prefix = "");
   Counts counts();

@@ -7,6 +7,9 @@
 // A change here is a change of kSchemaVersion.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 namespace brenloc::storage::detail {
 
 inline constexpr const char* kSchemaSql = R"sql(
@@ -34,10 +37,27 @@ CREATE TABLE IF NOT EXISTS symbols (
   end_col INTEGER NOT NULL,
   scope TEXT NOT NULL
 );
--- Exact and prefix search (a range on the name), and substring search by a scan of this index in name
--- order that stops at the limit.
-CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name);
+-- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows.
+CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE);
 )sql";
+
+// The search tables: every distinct name of symbols (ASCII letters in lower case) and a trigram index
+// of them, for substring and subsequence search. They are kept in step with symbols by the store, and,
+// after a bulk load, built with the name index (they are empty or stale exactly while it is missing).
+// The trigram index reads the names from `names` (external content) and keeps no positions: a LIKE over
+// it is checked against each candidate name.
+inline constexpr const char* kNamesTableSql = R"sql(
+CREATE TABLE IF NOT EXISTS names (
+  id INTEGER PRIMARY KEY,
+  name TEXT NOT NULL UNIQUE
+);
+)sql";
+// Made in the schema named before the table's name: "" or "main.".
+inline std::string name_grams_sql(std::string_view schema) {
+  return std::string("CREATE VIRTUAL TABLE IF NOT EXISTS ") + std::string(schema) +
+         "name_grams USING fts5(name, content='names', content_rowid='id', tokenize='trigram', detail='none', "
+         "columnsize=0)";
+}
 
 // The writer connection's page cache and temporary storage (an index build changes them for its time).
 #define BRENLOC_WRITER_CACHE_PRAGMAS "PRAGMA cache_size = -65536; PRAGMA temp_store = MEMORY;"

@@ -1,0 +1,33 @@
+// The text of indexed files as it is on disk now, for the signatures of hits and the source of a
+// definition. Each file is read once per SourceFiles; a file that is gone, is reached through a
+// symbolic link, is no regular file or is over 1 MiB reads as absent.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace brenloc::storage {
+
+class SourceFiles {
+ public:
+  explicit SourceFiles(std::filesystem::path repo_root) : root_(std::move(repo_root)) {}
+
+  // Lines `first` .. `last` (1-based, inclusive) of the file at the relative path `rel`, joined by "\n"
+  // (without a final one); absent when the file cannot be read or is shorter than `first`; cut at its
+  // end when shorter than `last`.
+  std::optional<std::string> lines(const std::string& rel, int first, int last);
+
+ private:
+  const std::string* content(const std::string& rel);
+
+  std::filesystem::path root_;
+  std::map<std::string, std::optional<std::string>> files_;
+};
+
+// A line as a signature: surrounding blanks trimmed, at most about 200 bytes (cut between characters).
+std::string signature_of(std::string_view line);
+
+}  // namespace brenloc::storage
