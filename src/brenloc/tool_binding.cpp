@@ -1,7 +1,11 @@
 #include "brenloc/tool_binding.h"
 
+#include <algorithm>
 #include <optional>
+#include <span>
 #include <vector>
+
+#include "brenloc/symbol_kinds.h"
 
 namespace brenloc {
 
@@ -18,7 +22,11 @@ struct Argument {
   json default_value;  // null: absent when omitted
   std::string_view description;
   std::optional<std::int64_t> min, max;
+  // A string argument that must be one of these, compared ignoring ASCII case and bound in lower case.
+  std::span<const std::string_view> one_of = {};
 };
+
+constexpr std::string_view kMatchModes[] = {"auto", "exact", "prefix", "substring", "fuzzy"};
 
 struct Schema {
   std::string_view name;
@@ -35,9 +43,28 @@ const std::vector<Schema>& schemas() {
         {"clear_existing", Type::boolean, false, false,
          "Rebuild the whole index from scratch (only when no paths are given)", {}, {}}}},
       {"search",
-       {{"query", Type::string, true, nullptr, "Symbol name, prefix or substring to look for", {}, {}},
-        {"kind", Type::string, false, nullptr, "Only symbols of this kind (function, class, method, ...)", {}, {}},
-        {"limit", Type::integer, false, 20, "Largest number of results", 1, 1000}}},
+       {{"query", Type::string, true, nullptr,
+         "Name to look for: a whole name, its start, a part of it or its letters in order (\"gSB\" finds "
+         "getStatusBar); \"Cart.add\" also asks for the scope; * and ? are wildcards",
+         {}, {}},
+        {"match", Type::string, false, "auto",
+         "How the query matches: auto (every way, best first), exact, prefix, substring or fuzzy", {}, {},
+         kMatchModes},
+        {"kind", Type::string, false, nullptr, "Only symbols of this kind", {}, {}, kSymbolKinds},
+        {"path", Type::string, false, nullptr,
+         "Only files under this directory, or matching this glob, relative to the repository root", {}, {}},
+        {"language", Type::string, false, nullptr, "Only files of this language", {}, {}, kLanguages},
+        {"limit", Type::integer, false, 20, "Largest number of results", 1, 1000},
+        {"max_bytes", Type::integer, false, 16384, "Largest size of the answer in bytes of JSON; hits are cut to fit",
+         1024, 1048576}}},
+      {"outline", {{"path", Type::string, true, nullptr, "File, relative to the repository root", {}, {}}}},
+      {"source",
+       {{"name", Type::string, false, nullptr, "Name of the definition (\"Cart.add\" also asks for the scope)", {}, {}},
+        {"path", Type::string, false, nullptr, "File of the definition, relative to the repository root", {}, {}},
+        {"kind", Type::string, false, nullptr, "Kind of the definition", {}, {}, kSymbolKinds},
+        {"line", Type::integer, false, nullptr, "A line of the definition in that file (instead of a name)", 1,
+         100000000},
+        {"max_lines", Type::integer, false, 200, "Largest number of lines of source", 1, 5000}}},
       {"none", {}},
   };
   return all;
@@ -115,6 +142,17 @@ json bind_arguments(std::string_view name, const json& params) {
     if (!has_type(v, a.type)) {
       throw ArgumentError(key, "argument '" + key + "' must be " + std::string(type_name(a.type)));
     }
+    if (!a.one_of.empty()) {
+      std::string folded = v.get<std::string>();
+      for (char& c : folded) c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+      if (std::ranges::find(a.one_of, folded) == a.one_of.end()) {
+        std::string listed;
+        for (auto option : a.one_of) listed += (listed.empty() ? "" : ", ") + std::string(option);
+        throw ArgumentError(key, "argument '" + key + "' must be one of: " + listed);
+      }
+      bound[key] = folded;
+      continue;
+    }
     if (a.type == Type::integer) {
       auto n = v.get<std::int64_t>();
       if ((a.min && n < *a.min) || (a.max && n > *a.max)) {
@@ -143,6 +181,7 @@ json input_schema(std::string_view name) {
         break;
     }
     p["description"] = a.description;
+    if (!a.one_of.empty()) p["enum"] = json(std::vector<std::string>(a.one_of.begin(), a.one_of.end()));
     if (a.min) p["minimum"] = *a.min;
     if (a.max) p["maximum"] = *a.max;
     if (!a.default_value.is_null()) p["default"] = a.default_value;

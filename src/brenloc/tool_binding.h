@@ -7,7 +7,10 @@
 //
 // Schemas: "status" (the arguments of a reindex request answered with a status: "paths", an array of
 // strings, default empty; "clear_existing", a boolean, default false), "search" ("query" string,
-// required; "kind" string; "limit" integer 1..1000, default 20) and "none" (no arguments).
+// required; "match", "kind", "path", "language", "limit", "max_bytes"), "outline" ("path", required),
+// "source" ("name", "path", "kind", "line", "max_lines") and "none" (no arguments). A string argument
+// with a list of values ("match", "kind", "language") takes any case of one of them, is bound in lower
+// case, and otherwise is an error that lists them; the input schema lists them as an enum.
 #pragma once
 
 #include <stdexcept>

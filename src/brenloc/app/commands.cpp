@@ -318,16 +318,16 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
 int print_tool(const Where& where, const std::string& name, json arguments) {
   return guarded([&] {
     Resolved r = resolve(where);
-    auto through = [&](DaemonClient& client) {
-      std::cout << call_tool(client, name, arguments).dump(2) << std::endl;
-      return kExitOk;
+    // An answer that is an error (a refused path, a definition not found) exits 1.
+    auto print = [](const json& answer) {
+      std::cout << answer.dump(2) << std::endl;
+      return answer.contains("error") ? kExitFailed : kExitOk;
     };
+    auto through = [&](DaemonClient& client) { return print(call_tool(client, name, arguments)); };
     if (auto client = reach_daemon(r, where.start_daemon)) return through(*client);
     try {
       return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
-        json answer = co_await worker.call_tool(name, arguments);
-        std::cout << answer.dump(2) << std::endl;
-        co_return kExitOk;
+        co_return print(co_await worker.call_tool(name, arguments));
       });
     } catch (const utils::LockBusy& busy) {
       if (auto client = reach_owner(r, busy)) return through(*client);
@@ -390,13 +390,11 @@ int run_reindex(const Where& where, bool clear_existing, const std::vector<std::
 
 int run_status(const Where& where) { return print_tool(where, "index_status", json::object()); }
 
-int run_search(const Where& where, const std::string& query, const std::optional<std::string>& kind,
-               std::optional<int> limit) {
-  json arguments = {{"query", query}};
-  if (kind) arguments["kind"] = *kind;
-  if (limit) arguments["limit"] = *limit;
-  return print_tool(where, "search_symbols", std::move(arguments));
-}
+int run_search(const Where& where, const json& arguments) { return print_tool(where, "search_symbols", arguments); }
+
+int run_outline(const Where& where, const json& arguments) { return print_tool(where, "file_outline", arguments); }
+
+int run_source(const Where& where, const json& arguments) { return print_tool(where, "symbol_source", arguments); }
 
 int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle) {
   return run_daemon(DaemonOptions{idle_exit, worker_idle});

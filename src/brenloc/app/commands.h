@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace brenloc::app {
 
 inline constexpr int kExitOk = 0;
@@ -32,8 +34,11 @@ int run_serve(const Where& where, bool standalone);
 // One force_reindex request; prints the response, the progress and the outcome.
 int run_reindex(const Where& where, bool clear_existing, const std::vector<std::string>& paths);
 int run_status(const Where& where);
-int run_search(const Where& where, const std::string& query, const std::optional<std::string>& kind,
-               std::optional<int> limit);
+// The search tools (search_symbols, file_outline, symbol_source): the tool's arguments as given, its
+// answer printed as JSON. Exit 0, or 1 when the answer is a refusal or an error.
+int run_search(const Where& where, const nlohmann::ordered_json& arguments);
+int run_outline(const Where& where, const nlohmann::ordered_json& arguments);
+int run_source(const Where& where, const nlohmann::ordered_json& arguments);
 
 // The user's daemon in the foreground (until SIGTERM, SIGINT, `--stop` or its idle time).
 int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle);

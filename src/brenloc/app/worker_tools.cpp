@@ -19,8 +19,18 @@ std::vector<mcp::ToolSpec> worker_tool_specs() {
        "The state of the repository's index: file and symbol counts, whether indexing runs, the last reindex "
        "error and a standing rebuild refusal.",
        input_schema("none")},
-      {"search_symbols", "Find symbol definitions by name (substring match), optionally of one kind.",
+      {"search_symbols",
+       "Find symbol definitions by name, best first: exact names, then names starting with the query, then "
+       "names containing it at a word boundary or anywhere, then names holding its letters in order. Filter by "
+       "kind, language or path (a directory or glob). Each hit has its signature line; the answer gives the "
+       "total and stays small (hits are cut, and it says so).",
        input_schema("search")},
+      {"file_outline", "The definitions of one file as a tree (classes with their members), with kinds and lines.",
+       input_schema("outline")},
+      {"symbol_source",
+       "The source of one definition, by name (optionally within a path, of a kind) or by a path and a line, "
+       "from the line that names it, with its file, lines and signature.",
+       input_schema("source")},
   };
 }
 

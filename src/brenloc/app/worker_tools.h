@@ -1,5 +1,5 @@
-// The tools of a repository worker as the MCP server sees them: force_reindex, index_status and
-// search_symbols, with their argument schemas, and the worker's status messages as MCP log levels
+// The tools of a repository worker as the MCP server sees them: force_reindex, index_status,
+// search_symbols, file_outline and symbol_source, with their argument schemas, and the worker's status messages as MCP log levels
 // ("error" for a failed reindex, "info" otherwise).
 #pragma once
 

@@ -64,15 +64,42 @@ int main(int argc, char** argv) {
   add_where(status);
   add_daemon_flag(status);
 
-  std::string query;
-  std::optional<std::string> kind;
-  std::optional<int> limit;
-  auto* search = app.add_subcommand("search", "Search symbol definitions; JSON on stdout");
+  // The search commands: each option is the tool argument of the same name ("-" spelt "_").
+  nlohmann::ordered_json arguments = nlohmann::ordered_json::object();
+  auto argument = [&arguments](CLI::App* cmd, const std::string& flag, const std::string& help, bool integer = false) {
+    std::string key = flag.substr(flag.find_first_not_of('-'));
+    for (char& c : key) c = c == '-' ? '_' : c;
+    if (integer) {
+      return cmd->add_option_function<long>(flag, [&arguments, key](long v) { arguments[key] = v; }, help);
+    }
+    return cmd->add_option_function<std::string>(flag, [&arguments, key](const std::string& v) { arguments[key] = v; },
+                                                  help);
+  };
+  auto* search = app.add_subcommand("search", "Search symbol definitions, best first; JSON on stdout");
   add_where(search);
-  search->add_option("query", query, "Name, prefix or substring")->required();
-  search->add_option("--kind", kind, "Only symbols of this kind");
-  search->add_option("--limit", limit, "Largest number of results");
+  argument(search, "query", "Name, start of a name, part of one, its letters in order, Scope.name, or a glob")
+      ->required();
+  argument(search, "--match", "auto (default), exact, prefix, substring or fuzzy");
+  argument(search, "--kind", "Only symbols of this kind");
+  argument(search, "--path", "Only files under this directory or matching this glob");
+  argument(search, "--language", "Only files of this language");
+  argument(search, "--limit", "Largest number of results", true);
+  argument(search, "--max-bytes", "Largest size of the answer", true);
   add_daemon_flag(search);
+
+  auto* outline = app.add_subcommand("outline", "The definitions of a file as a tree; JSON on stdout");
+  add_where(outline);
+  argument(outline, "path", "File, relative to the repository root")->required();
+  add_daemon_flag(outline);
+
+  auto* source = app.add_subcommand("source", "The source of a definition, by name or by --path and --line; JSON");
+  add_where(source);
+  argument(source, "name", "Name of the definition (Scope.name also asks for the scope)");
+  argument(source, "--path", "File (or directory) of the definition");
+  argument(source, "--kind", "Kind of the definition");
+  argument(source, "--line", "A line of the definition in --path (instead of a name)", true);
+  argument(source, "--max-lines", "Largest number of lines", true);
+  add_daemon_flag(source);
 
   long idle_exit = env_seconds("BRENLOC_DAEMON_IDLE_TIMEOUT", 900);
   long worker_idle = env_seconds("BRENLOC_WORKER_IDLE_TIMEOUT", 300);
@@ -111,5 +138,7 @@ int main(int argc, char** argv) {
   }
   if (reindex->parsed()) return run_reindex(where, clear_existing, paths);
   if (status->parsed()) return run_status(where);
-  return run_search(where, query, kind, limit);
+  if (search->parsed()) return run_search(where, arguments);
+  if (outline->parsed()) return run_outline(where, arguments);
+  return run_source(where, arguments);
 }

@@ -259,8 +259,6 @@ Kind kind_of(const fs::path& path) {
   return Kind::other;
 }
 
-ReindexPathResolution refused(const char* reason) { return {std::vector<fs::path>{}, std::string(reason)}; }
-
 }  // namespace
 
 const std::vector<std::string_view>& listed_extensions() {
@@ -295,15 +293,23 @@ fs::path resolve_non_strict(const fs::path& path) {
   return resolved;
 }
 
+std::pair<fs::path, std::optional<std::string>> guard_requested_path(const fs::path& repo_root,
+                                                                    const std::string& text) {
+  auto refused = [](const char* reason) { return std::pair{fs::path(), std::optional<std::string>(reason)}; };
+  fs::path path = requested_path(repo_root, text);
+  if (utils::outside_trusted_shares(path, {repo_root})) return refused(OUTSIDE_REPOSITORY);
+  if (!free_of_symlinks(path)) return refused(SYMLINKS_NOT_ALLOWED);
+  path = resolve_non_strict(path);
+  if (!free_of_symlinks(path)) return refused(SYMLINKS_NOT_ALLOWED);
+  if (!lies_at_or_below(path, repo_root)) return refused(OUTSIDE_REPOSITORY);
+  return {std::move(path), std::nullopt};
+}
+
 ReindexPathResolution resolve_reindex_paths(const fs::path& repo_root, const std::vector<std::string>& paths_param) {
   std::vector<fs::path> index_paths;
   for (const std::string& path_str : paths_param) {
-    fs::path path = requested_path(repo_root, path_str);
-    if (utils::outside_trusted_shares(path, {repo_root})) return refused(OUTSIDE_REPOSITORY);
-    if (!free_of_symlinks(path)) return refused(SYMLINKS_NOT_ALLOWED);
-    path = resolve_non_strict(path);
-    if (!free_of_symlinks(path)) return refused(SYMLINKS_NOT_ALLOWED);
-    if (!lies_at_or_below(path, repo_root)) return refused(OUTSIDE_REPOSITORY);
+    auto [path, refusal] = guard_requested_path(repo_root, path_str);
+    if (refusal) return {std::vector<fs::path>{}, std::move(refusal)};
     switch (kind_of(path)) {
       case Kind::file:
         index_paths.push_back(std::move(path));

@@ -30,6 +30,12 @@ using ReindexPathResolution = std::pair<std::vector<std::filesystem::path>, std:
 ReindexPathResolution resolve_reindex_paths(const std::filesystem::path& repo_root,
                                             const std::vector<std::string>& paths_param);
 
+// The guards of one requested path, as resolve_reindex_paths applies them: the path resolved, or the
+// refusal ("Path outside repository", "Symlinks are not allowed in paths") with an empty path. It need
+// not exist. Throws as resolve_reindex_paths does.
+std::pair<std::filesystem::path, std::optional<std::string>> guard_requested_path(
+    const std::filesystem::path& repo_root, const std::string& text);
+
 // Resolution that does not insist on existence: the longest leading part of `path` (absolute) that
 // exists is resolved through symbolic links, the rest is appended with "." and ".." normalised away
 // lexically, and a trailing separator is dropped. A loop of links, or a leading part that may not be

@@ -6,6 +6,9 @@
 
 #include "brenloc/aio/outcome.h"
 #include "brenloc/aio/thread.h"
+#include "brenloc/daemon/reindex_paths.h"
+#include "brenloc/storage/definition_source.h"
+#include "brenloc/storage/search_answer.h"
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/workers/pass_files.h"
@@ -106,6 +109,8 @@ aio::Task<json> RepoWorker::call_tool(std::string name, json arguments) {
     co_return co_await index_status();
   }
   if (name == "search_symbols") co_return co_await search_symbols(std::move(arguments));
+  if (name == "file_outline") co_return co_await file_outline(std::move(arguments));
+  if (name == "symbol_source") co_return co_await symbol_source(std::move(arguments));
   throw UnknownTool(name);
 }
 
@@ -212,25 +217,90 @@ aio::Task<json> RepoWorker::index_status() {
                  {"last_index", last_index}};
 }
 
+namespace {
+
+constexpr std::size_t kOutlineBytes = 64 * 1024;
+
+storage::SymbolQuery::Match match_mode(const std::string& name) {
+  using M = storage::SymbolQuery::Match;
+  if (name == "exact") return M::exact;
+  if (name == "prefix") return M::prefix;
+  if (name == "substring") return M::substring;
+  if (name == "fuzzy") return M::fuzzy;
+  return M::automatic;
+}
+
+std::optional<std::string> opt_string(const json& v) {
+  return v.is_null() ? std::nullopt : std::optional<std::string>(v.get<std::string>());
+}
+
+json failed(std::string error) { return json{{"error", std::move(error)}, {"status", "failed"}}; }
+
+// A requested path through the guards of force_reindex, as a path relative to the root (or a refusal).
+std::pair<std::string, std::optional<json>> relative_path(const fs::path& root, const std::string& requested) {
+  auto [resolved, refusal] = guard_requested_path(root, requested);
+  if (refusal) return {"", failed(*refusal)};
+  return {resolved.lexically_relative(root).generic_string(), std::nullopt};
+}
+
+}  // namespace
+
 aio::Task<json> RepoWorker::search_symbols(json params) {
   json bound = bind_arguments("search", params);
   storage::SymbolQuery query;
   query.text = bound["query"].get<std::string>();
-  query.match = storage::SymbolQuery::Match::substring;
-  if (!bound["kind"].is_null()) query.kind = bound["kind"].get<std::string>();
+  query.match = match_mode(bound["match"].get<std::string>());
+  query.kind = opt_string(bound["kind"]);
+  query.path_prefix = opt_string(bound["path"]);
+  query.language = opt_string(bound["language"]);
   query.limit = bound["limit"].get<int>();
-  auto hits = co_await aio::to_thread([repo = _repository, query] { return repo->search_symbols(query); });
-  json results = json::array();
-  for (const auto& h : hits) {
-    results.push_back(json{{"name", h.name},
-                           {"kind", h.kind},
-                           {"path", h.path},
-                           {"line", h.line},
-                           {"column", h.column},
-                           {"end_line", h.end_line},
-                           {"scope", h.scope}});
-  }
-  co_return json{{"query", query.text}, {"count", results.size()}, {"results", results}};
+  const auto max_bytes = bound["max_bytes"].get<std::size_t>();
+  co_return co_await aio::to_thread([repo = _repository, root = repo_root, query, match = bound["match"], max_bytes] {
+    storage::SourceFiles sources(root);
+    return storage::search_answer(query.text, match.get<std::string>(), repo->find_symbols(query), sources, max_bytes);
+  });
+}
+
+aio::Task<json> RepoWorker::file_outline(json params) {
+  json bound = bind_arguments("outline", params);
+  co_return co_await aio::to_thread([repo = _repository, root = repo_root, path = bound["path"].get<std::string>()] {
+    auto [rel, refusal] = relative_path(root, path);
+    if (refusal) return *refusal;
+    auto file = repo->file_symbols(rel);
+    if (!file) return failed(fmt::format("File not in the index: {}", rel));
+    return storage::outline_answer(*file, kOutlineBytes);
+  });
+}
+
+aio::Task<json> RepoWorker::symbol_source(json params) {
+  json bound = bind_arguments("source", params);
+  const auto name = opt_string(bound["name"]);
+  const auto path = opt_string(bound["path"]);
+  const int line = bound["line"].is_null() ? 0 : bound["line"].get<int>();
+  if (!name && (!path || line == 0)) throw ArgumentError("name", "give a 'name', or a 'path' and a 'line'");
+  const int max_lines = bound["max_lines"].get<int>();
+  co_return co_await aio::to_thread([repo = _repository, root = repo_root, name, path, line, max_lines,
+                                     kind = opt_string(bound["kind"])]() -> json {
+    std::string rel;
+    if (path) {
+      auto [relative, refusal] = relative_path(root, *path);
+      if (refusal) return *refusal;
+      rel = relative;
+    }
+    storage::SourceFiles sources(root);
+    if (!name) {
+      auto file = repo->file_symbols(rel);
+      if (!file) return failed(fmt::format("File not in the index: {}", rel));
+      auto at = storage::definition_at(*file, line);
+      if (!at) return failed(fmt::format("No definition at {}:{}", rel, line));
+      return storage::source_answer(*at, sources, max_lines, 0);
+    }
+    storage::SymbolQuery query{.text = *name, .match = storage::SymbolQuery::Match::exact, .kind = kind, .limit = 1};
+    if (path) query.path_prefix = rel;
+    auto found = repo->find_symbols(query);
+    if (found.hits.empty()) return failed(fmt::format("No definition named '{}'", *name));
+    return storage::source_answer(found.hits.front(), sources, max_lines, found.total - 1);
+  });
 }
 
 }  // namespace brenloc::daemon

@@ -37,7 +37,8 @@ class RepoWorker : public WorkerReindex {
   bool stopping() const { return stopping_; }
 
   // --- the worker's public face ---
-  // Runs the tool `name` ("force_reindex", "index_status", "search_symbols") with its arguments and gives
+  // Runs the tool `name` ("force_reindex", "index_status", "search_symbols", "file_outline",
+  // "symbol_source") with its arguments and gives
   // its response dictionary. Throws UnknownTool for another name and ArgumentError for bad arguments.
   aio::Task<json> call_tool(std::string name, json arguments);
   // The force_reindex tool: the response at once; an accepted run goes on in the background.
@@ -52,8 +53,15 @@ class RepoWorker : public WorkerReindex {
   //  "last_index"}; "last_index" is the completion this worker recorded, else the last pass's record in the
   //  data directory (a pass of an earlier process), else null.
   aio::Task<json> index_status();
-  // Arguments bound with the "search" schema; {"query", "count", "results": [...]}.
+  // Arguments bound with the "search" schema; the answer of storage::search_answer.
   aio::Task<json> search_symbols(json params);
+  // Arguments bound with the "outline" schema; storage::outline_answer, or {"error", "status": "failed"}
+  // for a path that force_reindex would refuse (with the same text) or a file not in the index.
+  aio::Task<json> file_outline(json params);
+  // Arguments bound with the "source" schema: a name (the best exact match, within "path" when given) or
+  // a path and a line; storage::source_answer, or {"error", "status": "failed"} as for file_outline or
+  // when no definition is found.
+  aio::Task<json> symbol_source(json params);
 
   // Status messages (broadcasts and progress) go to every subscribed sink, on the loop thread.
   int subscribe(StatusSink sink);
