@@ -107,6 +107,48 @@ TEST_F(Cli, PathsAreReindexedInTheLiveIndexAndPathsOutsideAreRefusedWithExit2) {
   }
 }
 
+// The relevance table through the command line (each tool argument as the option of its name), and the
+// outline and source commands, over the demo samples.
+TEST_F(Cli, SearchOutlineAndSourceOverTheSamples) {
+  const fs::path source_dir = BRENLOC_SOURCE_DIR;
+  const std::string samples = "--repo " + quote(source_dir / "samples/demo") + " --data-dir " + quote(data_);
+  ASSERT_EQ(invoke("reindex " + samples).code, 0);
+  std::ifstream in(source_dir / "tests/search_relevance.json");
+  for (const auto& c : json::parse(in)["cases"]) {
+    SCOPED_TRACE(c["args"].dump());
+    std::string args = "search " + samples;
+    for (const auto& [key, value] : c["args"].items()) {
+      const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+      args += " " + (key == "query" ? "" : "--" + key + " ") + quote(text);
+    }
+    Result r = invoke(args);
+    ASSERT_EQ(r.code, 0) << r.err;
+    const json results = json::parse(r.out)["results"];
+    if (c["first"].is_null()) {
+      EXPECT_TRUE(results.empty());
+      continue;
+    }
+    ASSERT_FALSE(results.empty());
+    const auto text = [](const json& h) { return h["name"].get<std::string>() + " " + h["kind"].get<std::string>() + " " + h["path"].get<std::string>(); };
+    EXPECT_EQ(text(results[0]), c["first"].get<std::string>());
+    for (const auto& h : results) {
+      for (const auto& absent : c["absent"]) EXPECT_NE(text(h), absent.get<std::string>());
+    }
+  }
+  Result outline = invoke("outline " + samples + " python/shop/cart.py");
+  ASSERT_EQ(outline.code, 0) << outline.err;
+  EXPECT_EQ(json::parse(outline.out)["symbols"][2]["children"][1]["name"], "add");
+  Result source = invoke("source " + samples + " Cart.add");
+  ASSERT_EQ(source.code, 0) << source.err;
+  EXPECT_EQ(json::parse(source.out)["signature"], "def add(self, item):");
+  Result by_line = invoke("source " + samples + " --path c/ring.c --line 7");
+  EXPECT_EQ(json::parse(by_line.out)["name"], "ring_push");
+  Result refused = invoke("outline " + samples + " ../README.md");
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_EQ(refused.out, "{\n  \"error\": \"Path outside repository\",\n  \"status\": \"failed\"\n}\n");
+  EXPECT_EQ(invoke("search " + samples + " --kind klass x").code, 64);
+}
+
 TEST_F(Cli, TheDefaultDataDirectoryLiesUnderXdgDataHome) {
   const std::string xdg = "XDG_DATA_HOME=" + quote(xdg_);
   ASSERT_EQ(invoke("reindex --repo " + quote(repo_), xdg).code, 0);

@@ -5,6 +5,8 @@
 #   - the index is wholly the one before the rebuild or wholly the one a complete rebuild gives
 #     (row counts and a checksum over every row), and each file's range of symbol rows holds exactly
 #     its rows;
+#   - the search tables agree with the symbols (each name once, case folded; the trigram index whole and
+#     finding every name);
 #   - a query works after the restart;
 #   - the next rebuild succeeds, leaves no staging file and every index in place.
 # Usage: crash_campaign.sh BRENLOC_BINARY [TRIALS] [SOURCE_TREE] [process|daemon]
@@ -53,6 +55,17 @@ bad_ranges() {
               WHERE s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count AND s.file_id = f.id))
         || ' ' || ((SELECT count(*) FROM symbols) - (SELECT coalesce(sum(symbol_count), 0) FROM files))"
 }
+# "0 0 ok 0" when the search tables agree with the symbols: names missing and stray, the trigram index's own
+# check, names of three characters or more that the trigram index does not find.
+search_tables() {
+  sqlite3 "$data/index.db" "
+    SELECT (SELECT count(*) FROM (SELECT lower(name) FROM symbols EXCEPT SELECT name FROM names)) || ' ' ||
+           (SELECT count(*) FROM (SELECT name FROM names EXCEPT SELECT lower(name) FROM symbols));
+    INSERT INTO name_grams(name_grams) VALUES('integrity-check');
+    SELECT 'ok';
+    SELECT count(*) FROM names n WHERE length(n.name) >= 3 AND NOT EXISTS
+      (SELECT 1 FROM name_grams g WHERE g.name LIKE n.name AND g.rowid = n.id);" 2>&1 | tr '\n' ' ' | sed 's/ $//'
+}
 staging_left() { ls "$data"/index.db.reindex-staging* 2>/dev/null | wc -l; }
 now_ms() { date +%s%3N; }
 indexes() { sqlite3 "$data/index.db" "SELECT group_concat(name, ' ') FROM (SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name)"; }
@@ -63,6 +76,7 @@ duration=$(( $(now_ms) - t0 ))
 before=$(fingerprint)
 want_indexes=$(indexes)  # every index of the schema, which each rebuild must leave in place
 [[ " $want_indexes " == *" symbols_by_name "* ]] || { echo "the first rebuild left indexes: $want_indexes" >&2; exit 1; }
+[[ $(search_tables) == "0 0 ok 0" ]] || { echo "the first rebuild left search tables: $(search_tables)" >&2; exit 1; }
 echo "tree: $source_tree ($(counts) files/symbols), full rebuild ${duration} ms, $trials trials, $mode mode"
 
 old_kept=0 new_swapped=0 failures=0
@@ -82,6 +96,7 @@ for ((i = 1; i <= trials; i++)); do
   [[ "$integrity" == "ok" ]] || problem+=" integrity=$integrity"
   after_kill=$(fingerprint)
   [[ $(bad_ranges) == "0 0" ]] || problem+=" symbol ranges after the kill: $(bad_ranges)"
+  [[ $(search_tables) == "0 0 ok 0" ]] || problem+=" search tables after the kill: $(search_tables)"
   "$bin" search "${via[@]}" --repo "$repo" --data-dir "$data" --limit 1 main >/dev/null 2>>"$work/log" ||
     problem+=" query failed"
   if ! "$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log"; then
@@ -89,6 +104,7 @@ for ((i = 1; i <= trials; i++)); do
   fi
   [[ $(staging_left) -eq 0 ]] || problem+=" staging files left"
   [[ $(bad_ranges) == "0 0" ]] || problem+=" symbol ranges after the next rebuild: $(bad_ranges)"
+  [[ $(search_tables) == "0 0 ok 0" ]] || problem+=" search tables after the next rebuild: $(search_tables)"
   [[ $(indexes) == "$want_indexes" ]] || problem+=" indexes: $(indexes)"
   complete=$(fingerprint)
   if [[ "$after_kill" == "$before" ]]; then

@@ -10,6 +10,7 @@ import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import { createInterface } from 'node:readline';
+import { readFileSync } from 'node:fs';
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 import { LoggingMessageNotificationSchema, McpError } from '@modelcontextprotocol/sdk/types.js';
@@ -169,6 +170,7 @@ test('argument errors and unknown tools are protocol errors naming the culprit',
   const cases = [
     [{ name: 'search_symbols', arguments: {} }, /query/],
     [{ name: 'search_symbols', arguments: { query: 'x', limit: 'many' } }, /limit/],
+    [{ name: 'search_symbols', arguments: { query: 'x', kind: 'klass' } }, /kind.*function, method, class/],
     [{ name: 'force_reindex', arguments: { paths: 'src' } }, /paths/],
     [{ name: 'force_reindex', arguments: { colour: 'red' } }, /colour/],
     [{ name: 'no_such_tool', arguments: {} }, /no_such_tool/],
@@ -184,6 +186,42 @@ test('argument errors and unknown tools are protocol errors naming the culprit',
     }
     const found = structured(await client.callTool({ name: 'search_symbols', arguments: { query: 'main' } }));
     assert.equal(typeof found, 'object');
+  } finally {
+    await client.close();
+  }
+});
+
+// The relevance table through MCP, and the outline and source tools, on a server that offers them (the
+// real one, serving the demo samples).
+test('search ranks as the relevance table says; outline and source answer', async () => {
+  const { client, messages } = await connect();
+  try {
+    const { tools } = await client.listTools();
+    const byName = Object.fromEntries(tools.map((t) => [t.name, t]));
+    if (!byName.file_outline) return;
+    assert.ok(byName.search_symbols.inputSchema.properties.kind.enum.includes('class'));
+    assert.deepEqual(byName.file_outline.inputSchema.required, ['path']);
+    const seen = messages.length;
+    await client.callTool({ name: 'force_reindex', arguments: { clear_existing: true } });
+    assert.equal((await reindexOutcome(messages, seen)).data.type, 'reindex_complete');
+
+    const table = JSON.parse(readFileSync(new URL('../search_relevance.json', import.meta.url)));
+    const text = (h) => `${h.name} ${h.kind} ${h.path}`;
+    for (const c of table.cases) {
+      const answer = structured(await client.callTool({ name: 'search_symbols', arguments: c.args }));
+      const message = JSON.stringify(c.args);
+      assert.equal(answer.results.length > 0 ? text(answer.results[0]) : null, c.first, message);
+      for (const h of answer.results) assert.ok(!c.absent.includes(text(h)), `${message}: ${text(h)}`);
+    }
+    const outline = structured(await client.callTool({ name: 'file_outline', arguments: { path: 'cpp/geometry.hpp' } }));
+    assert.deepEqual(outline.symbols.map((s) => s.name), ['geometry']);
+    assert.deepEqual(outline.symbols[0].children.map((s) => s.name), ['Point', 'Polygon']);
+    const source = structured(await client.callTool({ name: 'symbol_source', arguments: { name: 'Polygon::add' } }));
+    assert.equal(source.path, 'cpp/geometry.cpp');
+    assert.ok(source.source.startsWith(source.signature), source.source);
+    const refused = await client.callTool({ name: 'symbol_source', arguments: { path: '../x.py', line: 1 } });
+    assert.equal(refused.isError, true);
+    assert.deepEqual(structured(refused), { error: 'Path outside repository', status: 'failed' });
   } finally {
     await client.close();
   }

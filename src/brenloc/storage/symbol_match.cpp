@@ -55,7 +55,12 @@ Tier name_tier(const NamePattern& p, std::string_view name) {
     best = Tier::substring;
   }
   if (best != Tier::none) return best;
-  return anchored_subsequence(p.folded, folded) ? Tier::fuzzy : Tier::none;
+  if (!anchored_subsequence(p.folded, folded)) return Tier::none;
+  std::string initials(1, folded[0]);
+  for (std::size_t i = 1; i < name.size(); ++i) {
+    if (word_starts_at(name, i)) initials += folded[i];
+  }
+  return anchored_subsequence(p.folded, initials) ? Tier::initials : Tier::fuzzy;
 }
 
 Tier worst_admitted(SymbolQuery::Match match) {

@@ -12,9 +12,10 @@
 namespace brenloc::storage {
 
 // Best first. `boundary`: the text starts a word of the name (after "_", "::", "." or at a camelCase
-// hump); `fuzzy`: the text is an ordered subsequence of the name that starts at its first character.
-// A glob's matches all go in `prefix`.
-enum class Tier : int { exact_case, exact, prefix, boundary, substring, fuzzy, none };
+// hump); `fuzzy`: the text is an ordered subsequence of the name that starts at its first character,
+// `initials` when its letters all start words ("gSB" of getStatusBar). A glob's matches all go in
+// `prefix`.
+enum class Tier : int { exact_case, exact, prefix, boundary, substring, initials, fuzzy, none };
 
 struct NamePattern {
   SymbolQuery::Match match = SymbolQuery::Match::automatic;

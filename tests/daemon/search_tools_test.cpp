@@ -1,0 +1,227 @@
+// The search tools of a worker over the demo samples (and generated names): the relevance table, ranking
+// under crowding, the size cap over random queries, outlines against the scopes the indexer records, the
+// source of every definition, argument errors and the path guards.
+#include <unistd.h>
+
+#include <fstream>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "brenloc/daemon/worker.h"
+#include "brenloc/tool_binding.h"
+#include "utils/tree_fixtures.h"
+
+namespace brenloc::testing {
+namespace {
+
+using json = nlohmann::ordered_json;
+namespace fs = std::filesystem;
+
+const fs::path kSamples = fs::path(BRENLOC_SOURCE_DIR) / "samples/demo";
+
+json read_json(const fs::path& p) {
+  std::ifstream in(p);
+  return json::parse(in);
+}
+
+std::string hit_text(const json& h) {
+  return h["name"].get<std::string>() + " " + h["kind"].get<std::string>() + " " + h["path"].get<std::string>();
+}
+
+// A started worker over a copy of the samples plus `extra` files, fully indexed; runs `body` on its loop.
+template <class Body>
+void with_samples(const std::vector<std::pair<std::string, std::string>>& extra, Body body) {
+  TempDir root, data;
+  fs::copy(kSamples, root.path(), fs::copy_options::recursive);
+  for (const auto& [path, text] : extra) write_file(root.path() / path, text);
+  aio::EventLoop loop;
+  daemon::RepoWorker w(root.path(), data.path());
+  aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+    co_await w.start();
+    json response = co_await w._handle_force_reindex(json{{"clear_existing", true}});
+    EXPECT_EQ(response["status"], "accepted");
+    co_await aio::wait_all({w._indexer_task->base()});
+    std::exception_ptr failure;
+    try {
+      co_await body(w, root.path());
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    co_await w.stop();
+    if (failure) std::rethrow_exception(failure);
+  }());
+}
+
+// Names that crowd a search: many that contain the query before the one that is it, in a file sorting last.
+std::vector<std::pair<std::string, std::string>> crowd() {
+  std::string text;
+  for (int i = 0; i < 400; ++i) text += "def aconnect_" + std::to_string(i) + "():\n    pass\n";
+  for (int i = 0; i < 50; ++i) text += "def connect_" + std::to_string(i) + "():\n    pass\n";
+  text += "class getStatusBar:\n    pass\n\ndef get_sb():\n    pass\n";
+  return {{"crowd/a.py", text}, {"zzz/last.py", "def connect(host):\n    pass\n"}};
+}
+
+TEST(SearchTools, TheRelevanceTableHolds) {
+  const json table = read_json(fs::path(BRENLOC_SOURCE_DIR) / "tests/search_relevance.json");
+  // Beside the shared table: ranking when hundreds of names crowd the one asked for.
+  json cases = table["cases"];
+  cases.push_back({{"args", {{"query", "connect"}}}, {"first", "connect function zzz/last.py"}, {"absent", json::array()}});
+  cases.push_back({{"args", {{"query", "gSB"}}}, {"first", "getStatusBar class crowd/a.py"}, {"absent", json::array()}});
+  cases.push_back({{"args", {{"query", "CONNECT_4"}, {"match", "Prefix"}}},
+                   {"first", "connect_4 function crowd/a.py"},
+                   {"absent", {"aconnect_4 function crowd/a.py"}}});
+  with_samples(crowd(), [&](daemon::RepoWorker& w, const fs::path&) -> aio::Task<void> {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c["args"].dump());
+      json answer = co_await w.search_symbols(c["args"]);
+      const json& results = answer["results"];
+      if (c["first"].is_null()) {
+        EXPECT_EQ(answer["total"], 0);
+        EXPECT_TRUE(results.empty());
+        continue;
+      }
+      EXPECT_FALSE(results.empty());
+      if (results.empty()) continue;
+      EXPECT_EQ(hit_text(results[0]), c["first"].get<std::string>());
+      for (const auto& h : results) {
+        for (const auto& absent : c["absent"]) EXPECT_NE(hit_text(h), absent.get<std::string>());
+      }
+    }
+  });
+}
+
+// Whatever the query, limit and cap, the answer stays within the cap, has every key, and cuts hits only
+// when it says so.
+TEST(SearchTools, AnswersStayUnderTheSizeCap) {
+  with_samples(crowd(), [&](daemon::RepoWorker& w, const fs::path&) -> aio::Task<void> {
+    std::mt19937 rng(19);
+    const std::vector<std::string> stems = {"", "c", "co", "connect", "a", "_", "get", "x*", "*t?", "r", "Cart.a"};
+    const std::vector<std::string> keys = {"query", "match", "total", "more", "count", "truncated", "results"};
+    for (int i = 0; i < 60; ++i) {
+      const std::string query = stems[rng() % stems.size()] + (rng() % 3 ? "" : std::to_string(rng() % 10));
+      const int limit = 1 + static_cast<int>(rng() % 1000);
+      const int max_bytes = 1024 + static_cast<int>(rng() % 30000);
+      SCOPED_TRACE(fmt::format("{} {} {}", query, limit, max_bytes));
+      json answer = co_await w.search_symbols({{"query", query}, {"limit", limit}, {"max_bytes", max_bytes}});
+      EXPECT_LE(answer.dump().size(), static_cast<std::size_t>(max_bytes));
+      std::vector<std::string> got;
+      for (const auto& [k, v] : answer.items()) got.push_back(k);
+      EXPECT_EQ(got, keys);
+      const auto count = answer["count"].get<std::int64_t>();
+      EXPECT_EQ(count, static_cast<std::int64_t>(answer["results"].size()));
+      const bool cut = count < std::min<std::int64_t>(limit, answer["total"].get<std::int64_t>());
+      EXPECT_EQ(answer["truncated"].get<bool>(), cut);
+    }
+  });
+}
+
+// Every file's outline holds each of its definitions once; a definition's parent in the tree is the one
+// its recorded scope ends with, and its lines hold the child's.
+TEST(SearchTools, OutlinesFollowTheRecordedScopes) {
+  with_samples({}, [&](daemon::RepoWorker& w, const fs::path&) -> aio::Task<void> {
+    for (const auto& file : w._repository->list_files()) {
+      SCOPED_TRACE(file.path);
+      json outline = co_await w.file_outline({{"path", file.path}});
+      auto rows = w._repository->file_symbols(file.path)->symbols;
+      EXPECT_EQ(outline["total"], rows.size());
+      EXPECT_EQ(outline["count"], rows.size());
+      EXPECT_FALSE(outline["truncated"].get<bool>());
+      std::size_t seen = 0;
+      std::function<void(const json&, const json*)> walk = [&](const json& node, const json* parent) {
+        ++seen;
+        const std::string name = node["name"];
+        const int line = node["line"];
+        auto row = std::ranges::find_if(rows, [&](const auto& s) { return s.name == name && s.line == line; });
+        ASSERT_NE(row, rows.end()) << node.dump();
+        if (parent) {
+          const std::string outer = (*parent)["name"];
+          EXPECT_TRUE(row->scope.ends_with(outer)) << row->scope << " under " << outer;
+          EXPECT_GE(node["line"], (*parent)["line"]);
+          EXPECT_LE(node["line"], (*parent)["end_line"]);
+        }
+        for (const auto& child : node["children"]) walk(child, &node);
+      };
+      for (const auto& node : outline["symbols"]) walk(node, nullptr);
+      EXPECT_EQ(seen, rows.size());
+    }
+    // The classes of the samples hold their members.
+    json cart = co_await w.file_outline({{"path", "./python/shop/cart.py"}});
+    EXPECT_EQ(cart["symbols"][2]["name"], "Cart");
+    EXPECT_EQ(cart["symbols"][2]["children"].size(), 3u);
+  });
+}
+
+// The source of every definition of the samples, asked by path and line, starts at the line that names
+// it, which is its signature; asked by name within its file and kind, the same definition comes back.
+TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
+  with_samples({}, [&](daemon::RepoWorker& w, const fs::path& root) -> aio::Task<void> {
+    int checked = 0;
+    for (const auto& file : w._repository->list_files()) {
+      std::ifstream in(root / file.path);
+      std::vector<std::string> lines;
+      for (std::string l; std::getline(in, l);) lines.push_back(l);
+      const auto rows = w._repository->file_symbols(file.path)->symbols;
+      for (const auto& s : rows) {
+        SCOPED_TRACE(fmt::format("{} {}:{}", s.name, file.path, s.line));
+        json by_line = co_await w.symbol_source({{"path", file.path}, {"line", s.line}});
+        const std::string source = by_line["source"];
+        EXPECT_EQ(source.substr(0, source.find('\n')), lines.at(s.line - 1));
+        EXPECT_NE(by_line["signature"].get<std::string>().find(s.name), std::string::npos);
+        EXPECT_EQ(by_line["line"], s.line);
+        json by_name = co_await w.symbol_source({{"name", s.name}, {"path", file.path}, {"kind", s.kind}});
+        if (by_name["other_matches"] == 0) {
+          EXPECT_EQ(by_name["source"], by_line["source"]);
+          ++checked;
+        }
+      }
+    }
+    EXPECT_GT(checked, 50);
+    json capped = co_await w.symbol_source({{"name", "Cart"}, {"max_lines", 2}});
+    EXPECT_EQ(capped["source"], "class Cart:\n    def __init__(self):");
+    EXPECT_TRUE(capped["truncated"].get<bool>());
+  });
+}
+
+// Bad arguments are errors naming what is wrong; paths that force_reindex refuses are refused with its
+// texts; what is not there is an error answer.
+TEST(SearchTools, RefusalsAndErrors) {
+  with_samples({}, [&](daemon::RepoWorker& w, const fs::path& root) -> aio::Task<void> {
+    fs::create_directory_symlink(root / "python", root / "linked");
+    const std::vector<std::pair<json, std::string>> errors = {
+        {{{"query", "x"}, {"kind", "klass"}}, "must be one of: function, method, class,"},
+        {{{"query", "x"}, {"match", "regex"}}, "must be one of: auto, exact, prefix, substring, fuzzy"},
+        {{{"query", "x"}, {"language", "cobol"}}, "must be one of: python, c, cpp,"},
+        {{{"query", "x"}, {"max_bytes", 10}}, "max_bytes"},
+    };
+    for (const auto& [args, message] : errors) {
+      try {
+        co_await w.search_symbols(args);
+        ADD_FAILURE() << args.dump();
+      } catch (const ArgumentError& e) {
+        EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
+      }
+    }
+    EXPECT_THROW(co_await w.symbol_source({{"path", "c/ring.c"}}), ArgumentError);
+    EXPECT_EQ((co_await w.search_symbols({{"query", "ring"}, {"kind", "STRUCT"}}))["total"], 1);
+
+    auto failed = [](const std::string& error) { return json{{"error", error}, {"status", "failed"}}; };
+    const std::vector<std::pair<json, json>> answers = {
+        {{{"path", "../outside.py"}}, failed("Path outside repository")},
+        {{{"path", "/etc/passwd"}}, failed("Path outside repository")},
+        {{{"path", "linked/shop/cart.py"}}, failed("Symlinks are not allowed in paths")},
+        {{{"path", "no/such.py"}}, failed("File not in the index: no/such.py")},
+    };
+    for (const auto& [args, answer] : answers) {
+      EXPECT_EQ(co_await w.file_outline(args), answer) << args.dump();
+      json source_args = args;
+      source_args["line"] = 1;
+      EXPECT_EQ(co_await w.symbol_source(source_args), answer) << args.dump();
+    }
+    EXPECT_EQ(co_await w.symbol_source({{"name", "nowhere"}}), failed("No definition named 'nowhere'"));
+    EXPECT_EQ(co_await w.symbol_source({{"path", "c/ring.c"}, {"line", 2}}), failed("No definition at c/ring.c:2"));
+  });
+}
+
+}  // namespace
+}  // namespace brenloc::testing
