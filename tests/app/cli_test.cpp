@@ -114,7 +114,8 @@ TEST_F(Cli, SearchOutlineAndSourceOverTheSamples) {
   const std::string samples = "--repo " + quote(source_dir / "samples/demo") + " --data-dir " + quote(data_);
   ASSERT_EQ(invoke("reindex " + samples).code, 0);
   std::ifstream in(source_dir / "tests/search_relevance.json");
-  for (const auto& c : json::parse(in)["cases"]) {
+  const json table = json::parse(in);
+  for (const auto& c : table["cases"]) {
     SCOPED_TRACE(c["args"].dump());
     std::string args = "search " + samples;
     for (const auto& [key, value] : c["args"].items()) {
