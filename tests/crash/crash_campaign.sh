@@ -58,7 +58,7 @@ bad_ranges() {
 # "0 0 ok 0" when the search tables agree with the symbols: names missing and stray, the trigram index's own
 # check, names of three characters or more that the trigram index does not find.
 search_tables() {
-  sqlite3 "$data/index.db" "
+  sqlite3 -cmd ".timeout 5000" "$data/index.db" "
     SELECT (SELECT count(*) FROM (SELECT lower(name) FROM symbols EXCEPT SELECT name FROM names)) || ' ' ||
            (SELECT count(*) FROM (SELECT name FROM names EXCEPT SELECT lower(name) FROM symbols));
     INSERT INTO name_grams(name_grams) VALUES('integrity-check');
