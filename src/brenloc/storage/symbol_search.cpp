@@ -271,12 +271,14 @@ class Search {
   // more, a scan of the names for fewer.
   bool stage_substring(Collector& found) {
     const bool trigrams = pattern_.folded.size() >= 3;
+    // No ESCAPE: the trigram index takes a plain LIKE only. A "%" or "_" of the text then matches more
+    // names than it should, which the collector's own test drops.
     const std::string names =
-        trigrams ? "SELECT name FROM name_grams WHERE name LIKE :contains ESCAPE '\\' AND substr(name, 1, :n) != :text"
+        trigrams ? "SELECT name FROM name_grams WHERE name LIKE :contains AND substr(name, 1, :n) != :text"
                  : "SELECT name FROM names WHERE instr(name, :text) > 1";
     Statement& stmt = r_.statement(rows_of_names(names), file_);
     if (trigrams) {
-      bind(stmt, ":contains", "%" + like_escaped(pattern_.folded) + "%");
+      bind(stmt, ":contains", "%" + pattern_.folded + "%");
       stmt.bind(sqlite3_bind_parameter_index(stmt.get(), ":n"), static_cast<std::int64_t>(pattern_.folded.size()));
     }
     bind(stmt, ":text", pattern_.folded);
@@ -314,10 +316,14 @@ class Search {
       j = std::min(g.find_first_of("*?", i), g.size());
       longest = std::max(longest, j - i);
     }
-    const std::string names = longest >= 3 ? "SELECT name FROM name_grams WHERE name LIKE :like ESCAPE '\\'"
-                                            : "SELECT name FROM names WHERE name LIKE :like ESCAPE '\\'";
+    // A plain LIKE (see stage_substring): "*" and "?" become "%" and "_", the rest stands as it is.
+    std::string like = g;
+    std::ranges::replace(like, '*', '%');
+    std::ranges::replace(like, '?', '_');
+    const std::string names = longest >= 3 ? "SELECT name FROM name_grams WHERE name LIKE :like"
+                                            : "SELECT name FROM names WHERE name LIKE :like";
     Statement& stmt = r_.statement(rows_of_names(names), file_);
-    bind(stmt, ":like", glob_as_like(g));
+    bind(stmt, ":like", like);
     filters_.bind(stmt);
     found.drain(stmt, file_);
   }

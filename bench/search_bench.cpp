@@ -1,0 +1,225 @@
+// Symbol search on a real index, measured side by side in one run.
+//
+//   search_bench DATA_DIR [--repo /usr/include] [--rounds 200] [--no-rebuild]
+//
+// DATA_DIR holds the index of REPO (build it once: brenloc reindex --clear-existing --repo REPO
+// --data-dir DATA_DIR). Table 1: p50/p99 of every query form (cache cleared before each query, so that
+// SQLite answers every one), idle and while `brenloc reindex --clear-existing` rebuilds the same index,
+// beside the substring LIKE scan in name order that search used to be. Then the rebuild's time and swap
+// (from its log), what building the search tables costs on a copy of the index, and their size.
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "brenloc/storage/database.h"
+#include "brenloc/storage/name_table.h"
+#include "brenloc/storage/repository.h"
+#include "brenloc/storage/sqlite_util.h"
+#include "brenloc/utils/logging.h"
+
+namespace fs = std::filesystem;
+using namespace brenloc::storage;
+using Clock = std::chrono::steady_clock;
+using M = SymbolQuery::Match;
+
+namespace {
+
+struct Form {
+  std::string label;
+  SymbolQuery query;
+};
+
+std::vector<Form> forms() {
+  return {
+      {"exact", {.text = "connect", .match = M::exact, .limit = 20}},
+      {"exact, none", {.text = "zzqqxxw", .match = M::exact, .limit = 20}},
+      {"prefix", {.text = "pthread_", .match = M::prefix, .limit = 20}},
+      {"prefix, 1 char", {.text = "s", .match = M::prefix, .limit = 20}},
+      {"substring", {.text = "mutex", .match = M::substring, .limit = 20}},
+      {"substring, none", {.text = "qqzzxw", .match = M::substring, .limit = 20}},
+      {"substring, 2 chars, none", {.text = "qz", .match = M::substring, .limit = 20}},
+      {"fuzzy", {.text = "gSB", .match = M::fuzzy, .limit = 20}},
+      {"fuzzy, none", {.text = "sqzjx", .match = M::fuzzy, .limit = 20}},
+      {"auto", {.text = "run", .limit = 20}},
+      {"auto, none", {.text = "qqzzxw", .limit = 20}},
+      {"glob", {.text = "Inv*", .limit = 20}},
+      {"scoped", {.text = "vector.push_back", .limit = 20}},
+      {"kind filter", {.text = "lock", .kind = "function", .limit = 20}},
+      {"path filter (dir)", {.text = "connect", .path_prefix = "boost/asio", .limit = 20}},
+      {"path filter (few files)", {.text = "s", .path_prefix = "boost/asio/ip", .limit = 20}},
+      {"path glob", {.text = "read", .path_prefix = "linux/*.h", .limit = 20}},
+      {"language filter", {.text = "open", .limit = 20, .language = "c"}},
+  };
+}
+
+// The old substring search: a LIKE over the name index in name order, stopping at the limit.
+class LikeScan {
+ public:
+  explicit LikeScan(const fs::path& db) {
+    sqlite3_open_v2(db.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr);
+    sqlite3_busy_timeout(db_, 5000);
+    stmt_ = brenloc::storage::detail::Statement(
+        db_,
+        "SELECT s.name, s.kind, f.path FROM symbols s INDEXED BY symbols_by_name CROSS JOIN files f ON "
+        "f.id = s.file_id WHERE s.name LIKE ?1 ORDER BY s.name COLLATE NOCASE LIMIT 20",
+        db, "like scan");
+  }
+  ~LikeScan() {
+    stmt_ = {};
+    sqlite3_close_v2(db_);
+  }
+  void run(const std::string& text) {
+    stmt_.bind(1, "%" + text + "%");
+    while (sqlite3_step(stmt_.get()) == SQLITE_ROW) {
+    }
+    stmt_.reset();
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+  brenloc::storage::detail::Statement stmt_;
+};
+
+struct Latency {
+  std::vector<double> ms;
+  double pct(double p) {
+    if (ms.empty()) return 0;
+    std::sort(ms.begin(), ms.end());
+    return ms[std::min(ms.size() - 1, static_cast<std::size_t>(p * static_cast<double>(ms.size())))];
+  }
+};
+
+double ms_since(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
+
+// One round: every form once through the repository, and its text once through the LIKE scan.
+void round(Repository& repo, LikeScan& like, std::vector<Latency>& ours, std::vector<Latency>& theirs) {
+  const auto all = forms();
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    repo.clear_query_cache();
+    auto t = Clock::now();
+    repo.find_symbols(all[i].query);
+    ours[i].ms.push_back(ms_since(t));
+    t = Clock::now();
+    like.run(all[i].query.text);
+    theirs[i].ms.push_back(ms_since(t));
+  }
+}
+
+std::string read_all(const fs::path& p) {
+  std::ifstream in(p);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: search_bench DATA_DIR [--repo DIR] [--rounds N] [--no-rebuild]\n");
+    return 64;
+  }
+  const fs::path data = fs::absolute(argv[1]);
+  fs::path repo_root = "/usr/include";
+  int rounds = 200;
+  bool rebuild = true;
+  for (int i = 2; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--repo" && i + 1 < argc) repo_root = argv[++i];
+    if (a == "--rounds" && i + 1 < argc) rounds = std::atoi(argv[++i]);
+    if (a == "--no-rebuild") rebuild = false;
+  }
+  brenloc::utils::get_logger("brenloc.storage")->set_level(spdlog::level::warn);
+  const fs::path db_path = data / "index.db";
+  auto db = std::make_shared<Database>(db_path);
+  db->connect();
+  Repository repo(db);
+  LikeScan like(db_path);
+  const auto all = forms();
+  std::vector<Latency> idle(all.size()), idle_like(all.size()), busy(all.size()), busy_like(all.size());
+  for (int r = 0; r < 3; ++r) round(repo, like, idle, idle_like);  // warm the page cache
+  idle.assign(all.size(), {}), idle_like.assign(all.size(), {});
+
+  // Idle rounds, then rounds while a rebuild runs (as many as it lasts), then idle rounds again.
+  for (int r = 0; r < rounds / 2; ++r) round(repo, like, idle, idle_like);
+  double rebuild_s = 0;
+  std::string log;
+  if (rebuild) {
+    const fs::path bin = fs::canonical(fs::path(argv[0])).parent_path().parent_path() / "brenloc";
+    const fs::path log_path = data / "search_bench.log";
+    std::atomic<bool> done = false;
+    const auto t = Clock::now();
+    std::thread run([&] {
+      std::system(fmt::format("'{}' reindex --clear-existing --repo '{}' --data-dir '{}' >/dev/null 2>'{}'",
+                              bin.string(), repo_root.string(), data.string(), log_path.string())
+                      .c_str());
+      done = true;
+    });
+    while (!done) round(repo, like, busy, busy_like);
+    run.join();
+    rebuild_s = ms_since(t) / 1000;
+    log = read_all(log_path);
+  }
+  for (int r = 0; r < rounds / 2; ++r) round(repo, like, idle, idle_like);
+
+  std::printf("%-26s %9s %9s %9s %9s | %9s %9s %9s %9s\n", "query form (ms)", "p50", "p99", "busy p50", "busy p99",
+              "LIKE p50", "LIKE p99", "busy p50", "busy p99");
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    std::printf("%-26s %9.3f %9.3f %9.3f %9.3f | %9.3f %9.3f %9.3f %9.3f\n", all[i].label.c_str(), idle[i].pct(0.5),
+                idle[i].pct(0.99), busy[i].pct(0.5), busy[i].pct(0.99), idle_like[i].pct(0.5), idle_like[i].pct(0.99),
+                busy_like[i].pct(0.5), busy_like[i].pct(0.99));
+  }
+  std::printf("rounds: %zu idle, %zu during the rebuild\n", idle[0].ms.size(), busy[0].ms.size());
+
+  if (rebuild) {
+    std::smatch m;
+    const std::regex swapped(R"(Swapped in \d+ files and (\d+) symbols .* in ([0-9.]+) s \(write lock held ([0-9.]+) s\))");
+    std::regex_search(log, m, swapped);
+    std::printf("full rebuild %.1f s; swap %s s for %s symbols (write lock %s s)\n", rebuild_s,
+                m.size() > 3 ? m[2].str().c_str() : "?", m.size() > 3 ? m[1].str().c_str() : "?",
+                m.size() > 3 ? m[3].str().c_str() : "?");
+  }
+
+  // What the search tables cost: built again on a copy, and their share of the file.
+  const fs::path copy = data / "search_bench_copy.db";
+  db->execute("PRAGMA wal_checkpoint(TRUNCATE)");
+  fs::copy_file(db_path, copy, fs::copy_options::overwrite_existing);
+  {
+    Database scratch(copy, Durability::unsynced);
+    scratch.connect();
+    double build_s = 0;
+    scratch.with_connection([&](sqlite3* c) {
+      auto t = Clock::now();
+      brenloc::storage::detail::run_script(c, "BEGIN", copy, "bench");
+      brenloc::storage::detail::rebuild_search_tables(c, copy, "bench");
+      brenloc::storage::detail::run_script(c, "COMMIT", copy, "bench");
+      build_s = ms_since(t) / 1000;
+    });
+    std::int64_t tables = 0, total = 0;
+    scratch.with_connection([&](sqlite3* c) {
+      tables = brenloc::storage::detail::query_int(
+          c, "SELECT sum(pgsize) FROM dbstat WHERE name IN ('names', 'sqlite_autoindex_names_1') OR name LIKE 'name_grams%'",
+          copy, "bench");
+      total = brenloc::storage::detail::query_int(c, "SELECT sum(pgsize) FROM dbstat", copy, "bench");
+    });
+    std::printf("search tables: built in %.2f s (%.1f%% of the full rebuild), %.1f MiB = %.1f%% of index.db "
+                "(%.1f%% of the index without them)\n",
+                build_s, rebuild ? 100 * build_s / rebuild_s : 0.0, static_cast<double>(tables) / 1048576,
+                100.0 * static_cast<double>(tables) / static_cast<double>(total),
+                100.0 * static_cast<double>(tables) / static_cast<double>(total - tables));
+  }
+  fs::remove(copy);
+  fs::remove(copy.string() + "-wal");
+  fs::remove(copy.string() + "-shm");
+  return 0;
+}
