@@ -12,6 +12,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <fmt/format.h>
 
+#include "brenloc/aio/outcome.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/app/daemon_client.h"
 #include "brenloc/app/daemon_server.h"
@@ -121,17 +122,12 @@ int with_worker(const Resolved& r, Body body) {
   daemon::RepoWorker worker(r.root, r.data_dir);
   return aio::run_until_complete(
       loop, [](aio::EventLoop& loop, daemon::RepoWorker& worker, Body body) -> aio::Task<int> {
-        std::exception_ptr failure;
-        int code = kExitFailed;
-        try {
+        auto ended = co_await aio::outcome_of([](aio::EventLoop& loop, daemon::RepoWorker& worker, Body body) -> aio::Task<int> {
           co_await worker.start();
-          code = co_await body(loop, worker);
-        } catch (...) {
-          failure = std::current_exception();
-        }
+          co_return co_await body(loop, worker);
+        }(loop, worker, std::move(body)));
         co_await worker.stop();
-        if (failure) std::rethrow_exception(failure);
-        co_return code;
+        co_return std::move(ended).get();
       }(loop, worker, std::move(body)));
 }
 

@@ -17,6 +17,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <fmt/format.h>
 
+#include "brenloc/aio/outcome.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
@@ -216,20 +217,20 @@ class Daemon {
                                                   {"pid", ::getpid()},
                                                   {"version", BRENLOC_VERSION}}));
     s.attached = true;
-    std::exception_ptr failure;
-    try {
-      WorkerTools tools(*entry->worker);
-      mcp::McpServer server(loop_, tools, s.fd, s.fd);
-      server.start();
-      auto watcher = aio::spawn(set_when_done(server.input_ended(), s.end));
-      co_await aio::shield(aio::Future<void>(s.end));
-      watcher.cancel();
-      co_await server.stop();
-    } catch (...) {
-      failure = std::current_exception();
-    }
+    auto ended = co_await aio::outcome_of(serve_mcp(s, *entry->worker));
     release(entry);
-    if (failure) std::rethrow_exception(failure);
+    std::move(ended).get();
+  }
+
+  // MCP on the session's socket until the client leaves or the daemon stops.
+  aio::Task<void> serve_mcp(Session& s, daemon::RepoWorker& worker) {
+    WorkerTools tools(worker);
+    mcp::McpServer server(loop_, tools, s.fd, s.fd);
+    server.start();
+    auto watcher = aio::spawn(set_when_done(server.input_ended(), s.end));
+    co_await aio::shield(aio::Future<void>(s.end));
+    watcher.cancel();
+    co_await server.stop();
   }
 
   // The started worker of `key`, created when there is none; counts the caller as a client.
@@ -254,16 +255,11 @@ class Daemon {
       std::shared_ptr<Entry> e = it->second;
       ++e->clients;
       e->idle_since.reset();
-      std::exception_ptr failure;
-      try {
-        co_await aio::shield(e->started);
-      } catch (...) {
-        failure = std::current_exception();
-      }
-      if (!failure) co_return e;
+      auto started = co_await aio::outcome_of(aio::await_shielded(e->started));
+      if (!started.failed()) co_return e;
       --e->clients;
-      if (!e->stopped && !aio::is_cancellation(failure)) e->stopped = aio::spawn(stop_entry(this, key, e), &loop_);
-      std::rethrow_exception(failure);
+      if (!e->stopped && !started.cancelled()) e->stopped = aio::spawn(stop_entry(this, key, e), &loop_);
+      std::move(started).get();
     }
   }
 
