@@ -61,7 +61,7 @@ void write_all(int fd, const char* data, std::size_t size) {
 
 class CheapHost : public mcp::ToolHost {
  public:
-  std::vector<mcp::ToolSpec> tools() const override { return {{"index_status", "status", Json{{"type", "object"}}}}; }
+  std::vector<mcp::ToolDescriptor> tools() const override { return {{"index_status", "status", Json{{"type", "object"}}}}; }
   aio::Task<Json> call_tool(std::string name, Json arguments) override {
     co_return Json{{"repo_root", "/src/project"}, {"data_dir", "/data/project-0badf00d"}, {"indexing", false},
                    {"last_reindex_error", nullptr}, {"rebuild_refusal", nullptr}, {"files", 1234},

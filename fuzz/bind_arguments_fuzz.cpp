@@ -5,6 +5,7 @@
 // the given value or the default, or is refused with an ArgumentError naming an argument that really is wrong.
 // Which values are wrong is judged from the JSON Schema the binder advertises to clients, so the binder and
 // its advertised schema must agree on every input.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -53,7 +54,10 @@ bool within(const Json& value, const Json& property) {
 // Whether `value` is what the schema's `property` describes.
 bool conforms(const Json& value, const Json& property) {
   const std::string type = property.at("type").get<std::string>();
-  if (type == "string") return value.is_string();
+  if (type == "string") {
+    return value.is_string() &&
+           (!property.contains("maxLength") || value.get_ref<const std::string&>().size() <= property["maxLength"].get<std::size_t>());
+  }
   if (type == "boolean") return value.is_boolean();
   if (type == "integer") return value.is_number_integer() && within(value, property);
   if (type == "array") {
@@ -71,7 +75,10 @@ bool conforms(const Json& value, const Json& property) {
 std::set<std::string> wrong_arguments(const Json& schema, const Json& params) {
   std::set<std::string> wrong;
   const Json& properties = schema.at("properties");
+  const Json required = schema.value("required", Json::array());
   for (const auto& [key, value] : params.items()) {
+    const bool optional = std::find(required.begin(), required.end(), Json(key)) == required.end();
+    if (value.is_null() && optional && properties.contains(key)) continue;  // null reads as absent
     if (!properties.contains(key)) {
       check(schema.value("additionalProperties", true) == false, "a schema that allows any argument");
       wrong.insert(key);
@@ -104,7 +111,7 @@ void check_bound(std::string_view name, const Json& schema, const Json& params, 
     check(it.key() == key,
           [&] { return where() + ": key " + shown(it.key()) + " where the schema has " + shown(key); });
     const Json& value = it.value();
-    if (params.contains(key)) {
+    if (params.contains(key) && !params[key].is_null()) {
       check(value == params[key], [&] { return where() + ": argument '" + key + "' is not the value given"; });
     } else if (property.contains("default")) {
       check(value == property["default"], [&] { return where() + ": argument '" + key + "' is not its default"; });

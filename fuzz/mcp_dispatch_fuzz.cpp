@@ -48,7 +48,7 @@ constexpr std::string_view kLevels[] = {"debug", "info",     "notice", "warning"
 
 class StandInHost final : public mcp::ToolHost {
  public:
-  std::vector<mcp::ToolSpec> tools() const override {
+  std::vector<mcp::ToolDescriptor> tools() const override {
     return {{"echo", "Returns its arguments", OJson{{"type", "object"}}},
             {"search", "Binds its arguments", brenloc::input_schema("search")},
             {"status", "Binds its arguments", brenloc::input_schema("status")},

@@ -21,7 +21,7 @@ struct Argument {
   bool required;
   json default_value;  // null: absent when omitted
   std::string_view description;
-  std::optional<std::int64_t> min, max;
+  std::optional<std::int64_t> min, max;  // an integer's range, a string's largest length
   // A string argument that must be one of these, compared ignoring ASCII case and bound in lower case.
   std::span<const std::string_view> one_of = {};
 };
@@ -46,7 +46,7 @@ const std::vector<Schema>& schemas() {
        {{"query", Type::string, true, nullptr,
          "Name to look for: a whole name, its start, a part of it or its letters in order (\"gSB\" finds "
          "getStatusBar); \"Cart.add\" also asks for the scope; * and ? are wildcards",
-         {}, {}},
+         {}, 1000},
         {"match", Type::string, false, "auto",
          "How the query matches: auto (every way, best first), exact, prefix, substring or fuzzy", {}, {},
          kMatchModes},
@@ -133,7 +133,8 @@ json bind_arguments(std::string_view name, const json& params) {
   json bound = json::object();
   for (const auto& a : s.arguments) {
     std::string key(a.name);
-    if (!params.is_object() || !params.contains(key)) {
+    // An optional argument given as null reads as absent (clients spell "not given" both ways).
+    if (!params.is_object() || !params.contains(key) || (params.at(key).is_null() && !a.required)) {
       if (a.required) throw ArgumentError(key, "missing required argument '" + key + "'");
       bound[key] = a.default_value;
       continue;
@@ -141,6 +142,9 @@ json bind_arguments(std::string_view name, const json& params) {
     const json& v = params.at(key);
     if (!has_type(v, a.type)) {
       throw ArgumentError(key, "argument '" + key + "' must be " + std::string(type_name(a.type)));
+    }
+    if (a.type == Type::string && a.max && static_cast<std::int64_t>(v.get_ref<const std::string&>().size()) > *a.max) {
+      throw ArgumentError(key, "argument '" + key + "' must be at most " + std::to_string(*a.max) + " bytes long");
     }
     if (!a.one_of.empty()) {
       std::string folded = v.get<std::string>();
@@ -182,8 +186,12 @@ json input_schema(std::string_view name) {
     }
     p["description"] = a.description;
     if (!a.one_of.empty()) p["enum"] = json(std::vector<std::string>(a.one_of.begin(), a.one_of.end()));
-    if (a.min) p["minimum"] = *a.min;
-    if (a.max) p["maximum"] = *a.max;
+    if (a.type == Type::string) {
+      if (a.max) p["maxLength"] = *a.max;
+    } else {
+      if (a.min) p["minimum"] = *a.min;
+      if (a.max) p["maximum"] = *a.max;
+    }
     if (!a.default_value.is_null()) p["default"] = a.default_value;
     properties[std::string(a.name)] = p;
     if (a.required) required.push_back(a.name);

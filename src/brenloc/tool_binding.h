@@ -2,7 +2,7 @@
 //
 // Each schema is a list of named, typed, optional arguments with defaults. bind_arguments(name, params)
 // checks `params` against the schema called `name` and returns the bound mapping: every argument of the
-// schema, in schema order, with its default where omitted. An unknown argument, a wrong type or a
+// schema, in schema order, with its default where omitted (or given as null). An unknown argument, a wrong type or a
 // missing required one is an ArgumentError whose message names the argument.
 //
 // Schemas: "status" (the arguments of a reindex request answered with a status: "paths", an array of

@@ -1,5 +1,7 @@
 // The brenloc binary as a user runs it: exit codes, what goes to stdout and stderr, the data directory.
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -53,18 +55,42 @@ class Cli : public ::testing::Test {
   const fs::path repo_ = dir_.path() / "repo", data_ = dir_.path() / "data", xdg_ = dir_.path() / "xdg";
 };
 
-TEST_F(Cli, UsageErrorsAreOneLineAndExit64) {
-  for (std::string args : {"", "bogus", "status --no-such-option", "reindex --repo /no/such/dir", "search"}) {
-    SCOPED_TRACE(args);
-    Result r = invoke(args);
-    EXPECT_EQ(r.code, 64);
-    EXPECT_TRUE(r.out.empty()) << r.out;
-    ASSERT_FALSE(r.err.empty());
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
-    EXPECT_EQ(r.err.rfind("brenloc: ", 0), 0u) << r.err;
+// Each command line, the exit code it gives and the first line it prints (on stdout for 0, else on stderr).
+TEST_F(Cli, EachCommandLineGivesItsExitCodeAndFirstLine) {
+  const std::string usage = "brenloc: keeps a symbol index of a repository and serves it to AI assistants over MCP";
+  const std::string never = "--repo " + quote(repo_) + " --data-dir " + quote(dir_.path() / "never");
+  const struct {
+    std::string args;
+    int code;
+    std::string first_line;  // a regular expression
+  } cases[] = {
+      {"", 0, usage},
+      {"help", 0, usage},
+      {"--help", 0, usage},
+      {"help search", 0, "Search symbol definitions; JSON on stdout"},
+      {"-V", 0, "brenloc " BRENLOC_VERSION},
+      {"--version", 0, "brenloc " BRENLOC_VERSION},
+      {"bogus", 64, "brenloc: unknown command 'bogus' \\(see brenloc --help\\)"},
+      {"help bogus", 64, "brenloc: unknown command 'bogus' .*"},
+      {"status --no-such-option", 64, "brenloc: .*--no-such-option.*"},
+      {"reindex --repo /no/such/dir", 64, "brenloc: repository /no/such/dir: .*"},
+      {"search", 64, "brenloc: .*query.*"},
+      {"search --quiet --verbose x", 64, "brenloc: .*excludes.*"},
+      {"status " + never, 1, "brenloc: .* has no index yet \\(data directory .*never\\); run brenloc reindex"},
+      {"search " + never + " x", 1, "brenloc: .* has no index yet .*"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    Result r = invoke(c.args);
+    EXPECT_EQ(r.code, c.code) << r.err;
+    const std::string& text = c.code == 0 ? r.out : r.err;
+    EXPECT_TRUE(std::regex_match(text.substr(0, text.find('\n')), std::regex(c.first_line))) << text;
+    if (c.code != 0) {
+      EXPECT_TRUE(r.out.empty()) << r.out;
+      EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << "one line: " << r.err;
+    }
   }
-  EXPECT_EQ(invoke("--version").out, "brenloc " BRENLOC_VERSION "\n");
-  EXPECT_EQ(invoke("--help").code, 0);
+  EXPECT_FALSE(fs::exists(dir_.path() / "never")) << "looking created a data directory";
 }
 
 TEST_F(Cli, ReindexPrintsTheResponseAndTheOutcomeThenSearchAndStatusSeeTheIndex) {
@@ -77,6 +103,10 @@ TEST_F(Cli, ReindexPrintsTheResponseAndTheOutcomeThenSearchAndStatusSeeTheIndex)
   EXPECT_EQ(o["type"], "reindex_complete");
   EXPECT_EQ(o["files_processed"], 2);
   EXPECT_EQ(o["errors"], 0);
+
+  Result bad = invoke("search --limit 0 " + where() + " area");
+  EXPECT_EQ(bad.code, 64);
+  EXPECT_EQ(bad.err, "brenloc: argument 'limit' must be between 1 and 1000\n");
 
   Result s = invoke("search " + where() + " area");
   ASSERT_EQ(s.code, 0) << s.err;
@@ -160,6 +190,33 @@ TEST_F(Cli, TheDefaultDataDirectoryLiesUnderXdgDataHome) {
   // The same root gives the same directory again.
   ASSERT_EQ(invoke("status --repo " + quote(repo_), xdg).code, 0);
   EXPECT_EQ(std::distance(fs::directory_iterator(xdg_ / "brenloc"), fs::directory_iterator()), 1);
+}
+
+TEST_F(Cli, CtrlCDuringAReindexExits130AndSaysWhatBecameOfTheIndex) {
+  const fs::path tree = dir_.path() / "tree";
+  fs::copy("/usr/include/boost/asio", tree, fs::copy_options::recursive);  // long enough to interrupt
+  const fs::path err = dir_.path() / "err";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const std::string cmd = "exec " + quote(BRENLOC_BINARY) + " reindex --clear-existing --repo " + quote(tree) +
+                            " --data-dir " + quote(data_) + " >/dev/null 2>" + quote(err) + " </dev/null";
+    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const auto slurp = [&] {
+    std::ifstream in(err);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  for (int i = 0; i < 2000 && slurp().find("progress: ") == std::string::npos; ++i) ::usleep(5000);
+  ::kill(child, SIGINT);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 130);
+  const std::string text = slurp();
+  EXPECT_TRUE(std::regex_search(text, std::regex("brenloc: interrupted(; the reindex was cancelled and the live index "
+                                                 "kept| after the new index was swapped in.*)\n$")))
+      << text;
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ async function connect() {
   const messages = [];
   client.setNotificationHandler(LoggingMessageNotificationSchema, (n) => messages.push(n.params));
   await client.connect(transport);
+  await client.listTools();  // from here on the SDK checks every tool's answer against its outputSchema
   return { client, messages };
 }
 
@@ -87,6 +88,20 @@ test('handshake, ping and tool listing', async () => {
       assert.ok(byName[name], `tool ${name} listed`);
       assert.equal(byName[name].inputSchema.type, 'object');
       assert.ok(byName[name].description);
+    }
+    if (!tools.some((t) => t.name === 'sleep')) {  // brenloc itself, not the stand-in
+      assert.match(client.getInstructions(), /force_reindex/);
+      for (const t of tools) {
+        assert.ok(t.title, `${t.name} has a title`);
+        assert.equal(t.outputSchema?.type, 'object', `${t.name} has an output schema`);
+      }
+      assert.equal(byName.index_status.annotations.readOnlyHint, true);
+      assert.equal(byName.search_symbols.annotations.readOnlyHint, true);
+      assert.equal(byName.force_reindex.annotations.readOnlyHint, false);
+      // Every answer is checked against its tool's outputSchema by the SDK once the tools are listed.
+      await client.callTool({ name: 'index_status', arguments: {} });
+      await client.callTool({ name: 'search_symbols', arguments: { query: 'a', kind: null } });
+      await client.callTool({ name: 'force_reindex', arguments: { paths: ['/'] } });
     }
     const { properties: reindex, required } = byName.force_reindex.inputSchema;
     assert.deepEqual([reindex.paths.type, reindex.paths.items, reindex.clear_existing.type, required ?? []],
@@ -151,7 +166,7 @@ test('force_reindex answers each form and broadcasts the outcome', async () => {
 
     const status = structured(await client.callTool({ name: 'index_status', arguments: {} }));
     assert.deepEqual(Object.keys(status), [
-      'repo_root', 'data_dir', 'indexing', 'last_reindex_error', 'rebuild_refusal', 'files', 'symbols', 'last_index',
+      'repo_root', 'data_dir', 'indexing', 'progress', 'last_reindex_error', 'rebuild_refusal', 'files', 'symbols', 'last_index',
     ]);
     assert.equal(status.indexing, false);
     if (outcome.data.type === 'reindex_complete') {
@@ -165,25 +180,31 @@ test('force_reindex answers each form and broadcasts the outcome', async () => {
   }
 });
 
-test('argument errors and unknown tools are protocol errors naming the culprit', async () => {
+test('argument errors are tool errors naming the culprit; an unknown tool is a protocol error', async () => {
   const { client } = await connect();
   const cases = [
     [{ name: 'search_symbols', arguments: {} }, /query/],
     [{ name: 'search_symbols', arguments: { query: 'x', limit: 'many' } }, /limit/],
     [{ name: 'search_symbols', arguments: { query: 'x', kind: 'klass' } }, /kind.*function, method, class/],
+    [{ name: 'search_symbols', arguments: { query: 'x', limit: 5000 } }, /limit/],
+    [{ name: 'search_symbols', arguments: { query: null } }, /query/],
+    [{ name: 'search_symbols', arguments: { query: 'x'.repeat(2_000_000) } }, /query' must be at most/],
     [{ name: 'force_reindex', arguments: { paths: 'src' } }, /paths/],
     [{ name: 'force_reindex', arguments: { colour: 'red' } }, /colour/],
-    [{ name: 'no_such_tool', arguments: {} }, /no_such_tool/],
   ];
   try {
     for (const [params, pattern] of cases) {
-      await assert.rejects(client.callTool(params), (e) => {
-        assert.ok(e instanceof McpError, String(e));
-        assert.equal(e.code, INVALID_PARAMS);
-        assert.match(e.message, pattern);
-        return true;
-      });
+      const result = await client.callTool(params);
+      assert.equal(result.isError, true, JSON.stringify(params));
+      assert.equal(result.structuredContent, undefined);
+      assert.match(result.content[0].text, new RegExp(`^Invalid arguments for ${params.name}: .*${pattern.source}`));
     }
+    await assert.rejects(client.callTool({ name: 'no_such_tool', arguments: {} }), (e) => {
+      assert.ok(e instanceof McpError, String(e));
+      assert.equal(e.code, INVALID_PARAMS);
+      assert.match(e.message, /no_such_tool/);
+      return true;
+    });
     const found = structured(await client.callTool({ name: 'search_symbols', arguments: { query: 'main' } }));
     assert.equal(typeof found, 'object');
   } finally {
@@ -261,6 +282,10 @@ test('bad lines get errors, the stream goes on, end of input stops the server', 
       assert.equal((await s.next()).id, 9);  // and the ping below is answered next: 8 never is
     }
 
+    // No cursor was ever handed out, so any cursor is refused.
+    s.send({ jsonrpc: '2.0', id: 11, method: 'tools/list', params: { cursor: 'next' } });
+    assert.equal((await s.next()).error.code, INVALID_PARAMS);
+
     // Cancelling a request that was answered long ago, or was never made, changes nothing.
     s.send({ jsonrpc: '2.0', method: 'notifications/cancelled', params: { requestId: 7, reason: 'late' } });
     s.send({ jsonrpc: '2.0', method: 'notifications/cancelled', params: { requestId: 99 } });
@@ -275,5 +300,37 @@ test('bad lines get errors, the stream goes on, end of input stops the server', 
     assert.equal(code, 0);
   } finally {
     if (s.child.exitCode === null) s.child.kill('SIGKILL');
+  }
+});
+
+test('under 2025-03-26 a batch is answered with one array; under other revisions it is refused', async () => {
+  const s = rawSession();
+  try {
+    s.send({ jsonrpc: '2.0', id: 0, method: 'initialize', params: { protocolVersion: '2025-03-26', capabilities: {}, clientInfo: { name: 'raw', version: '0' } } });
+    assert.equal((await s.next()).result.protocolVersion, '2025-03-26');
+    s.send([{ jsonrpc: '2.0', id: 1, method: 'ping' }, { jsonrpc: '2.0', method: 'notifications/initialized' },
+            { jsonrpc: '2.0', id: 2, method: 'no/such/method' }, { jsonrpc: '2.0', id: 3, method: 'initialize', params: {} }]);
+    const answers = await s.next();
+    assert.ok(Array.isArray(answers), JSON.stringify(answers));
+    const byId = Object.fromEntries(answers.map((a) => [a.id, a]));
+    assert.deepEqual(Object.keys(byId).sort(), ['1', '2', '3']);
+    assert.deepEqual(byId[1].result, {});
+    assert.equal(byId[2].error.code, METHOD_NOT_FOUND);
+    assert.equal(byId[3].error.code, INVALID_REQUEST);
+    s.send([{ jsonrpc: '2.0', method: 'notifications/initialized' }]);  // nothing to answer
+    s.send([]);
+    assert.equal((await s.next()).error.code, INVALID_REQUEST);
+  } finally {
+    s.child.stdin.end();
+    await s.exited;  // a server in its own process lets the data directory go only when it has exited
+  }
+  const late = rawSession();
+  try {
+    late.send({ jsonrpc: '2.0', id: 0, method: 'initialize', params: { protocolVersion: '2025-11-25', capabilities: {}, clientInfo: { name: 'raw', version: '0' } } });
+    await late.next();
+    late.send([{ jsonrpc: '2.0', id: 1, method: 'ping' }]);
+    assert.deepEqual(await late.next(), { jsonrpc: '2.0', id: null, error: { code: INVALID_REQUEST, message: 'Invalid Request: batches are not supported' } });
+  } finally {
+    late.child.stdin.end();
   }
 });

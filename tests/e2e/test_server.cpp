@@ -26,7 +26,7 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
  public:
   explicit PretendDaemon(fs::path repo) : repo_(std::move(repo)) {}
 
-  std::vector<brenloc::mcp::ToolSpec> tools() const override {
+  std::vector<brenloc::mcp::ToolDescriptor> tools() const override {
     return {{"force_reindex", "Reindex the repository, or some paths in it, in the background",
              brenloc::input_schema("status")},
             {"index_status", "State of the index", brenloc::input_schema("none")},
@@ -39,7 +39,7 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
     if (name == "index_status") {
       brenloc::bind_arguments("none", arguments);
       co_return Json{{"repo_root", repo_.string()}, {"data_dir", (repo_ / ".brenloc-test").string()},
-                     {"indexing", running()},       {"last_reindex_error", nullptr},
+                     {"indexing", running()},       {"progress", nullptr}, {"last_reindex_error", nullptr},
                      {"rebuild_refusal", nullptr},  {"files", 2},
                      {"symbols", 5},                {"last_index", nullptr}};
     }

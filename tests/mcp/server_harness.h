@@ -68,7 +68,7 @@ struct Pipe {
 // Tools: "echo" returns its arguments; "fail" throws; "strict" rejects its arguments; "wait" waits until
 // the test opens its gate (or, with the argument "forever", for ever), counting starts and cancellations.
 struct TestHost : ToolHost {
-  std::vector<ToolSpec> tools() const override {
+  std::vector<ToolDescriptor> tools() const override {
     return {{"echo", "Returns its arguments", Json{{"type", "object"}}}, {"wait", "Waits for the test", Json()}};
   }
 

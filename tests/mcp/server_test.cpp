@@ -49,8 +49,10 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
       {request(8, "tools/call", call("echo", {1, 2})), invalid_params(8, "\"arguments\" must be an object")},
       {request(9, "logging/setLevel", {{"level", "loud"}}),
        invalid_params(9, "\"level\" must be one of debug, info, notice, warning, error, critical, alert, emergency")},
+      // Bad arguments are the tool's answer, for the model to read and correct.
       {request(10, "tools/call", call("strict")),
-       invalid_params(10, "argument 'limit' must be an integer", {{"argument", "limit"}})},
+       result_reply(10, {{"content", {{{"type", "text"}, {"text", "Invalid arguments for strict: argument 'limit' must be an integer"}}}},
+                         {"isError", true}})},
   };
   // Good requests, with ids from 0 (an id like any other) up.
   int id = 0;

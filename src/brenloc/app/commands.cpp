@@ -23,6 +23,7 @@
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
 #include "brenloc/tool_binding.h"
+#include "brenloc/utils/logging.h"
 #include "brenloc/utils/owner_lock.h"
 
 namespace brenloc::app {
@@ -131,11 +132,13 @@ int with_worker(const Resolved& r, Body body) {
       }(loop, worker, std::move(body)));
 }
 
-// Shows progress on stderr: a bar that redraws itself on a terminal, plain lines otherwise.
+// Shows progress on stderr: a bar that redraws itself on a terminal, plain lines otherwise (also when
+// the log is shown, so that its lines never land on the bar's), nothing when quiet.
 class ProgressView {
  public:
-  ProgressView() : tty_(::isatty(STDERR_FILENO) == 1) {}
+  explicit ProgressView(int verbosity) : quiet_(verbosity < 0), tty_(verbosity == 0 && ::isatty(STDERR_FILENO) == 1) {}
   void show(std::int64_t done, std::int64_t total) {
+    if (quiet_) return;
     if (tty_) {
       const int width = 30;
       int filled = total > 0 ? static_cast<int>(width * done / total) : 0;
@@ -161,9 +164,15 @@ class ProgressView {
   }
 
  private:
+  bool quiet_;
   bool tty_;
   bool drawn_ = false;
 };
+
+// How much a command prints besides its answer: the log of the work in this process only when verbose.
+void apply_verbosity(int verbosity) {
+  utils::set_log_level(verbosity > 0 ? spdlog::level::info : verbosity < 0 ? spdlog::level::err : spdlog::level::warn);
+}
 
 // Prints the outcome of a reindex and gives the exit code.
 int report_outcome(const std::optional<json>& outcome) {
@@ -255,11 +264,16 @@ json call_tool(DaemonClient& client, const std::string& name, json arguments,
   if (result.contains("structuredContent")) return result["structuredContent"];
   std::string text = "the tool failed";
   if (result.contains("content") && !result["content"].empty()) text = result["content"][0].value("text", text);
+  // "Invalid arguments for <tool>: <why>": the same usage error as in this process, with the same text.
+  constexpr std::string_view refused = "Invalid arguments for ";
+  if (text.rfind(refused, 0) == 0 && text.find(": ") != std::string::npos) {
+    throw UsageError(text.substr(text.find(": ") + 2));
+  }
   throw std::runtime_error(text);
 }
 
-int reindex_via_daemon(DaemonClient& client, const json& arguments) {
-  ProgressView progress;
+int reindex_via_daemon(DaemonClient& client, const json& arguments, int verbosity) {
+  ProgressView progress(verbosity);
   std::optional<json> outcome;
   json response = call_tool(client, "force_reindex", arguments);
   std::cout << response.dump() << std::endl;
@@ -286,8 +300,8 @@ int reindex_via_daemon(DaemonClient& client, const json& arguments) {
 
 // --- in this process ---
 
-aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& worker, json arguments) {
-  ProgressView progress;
+aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& worker, json arguments, int verbosity) {
+  ProgressView progress(verbosity);
   std::optional<json> outcome;
   struct Subscription {
     daemon::RepoWorker& worker;
@@ -299,11 +313,17 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
   std::cout << response.dump() << std::endl;
   if (response.value("status", "") != "accepted") co_return kExitRefused;
   aio::Future<void> run = *worker.last_run();
+  const auto swaps = worker.swaps_committed();
   co_await first_of({run, signal.fired()});
   if (!run.done()) {
     co_await worker.stop();  // cancels the run and waits for its clean-up
     progress.finish();
-    std::cerr << "brenloc: interrupted; the reindex was cancelled and the live index kept\n";
+    if (worker.swaps_committed() != swaps) {
+      std::cerr << "brenloc: interrupted after the new index was swapped in; it is live, but its report was not "
+                   "refreshed\n";
+    } else {
+      std::cerr << "brenloc: interrupted; the reindex was cancelled and the live index kept\n";
+    }
     co_return kExitInterrupted;
   }
   progress.finish();
@@ -313,6 +333,7 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
 // Runs one tool call, through the daemon or in this process, and prints its answer.
 int print_tool(const Where& where, const std::string& name, json arguments) {
   return guarded([&] {
+    apply_verbosity(where.verbosity);
     Resolved r = resolve(where);
     // An answer that is an error (a refused path, a definition not found) exits 1.
     auto print = [](const json& answer) {
@@ -321,6 +342,11 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
     };
     auto through = [&](DaemonClient& client) { return print(call_tool(client, name, arguments)); };
     if (auto client = reach_daemon(r, where.start_daemon)) return through(*client);
+    // Looking is no reason to create a data directory and an empty index.
+    if (!fs::exists(r.data_dir / "index.db")) {
+      throw CommandError(kExitFailed, fmt::format("{} has no index yet (data directory {}); run brenloc reindex",
+                                                  r.root.string(), r.data_dir.string()));
+    }
     try {
       return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
         co_return print(co_await worker.call_tool(name, arguments));
@@ -366,19 +392,20 @@ int run_serve(const Where& where, bool standalone) {
 int run_reindex(const Where& where, bool clear_existing, const std::vector<std::string>& paths) {
   const json arguments = {{"paths", paths}, {"clear_existing", clear_existing}};
   return guarded([&] {
+    apply_verbosity(where.verbosity);
     Resolved r = resolve(where);
     catch_interrupts();
-    if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments);
+    if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments, where.verbosity);
     try {
       // The worker's loop takes the signals in this process.
       std::signal(SIGINT, SIG_DFL);
       std::signal(SIGTERM, SIG_DFL);
       return with_worker(r, [&](aio::EventLoop& loop, daemon::RepoWorker& worker) {
-        return reindex_in_process(loop, worker, arguments);
+        return reindex_in_process(loop, worker, arguments, where.verbosity);
       });
     } catch (const utils::LockBusy& busy) {
       catch_interrupts();
-      if (auto client = reach_owner(r, busy)) return reindex_via_daemon(*client, arguments);
+      if (auto client = reach_owner(r, busy)) return reindex_via_daemon(*client, arguments, where.verbosity);
       throw;
     }
   });

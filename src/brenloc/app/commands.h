@@ -26,6 +26,7 @@ struct Where {
   std::filesystem::path repo;                    // as given; resolved by the command
   std::optional<std::filesystem::path> data_dir;  // absent: the default for the repository
   bool start_daemon = false;                      // start the user's daemon when none runs, and use it
+  int verbosity = 0;  // -1 quiet (answers and errors only), 0 progress and warnings, 1 the log too
 };
 
 // MCP on stdin/stdout until the input ends or SIGINT/SIGTERM arrives: relayed to the user's daemon, or,

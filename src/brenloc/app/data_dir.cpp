@@ -1,5 +1,8 @@
 #include "brenloc/app/data_dir.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <fmt/format.h>
 
 #include <cstdint>
@@ -28,6 +31,8 @@ std::filesystem::path default_data_dir(const std::filesystem::path& resolved_roo
     base = xdg;
   } else if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
     base = std::filesystem::path(home) / ".local" / "share";
+  } else if (const passwd* account = ::getpwuid(::getuid()); account != nullptr && account->pw_dir != nullptr) {
+    base = std::filesystem::path(account->pw_dir) / ".local" / "share";  // HOME unset: the account's home
   } else {
     base = std::filesystem::temp_directory_path();
   }

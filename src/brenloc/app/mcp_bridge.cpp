@@ -198,11 +198,11 @@ class Bridge {
     }
     if (m.kind != mcp::Incoming::Kind::request) return;
     if (m.method == "initialize") {
-      to_client(mcp::make_result(m.id, mcp::initialize_result(m.params)));
+      to_client(mcp::make_result(m.id, mcp::initialize_result(m.params, worker_instructions())));
     } else if (m.method == "ping" || m.method == "logging/setLevel") {
       to_client(mcp::make_result(m.id, Json::object()));
     } else if (m.method == "tools/list") {
-      to_client(mcp::make_result(m.id, mcp::tool_listing(worker_tool_specs())));
+      to_client(mcp::make_result(m.id, mcp::tool_listing(worker_tool_descriptors())));
     } else if (m.method == "tools/call") {
       to_client(mcp::make_result(m.id, mcp::tool_failure_result("The brenloc daemon cannot be reached: " + unreachable_)));
     } else {

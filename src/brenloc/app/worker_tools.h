@@ -9,13 +9,16 @@
 namespace brenloc::app {
 
 // The descriptors of a worker's tools (the same for every worker).
-std::vector<mcp::ToolSpec> worker_tool_specs();
+std::vector<mcp::ToolDescriptor> worker_tool_descriptors();
+// What the model is told about the tools in the `initialize` result.
+std::string worker_instructions();
 
 class WorkerTools final : public mcp::ToolHost {
  public:
   explicit WorkerTools(daemon::RepoWorker& worker) : worker_(worker) {}
 
-  std::vector<mcp::ToolSpec> tools() const override;
+  std::vector<mcp::ToolDescriptor> tools() const override;
+  std::string instructions() const override;
   aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) override;
   int subscribe(mcp::BroadcastSink sink) override;
   void unsubscribe(int id) override;

@@ -29,8 +29,8 @@ std::string one_line(std::string s) {
 
 int main(int argc, char** argv) {
   using namespace brenloc::app;
-  CLI::App app{"brenloc: keeps a symbol index of a repository and serves it to AI assistants over MCP"};
-  app.set_version_flag("--version", std::string("brenloc ") + BRENLOC_VERSION);
+  CLI::App app{"brenloc: keeps a symbol index of a repository and serves it to AI assistants over MCP", "brenloc"};
+  app.set_version_flag("-V,--version", std::string("brenloc ") + BRENLOC_VERSION);
   app.require_subcommand(1);
 
   Where where;
@@ -43,6 +43,11 @@ int main(int argc, char** argv) {
   auto add_daemon_flag = [&where](CLI::App* cmd) {
     cmd->add_flag("--daemon", where.start_daemon,
                   "Go through the user's daemon, starting it when none runs (by default only a running one is used)");
+    auto* quiet = cmd->add_flag_callback("-q,--quiet", [&where] { where.verbosity = -1; },
+                                         "Print only the answer and errors: no progress, no warnings");
+    auto* verbose = cmd->add_flag_callback("-v,--verbose", [&where] { where.verbosity = 1; },
+                                           "Also print the log of the work done in this process");
+    quiet->excludes(verbose);
   };
 
   bool standalone = false;
@@ -115,6 +120,34 @@ int main(int argc, char** argv) {
   auto* detach_flag = daemon->add_flag("--detach", daemon_detach, "Start the daemon in the background unless one runs");
   stop_flag->excludes(status_flag)->excludes(detach_flag);
   status_flag->excludes(detach_flag);
+
+  // What CLI11 would answer with "A subcommand is required": no arguments, "help", an unknown command.
+  if (argc < 2) {
+    std::cout << app.help();
+    return kExitOk;
+  }
+  const std::string first = argv[1];
+  if (first == "help") {
+    CLI::App* about = &app;
+    if (argc > 2) {
+      try {
+        about = app.get_subcommand(argv[2]);
+      } catch (const CLI::OptionNotFound&) {
+        std::cerr << "brenloc: unknown command '" << argv[2] << "' (see brenloc --help)\n";
+        return kExitUsage;
+      }
+    }
+    std::cout << about->help();
+    return kExitOk;
+  }
+  if (first.empty() || first[0] != '-') {
+    bool known = false;
+    for (const auto* sub : app.get_subcommands({})) known = known || sub->get_name() == first;
+    if (!known) {
+      std::cerr << "brenloc: unknown command '" << first << "' (see brenloc --help)\n";
+      return kExitUsage;
+    }
+  }
 
   try {
     app.parse(argc, argv);

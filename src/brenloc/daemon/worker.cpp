@@ -1,5 +1,6 @@
 #include "brenloc/daemon/worker.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <system_error>
@@ -8,6 +9,7 @@
 #include "brenloc/aio/thread.h"
 #include "brenloc/daemon/reindex_paths.h"
 #include "brenloc/storage/definition_source.h"
+#include "brenloc/storage/errors.h"
 #include "brenloc/storage/search_answer.h"
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/logging.h"
@@ -33,10 +35,12 @@ class ReportingPass final : public PassScope {
   ReportingPass(RepoWorker& worker, workers::Indexer& indexer) : worker_(worker), indexer_(indexer) {}
   void enter() override {
     indexer_.set_progress([w = &worker_](std::int64_t done, std::int64_t total) { w->notify_progress(done, total); });
+    worker_.pass_started();
     worker_logger()->debug("Index pass started");
   }
   bool exit(const aio::ScopeExit& how) override {
     indexer_.set_progress(nullptr);
+    worker_.pass_ended(indexer_, how.kind == aio::ScopeExit::normal);
     static const char* names[] = {"finished", "failed", "cancelled"};
     worker_logger()->debug("Index pass {}", names[how.kind]);
     return false;
@@ -103,6 +107,23 @@ bool RepoWorker::busy() const {
 }
 
 aio::Task<json> RepoWorker::call_tool(std::string name, json arguments) {
+  auto answer = co_await aio::outcome_of(dispatch_tool(name, std::move(arguments)));
+  if (answer.failed() && !answer.cancelled()) {
+    try {
+      std::rethrow_exception(answer.error);
+    } catch (const storage::StorageError& e) {
+      // The client hears what failed, not the database's path on this machine: that goes to the log.
+      utils::log_exception(*worker_logger(), fmt::format("Tool {} failed", name), answer.error);
+      throw std::runtime_error(fmt::format("{} failed in the index database (SQLite code {}); the log of brenloc "
+                                           "has the details",
+                                           name, e.code()));
+    } catch (...) {
+    }
+  }
+  co_return std::move(answer).get();
+}
+
+aio::Task<json> RepoWorker::dispatch_tool(const std::string& name, json arguments) {
   if (name == "force_reindex") co_return co_await force_reindex(std::move(arguments));
   if (name == "index_status") {
     bind_arguments("none", arguments);
@@ -134,7 +155,7 @@ json RepoWorker::_check_repository(std::string_view tool) {
 aio::Task<void> RepoWorker::_start_indexing() {
   co_await wait_for_releases();  // before the count goes up: a cancelled wait leaves it as it was
   auto guard = co_await _indexing_lock.scoped();
-  ++_indexing_in_progress;
+  if (_indexing_in_progress++ == 0) progress_ = Progress{.started = std::chrono::system_clock::now()};
 }
 
 aio::Task<void> RepoWorker::_release_staging(std::optional<aio::Future<storage::Counts>> swap,
@@ -157,7 +178,16 @@ aio::Task<void> RepoWorker::wait_for_releases() {
 
 aio::Task<void> RepoWorker::_finish_indexing() {
   auto guard = co_await _indexing_lock.scoped();
-  --_indexing_in_progress;
+  if (--_indexing_in_progress == 0) progress_.reset();
+}
+
+void RepoWorker::pass_started() {
+  if (progress_) progress_->phase = "walking";
+}
+
+void RepoWorker::pass_ended(const workers::Indexer& indexer, bool normally) {
+  // A pass that does not refresh the report is a rebuild's staging pass: the swap comes next.
+  if (progress_ && normally && !indexer.options().refresh_report) progress_->phase = "swapping";
 }
 
 std::unique_ptr<PassScope> RepoWorker::_reporting_pass(workers::Indexer& indexer) {
@@ -170,8 +200,13 @@ aio::Task<void> RepoWorker::broadcast_status(json message) {
 }
 
 void RepoWorker::notify_progress(std::int64_t done, std::int64_t total) {
+  if (progress_) {
+    progress_->phase = "indexing";
+    progress_->done = done;
+    progress_->total = total;
+  }
   auto now = std::chrono::steady_clock::now();
-  if (now - last_progress_ < std::chrono::milliseconds(500)) return;
+  if (done != total && now - last_progress_ < std::chrono::milliseconds(500)) return;
   last_progress_ = now;
   send(json{{"type", "reindex_progress"}, {"files_done", done}, {"files_total", total}});
 }
@@ -207,9 +242,18 @@ aio::Task<json> RepoWorker::index_status() {
     // Nothing recorded by this process yet: what the last pass, of any process, left in the data directory.
     last_index = co_await aio::to_thread([dir = data_dir] { return json(workers::read_last_index(dir)); });
   }
+  json progress;
+  if (progress_) {
+    progress = json{{"phase", progress_->phase},
+                    {"files_done", progress_->done},
+                    {"files_total", progress_->total},
+                    {"started_at", fmt::format("{:%Y-%m-%dT%H:%M:%S}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(
+                                                                         progress_->started)))}};
+  }
   co_return json{{"repo_root", repo_root.string()},
                  {"data_dir", data_dir.string()},
                  {"indexing", task_running || _indexing_in_progress > 0},
+                 {"progress", progress},
                  {"last_reindex_error", opt(_last_reindex_error)},
                  {"rebuild_refusal", opt(_rebuild_refusal)},
                  {"files", counts.files},

@@ -47,6 +47,8 @@ class RepoWorker : public WorkerReindex {
   std::optional<aio::Future<void>> last_run() const { return _indexer_task; }
   // True while a reindex runs, an index pass is under way or a staging database is being released.
   bool busy() const;
+  // Full rebuilds swapped in since start(): a run cancelled after its swap still changed the index.
+  std::uint64_t swaps_committed() const { return _repository ? _repository->last_swap_timing().swaps : 0; }
 
   // --- tools ---
   // {"repo_root", "data_dir", "indexing", "last_reindex_error", "rebuild_refusal", "files", "symbols",
@@ -80,10 +82,15 @@ class RepoWorker : public WorkerReindex {
                                    Paths sidecars, std::shared_ptr<workers::Indexer> staging_indexer) override;
   int releases_in_flight() const { return releases_in_flight_; }
 
-  // Sends {"type": "reindex_progress", "files_done", "files_total"}, at most twice a second.
+  // Sends {"type": "reindex_progress", "files_done", "files_total"}, at most twice a second (and always
+  // when the last file is done), and keeps the figures for index_status.
   void notify_progress(std::int64_t done, std::int64_t total);
+  // Told by the scope of each index pass when it starts and ends.
+  void pass_started();
+  void pass_ended(const workers::Indexer& indexer, bool normally);
 
  private:
+  aio::Task<json> dispatch_tool(const std::string& name, json arguments);
   void send(const json& message);
   static aio::Task<void> stop_once(RepoWorker* self);
   // Completes once no staging release is running.
@@ -97,6 +104,13 @@ class RepoWorker : public WorkerReindex {
   std::map<int, StatusSink> sinks_;
   int next_sink_ = 1;
   std::chrono::steady_clock::time_point last_progress_{};
+  // What the indexing under way is doing, for index_status; absent when none runs.
+  struct Progress {
+    const char* phase = "walking";  // walking, indexing, swapping (the swap and the report after it)
+    std::int64_t done = 0, total = 0;
+    std::chrono::system_clock::time_point started;
+  };
+  std::optional<Progress> progress_;
   utils::OwnerLock owner_lock_;
   std::string owner_note_;
 };

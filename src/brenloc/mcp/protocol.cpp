@@ -206,13 +206,16 @@ Json tool_failure_result(const std::string& text) {
   return r;
 }
 
-Json tool_listing(const std::vector<ToolSpec>& tools) {
+Json tool_listing(const std::vector<ToolDescriptor>& tools) {
   Json list = Json::array();
   for (const auto& t : tools) {
     Json entry = Json::object();
     entry["name"] = t.name;
+    if (!t.title.empty()) entry["title"] = t.title;
     entry["description"] = t.description;
     entry["inputSchema"] = t.input_schema.is_object() ? t.input_schema : Json{{"type", "object"}};
+    if (t.output_schema.is_object()) entry["outputSchema"] = t.output_schema;
+    if (t.annotations.is_object()) entry["annotations"] = t.annotations;
     list.push_back(std::move(entry));
   }
   Json r = Json::object();
@@ -220,7 +223,7 @@ Json tool_listing(const std::vector<ToolSpec>& tools) {
   return r;
 }
 
-Json initialize_result(const Json& params) {
+Json initialize_result(const Json& params, const std::string& instructions) {
   Json requested = params.is_object() && params.contains("protocolVersion") ? params["protocolVersion"] : Json();
   Json capabilities = Json::object();
   capabilities["tools"] = Json::object();
@@ -232,6 +235,7 @@ Json initialize_result(const Json& params) {
   r["protocolVersion"] = negotiate_protocol_version(requested);
   r["capabilities"] = std::move(capabilities);
   r["serverInfo"] = std::move(info);
+  if (!instructions.empty()) r["instructions"] = instructions;
   return r;
 }
 

@@ -86,9 +86,9 @@ Json tool_call_result(Json dictionary);
 // The result of `tools/call` when the tool failed with an error: its text, flagged as an error.
 Json tool_failure_result(const std::string& text);
 // The result of `tools/list`.
-Json tool_listing(const std::vector<ToolSpec>& tools);
-// The result of `initialize`.
-Json initialize_result(const Json& params);
+Json tool_listing(const std::vector<ToolDescriptor>& tools);
+// The result of `initialize`, with `instructions` for the model when not empty.
+Json initialize_result(const Json& params, const std::string& instructions = {});
 
 // One line of output, without the newline: compact JSON, bytes that are not UTF-8 replaced.
 std::string serialize(const Json& message);

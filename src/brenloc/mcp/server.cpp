@@ -39,6 +39,12 @@ struct Outbox {
 
 }  // namespace
 
+// The answers to the requests of one JSON-RPC batch, sent together once the last of them is in.
+struct Batch {
+  Json answers = Json::array();
+  int outstanding = 1;  // the dispatch of the batch itself counts until all its members are seen
+};
+
 struct McpServer::Core : std::enable_shared_from_this<Core> {
   struct Running {
     aio::Future<void> task;
@@ -75,10 +81,21 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   std::unordered_map<std::string, Running> running;
   std::shared_ptr<aio::FutureState<void>> ended;
   std::optional<int> subscription;
+  std::string protocol_version;  // negotiated by initialize
   aio::Future<void> stopping_task;
   bool stopping = false;
 
   void send(const Json& message) { out->writer.send(serialize(message)); }
+
+  // An answer goes to the client, or into its batch.
+  void answer_to(const std::shared_ptr<Batch>& batch, Json reply) {
+    if (!batch) {
+      send(reply);
+      return;
+    }
+    if (!reply.is_null()) batch->answers.push_back(std::move(reply));
+    if (--batch->outstanding == 0 && !batch->answers.empty()) send(batch->answers);
+  }
 
   void start() {
     std::weak_ptr<Core> weak = weak_from_this();
@@ -133,20 +150,62 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   void on_line(std::string_view raw) {
     std::string_view line = trim_line(raw);
     if (line.empty()) return;
-    Incoming m = parse_message(line);
+    // Batches are part of the 2025-03-26 revision only: under the others an array is refused below.
+    if (line.front() == '[' && protocol_version == "2025-03-26") {
+      on_batch(line);
+      return;
+    }
+    on_message(parse_message(line), nullptr);
+  }
+
+  void on_batch(std::string_view line) {
+    Json members;
+    if (auto why = check_shape(line, ShapeLimits{})) {
+      send(make_error(nullptr, kInvalidRequest, "Invalid Request: " + *why));
+      return;
+    }
+    try {
+      members = Json(nlohmann::json::parse(line.begin(), line.end()));
+    } catch (const nlohmann::json::exception&) {
+      on_message(parse_message(line), nullptr);  // the parse error, worded as for any line
+      return;
+    }
+    if (members.empty()) {
+      send(make_error(nullptr, kInvalidRequest, "Invalid Request: an empty batch"));
+      return;
+    }
+    auto batch = std::make_shared<Batch>();
+    for (const auto& member : members) {
+      Incoming m = member.is_array() ? parse_message("[]") : parse_message(serialize(member));
+      if (m.kind == Incoming::Kind::invalid && member.is_array()) {
+        m.error_message = "Invalid Request: a batch may not hold a batch";
+      } else if (m.kind == Incoming::Kind::request && m.method == "initialize") {
+        m.kind = Incoming::Kind::invalid;
+        m.error_code = kInvalidRequest;
+        m.error_message = "Invalid Request: initialize may not be part of a batch";
+      }
+      ++batch->outstanding;
+      on_message(std::move(m), batch);
+    }
+    answer_to(batch, nullptr);
+  }
+
+  void on_message(Incoming m, const std::shared_ptr<Batch>& batch) {
     switch (m.kind) {
       case Incoming::Kind::invalid:
         logger()->warn("Refused an MCP message: {}", m.error_message);
-        send(make_error(m.id, m.error_code, std::move(m.error_message)));
+        answer_to(batch, make_error(m.id, m.error_code, std::move(m.error_message)));
         break;
       case Incoming::Kind::response:
         logger()->debug("Dropped an MCP response to id {}: this server sends no requests", id_key(m.id));
+        if (batch) answer_to(batch, nullptr);
         break;
       case Incoming::Kind::notification:
         on_notification(m);
+        if (batch) answer_to(batch, nullptr);
         break;
       case Incoming::Kind::request:
-        begin_request(std::move(m));
+        begin_request(std::move(m), batch);
         break;
     }
   }
@@ -168,14 +227,16 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     // Any other notification needs nothing from this server.
   }
 
-  void begin_request(Incoming m) {
+  void begin_request(Incoming m, std::shared_ptr<Batch> batch) {
     std::string key = id_key(m.id);
     if (running.contains(key)) {
-      send(make_error(m.id, kInvalidRequest, "Invalid Request: id " + key + " is already in use by a running request"));
+      answer_to(batch, make_error(m.id, kInvalidRequest,
+                                  "Invalid Request: id " + key + " is already in use by a running request"));
       return;
     }
     bool cancellable = m.method != "initialize";
-    auto task = aio::spawn(run_request(shared_from_this(), m.id, key, std::move(m.method), std::move(m.params)), loop);
+    auto task = aio::spawn(
+        run_request(shared_from_this(), m.id, key, std::move(m.method), std::move(m.params), std::move(batch)), loop);
     running.emplace(key, Running{task, cancellable});
     task.state()->add_listener(new Reaper(weak_from_this(), key));
   }
@@ -186,7 +247,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   }
 
   static aio::Task<void> run_request(std::shared_ptr<Core> self, Json id, std::string key, std::string method,
-                                     Json params) {
+                                     Json params, std::shared_ptr<Batch> batch) {
     Json reply;
     std::exception_ptr failure;
     try {
@@ -199,18 +260,26 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
       utils::log_exception(*logger(), "MCP request '" + method + "' failed", failure);
       reply = make_error(id, kInternalError, "Internal error: " + utils::error_text(failure));
     }
-    if (self->cancelled_by_client(key)) co_return;
-    self->send(reply);
+    // A batch is still answered (without this request) when the client cancelled one of its members.
+    self->answer_to(batch, self->cancelled_by_client(key) ? Json() : std::move(reply));
   }
 
   aio::Task<Json> answer(Json id, std::string method, Json params) {
     if (method == "tools/call") co_return co_await call_tool(std::move(id), std::move(params));
     if (method == "initialize") {
       log_client(params);
-      co_return make_result(id, initialize_result(params));
+      Json result = initialize_result(params, host->instructions());
+      protocol_version = result["protocolVersion"].get<std::string>();
+      co_return make_result(id, std::move(result));
     }
     if (method == "ping") co_return make_result(id, Json::object());
-    if (method == "tools/list") co_return make_result(id, tool_listing(host->tools()));
+    if (method == "tools/list") {
+      // Every tool fits in one page: no cursor was ever handed out, so any cursor is unknown.
+      if (params.is_object() && params.contains("cursor") && !params["cursor"].is_null()) {
+        co_return invalid_params(id, "unknown cursor");
+      }
+      co_return make_result(id, tool_listing(host->tools()));
+    }
     if (method == "logging/setLevel") co_return set_level(id, params);
     co_return make_error(id, kMethodNotFound, "Method not found: " + method);
   }
@@ -260,7 +329,8 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     } catch (const UnknownTool& e) {
       reply = invalid_params(id, e.what());
     } catch (const ArgumentError& e) {
-      reply = invalid_params(id, e.what(), e.argument().empty() ? Json() : Json{{"argument", e.argument()}});
+      // A tool result, not a protocol error: the model reads it and can correct its call.
+      reply = make_result(id, tool_failure_result("Invalid arguments for " + name + ": " + e.what()));
     } catch (const aio::Cancelled&) {
       throw;
     } catch (...) {

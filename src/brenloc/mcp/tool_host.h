@@ -13,10 +13,14 @@
 
 namespace brenloc::mcp {
 
-struct ToolSpec {
+// What a client is told of a tool in its listing.
+struct ToolDescriptor {
   std::string name;
   std::string description;
   nlohmann::ordered_json input_schema;
+  std::string title;                    // a human-readable name; left out when empty
+  nlohmann::ordered_json output_schema;  // the schema of the tool's structuredContent; left out when null
+  nlohmann::ordered_json annotations;    // hints such as readOnlyHint; left out when null
 };
 
 // A status message for the clients: `level` is an MCP logging level ("info", "error", ...), `data` the
@@ -26,7 +30,9 @@ using BroadcastSink = std::function<void(const std::string& level, const nlohman
 class ToolHost {
  public:
   virtual ~ToolHost() = default;
-  virtual std::vector<ToolSpec> tools() const = 0;
+  virtual std::vector<ToolDescriptor> tools() const = 0;
+  // What the server tells the model in its `initialize` result, about when and how to use the tools.
+  virtual std::string instructions() const { return {}; }
   // Runs on the event loop. Throws brenloc::ArgumentError for arguments the binder rejects, and
   // UnknownTool for a name it does not serve; any other error is the tool's own failure.
   virtual aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) = 0;

@@ -549,6 +549,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   SwapTiming timing{seconds_since(start), write_lock_seconds};
   {
     std::lock_guard lock(impl_->timing_mu);
+    timing.swaps = impl_->timing.swaps + 1;
     impl_->timing = timing;
   }
   impl_->log->info("Swapped in {} files and {} symbols from {} in {:.3f} s (write lock held {:.3f} s)", rows.files,

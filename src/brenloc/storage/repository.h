@@ -24,6 +24,7 @@ namespace brenloc::storage {
 struct SwapTiming {
   double total_seconds = 0;
   double write_lock_seconds = 0;
+  std::uint64_t swaps = 0;  // swaps that succeeded on this store so far
 };
 
 class Repository {

@@ -27,6 +27,11 @@ std::shared_ptr<spdlog::sinks::dist_sink_mt> shared_sink() {
   return sink;
 }
 
+spdlog::level::level_enum& default_level() {
+  static spdlog::level::level_enum level = spdlog::level::info;
+  return level;
+}
+
 std::mutex& registry_mutex() {
   static std::mutex m;
   return m;
@@ -76,11 +81,17 @@ void log_unfetched_failure(const std::exception_ptr& failure) {
 
 }  // namespace
 
+void set_log_level(spdlog::level::level_enum level) {
+  std::lock_guard lock(registry_mutex());
+  default_level() = level;
+  spdlog::apply_all([level](const std::shared_ptr<spdlog::logger>& l) { l->set_level(level); });
+}
+
 std::shared_ptr<spdlog::logger> get_logger(const std::string& name) {
   std::lock_guard lock(registry_mutex());
   if (auto existing = spdlog::get(name)) return existing;
   auto logger = std::make_shared<spdlog::logger>(name, shared_sink());
-  logger->set_level(spdlog::level::info);
+  logger->set_level(default_level());
   spdlog::register_logger(logger);
   return logger;
 }

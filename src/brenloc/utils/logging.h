@@ -14,6 +14,9 @@ namespace brenloc::utils {
 // The logger called `name`, created on first use with the shared sinks.
 std::shared_ptr<spdlog::logger> get_logger(const std::string& name);
 
+// The level of every logger, present and future (info unless set).
+void set_log_level(spdlog::level::level_enum level);
+
 // Adds a sink to every logger, present and future (tests capture log lines this way).
 void add_sink(spdlog::sink_ptr sink);
 void remove_sink(const spdlog::sink_ptr& sink);
