@@ -120,15 +120,21 @@ test('force_reindex answers each form and broadcasts the outcome', async () => {
   const call = async (args) => client.callTool({ name: 'force_reindex', arguments: args });
   try {
     // Whole repository, live, and a rebuild asked for at the same moment: the first is accepted, the
-    // second finds it running.
+    // second finds it running (unless the small repository's pass was over before the second request
+    // reached the worker, which a relay through the daemon on a loaded machine allows).
     let seen = messages.length;
     let [result, busy] = await Promise.all([call({}), call({ clear_existing: true })]);
     assert.equal(result.isError, false);
     let answer = structured(result);
     assert.deepEqual(Object.keys(answer), ['status', 'message', 'clear_existing']);
     assert.deepEqual(answer, { status: 'accepted', message: 'Reindexing started in background', clear_existing: false });
-    assert.deepEqual(structured(busy), { status: 'in_progress', message: 'Indexing already in progress' });
     assert.equal(busy.isError, false);
+    if (structured(busy).status === 'accepted') {
+      const first = await reindexOutcome(messages, seen);
+      seen = messages.indexOf(first) + 1;  // the outcome looked at below is the second run's
+    } else {
+      assert.deepEqual(structured(busy), { status: 'in_progress', message: 'Indexing already in progress' });
+    }
 
     let outcome = await reindexOutcome(messages, seen);
     assert.equal(outcome.level, 'info');
