@@ -67,7 +67,7 @@ TEST_F(Cli, EachCommandLineGivesItsExitCodeAndFirstLine) {
       {"", 0, usage},
       {"help", 0, usage},
       {"--help", 0, usage},
-      {"help search", 0, "Search symbol definitions; JSON on stdout"},
+      {"help search", 0, "Search symbol definitions, best first; JSON on stdout"},
       {"-V", 0, "brenloc " BRENLOC_VERSION},
       {"--version", 0, "brenloc " BRENLOC_VERSION},
       {"bogus", 64, "brenloc: unknown command 'bogus' \\(see brenloc --help\\)"},
