@@ -181,6 +181,18 @@ test('force_reindex answers each form and broadcasts the outcome', async () => {
     } else {
       assert.equal(status.last_reindex_error, outcome.data.error);
     }
+
+    // The search tools' answers, each checked by the SDK against the tool's outputSchema.
+    const { tools } = await client.listTools();
+    if (tools.some((t) => t.name === 'file_outline') && status.files > 0) {
+      const hit = structured(await client.callTool({ name: 'search_symbols', arguments: { query: 'a', limit: 1 } })).results[0];
+      assert.ok(hit, 'the index has a symbol with an a');
+      const outline = await client.callTool({ name: 'file_outline', arguments: { path: hit.path } });
+      assert.equal(outline.isError, false);
+      const source = await client.callTool({ name: 'symbol_source', arguments: { name: hit.name, path: hit.path } });
+      assert.equal(source.isError, false);
+      assert.equal((await client.callTool({ name: 'file_outline', arguments: { path: '../elsewhere' } })).isError, true);
+    }
   } finally {
     await client.close();
   }
