@@ -111,6 +111,15 @@ test('sessions and the command line share one daemon, one worker and one rebuild
   try {
     await until('the losing daemons have exited', () => daemonPids(rt).length === 1);
     const status = await daemonStatus(rt);
+    // Detached: a session and a process group of its own, so closing an assistant never reaches it.
+    const [sid, pgid] = ((pid) => {
+      const fields = fs.readFileSync(`/proc/${pid}/stat`, 'utf8').split(') ')[1].split(' ');
+      return [Number(fields[3]), Number(fields[2])];
+    })(status.pid);
+    assert.notEqual(sid, Number(fs.readFileSync('/proc/self/stat', 'utf8').split(') ')[1].split(' ')[3]));
+    assert.notEqual(pgid, process.pid);
+    assert.equal(fs.statSync(path.join(rt.dir, 'brenloc', 'daemon.sock')).mode & 0o777, 0o600);
+    assert.equal(fs.statSync(path.join(rt.dir, 'brenloc')).mode & 0o777, 0o700);
     assert.equal(status.workers.length, 1);
     assert.equal(status.workers[0].clients, 5);
     const second = await run(['daemon'], rt.env);
