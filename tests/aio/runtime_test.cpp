@@ -178,32 +178,36 @@ TEST(Tasks, AMillionImmediateAwaitsDoNotGrowTheStackAndASleepLastsItsDuration) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
 }
 
-Task<void> hold_lock(Lock& l, std::vector<int>& order, int id, std::chrono::milliseconds d) {
+// Takes the lock and holds it until `release` is done.
+Task<void> hold_lock(Lock& l, std::vector<int>& order, int id, Future<void> release) {
   auto g = co_await l.scoped();
   order.push_back(id);
-  co_await sleep_for(d);
+  co_await shield(release);
 }
 
 // FIFO order; a cancelled waiter leaves the queue; a hand-off that races a cancellation does not leak the lock.
 TEST(LockQueue, FifoOrderAndCancelledWaitersNeitherBlockNorLeakIt) {
   std::vector<int> order;
   Lock l;
+  Future<void> gate(std::make_shared<FutureState<void>>()), open(std::make_shared<FutureState<void>>());
+  open.state()->set_result();
   run([&]() -> Task<void> {
-    auto a = spawn(hold_lock(l, order, 1, 20ms));
+    auto a = spawn(hold_lock(l, order, 1, gate));
     co_await yield_steps();
-    auto b = spawn(hold_lock(l, order, 2, 0ms));
-    auto c = spawn(hold_lock(l, order, 3, 0ms));
-    auto d = spawn(hold_lock(l, order, 4, 0ms));
+    auto b = spawn(hold_lock(l, order, 2, open));
+    auto c = spawn(hold_lock(l, order, 3, open));
+    auto d = spawn(hold_lock(l, order, 4, open));
     co_await yield_steps();
     EXPECT_EQ(l.waiting(), 3u);
     c.cancel();
     EXPECT_EQ(l.waiting(), 2u);
+    gate.state()->set_result();
     co_await wait_all({a.base(), b.base(), c.base(), d.base()});
     EXPECT_TRUE(c.cancelled());
 
     auto g = co_await l.scoped();
-    auto e = spawn(hold_lock(l, order, 5, 0ms));
-    auto f = spawn(hold_lock(l, order, 6, 0ms));
+    auto e = spawn(hold_lock(l, order, 5, open));
+    auto f = spawn(hold_lock(l, order, 6, open));
     co_await yield_steps();
     g.unlock();  // hands the lock to e, queued to run...
     e.cancel();  // ...and cancelled before it runs

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "brenloc/aio/task.h"
@@ -64,6 +65,8 @@ class FakeWorker : public daemon::WorkerReindex {
 
   json check_result = json::object();
   std::exception_ptr start_failure, finish_failure, failure_broadcast_failure;
+  std::optional<aio::Future<void>> start_gate;  // the worker's start waits for it
+  mutable std::thread::id resolved_on;          // the thread that resolved the requested paths
   PassScript live_pass;  // what the next live indexer's pass does
   std::vector<std::string> events;
   std::vector<json> broadcasts;
@@ -72,12 +75,17 @@ class FakeWorker : public daemon::WorkerReindex {
   // The full rebuild, when a test stands in for it.
   std::function<aio::Task<workers::IndexStats>()> rebuild;
 
+  PathResolution _resolve_reindex_paths(const std::vector<std::string>& paths) const override {
+    resolved_on = std::this_thread::get_id();
+    return WorkerReindex::_resolve_reindex_paths(paths);
+  }
   json _check_repository(std::string_view tool) override {
     events.push_back("check " + std::string(tool));
     return check_result;
   }
   aio::Task<void> _start_indexing() override {
     events.push_back("start");
+    if (start_gate) co_await *start_gate;
     if (start_failure) std::rethrow_exception(start_failure);
     auto g = co_await _indexing_lock.scoped();
     ++_indexing_in_progress;

@@ -4,13 +4,16 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <fstream>
+#include <latch>
+#include <map>
+#include <thread>
 
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/offload.h"
 #include "brenloc/tool_binding.h"
 #include "daemon/fake_worker.h"
 #include "support/log_capture.h"
+#include "utils/tree_fixtures.h"
 #include "brenloc/utils/logging.h"
 
 namespace brenloc::testing {
@@ -38,10 +41,10 @@ aio::Task<void> yield_steps(int n = 5) {
 aio::Task<workers::IndexStats> rebuild_returns(workers::IndexStats s) { co_return s; }
 
 TEST(ForceReindexHandler, ResponseFormsAndWhatThePassIsGiven) {
-  auto root = fs::temp_directory_path() / "brenloc-handler-forms";
-  fs::remove_all(root);
+  TempDir dir;
+  const fs::path root = dir.path();
   fs::create_directories(root / "docs");
-  std::ofstream(root / "a.py") << "def f(): pass\n";
+  write_file(root / "a.py", "def f(): pass\n");
   const std::string started = R"({"status":"accepted","message":"Reindexing started in background","clear_existing":)";
   const json refused = {{"error", "gone"}, {"status", "failed"}};
   struct Case {
@@ -89,14 +92,63 @@ TEST(ForceReindexHandler, ResponseFormsAndWhatThePassIsGiven) {
       }
     }
     EXPECT_EQ(pass, c.pass);
-    if (!c.expected.empty()) {  // past the worker's checks: a live indexer over its store, on its lane
+    if (!c.expected.empty()) {  // past the worker's checks: a live indexer over its store
       ASSERT_EQ(w.indexer_options.size(), 1u);
       EXPECT_EQ(w.indexer_options[0].repository, w._repository);
       EXPECT_EQ(w.indexer_options[0].repo_root, w.repo_root);
-      EXPECT_TRUE(static_cast<bool>(w.indexer_options[0].offload) && w.indexer_options[0].refresh_report);
+      EXPECT_TRUE(w.indexer_options[0].refresh_report);
     } else {
       EXPECT_TRUE(w.indexer_options.empty());
     }
+  }
+}
+
+// The live indexer's database work goes to the passes' lane and the paths are resolved on the maintenance
+// lane; each lane has one thread, told apart by its id.
+TEST(ForceReindexHandler, LiveWorkGoesToThePassesLaneAndResolutionToTheMaintenanceLane) {
+  TempDir root;
+  write_file(root.path() / "a.py");
+  FakeWorker w(root.path());
+  on_loop([&]() -> aio::Task<void> {
+    const auto id = [] { return std::this_thread::get_id(); };
+    const std::thread::id passes = co_await w._passes_lane.run(id), maintenance = co_await w._maintenance.run(id);
+    EXPECT_EQ((co_await w._handle_force_reindex({{"paths", {"a.py"}}}))["status"], "accepted");
+    EXPECT_EQ(w.resolved_on, maintenance);
+    EXPECT_EQ(co_await w.indexer_options.at(0).offload(id), passes);
+    co_await wait_for_run(w);
+  });
+}
+
+// Cancelled while it waits for the lock or for path resolution, the handler leaves the locks free and
+// starts nothing, also once the resolution it left behind has ended.
+TEST(ForceReindexHandler, CancelledWhileWaitingHoldsNoLockAndStartsNothing) {
+  for (const std::string waits_for : {"lock", "resolution"}) {
+    SCOPED_TRACE(waits_for);
+    TempDir root;
+    write_file(root.path() / "a.py");
+    FakeWorker w(root.path());
+    std::latch lane_free(1);
+    on_loop([&]() -> aio::Task<void> {
+      std::optional<aio::LockGuard> held;
+      std::optional<aio::Future<void>> blocker;
+      if (waits_for == "lock") held = co_await w._indexer_lock.scoped();
+      else blocker = w._maintenance.run([&] { lane_free.wait(); });
+      auto handler = aio::spawn(w._handle_force_reindex({{"paths", {"a.py"}}}));
+      co_await yield_steps();
+      EXPECT_FALSE(handler.done());
+      handler.cancel();
+      co_await aio::wait_all({handler.base()});
+      EXPECT_TRUE(handler.cancelled());
+      held.reset();
+      if (blocker) {
+        lane_free.count_down();
+        co_await *blocker;
+      }
+      co_await w._maintenance.run([] {});  // after the resolution, which the lane runs to its end
+      EXPECT_FALSE(w._indexer_lock.locked());
+      EXPECT_FALSE(w._indexing_lock.locked());
+      EXPECT_FALSE(w._indexer_task.has_value());
+    });
   }
 }
 
@@ -245,30 +297,47 @@ TEST(BackgroundRun, EveryOutcomeUpdatesFieldsLogsAndBroadcastsAsItShould) {
   }
 }
 
+aio::Task<workers::IndexStats> rebuild_after(aio::Future<void> gate) {
+  co_await gate;
+  co_return make_stats(1, 1, 0);
+}
+
+// Errors of the closing steps leave the run; a cancellation (of the worker's start, the live pass or the
+// rebuild) leaves it after the finish that a raised count needs, and changes and says nothing.
 TEST(BackgroundRun, CancellationAndErrorsOfTheClosingStepsLeaveTheRun) {
   struct Case {
-    bool fail_pass, fail_broadcast, fail_finish, cancel;
-    std::string ends;  // "ok", "cancelled", or the text of the error that leaves the run
+    bool fail_pass, fail_broadcast, fail_finish;
+    std::string cancel_at;  // "": not cancelled; else "start", "pass" or "rebuild"
+    std::string ends;       // "ok", "cancelled", or the text of the error that leaves the run
   };
   const std::vector<Case> cases = {
-      {true, true, false, false, "broadcast down"},       {false, false, true, false, "finish failed"},
-      {true, false, true, false, "finish failed"},        {true, true, true, false, "finish failed"},
-      {false, false, true, true, "finish failed"},        {false, false, false, true, "cancelled"},
+      {true, true, false, "", "broadcast down"},          {false, false, true, "", "finish failed"},
+      {true, false, true, "", "finish failed"},           {true, true, true, "", "finish failed"},
+      {false, false, true, "pass", "finish failed"},      {false, false, false, "pass", "cancelled"},
+      {false, false, false, "rebuild", "cancelled"},      {false, false, false, "start", "cancelled"},
+  };
+  using Events = std::vector<std::string>;
+  const std::map<std::string, Events> cancelled_events = {
+      {"pass", {"check force_reindex", "start", "scope enter", "pass", "scope exit cancelled", "finish"}},
+      {"rebuild", {"check force_reindex", "start", "rebuild", "finish"}},
+      {"start", {"check force_reindex", "start"}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.fail_pass << c.fail_broadcast << c.fail_finish << c.cancel);
+    SCOPED_TRACE(::testing::Message() << c.fail_pass << c.fail_broadcast << c.fail_finish << " " << c.cancel_at);
     LogCapture logs;
     FakeWorker w;
     w._rebuild_refusal = "kept";
     if (c.fail_pass) w.live_pass.failure = std::make_exception_ptr(std::runtime_error("pass broke"));
     if (c.fail_broadcast) w.failure_broadcast_failure = std::make_exception_ptr(std::runtime_error("broadcast down"));
     if (c.fail_finish) w.finish_failure = std::make_exception_ptr(std::logic_error("finish failed"));
-    if (c.cancel) w.live_pass.gate = make_gate();
+    if (c.cancel_at == "pass") w.live_pass.gate = make_gate();
+    if (c.cancel_at == "start") w.start_gate = make_gate();
+    if (c.cancel_at == "rebuild") w.rebuild = [gate = make_gate()] { return rebuild_after(gate); };
     std::string ended;
     on_loop([&]() -> aio::Task<void> {
-      co_await w._handle_force_reindex(json::object());
+      co_await w._handle_force_reindex(c.cancel_at == "rebuild" ? json{{"clear_existing", true}} : json::object());
       w._last_reindex_error = "also kept";  // overwrites the handler's copy of the refusal
-      if (c.cancel) {
+      if (!c.cancel_at.empty()) {
         co_await yield_steps();
         w._indexer_task->cancel();
       }
@@ -276,16 +345,17 @@ TEST(BackgroundRun, CancellationAndErrorsOfTheClosingStepsLeaveTheRun) {
       ended = ending_of(*w._indexer_task);
     });
     EXPECT_EQ(ended, c.ends);
-    EXPECT_EQ(w.events.back(), "finish");
-    if (ended == "cancelled") {  // a cancelled run changes nothing and says nothing
-      EXPECT_EQ(w.events, (std::vector<std::string>{"check force_reindex", "start", "scope enter", "pass",
-                                                    "scope exit cancelled", "finish"}));
-      EXPECT_EQ(w._rebuild_refusal, "kept");
-      EXPECT_EQ(w._last_reindex_error, "also kept");
-      EXPECT_TRUE(w.broadcasts.empty());
-      EXPECT_TRUE(logs.of(kLogger).empty());
-      EXPECT_EQ(w._passes->triggers(), 0);
+    EXPECT_EQ(w._indexing_in_progress, 0);
+    if (ended != "cancelled") {
+      EXPECT_EQ(w.events.back(), "finish");
+      continue;
     }
+    EXPECT_EQ(w.events, cancelled_events.at(c.cancel_at));
+    EXPECT_EQ(w._rebuild_refusal, "kept");
+    EXPECT_EQ(w._last_reindex_error, "also kept");
+    EXPECT_TRUE(w.broadcasts.empty());
+    EXPECT_TRUE(logs.of(kLogger).empty());
+    EXPECT_EQ(w._passes->triggers(), 0);
   }
 }
 

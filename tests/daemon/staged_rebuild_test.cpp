@@ -10,6 +10,7 @@
 #include "brenloc/daemon/worker_reindex.h"
 #include "brenloc/utils/logging.h"
 #include "daemon/fake_worker.h"
+#include "storage/storage_fixture.h"
 #include "utils/tree_fixtures.h"
 #include "support/log_capture.h"
 
@@ -27,7 +28,7 @@ const char* const kSteps[] = {"none", "open", "repository", "indexer", "pass", "
 enum class Mode { fail, cancel };
 
 // The fault to inject, the events from the loop and from lane threads in order, and a gate that parks a
-// thread until the test opens it.
+// thread until the test opens it (`entered`: something is parked at the fault's step).
 struct Faults {
   Step step = Step::none;
   Mode mode = Mode::fail;
@@ -82,7 +83,10 @@ class StagingIndexer : public workers::Indexer {
     f_.log("pass");
     auto repo = options().repository;
     co_await aio::to_thread([repo] { repo->store_files({file_entry("new.py", "new_fn")}); });
-    if (f_.step == Step::pass && f_.mode == Mode::cancel) co_await gate_;
+    if (f_.step == Step::pass && f_.mode == Mode::cancel) {
+      f_.entered = true;
+      co_await gate_;
+    }
     f_.reach(Step::pass);
     co_return make_stats(1, 1, f_.step == Step::pass_errors ? 3 : 0);
   }
@@ -144,7 +148,10 @@ class StagingWorker : public FakeWorker {
       ~Done() { --n; }
     } done{releases_running};
     f.log(std::string("release") + (swap ? " swap" : "") + (indexer ? " indexer" : ""));
-    if (f.step == Step::release && f.mode == Mode::cancel) co_await loop_gate;
+    if (f.step == Step::release && f.mode == Mode::cancel) {
+      f.entered = true;
+      co_await loop_gate;
+    }
     f.reach(Step::release);
     co_await WorkerReindex::_release_staging(std::move(swap), std::move(db), std::move(sidecars), std::move(indexer));
   }
@@ -219,14 +226,10 @@ TEST(StagedRebuild, FaultMatrix) {
       EXPECT_EQ(w._repository->search_symbols(q).size(), 1u);
       auto rebuild = aio::spawn(w._full_reindex_via_staging());
       if (c.mode == Mode::cancel) {
-        if (c.step == Step::pass || c.step == Step::release) {
-          co_await until([&] { return w.f.has(c.step == Step::pass ? "pass" : "release swap indexer"); });
-          co_await aio::sleep_for(std::chrono::milliseconds(5));
-        } else {
-          co_await until([&] { return w.f.entered.load(); });
-        }
+        co_await until([&] { return w.f.entered.load(); });
         rebuild.cancel();
-        co_await aio::sleep_for(std::chrono::milliseconds(5));
+        // A cancelled swap is let go only once the release waits for it.
+        if (c.step == Step::swap) co_await until([&] { return w.f.has("settle"); });
         w.f.open();
         open_gate(w.loop_gate);
       }
@@ -285,6 +288,97 @@ TEST(StagingFiles, LeftoversOfAnUnfinishedRebuildAreDeletedBeforeTheNewDatabaseO
   w._discard_staging(db, sidecars);
   EXPECT_FALSE(staging_files_left(data.path()));
   left->close();
+}
+
+// A live store that records the swap and the cache clearing, and can refuse the swap.
+class RecordingRepository : public storage::Repository {
+ public:
+  RecordingRepository(std::shared_ptr<storage::Database> db, bool refuse)
+      : storage::Repository(std::move(db)), refuse_(refuse) {}
+  std::vector<std::string> calls;
+  storage::Counts swap_index_from(const fs::path& staging_path) override {
+    calls.push_back("swap");
+    if (refuse_) throw std::runtime_error("swap refused");
+    return storage::Repository::swap_index_from(staging_path);
+  }
+  void clear_query_cache() override {
+    calls.push_back("clear");
+    storage::Repository::clear_query_cache();
+  }
+
+ private:
+  bool refuse_;
+};
+
+// The swap settles the staging log into the staging file first, and drops the live cache after a swap
+// that went through, not after one that failed.
+TEST(Swap, CheckpointsTheStagingLogAndClearsTheCacheAfterASwap) {
+  for (bool refuse : {false, true}) {
+    SCOPED_TRACE(refuse ? "refused" : "swapped");
+    TempDir data;
+    FakeWorker w(data.path(), data.path());
+    auto live = std::make_shared<RecordingRepository>(storage::testing::open_database(data.path() / "index.db"), refuse);
+    auto [staging, sidecars] = w._staging_db_paths(data.path() / "index.db");
+    auto db = w._open_staging_db(staging, sidecars);
+    storage::Repository(db).store_files({file_entry("new.py", "new_fn")});
+    ASSERT_GT(fs::file_size(sidecars[1]), 0u);
+    if (refuse) {
+      EXPECT_THROW(w._swap_in_staged_index(live, db, staging), std::runtime_error);
+    } else {
+      EXPECT_EQ(storage::to_string(w._swap_in_staged_index(live, db, staging)), R"({"files":1,"symbols":1})");
+    }
+    EXPECT_EQ(fs::file_size(sidecars[1]), 0u);
+    EXPECT_EQ(live->calls, (refuse ? std::vector<std::string>{"swap"} : std::vector<std::string>{"swap", "clear"}));
+    w._discard_staging(db, sidecars);
+  }
+}
+
+// A database whose close fails (after closing), and whose schema may fail.
+class CloseFailsDatabase : public storage::Database {
+ public:
+  CloseFailsDatabase(const fs::path& p, bool schema_fails) : storage::Database(p), schema_fails_(schema_fails) {}
+  void create_schema() override {
+    if (schema_fails_) throw std::runtime_error("schema failed");
+    storage::Database::create_schema();
+  }
+  void close() override {
+    storage::Database::close();
+    throw std::runtime_error("close failed");
+  }
+
+ private:
+  bool schema_fails_;
+};
+
+class CloseFailsWorker : public FakeWorker {
+ public:
+  CloseFailsWorker(const fs::path& data, bool schema_fails) : FakeWorker(data, data), schema_fails_(schema_fails) {}
+  std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
+    return std::make_shared<CloseFailsDatabase>(p, schema_fails_);
+  }
+
+ private:
+  bool schema_fails_;
+};
+
+// A close that fails keeps the staging files and its error goes out: in the opening's clean-up after a
+// failed schema (instead of the schema's error), and in a discard.
+TEST(StagingFiles, ACloseThatFailsKeepsTheFiles) {
+  for (bool opening : {true, false}) {
+    SCOPED_TRACE(opening ? "opening" : "discard");
+    TempDir data;
+    CloseFailsWorker w(data.path(), opening);
+    auto [staging, sidecars] = w._staging_db_paths(data.path() / "index.db");
+    try {
+      auto db = w._open_staging_db(staging, sidecars);
+      ASSERT_FALSE(opening);
+      w._discard_staging(db, sidecars);
+      ADD_FAILURE() << "the discard did not fail";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "close failed");
+    }
+    EXPECT_TRUE(fs::exists(staging));
+  }
 }
 
 }  // namespace

@@ -255,12 +255,12 @@ TEST(IndexerCancel, SettleWaitsForWorkStillOnThreads) {
     // The lane's one thread is held, so the pass's first database read waits behind it.
     aio::Future<void> blocker = lane.run([&] { gate.wait(); });
     aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
-    co_await aio::sleep_for(300ms);  // ample time to queue its first read behind the blocker, even under sanitizers
+    co_await aio::to_thread([] {});  // by now the pass's first step, queued before this, has queued its read
     pass.cancel();
     co_await aio::wait_all({pass.base()});
     EXPECT_TRUE(pass.cancelled());
     aio::Future<void> settled = aio::spawn(ix.settle());
-    co_await aio::sleep_for(50ms);
+    co_await aio::to_thread([] {});
     EXPECT_FALSE(settled.done()) << "settle() finished while the lane was held";
     gate.count_down();
     co_await aio::wait_all({settled.base(), blocker.base()});

@@ -49,8 +49,9 @@ class WorkerReindex : public WorkerState {
   // The force_reindex tool: returns the response dictionary at once.
   aio::Task<json> _handle_force_reindex(json params);
 
-  // Turns requested path strings into the files to index, or a refusal reason. Blocking.
-  PathResolution _resolve_reindex_paths(const std::vector<std::string>& paths_param) const;
+  // Turns requested path strings into the files to index, or a refusal reason. Blocking; runs on the
+  // maintenance lane (virtual so that tests can see where).
+  virtual PathResolution _resolve_reindex_paths(const std::vector<std::string>& paths_param) const;
 
   // --- the staging database's files ---
   static std::pair<std::filesystem::path, Paths> _staging_db_paths(const std::filesystem::path& db_path);
