@@ -29,10 +29,6 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
   const std::string bad_id = "\"id\" must be a string or an integer", no_method = "\"method\" must be a string";
   const std::string bad_version = "\"jsonrpc\" must be \"2.0\"";
   std::vector<std::pair<std::string, Json>> cases = {
-      {"{\"a\":\"\xff\"}",  // not UTF-8
-       error_reply(nullptr, kParseError,
-                   "Parse error: parse error at line 1, column 7: syntax error while parsing value - invalid string: "
-                   "ill-formed UTF-8 byte; last read: '\"\xef\xbf\xbd'")},
       {R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])", invalid(nullptr, "batches are not supported")},
       {"42", invalid(nullptr, "a message must be a JSON object")},
       {std::string(129, '[') + std::string(129, ']'), invalid(nullptr, "nesting deeper than 128 levels")},
@@ -91,6 +87,11 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
   good("logging/setLevel", {{"level", "warning"}}, Json::object());
 
   Harness h;
+  h.send("{\"a\":\"\xff\"}");  // not UTF-8; the parser's own words follow the prefix
+  const Json parse_error = h.next();
+  EXPECT_EQ(parse_error["id"], nullptr);
+  EXPECT_EQ(parse_error["error"]["code"], kParseError);
+  EXPECT_TRUE(parse_error["error"]["message"].get<std::string>().starts_with("Parse error: ")) << parse_error;
   for (const auto& [line, reply] : cases) {
     SCOPED_TRACE(line);
     h.send(line);
