@@ -215,7 +215,7 @@ TEST_F(RepositoryTest, CachedResultsLastUntilTheIndexChanges) {
   for (const auto& [label, invalidate] : invalidations) {
     SCOPED_TRACE(label);
     auto before = std::make_tuple(found(query), repo.list_files().size(), repo.counts().files);
-    db->execute("UPDATE symbols SET line = line + 1; INSERT INTO files VALUES (NULL, 'new.cpp', 'cpp', 1, 1, 'h', 1, 0);");
+    db->execute("UPDATE symbols SET line = line + 1; INSERT INTO files(path, language, size, mtime_ns, content_hash, first_symbol, symbol_count) VALUES ('new.cpp', 'cpp', 1, 1, 'h', 1, 0);");
     EXPECT_EQ(std::make_tuple(found(query), repo.list_files().size(), repo.counts().files), before);
     invalidate();
     EXPECT_NE(found(query), std::get<0>(before));

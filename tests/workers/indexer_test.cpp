@@ -206,6 +206,50 @@ TEST(IndexerPasses, IndexExactlyWhatChanged) {
   }
 }
 
+// A pass reads only the files whose status changed since their last reading, or whose reading came too
+// close after their last change to vouch for them; a file found unchanged by content has its row
+// refreshed, so that the next pass skips it.
+TEST(IndexerPasses, ReadOnlyFilesWhoseStatusChanged) {
+  auto same_size_edit_old_mtime = [](Harness& h) {
+    const auto before = fs::last_write_time(h.root / "b.c");
+    h.write("b.c", "int xx(void) { return 1; }\n");  // as long as kOk
+    fs::last_write_time(h.root / "b.c", before);       // the change time still moves
+  };
+  struct Case {
+    const char* name;
+    std::function<void(Harness&)> change;
+    std::int64_t margin_ns;  // the racy margin of the second pass
+    std::int64_t read;
+    Paths defining_xx;
+  };
+  const Case cases[] = {
+      {"nothing changed", [](Harness&) {}, 0, 0, {}},
+      {"touched: read once, then trusted", [](Harness& h) { fs::last_write_time(h.root / "a.c", fs::file_time_type::clock::now()); }, 0, 1, {}},
+      {"same size and modification time, new content", same_size_edit_old_mtime, 0, 1, {"b.c"}},
+      {"replaced by another file with the same content",
+       [](Harness& h) {
+         h.write("c.new", kOk);
+         fs::rename(h.root / "c.new", h.root / "c.c");
+       },
+       0, 1, {}},
+      {"read too soon after their change", [](Harness&) {}, std::int64_t{1} << 62, 3, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Harness h;
+    h.options.racy_margin_ns = 0;
+    for (const char* name : {"a.c", "b.c", "c.c"}) h.write(name, kOk);
+    ASSERT_EQ(h.index().files_read, 3);
+    c.change(h);
+    h.options.racy_margin_ns = c.margin_ns;
+    const IndexStats stats = h.index();
+    EXPECT_EQ(std::tuple(stats.files_processed, stats.files_read), std::tuple(3, c.read));
+    EXPECT_EQ(h.defined_in("xx"), c.defining_xx);
+    h.options.racy_margin_ns = 0;
+    EXPECT_EQ(h.index().files_read, 0) << "rows refreshed or rewritten by the second pass are trusted";
+  }
+}
+
 TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
   Harness h;
   constexpr int kFiles = 160;

@@ -14,6 +14,22 @@ struct FileRow {
   std::int64_t size = 0;
   std::int64_t mtime_ns = 0;
   std::string content_hash;  // hex digest of the content
+  // The rest of the file's status when it was read, and when that was (wall clock, ns): a later pass
+  // trusts the file unchanged while its status is the same, unless it was modified too close to its
+  // reading for the status to tell (see workers/file_status.h).
+  std::int64_t inode = 0;
+  std::int64_t ctime_ns = 0;
+  std::int64_t read_ns = 0;
+};
+
+// What the index keeps of a file to tell, without reading it, whether it changed.
+struct StoredFile {
+  std::string content_hash;
+  std::int64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  std::int64_t inode = 0;
+  std::int64_t ctime_ns = 0;
+  std::int64_t read_ns = 0;
 };
 
 struct SymbolRow {

@@ -243,6 +243,41 @@ std::unordered_map<std::string, std::string> Repository::file_hashes() {
   return out;
 }
 
+std::unordered_map<std::string, StoredFile> Repository::file_states() {
+  std::unordered_map<std::string, StoredFile> out;
+  const auto& path = impl_->path;
+  db_->with_connection([&](sqlite3* c) {
+    Statement stmt(c, "SELECT path, content_hash, size, mtime_ns, inode, ctime_ns, read_ns FROM files", path,
+                   "reading the file states");
+    while (stmt.step(path, "reading the file states")) {
+      out.emplace(stmt.text(0), StoredFile{stmt.text(1), stmt.integer(2), stmt.integer(3), stmt.integer(4),
+                                           stmt.integer(5), stmt.integer(6)});
+    }
+  });
+  return out;
+}
+
+void Repository::update_file_status(const std::vector<FileRow>& rows) {
+  if (rows.empty()) return;
+  const auto& path = impl_->path;
+  impl_->write(*db_, "updating file status", [&](sqlite3* c) {
+    Statement update(c,
+                     "UPDATE files SET size = ?2, mtime_ns = ?3, inode = ?4, ctime_ns = ?5, read_ns = ?6 "
+                     "WHERE path = ?1",
+                     path, "updating file status");
+    for (const FileRow& r : rows) {
+      update.bind(1, r.path);
+      update.bind(2, r.size);
+      update.bind(3, r.mtime_ns);
+      update.bind(4, r.inode);
+      update.bind(5, r.ctime_ns);
+      update.bind(6, r.read_ns);
+      update.step(path, fmt::format("updating the status of {}", r.path));
+      update.reset();
+    }
+  });
+}
+
 void Repository::store_files(const std::vector<FileEntry>& entries) {
   if (entries.empty()) return;
   const auto& path = impl_->path;
@@ -259,11 +294,12 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
     }
     std::int64_t next = next_symbol_id(c, path);
     Statement upsert(c,
-                     "INSERT INTO files(path, language, size, mtime_ns, content_hash, first_symbol, symbol_count) "
-                     "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7) "
+                     "INSERT INTO files(path, language, size, mtime_ns, content_hash, first_symbol, symbol_count, "
+                     "inode, ctime_ns, read_ns) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10) "
                      "ON CONFLICT(path) DO UPDATE SET language = excluded.language, size = excluded.size, "
                      "mtime_ns = excluded.mtime_ns, content_hash = excluded.content_hash, "
-                     "first_symbol = excluded.first_symbol, symbol_count = excluded.symbol_count RETURNING id",
+                     "first_symbol = excluded.first_symbol, symbol_count = excluded.symbol_count, "
+                     "inode = excluded.inode, ctime_ns = excluded.ctime_ns, read_ns = excluded.read_ns RETURNING id",
                      path, "storing files");
     // Symbol rows are gathered across the files and inserted many to a statement: starting a statement
     // (opening and positioning its cursors) costs about as much as inserting several rows.
@@ -283,6 +319,9 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       upsert.bind(5, entry.file.content_hash);
       upsert.bind(6, next);
       upsert.bind(7, count);
+      upsert.bind(8, entry.file.inode);
+      upsert.bind(9, entry.file.ctime_ns);
+      upsert.bind(10, entry.file.read_ns);
       upsert.step(path, op);
       std::int64_t file_id = upsert.integer(0);
       upsert.step(path, op);  // ends the statement (RETURNING gives one row)

@@ -39,8 +39,13 @@ class Repository {
   // --- writes (blocking, on the writer connection) ---
   // Path -> content hash of every indexed file.
   std::unordered_map<std::string, std::string> file_hashes();
+  // Path -> content hash and status of every indexed file.
+  std::unordered_map<std::string, StoredFile> file_states();
   // Stores each entry in one transaction, replacing the file's earlier rows.
   void store_files(const std::vector<FileEntry>& entries);
+  // Updates the status columns (size, mtime_ns, inode, ctime_ns, read_ns) of files whose content was found
+  // unchanged, in one transaction; unknown paths are ignored.
+  void update_file_status(const std::vector<FileRow>& rows);
   // Removes the files (and their symbols) with these relative paths; unknown paths are ignored.
   void remove_files(const std::vector<std::string>& paths);
   // Bulk load into an empty index: drops the name index (and empties the search tables, which are kept

@@ -24,7 +24,11 @@ CREATE TABLE IF NOT EXISTS files (
   -- rows are always inserted together, at the end of the table (which also spares symbols an index by
   -- file, and each row stored an insert into it).
   first_symbol INTEGER NOT NULL,
-  symbol_count INTEGER NOT NULL
+  symbol_count INTEGER NOT NULL,
+  -- The rest of the file's status when it was read, and the wall-clock time of that reading.
+  inode INTEGER NOT NULL DEFAULT 0,
+  ctime_ns INTEGER NOT NULL DEFAULT 0,
+  read_ns INTEGER NOT NULL DEFAULT 0
 );
 CREATE TABLE IF NOT EXISTS symbols (
   id INTEGER PRIMARY KEY,

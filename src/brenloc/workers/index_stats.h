@@ -27,7 +27,8 @@ struct IndexStats {
   std::int64_t files_processed = 0;  // files the pass indexed: stored anew, or found up to date
   std::int64_t symbols_added = 0;    // symbols stored by the pass
   std::int64_t errors = 0;  // files or directories the pass could not index (left out)
-  std::int64_t files_unchanged = 0;  // of files_processed: found up to date by content hash
+  std::int64_t files_unchanged = 0;  // of files_processed: found up to date by status or content hash
+  std::int64_t files_read = 0;       // files whose content the pass read (the others it trusted by status)
   std::int64_t files_removed = 0;    // rows dropped: files gone, or now left out by policy
   std::int64_t files_skipped = 0;    // left out by policy (ignored, links, special, binary, too large)
   std::optional<PassRecord> last_pass;  // absent when there is nothing to record

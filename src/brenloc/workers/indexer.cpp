@@ -27,7 +27,7 @@ namespace brenloc::workers {
 
 namespace {
 
-using HashMap = std::unordered_map<std::string, std::string>;
+using StateMap = std::unordered_map<std::string, storage::StoredFile>;
 
 // Files per parse job: small enough to spread a small pass over every thread and to bound the work
 // that still runs after a cancellation, large enough that a trip through the loop is noise.
@@ -36,10 +36,11 @@ constexpr std::size_t kParseBatch = 16;
 constexpr std::size_t kStoreSymbols = 8000;
 
 struct Outcome {
-  enum class Kind { indexed, unchanged, gone, skipped, failed };
+  // refreshed: unchanged content, whose row's status is brought up to date so that later passes skip it.
+  enum class Kind { indexed, unchanged, refreshed, gone, skipped, failed };
   Kind kind = Kind::failed;
   std::string rel;
-  storage::FileEntry entry;  // indexed
+  storage::FileEntry entry;  // indexed, refreshed (no symbols)
   LeftOut error;             // failed
 };
 using Outcomes = std::shared_ptr<std::vector<Outcome>>;
@@ -47,9 +48,10 @@ using Outcomes = std::shared_ptr<std::vector<Outcome>>;
 struct ParseLimits {
   std::int64_t max_size;
   std::chrono::milliseconds time_limit;
+  std::int64_t racy_margin_ns;
 };
 
-Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const HashMap& existing,
+Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const StateMap& existing,
                   const ParseLimits& limits) {
   Outcome out;
   out.rel = c.rel;
@@ -68,8 +70,15 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const H
       break;
   }
   std::string hash = content_hash(src.content);
-  if (auto it = existing.find(c.rel); it != existing.end() && it->second == hash) {
-    out.kind = Outcome::Kind::unchanged;
+  storage::FileRow row{c.rel, c.language, src.size, src.mtime_ns, std::move(hash), src.inode, src.ctime_ns, src.read_ns};
+  if (auto it = existing.find(c.rel); it != existing.end() && it->second.content_hash == row.content_hash) {
+    // The row is refreshed when its status would not let the next pass skip the file and the new one will.
+    const FileStatus now{true, row.size, row.mtime_ns, row.inode, row.ctime_ns};
+    const storage::StoredFile fresh{row.content_hash, row.size, row.mtime_ns, row.inode, row.ctime_ns, row.read_ns};
+    const bool refresh = !unchanged_since_read(it->second, now, limits.racy_margin_ns) &&
+                         unchanged_since_read(fresh, now, limits.racy_margin_ns);
+    out.kind = refresh ? Outcome::Kind::refreshed : Outcome::Kind::unchanged;
+    if (refresh) out.entry.file = std::move(row);
     return out;
   }
   engines::ParseResult parsed;
@@ -84,14 +93,14 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const H
     return out;
   }
   out.kind = Outcome::Kind::indexed;
-  out.entry.file = storage::FileRow{c.rel, c.language, src.size, src.mtime_ns, std::move(hash)};
+  out.entry.file = std::move(row);
   out.entry.symbols = std::move(parsed.symbols);
   return out;
 }
 
 // Stops early once the pass has ended (its outcomes are then never read).
 Outcomes parse_batch(const std::filesystem::path& root, const std::vector<Candidate>& batch,
-                     const HashMap& existing, const ParseLimits& limits, const std::atomic<bool>& stop) {
+                     const StateMap& existing, const ParseLimits& limits, const std::atomic<bool>& stop) {
   auto out = std::make_shared<std::vector<Outcome>>();
   out->reserve(batch.size());
   for (const Candidate& c : batch) {
@@ -201,18 +210,21 @@ struct Indexer::Pass {
         root(options.repo_root),
         data_dir(repo->database()->path().parent_path()),
         whole(whole_in),
-        limits{options.max_file_size, options.parse_time_limit},
+        limits{options.max_file_size, options.parse_time_limit, options.racy_margin_ns},
         threads(options.parse_threads != 0 ? options.parse_threads
                                            : std::max(1u, std::thread::hardware_concurrency())),
         progress(std::move(progress_in)) {}
 
   aio::Task<void> find_files(std::optional<std::vector<std::filesystem::path>> paths);
   aio::Task<void> parse_and_store();
+  aio::Task<void> refresh_status();
   aio::Task<void> remove_gone_rows();
   aio::Task<void> finish_bulk_load();
   aio::Task<void> write_records();
   aio::Task<void> refresh_report();
 
+  // Leaves out of the files to read those whose status shows them unchanged since their last reading.
+  void skip_unchanged();
   // --- parse_and_store, one step at a time ---
   void start_parse_jobs();
   void start_store_if_due();
@@ -237,9 +249,11 @@ struct Indexer::Pass {
 
   IndexStats stats;
   std::vector<LeftOut> errors;
-  std::shared_ptr<const HashMap> existing = std::make_shared<const HashMap>();  // the index's hashes
+  std::shared_ptr<const StateMap> existing = std::make_shared<const StateMap>();  // the index's files
   bool bulk = false;  // a bulk load: the name index is built at the end
   std::shared_ptr<const Collected> collected;
+  std::vector<Candidate> to_read;  // of collected->files, those that must be read
+  std::vector<storage::FileRow> refreshed;  // rows whose status is brought up to date
   std::set<std::string> to_remove;
 
   // The pipeline: parse jobs under way, the store transaction under way, and the parsed files waiting
@@ -271,7 +285,7 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
       }));
   if (!nothing) {
     auto hashes_f = impl->on_writer(o, [repo = repo, whole = whole] {
-      auto hashes = std::make_shared<const HashMap>(repo->file_hashes());
+      auto hashes = std::make_shared<const StateMap>(repo->file_states());
       bool deferred = whole && hashes->empty() && repo->defer_name_index();
       if (!deferred) repo->restore_indexes();
       return std::make_pair(hashes, deferred);
@@ -281,16 +295,32 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
   collected = co_await aio::shield(collected_f);
   errors = collected->errors;
   stats.files_skipped = collected->skipped;
+  skip_unchanged();
+}
+
+void Indexer::Pass::skip_unchanged() {
+  to_read.reserve(collected->files.size());
+  for (const Candidate& c : collected->files) {
+    auto it = existing->find(c.rel);
+    if (it != existing->end() && unchanged_since_read(it->second, c.status, limits.racy_margin_ns)) {
+      ++stats.files_processed;
+      ++stats.files_unchanged;
+      continue;
+    }
+    to_read.push_back(c);
+  }
 }
 
 // Parses on the parse threads and stores on the writer: parse jobs keep every thread busy (one queued
 // behind each running one, so that no thread waits for the loop to hand it the next) while one
 // transaction at a time stores what they produced.
 aio::Task<void> Indexer::Pass::parse_and_store() {
-  const std::vector<Candidate>& files = collected->files;
-  const auto total = static_cast<std::int64_t>(files.size());
+  const std::vector<Candidate>& files = to_read;
+  // Progress counts the files skipped unread as done from the start.
+  const auto total = static_cast<std::int64_t>(collected->files.size());
+  done = total - static_cast<std::int64_t>(files.size());
   batch_size = std::clamp<std::size_t>(files.size() / (threads * 4), std::size_t{1}, kParseBatch);
-  progress(0, total);
+  progress(done, total);
   while (true) {
     start_parse_jobs();
     if (storing && storing->done()) {
@@ -322,7 +352,7 @@ aio::Task<void> Indexer::Pass::parse_and_store() {
 }
 
 void Indexer::Pass::start_parse_jobs() {
-  const std::vector<Candidate>& files = collected->files;
+  const std::vector<Candidate>& files = to_read;
   while (parsing.size() < 2 * threads && next < files.size()) {
     std::size_t end = std::min(files.size(), next + batch_size);
     std::vector<Candidate> batch(files.begin() + static_cast<std::ptrdiff_t>(next),
@@ -339,7 +369,7 @@ void Indexer::Pass::start_parse_jobs() {
 // A store transaction starts once the writer is free and enough parsed files or symbols wait, or when
 // nothing is left to parse.
 void Indexer::Pass::start_store_if_due() {
-  const bool parsing_done = parsing.empty() && next >= collected->files.size();
+  const bool parsing_done = parsing.empty() && next >= to_read.size();
   const bool enough =
       buffer->size() >= std::max<std::size_t>(1, o.store_batch_files) || buffer_symbols >= kStoreSymbols;
   if (storing || buffer->empty() || !(enough || parsing_done)) return;
@@ -354,10 +384,15 @@ void Indexer::Pass::take_parsed(std::vector<Outcome>& outcomes) {
   for (Outcome& out : outcomes) {
     switch (out.kind) {
       case Outcome::Kind::indexed:
+        ++stats.files_read;
         buffer_symbols += out.entry.symbols.size();
         buffer->push_back(std::move(out.entry));
         break;
+      case Outcome::Kind::refreshed:
+        refreshed.push_back(std::move(out.entry.file));
+        [[fallthrough]];
       case Outcome::Kind::unchanged:
+        ++stats.files_read;
         ++stats.files_processed;
         ++stats.files_unchanged;
         break;
@@ -388,6 +423,17 @@ void Indexer::Pass::find_gone_rows() {
     if (std::none_of(collected->covered.begin(), collected->covered.end(), under)) continue;
     if (std::any_of(collected->failed_dirs.begin(), collected->failed_dirs.end(), under)) continue;
     to_remove.insert(rel);
+  }
+}
+
+// Only spares later passes a reading: a failure is logged, and the files are read again next time.
+aio::Task<void> Indexer::Pass::refresh_status() {
+  if (refreshed.empty()) co_return;
+  try {
+    auto refreshed_f = impl->on_writer(o, [repo = repo, rows = std::move(refreshed)] { repo->update_file_status(rows); });
+    co_await aio::shield(refreshed_f);
+  } catch (const std::exception&) {
+    utils::log_exception(*log, "Refreshing the status of unchanged files failed", std::current_exception());
   }
 }
 
@@ -434,9 +480,9 @@ aio::Task<void> Indexer::Pass::write_records() {
   });
   co_await aio::shield(written_f);
 
-  log->info("Index pass ({}) of {}: {} files processed ({} unchanged), {} symbols added, {} removed, {} left out, "
-            "{} skipped, {:.2f} s",
-            pass_type_name(type), root.string(), stats.files_processed, stats.files_unchanged,
+  log->info("Index pass ({}) of {}: {} files processed ({} unchanged, {} read), {} symbols added, {} removed, "
+            "{} left out, {} skipped, {:.2f} s",
+            pass_type_name(type), root.string(), stats.files_processed, stats.files_unchanged, stats.files_read,
             stats.symbols_added, stats.files_removed, stats.errors, stats.files_skipped, seconds);
 }
 
@@ -469,6 +515,7 @@ aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesys
   });
   co_await pass.find_files(std::move(paths));
   co_await pass.parse_and_store();
+  co_await pass.refresh_status();
   co_await pass.remove_gone_rows();
   co_await pass.finish_bulk_load();
   co_await pass.write_records();

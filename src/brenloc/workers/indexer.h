@@ -3,10 +3,11 @@
 // full_index(paths): with paths absent, the whole repository (new files added, changed ones re-indexed
 // by content hash, vanished ones removed); with a list, exactly those files (a listed file that no
 // longer exists drops its stale rows; an empty list indexes nothing); full_index is the name of every
-// pass, whole or not. Parsing runs on pool threads, storage on one writer through the `offload` it was
-// given (the loop's default pool when absent). Files that cannot be looked at, read, parsed or stored are
-// left out and counted in IndexStats::errors, and every pass writes errors.jsonl into the data directory
-// (the directory of the repository's database).
+// pass, whole or not. A file whose status is the one stored when it was last read is not read again (see
+// file_status.h); a pass into an empty index, as a full rebuild's, reads every file. Parsing runs on pool
+// threads, storage on one writer through the `offload` it was given (the loop's default pool when absent).
+// Files that cannot be looked at, read, parsed or stored are left out and counted in IndexStats::errors,
+// and every pass writes errors.jsonl into the data directory (the directory of the repository's database).
 //
 // A cancelled pass stops starting new work within about 100 ms; settle() completes once its work still
 // running on threads has ended. Virtual so that tests can stand in for it.
@@ -23,6 +24,7 @@
 #include "brenloc/aio/lane.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/storage/repository.h"
+#include "brenloc/workers/file_status.h"
 #include "brenloc/workers/index_stats.h"
 
 namespace brenloc::workers {
@@ -42,6 +44,8 @@ struct IndexerOptions {
   std::size_t store_batch_files = 64;
   // A file whose parse takes more CPU time than this (on its thread) is left out (the parser failed).
   std::chrono::milliseconds parse_time_limit{5000};
+  // A file read this close after its last change is read again by the next pass (see file_status.h).
+  std::int64_t racy_margin_ns = kRacyMarginNs;
 };
 
 // Told files done / files total while a pass runs (on the event loop).

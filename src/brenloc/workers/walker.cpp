@@ -102,7 +102,11 @@ class Walker {
           ++out_.skipped;
           continue;
         }
-        out_.files.push_back({std::move(child), std::string(*language)});
+        // The status lets a pass skip the file unread; one that cannot be looked at now is read.
+        FileStatus status;
+        struct stat st {};
+        if (::fstatat(dfd, e.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) status = status_of(st);
+        out_.files.push_back({std::move(child), std::string(*language), status});
       } else {
         // Symbolic links, FIFOs, sockets, devices.
         ++out_.skipped;
@@ -229,7 +233,7 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
       out.drop.push_back(rel);
       continue;
     }
-    out.files.push_back({rel, std::string(*language)});
+    out.files.push_back({rel, std::string(*language), status_of(st)});
   }
   // A file reached both on its own and through a listed directory is indexed once.
   std::set<std::string> unique;
@@ -256,6 +260,7 @@ std::string content_hash(std::string_view content) {
 
 SourceFile read_source(const std::filesystem::path& path, std::int64_t max_size) {
   SourceFile f;
+  f.read_ns = wall_clock_ns();
   int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     int err = errno;
@@ -279,7 +284,10 @@ SourceFile read_source(const std::filesystem::path& path, std::int64_t max_size)
     ::close(fd);
     return f;
   }
-  f.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  const FileStatus status = status_of(st);
+  f.mtime_ns = status.mtime_ns;
+  f.inode = status.inode;
+  f.ctime_ns = status.ctime_ns;
   f.content.resize(static_cast<std::size_t>(st.st_size) + 1);
   std::size_t used = 0;
   while (true) {

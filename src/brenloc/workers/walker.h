@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "brenloc/workers/file_status.h"
+
 namespace brenloc::workers {
 
 // A file or directory the pass could not index. `path` is relative to the root ("." for the root).
@@ -29,10 +31,11 @@ struct WalkPolicy {
   std::filesystem::path data_dir;  // absolute; skipped when it lies inside the root
 };
 
-// A file to index: relative path ('/'-separated) and language.
+// A file to index: relative path ('/'-separated), language, and its status as the walk saw it.
 struct Candidate {
   std::string rel;
   std::string language;
+  FileStatus status;
 };
 
 struct Collected {
@@ -63,6 +66,9 @@ struct SourceFile {
   std::string content;
   std::int64_t size = 0;
   std::int64_t mtime_ns = 0;
+  std::int64_t inode = 0;
+  std::int64_t ctime_ns = 0;
+  std::int64_t read_ns = 0;  // the wall clock just before the file was looked at
   std::string error;  // for failed
 };
 
