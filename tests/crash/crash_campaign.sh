@@ -27,7 +27,9 @@ cp -r "$source_tree" "$repo"
 
 via=()
 if [[ $mode == daemon ]]; then
-  export XDG_RUNTIME_DIR=$work/runtime BRENLOC_DAEMON_IDLE_TIMEOUT=600
+  # The daemon's workers catch up with the tree when they start; they do not watch it here (the trial
+  # files would start passes of their own), and a rebuild is asked for only once the catching up is over.
+  export XDG_RUNTIME_DIR=$work/runtime BRENLOC_DAEMON_IDLE_TIMEOUT=600 BRENLOC_NO_WATCH=1
   mkdir -m 700 "$XDG_RUNTIME_DIR"
   via=(--daemon)
   trap '"$bin" daemon --stop >/dev/null 2>&1; rm -rf "$work"' EXIT
@@ -35,6 +37,16 @@ else
   export XDG_RUNTIME_DIR=$work/no-runtime  # no daemon: every command runs its own worker
   trap 'rm -rf "$work"' EXIT
 fi
+# Waits until the repository's worker runs no pass (in daemon mode, starting the daemon when none runs).
+settled() {
+  [[ $mode == daemon ]] || return 0
+  for _ in $(seq 600); do
+    "$bin" status --daemon --repo "$repo" --data-dir "$data" 2>/dev/null | grep -q '"indexing": false' && return 0
+    sleep 0.1
+  done
+  echo "the worker did not settle" >&2
+  return 1
+}
 # The process to kill: the command itself, or the daemon it talks to.
 victim() { if [[ $mode == daemon ]]; then head -1 "$XDG_RUNTIME_DIR/brenloc/daemon.lock"; else echo "$1"; fi; }
 
@@ -70,6 +82,7 @@ staging_left() { ls "$data"/index.db.reindex-staging* 2>/dev/null | wc -l; }
 now_ms() { date +%s%3N; }
 indexes() { sqlite3 "$data/index.db" "SELECT group_concat(name, ' ') FROM (SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name)"; }
 
+settled
 t0=$(now_ms)
 "$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>"$work/log"
 duration=$(( $(now_ms) - t0 ))
@@ -84,6 +97,7 @@ for ((i = 1; i <= trials; i++)); do
   rm -f "$repo"/brenloc_trial_*.h
   printf 'int brenloc_trial_%d_fn(void);\n' "$i" >"$repo/brenloc_trial_$i.h"
 
+  settled
   "$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log" &
   pid=$!
   delay=$(( (RANDOM * 32768 + RANDOM) % (duration * 12 / 10 + 1) ))
@@ -99,6 +113,7 @@ for ((i = 1; i <= trials; i++)); do
   [[ $(search_tables) == "0 0 ok 0" ]] || problem+=" search tables after the kill: $(search_tables)"
   "$bin" search "${via[@]}" --repo "$repo" --data-dir "$data" --limit 1 main >/dev/null 2>>"$work/log" ||
     problem+=" query failed"
+  settled
   if ! "$bin" reindex "${via[@]}" --clear-existing --repo "$repo" --data-dir "$data" >/dev/null 2>>"$work/log"; then
     problem+=" next rebuild failed"
   fi

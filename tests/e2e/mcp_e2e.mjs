@@ -40,7 +40,17 @@ async function connect() {
   client.setNotificationHandler(LoggingMessageNotificationSchema, (n) => messages.push(n.params));
   await client.connect(transport);
   await client.listTools();  // from here on the SDK checks every tool's answer against its outputSchema
+  await settled(client);
   return { client, messages };
+}
+
+// Waits until the worker's pass at start (it catches up with the tree) has ended.
+async function settled(client) {
+  for (const deadline = Date.now() + 60_000; Date.now() < deadline; await sleep(20)) {
+    const status = await client.callTool({ name: 'index_status', arguments: {} });
+    if (status.isError || !status.structuredContent?.indexing) return;
+  }
+  throw new Error('timed out waiting for the pass at start to end');
 }
 
 
@@ -173,6 +183,7 @@ test('force_reindex answers each form and broadcasts the outcome', async () => {
     const status = structured(await client.callTool({ name: 'index_status', arguments: {} }));
     assert.deepEqual(Object.keys(status), [
       'repo_root', 'data_dir', 'indexing', 'progress', 'last_reindex_error', 'rebuild_refusal', 'files', 'symbols', 'last_index',
+      'watch', 'watches',
     ]);
     assert.equal(status.indexing, false);
     if (outcome.data.type === 'reindex_complete') {

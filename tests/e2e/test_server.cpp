@@ -41,7 +41,8 @@ class PretendDaemon : public brenloc::mcp::ToolHost {
       co_return Json{{"repo_root", repo_.string()}, {"data_dir", (repo_ / ".brenloc-test").string()},
                      {"indexing", running()},       {"progress", nullptr}, {"last_reindex_error", nullptr},
                      {"rebuild_refusal", nullptr},  {"files", 2},
-                     {"symbols", 5},                {"last_index", nullptr}};
+                     {"symbols", 5},                {"last_index", nullptr},
+                     {"watch", "off"},              {"watches", 0}};
     }
     if (name == "search_symbols") {
       co_return Json{{"query", brenloc::bind_arguments("search", arguments)["query"]}, {"results", Json::array()}};

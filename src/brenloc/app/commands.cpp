@@ -118,9 +118,9 @@ aio::Task<void> first_of(std::vector<aio::Future<void>> futures) {
 
 // Runs `body` with a started worker on a loop of its own, stopping the worker on every way out.
 template <class Body>
-int with_worker(const Resolved& r, Body body) {
+int with_worker(const Resolved& r, Body body, daemon::FollowOptions follow = {}) {
   aio::EventLoop loop;
-  daemon::RepoWorker worker(r.root, r.data_dir);
+  daemon::RepoWorker worker(r.root, r.data_dir, follow);
   return aio::run_until_complete(
       loop, [](aio::EventLoop& loop, daemon::RepoWorker& worker, Body body) -> aio::Task<int> {
         auto ended = co_await aio::outcome_of([](aio::EventLoop& loop, daemon::RepoWorker& worker, Body body) -> aio::Task<int> {
@@ -370,7 +370,7 @@ aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker
 
 }  // namespace
 
-int run_serve(const Where& where, bool standalone) {
+int run_serve(const Where& where, bool standalone, bool watch) {
   return guarded([&] {
     Resolved r = resolve(where);
     if (!standalone) {
@@ -385,7 +385,7 @@ int run_serve(const Where& where, bool standalone) {
         return kExitOk;
       }
     }
-    return with_worker(r, serve_standalone);
+    return with_worker(r, serve_standalone, daemon::FollowOptions{.catch_up = true, .watch = watch});
   });
 }
 
@@ -419,8 +419,8 @@ int run_outline(const Where& where, const json& arguments) { return print_tool(w
 
 int run_source(const Where& where, const json& arguments) { return print_tool(where, "symbol_source", arguments); }
 
-int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle) {
-  return run_daemon(DaemonOptions{idle_exit, worker_idle});
+int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle, bool watch) {
+  return run_daemon(DaemonOptions{idle_exit, worker_idle, watch});
 }
 
 int run_daemon_detach() {

@@ -31,7 +31,9 @@ struct Where {
 
 // MCP on stdin/stdout until the input ends or SIGINT/SIGTERM arrives: relayed to the user's daemon, or,
 // `standalone`, served by a worker in this process.
-int run_serve(const Where& where, bool standalone);
+// `watch`: the worker follows the tree's changes (in the daemon that serve starts, through
+// BRENLOC_NO_WATCH in its environment).
+int run_serve(const Where& where, bool standalone, bool watch);
 // One force_reindex request; prints the response, the progress and the outcome.
 int run_reindex(const Where& where, bool clear_existing, const std::vector<std::string>& paths);
 int run_status(const Where& where);
@@ -42,7 +44,7 @@ int run_outline(const Where& where, const nlohmann::ordered_json& arguments);
 int run_source(const Where& where, const nlohmann::ordered_json& arguments);
 
 // The user's daemon in the foreground (until SIGTERM, SIGINT, `--stop` or its idle time).
-int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle);
+int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle, bool watch);
 // Starts the daemon in the background unless one runs; returns once it accepts connections.
 int run_daemon_detach();
 // Asks the running daemon to stop and waits until it has.

@@ -246,7 +246,8 @@ class Daemon {
       }
       if (it == workers_.end()) {
         auto e = std::make_shared<Entry>();
-        e->worker = std::make_unique<daemon::RepoWorker>(key.first, key.second);
+        e->worker = std::make_unique<daemon::RepoWorker>(
+            key.first, key.second, daemon::FollowOptions{.catch_up = true, .watch = options_.watch});
         e->worker->set_owner_note(std::string(kOwnerSocketNote) + paths_.socket.string());
         e->started = aio::spawn(e->worker->start(), &loop_);
         it = workers_.emplace(key, e).first;

@@ -5,7 +5,8 @@
 // worker holds its data directory's lock, so the daemon never takes over a directory that another process
 // owns. A connection from another user is closed unanswered. A worker is created on the first attach to
 // its (repository root, data directory) and stopped after `worker_idle` without clients and without a run;
-// the daemon exits after `idle_exit` with no client and nothing running, on SIGTERM or SIGINT, or when
+// each worker catches up with its tree at start and, unless `watch` is off, follows its changes; the
+// daemon exits after `idle_exit` with no client and nothing running, on SIGTERM or SIGINT, or when
 // asked ("brenloc/stop"), always gracefully: sessions closed, runs cancelled and cleaned up, lanes drained,
 // databases closed, the socket removed.
 #pragma once
@@ -17,6 +18,7 @@ namespace brenloc::app {
 struct DaemonOptions {
   std::chrono::seconds idle_exit{900};    // 0: never
   std::chrono::seconds worker_idle{300};  // 0: at the next check
+  bool watch = true;                      // workers follow their trees' changes (they catch up at start anyway)
 };
 
 // Runs the daemon in this process until it stops; returns the exit code (0, or 2 when another daemon

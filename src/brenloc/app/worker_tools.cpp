@@ -60,9 +60,11 @@ json status_output() {
                         {"rebuild_refusal", kStringOrNull},
                         {"files", kInteger},
                         {"symbols", kInteger},
-                        {"last_index", last_index}},
+                        {"last_index", last_index},
+                        {"watch", {{"enum", {"inotify", "polling", "off"}}}},
+                        {"watches", kInteger}},
                        {"repo_root", "data_dir", "indexing", "progress", "last_reindex_error", "rebuild_refusal",
-                        "files", "symbols", "last_index"});
+                        "files", "symbols", "last_index", "watch", "watches"});
 }
 
 json search_output() {
@@ -82,7 +84,8 @@ json search_output() {
                         {"more", {{"type", "boolean"}}},
                         {"count", kInteger},
                         {"truncated", {{"type", "boolean"}}},
-                        {"results", {{"type", "array"}, {"items", hit}}}},
+                        {"results", {{"type", "array"}, {"items", hit}}},
+                        {"note", kString}},  // while the index is empty or its first pass runs
                        {"query", "match", "total", "more", "count", "truncated", "results"});
 }
 

@@ -50,11 +50,17 @@ int main(int argc, char** argv) {
     quiet->excludes(verbose);
   };
 
+  // BRENLOC_NO_WATCH: the default of --no-watch (serve sets it for the daemon it starts).
+  const char* no_watch_env = std::getenv("BRENLOC_NO_WATCH");
+  bool no_watch = no_watch_env != nullptr && *no_watch_env != '\0' && std::string(no_watch_env) != "0";
   bool standalone = false;
   auto* serve = app.add_subcommand("serve", "Serve the repository's tools over MCP on stdin/stdout");
   add_where(serve);
   serve->add_flag("--standalone", standalone,
                   "Serve from a worker in this process instead of the user's shared daemon");
+  serve->add_flag("--no-watch", no_watch,
+                  "Do not follow the tree's changes (the worker still catches up at start); for the daemon that "
+                  "serve starts, all its workers");
 
   bool clear_existing = false;
   std::vector<std::string> paths;
@@ -115,6 +121,7 @@ int main(int argc, char** argv) {
       ->check(CLI::NonNegativeNumber);
   daemon->add_option("--worker-idle", worker_idle, "Stop a repository's worker after this many seconds without a client")
       ->check(CLI::NonNegativeNumber);
+  daemon->add_flag("--no-watch", no_watch, "Workers do not follow their trees' changes (they still catch up at start)");
   auto* stop_flag = daemon->add_flag("--stop", daemon_stop, "Ask the running daemon to stop, and wait until it has");
   auto* status_flag = daemon->add_flag("--status", daemon_status, "Print the running daemon's state as JSON");
   auto* detach_flag = daemon->add_flag("--detach", daemon_detach, "Start the daemon in the background unless one runs");
@@ -162,12 +169,15 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
 
-  if (serve->parsed()) return run_serve(where, standalone);
+  if (serve->parsed()) {
+    if (no_watch) ::setenv("BRENLOC_NO_WATCH", "1", 1);
+    return run_serve(where, standalone, !no_watch);
+  }
   if (daemon->parsed()) {
     if (daemon_stop) return run_daemon_stop();
     if (daemon_status) return run_daemon_status();
     if (daemon_detach) return run_daemon_detach();
-    return run_daemon_foreground(std::chrono::seconds(idle_exit), std::chrono::seconds(worker_idle));
+    return run_daemon_foreground(std::chrono::seconds(idle_exit), std::chrono::seconds(worker_idle), !no_watch);
   }
   if (reindex->parsed()) return run_reindex(where, clear_existing, paths);
   if (status->parsed()) return run_status(where);

@@ -53,7 +53,8 @@ class ReportingPass final : public PassScope {
 
 }  // namespace
 
-RepoWorker::RepoWorker(const fs::path& root, fs::path data) : WorkerReindex(resolve_root(root), std::move(data)) {}
+RepoWorker::RepoWorker(const fs::path& root, fs::path data, FollowOptions follow)
+    : WorkerReindex(resolve_root(root), std::move(data)), follow_(follow) {}
 
 RepoWorker::~RepoWorker() = default;
 
@@ -78,6 +79,10 @@ aio::Task<void> RepoWorker::start() {
   };
   _passes = std::make_unique<PassScheduler>(_passes_lane.run, std::move(passes));
   started_ = true;
+  if (follow_.catch_up || follow_.watch) {
+    follower_ = std::make_unique<TreeFollower>(*this, follow_);
+    follower_->start();
+  }
 }
 
 aio::Task<void> RepoWorker::stop() {
@@ -88,6 +93,7 @@ aio::Task<void> RepoWorker::stop() {
 
 aio::Task<void> RepoWorker::stop_once(RepoWorker* self) {
   self->stopping_ = true;
+  if (self->follower_) co_await self->follower_->stop();
   if (self->_indexer_task && !self->_indexer_task->done()) {
     // Cancelled once: a run already cancelled is finishing its clean-up, which a second cancellation
     // could cut short (leaving staging files for the next rebuild to clear).
@@ -199,12 +205,13 @@ aio::Task<void> RepoWorker::broadcast_status(json message) {
   co_return;
 }
 
-void RepoWorker::notify_progress(std::int64_t done, std::int64_t total) {
+void RepoWorker::notify_progress(std::int64_t done, std::int64_t total, bool send_it) {
   if (progress_) {
     progress_->phase = "indexing";
     progress_->done = done;
     progress_->total = total;
   }
+  if (!send_it) return;
   auto now = std::chrono::steady_clock::now();
   if (done != total && now - last_progress_ < std::chrono::milliseconds(500)) return;
   last_progress_ = now;
@@ -258,7 +265,9 @@ aio::Task<json> RepoWorker::index_status() {
                  {"rebuild_refusal", opt(_rebuild_refusal)},
                  {"files", counts.files},
                  {"symbols", counts.symbols},
-                 {"last_index", last_index}};
+                 {"last_index", last_index},
+                 {"watch", TreeFollower::mode_name(follower_ ? follower_->mode() : TreeFollower::Mode::off)},
+                 {"watches", follower_ ? follower_->watches() : 0}};
 }
 
 namespace {
@@ -299,10 +308,23 @@ aio::Task<json> RepoWorker::search_symbols(json params) {
   query.language = opt_string(bound["language"]);
   query.limit = bound["limit"].get<int>();
   const auto max_bytes = bound["max_bytes"].get<std::size_t>();
-  co_return co_await aio::to_thread([repo = _repository, root = repo_root, query, match = bound["match"], max_bytes] {
+  json answer = co_await aio::to_thread([repo = _repository, root = repo_root, query, match = bound["match"], max_bytes] {
     storage::SourceFiles sources(root);
     return storage::search_answer(query.text, match.get<std::string>(), repo->find_symbols(query), sources, max_bytes);
   });
+  const auto counts = co_await aio::to_thread([repo = _repository] { return repo->counts(); });
+  if (std::string note = search_note(counts.files); !note.empty()) answer["note"] = note;
+  co_return answer;
+}
+
+std::string RepoWorker::search_note(std::int64_t files) const {
+  const bool first_pass = follower_ && follower_->first_pass_pending();
+  if (files > 0 && !first_pass) return {};
+  if (_indexing_in_progress > 0 || (_indexer_task && !_indexer_task->done()) || first_pass) {
+    if (!progress_ || progress_->total == 0) return "indexing: finding files";
+    return fmt::format("indexing: {} of {} files", progress_->done, progress_->total);
+  }
+  return "the index is empty: call force_reindex";
 }
 
 aio::Task<json> RepoWorker::file_outline(json params) {

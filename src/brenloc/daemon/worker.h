@@ -4,7 +4,8 @@
 // lives), then opens (or creates) data_dir/index.db and builds the live store, the worker's own indexer
 // and its pass scheduler. stop() refuses new tools, cancels a background run and lets its clean-up
 // finish, drains the passes, waits for the lanes' threads, closes the live database and only then lets
-// the lock go. Everything here runs on the event loop.
+// the lock go. With FollowOptions (tree_follower.h) the worker also keeps its index in step with the
+// working tree: a catch-up pass at start, and watching. Everything here runs on the event loop.
 #pragma once
 
 #include <chrono>
@@ -12,6 +13,7 @@
 #include <map>
 #include <memory>
 
+#include "brenloc/daemon/tree_follower.h"
 #include "brenloc/daemon/worker_reindex.h"
 #include "brenloc/utils/owner_lock.h"
 
@@ -25,7 +27,7 @@ class RepoWorker : public WorkerReindex {
   static constexpr const char* kOwnerLockFile = "brenloc.lock";
 
   // `repo_root` is resolved here (symbolic links followed); `data_dir` is created by start().
-  RepoWorker(const std::filesystem::path& repo_root, std::filesystem::path data_dir);
+  RepoWorker(const std::filesystem::path& repo_root, std::filesystem::path data_dir, FollowOptions follow = {});
   ~RepoWorker() override;
 
   // Throws utils::LockBusy, having written nothing, when another process owns the data directory.
@@ -52,10 +54,12 @@ class RepoWorker : public WorkerReindex {
 
   // --- tools ---
   // {"repo_root", "data_dir", "indexing", "last_reindex_error", "rebuild_refusal", "files", "symbols",
-  //  "last_index"}; "last_index" is the completion this worker recorded, else the last pass's record in the
-  //  data directory (a pass of an earlier process), else null.
+  //  "last_index", "watch", "watches"}; "last_index" is the completion this worker recorded, else the last
+  //  pass's record in the data directory (a pass of an earlier process), else null; "watch" is how the
+  //  worker follows the tree: "inotify", "polling" or "off".
   aio::Task<json> index_status();
-  // Arguments bound with the "search" schema; the answer of storage::search_answer.
+  // Arguments bound with the "search" schema; the answer of storage::search_answer, with a "note" while the
+  // index is empty or its first pass runs (so that no result is not taken for "no such symbol").
   aio::Task<json> search_symbols(json params);
   // Arguments bound with the "outline" schema; storage::outline_answer, or {"error", "status": "failed"}
   // for a path that force_reindex would refuse (with the same text) or a file not in the index.
@@ -83,15 +87,18 @@ class RepoWorker : public WorkerReindex {
   int releases_in_flight() const { return releases_in_flight_; }
 
   // Sends {"type": "reindex_progress", "files_done", "files_total"}, at most twice a second (and always
-  // when the last file is done), and keeps the figures for index_status.
-  void notify_progress(std::int64_t done, std::int64_t total);
+  // when the last file is done), and keeps the figures for index_status; with `send` false, only keeps them.
+  void notify_progress(std::int64_t done, std::int64_t total, bool send = true);
   // Told by the scope of each index pass when it starts and ends.
   void pass_started();
   void pass_ended(const workers::Indexer& indexer, bool normally);
+  const TreeFollower* follower() const { return follower_.get(); }
 
  private:
   aio::Task<json> dispatch_tool(const std::string& name, json arguments);
   void send(const json& message);
+  // The note of a search answer, or empty.
+  std::string search_note(std::int64_t files) const;
   static aio::Task<void> stop_once(RepoWorker* self);
   // Completes once no staging release is running.
   aio::Task<void> wait_for_releases();
@@ -111,6 +118,8 @@ class RepoWorker : public WorkerReindex {
     std::chrono::system_clock::time_point started;
   };
   std::optional<Progress> progress_;
+  FollowOptions follow_;
+  std::unique_ptr<TreeFollower> follower_;
   utils::OwnerLock owner_lock_;
   std::string owner_note_;
 };

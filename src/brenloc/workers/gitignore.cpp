@@ -317,7 +317,9 @@ GitIgnore::GitIgnore(std::filesystem::path root) : root_(std::move(root)) {
   // its patterns come first. It is the user's own file, read through a symbolic link too. Each file may
   // start with a byte-order mark.
   std::string text;
+  exclude_files_.push_back(git_dir / "info" / "exclude");
   if (auto user = user_excludes_file(git_dir, root_); !user.empty()) {
+    exclude_files_.push_back(user);
     text = without_bom(read_regular_file(user, true));
     if (!text.empty()) text += '\n';
   }

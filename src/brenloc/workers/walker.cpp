@@ -42,6 +42,8 @@ class Walker {
   }
 
   GitIgnore& ignore() { return ignore_; }
+  // Walks directories only, listing them in Collected::dirs.
+  void dirs_only() { dirs_only_ = true; }
 
   bool is_data_dir(const std::string& rel) const { return !data_rel_.empty() && rel == data_rel_; }
   bool inside_data_dir(const std::string& rel) const { return !data_rel_.empty() && is_under(rel, data_rel_); }
@@ -50,6 +52,7 @@ class Walker {
   void walk_dir(const std::string& rel, std::vector<const IgnoreList*>& lists) {
     if (stop_.load(std::memory_order_relaxed)) return;
     lists.push_back(&ignore_.list_for(rel));
+    if (dirs_only_) out_.dirs.push_back(rel);
     std::filesystem::path abs = rel.empty() ? policy_.root : policy_.root / rel;
     DIR* d = ::opendir(abs.c_str());
     if (d == nullptr) {
@@ -95,7 +98,7 @@ class Walker {
         }
         subdirs.push_back(std::move(child));
       } else if (type == DT_REG) {
-        if (e.name == ".git") continue;
+        if (e.name == ".git" || dirs_only_) continue;
         auto language = engines::language_for_path(e.name);
         if (!language) continue;
         if (decide(lists, &ignore_.exclude(), child, false) == IgnoreVerdict::ignored) {
@@ -145,6 +148,7 @@ class Walker {
   Collected& out_;
   GitIgnore ignore_;
   std::string data_rel_;
+  bool dirs_only_ = false;
 };
 
 bool has_git_component(const std::string& rel) {
@@ -212,7 +216,9 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
     if (::lstat(abs.c_str(), &st) != 0) {
       int err = errno;
       if (vanished(err)) {
+        // Gone, with whatever was indexed under it when it was a directory.
         out.drop.push_back(rel);
+        out.covered.push_back(rel);
       } else {
         out.errors.push_back({shown(rel), "walk", errno_text(err)});
       }
@@ -239,6 +245,22 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
   std::set<std::string> unique;
   std::erase_if(out.files, [&](const Candidate& c) { return !unique.insert(c.rel).second; });
   return out;
+}
+
+std::vector<std::string> collect_dirs(const WalkPolicy& policy, const std::string& rel, const std::atomic<bool>& stop) {
+  Collected out;
+  Walker walker(policy, stop, out);
+  walker.dirs_only();
+  if (!rel.empty()) {
+    struct stat st {};
+    if (has_git_component(rel) || walker.is_data_dir(rel) || walker.inside_data_dir(rel) ||
+        through_link(policy.root, rel) || ::lstat((policy.root / rel).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
+        walker.ignore().ignored(rel, true)) {
+      return {};
+    }
+  }
+  walker.walk_from(rel);
+  return std::move(out.dirs);
 }
 
 bool looks_binary(std::string_view content) {

@@ -50,12 +50,17 @@ struct Collected {
   // `failed_dirs`; files under them keep their rows.
   std::vector<std::string> covered;
   std::vector<std::string> failed_dirs;
+  std::vector<std::string> dirs;  // the directories walked (collect_dirs)
 };
 
 // The whole tree under policy.root, or, with `paths` (absolute), exactly those (a directory among them
 // stands for the files under it). Stops early, returning what it has, once `stop` is set.
 Collected collect_files(const WalkPolicy& policy, const std::optional<std::vector<std::filesystem::path>>& paths,
                         const std::atomic<bool>& stop);
+
+// The directories that a whole walk would enter under `rel` ("" for the root), `rel` first when it is
+// one the walk enters (not ignored, not .git, not the data directory, not through a symbolic link).
+std::vector<std::string> collect_dirs(const WalkPolicy& policy, const std::string& rel, const std::atomic<bool>& stop);
 
 // True when `rel` lies under `dir` ("" covers everything).
 bool is_under(std::string_view rel, std::string_view dir);

@@ -1,0 +1,243 @@
+#include "brenloc/daemon/tree_follower.h"
+
+#include <atomic>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "brenloc/aio/outcome.h"
+#include "brenloc/aio/thread.h"
+#include "brenloc/aio/timer.h"
+#include "brenloc/daemon/worker.h"
+#include "brenloc/utils/logging.h"
+#include "brenloc/workers/gitignore.h"
+#include "brenloc/workers/walker.h"
+
+namespace brenloc::daemon {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// A pass over fewer files than this sends clients no progress (it ends in moments: a save, a small tree).
+constexpr std::int64_t kQuietPassFiles = 500;
+
+// The worker's reporting scope, with progress sent only for passes large enough to be worth following.
+class FollowerScope {
+ public:
+  FollowerScope(RepoWorker& worker, workers::Indexer& indexer)
+      : worker_(worker), indexer_(indexer), inner_(worker._reporting_pass(indexer)) {}
+  void enter() {
+    inner_->enter();
+    indexer_.set_progress([w = &worker_](std::int64_t done, std::int64_t total) {
+      w->notify_progress(done, total, total >= kQuietPassFiles);
+    });
+  }
+  bool exit(const aio::ScopeExit& how) { return inner_->exit(how); }
+
+ private:
+  RepoWorker& worker_;
+  workers::Indexer& indexer_;
+  std::unique_ptr<PassScope> inner_;
+};
+
+}  // namespace
+
+TreeFollower::TreeFollower(RepoWorker& worker, FollowOptions options) : worker_(worker), options_(options) {}
+
+TreeFollower::~TreeFollower() = default;
+
+const char* TreeFollower::mode_name(Mode m) {
+  switch (m) {
+    case Mode::inotify:
+      return "inotify";
+    case Mode::polling:
+      return "polling";
+    case Mode::off:
+      break;
+  }
+  return "off";
+}
+
+void TreeFollower::start() {
+  indexer_ = worker_._new_indexer({.repository = worker_._repository,
+                                   .repo_root = worker_.repo_root,
+                                   .offload = worker_._passes_lane.run,
+                                   .refresh_report = false});
+  first_pass_pending_ = options_.catch_up;
+  passes_task_ = aio::spawn(pass_loop(this));
+}
+
+aio::Task<void> TreeFollower::stop() {
+  std::vector<std::shared_ptr<aio::FutureBase>> tasks;
+  for (auto* t : {&passes_task_, &events_task_}) {
+    if (*t && !(*t)->done()) {
+      (*t)->cancel();
+      tasks.push_back((*t)->base());
+    }
+  }
+  co_await aio::wait_all(std::move(tasks));
+  if (watcher_) watcher_->close();
+  if (indexer_) co_await indexer_->settle();
+}
+
+void TreeFollower::wake() {
+  if (woken_) std::exchange(woken_, nullptr)->set_result();
+}
+
+void TreeFollower::fall_back_to_polling(const std::string& why) {
+  const std::size_t had = watches();
+  if (watcher_) watcher_->close();
+  watcher_.reset();
+  mode_ = Mode::polling;
+  worker_logger()->warn("Watching {} for changes stopped ({}; {} watches): following it by whole live passes "
+                        "every {} s or more instead",
+                        worker_.repo_root.string(), why, had, options_.poll_interval.count() / 1000.0);
+  changes_.add_everything(Clock::now());
+  wake();
+}
+
+aio::Task<bool> TreeFollower::watch_tree(std::string rel) {
+  std::error_code ec;
+  fs::path data_dir = fs::weakly_canonical(worker_.data_dir, ec);
+  workers::WalkPolicy policy{worker_.repo_root, ec ? worker_.data_dir : data_dir};
+  auto dirs = co_await aio::to_thread([policy, rel] {
+    std::atomic<bool> stop{false};
+    return workers::collect_dirs(policy, rel, stop);
+  });
+  if (!watcher_) co_return false;
+  if (!watcher_->add(dirs)) {
+    fall_back_to_polling("the limit on watches was reached");
+    co_return false;
+  }
+  co_return true;
+}
+
+aio::Task<void> TreeFollower::take_changes(std::vector<TreeWatcher::Change> changes) {
+  using Kind = TreeWatcher::Change::Kind;
+  for (const auto& c : changes) {
+    if (!watcher_) co_return;
+    switch (c.kind) {
+      case Kind::file:
+        break;
+      case Kind::dir_added:
+      case Kind::rules:  // a directory no longer ignored is watched from now on
+        if (!co_await watch_tree(c.rel)) co_return;
+        break;
+      case Kind::dir_removed:
+        watcher_->forget(c.rel);
+        break;
+      case Kind::all_rules:
+      case Kind::overflow:
+        if (!co_await watch_tree("")) co_return;
+        changes_.add_everything(Clock::now());
+        continue;
+    }
+    changes_.add(c.rel, Clock::now());
+  }
+  if (!changes_.empty()) wake();
+}
+
+aio::Task<void> TreeFollower::event_loop(TreeFollower* self) {
+  while (self->watcher_) {
+    std::vector<TreeWatcher::Change> changes;
+    try {
+      changes = co_await self->watcher_->next();
+    } catch (const std::system_error& e) {
+      self->fall_back_to_polling(fmt::format("reading its events failed: {}", e.what()));
+      co_return;
+    }
+    co_await self->take_changes(std::move(changes));
+  }
+}
+
+aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
+  if (self->options_.watch) {
+    try {
+      self->watcher_ = std::make_unique<TreeWatcher>(self->worker_.repo_root, self->options_.max_watches);
+      self->mode_ = Mode::inotify;
+      self->watcher_->watch_files(workers::GitIgnore(self->worker_.repo_root).exclude_files());
+      if (co_await self->watch_tree("")) self->events_task_ = aio::spawn(event_loop(self));
+    } catch (const std::system_error& e) {
+      self->fall_back_to_polling(e.what());
+    }
+  }
+  if (self->options_.catch_up) {
+    self->changes_.add_everything(Clock::now());
+  } else {
+    self->changes_.take();  // what the setting up of the watches saw
+  }
+  bool first = self->options_.catch_up;
+  while (self->mode_ != Mode::off || first) {
+    if (!first) {
+      if (self->mode_ == Mode::polling && self->changes_.empty()) {
+        co_await aio::sleep_for(std::max<Clock::duration>(self->options_.poll_interval, 50 * self->last_pass_));
+        self->changes_.add_everything(Clock::now());
+      }
+      while (self->changes_.empty()) {
+        self->woken_ = std::make_shared<aio::FutureState<void>>();
+        co_await aio::Future<void>(self->woken_);
+      }
+      // Quiet for a moment, or waiting for too long already.
+      for (auto due = self->changes_.due(self->options_.timing); Clock::now() < due;
+           due = self->changes_.due(self->options_.timing)) {
+        co_await aio::sleep_for(due - Clock::now());
+      }
+    }
+    co_await self->live_pass(first);
+    if (first) self->first_pass_pending_ = first = false;
+  }
+}
+
+aio::Task<void> TreeFollower::live_pass(bool first) {
+  // Never beside a force_reindex run: wait for it, then count this pass in (under the lock that the
+  // facility's busy test takes, so that no run is accepted in between).
+  for (;;) {
+    std::optional<aio::Future<void>> run;
+    {
+      auto guard = co_await worker_._indexer_lock.scoped();
+      if (!worker_._indexer_task || worker_._indexer_task->done()) {
+        co_await worker_._start_indexing();
+        break;
+      }
+      run = worker_._indexer_task;
+    }
+    co_await aio::wait_all({run->base()});
+  }
+  // Taken only now: what changed during a run is indexed by this pass.
+  std::optional<std::vector<std::string>> batch = changes_.take();
+  if (first) batch.reset();
+  auto ended = co_await aio::outcome_of(indexing(std::move(batch)));
+  co_await worker_._finish_indexing();
+  if (ended.cancelled()) std::move(ended).get();
+  if (ended.failed()) {
+    utils::log_exception(*worker_logger(), fmt::format("A live pass over changes in {} failed", worker_.repo_root.string()),
+                         ended.error);
+  }
+}
+
+aio::Task<void> TreeFollower::indexing(std::optional<std::vector<std::string>> batch) {
+  std::optional<std::vector<fs::path>> paths;
+  if (batch) {
+    paths.emplace();
+    for (const auto& rel : *batch) paths->push_back(worker_.repo_root / rel);
+  }
+  const auto started = Clock::now();
+  FollowerScope scope(worker_, *indexer_);
+  auto stats = co_await aio::within(scope, indexer_->full_index(std::move(paths)));
+  last_pass_ = Clock::now() - started;
+  ++passes_;
+  if (stats && worker_._indexer) {
+    auto info = stats->get_last_index_info();
+    if (!info.is_null() && !info.empty()) {
+      worker_._indexer->stats.record_completion({.index_type = info.at("type"),
+                                                 .duration_seconds = info.at("duration_seconds"),
+                                                 .files_processed = info.at("files_processed"),
+                                                 .errors = info.at("errors")});
+    }
+  }
+  if (!batch && worker_._passes) worker_._passes->trigger(Trigger::REINDEX);
+}
+
+}  // namespace brenloc::daemon

@@ -1,0 +1,86 @@
+// Keeps a worker's live index in step with its working tree.
+//
+// At start, a live pass over the whole tree catches up with what changed while nothing watched (on an
+// empty index, the first indexing); then, with watching on, inotify watches (watcher.h) report changes,
+// which are gathered (change_set.h) and indexed by live passes over the changed paths. When the watch
+// limit is reached, or inotify cannot be had, the follower falls back to whole live passes at an interval
+// ("polling") and says so in a warning. Every pass is an ordinary live pass of the worker: it raises the
+// worker's count of passes under way (so force_reindex answers "in_progress" meanwhile), runs inside the
+// worker's reporting scope, and never runs beside a force_reindex run: changes seen during one (a full
+// rebuild) are indexed right after it ends, whatever its outcome. stop() cancels what runs, cleanly.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "brenloc/aio/task.h"
+#include "brenloc/daemon/change_set.h"
+#include "brenloc/daemon/watcher.h"
+#include "brenloc/workers/indexer.h"
+
+namespace brenloc::daemon {
+
+class RepoWorker;
+
+struct FollowOptions {
+  bool catch_up = false;  // a live whole pass at start
+  bool watch = false;     // follow changes with inotify
+  std::size_t max_watches = 0;  // the follower's own limit on watches (0: the system's only)
+  ChangeSet::Timing timing;
+  // Polling: the interval between whole passes, at least this and 50 times the last pass's duration.
+  std::chrono::milliseconds poll_interval{10000};
+};
+
+class TreeFollower {
+ public:
+  enum class Mode { off, inotify, polling };
+
+  TreeFollower(RepoWorker& worker, FollowOptions options);
+  ~TreeFollower();
+  TreeFollower(const TreeFollower&) = delete;
+  TreeFollower& operator=(const TreeFollower&) = delete;
+
+  // Starts following (on the event loop); returns at once.
+  void start();
+  // Cancels the passes and the watching and waits until they have ended.
+  aio::Task<void> stop();
+
+  Mode mode() const { return mode_; }
+  static const char* mode_name(Mode m);
+  std::size_t watches() const { return watcher_ ? watcher_->count() : 0; }
+  // True until the pass at start has ended (false when there is none).
+  bool first_pass_pending() const { return first_pass_pending_; }
+  // Live passes run so far (the pass at start included).
+  int passes() const { return passes_; }
+
+ private:
+  static aio::Task<void> pass_loop(TreeFollower* self);
+  static aio::Task<void> event_loop(TreeFollower* self);
+  // Sets up the watches of the whole tree (on a thread, then on the loop); false: fell back to polling.
+  aio::Task<bool> watch_tree(std::string rel);
+  void fall_back_to_polling(const std::string& why);
+  aio::Task<void> take_changes(std::vector<TreeWatcher::Change> changes);
+  // One live pass over the changes gathered (or the whole tree), after any force_reindex run has ended.
+  // `first`: the pass at start, over the whole tree.
+  aio::Task<void> live_pass(bool first);
+  aio::Task<void> indexing(std::optional<std::vector<std::string>> batch);
+  void wake();
+
+  RepoWorker& worker_;
+  FollowOptions options_;
+  Mode mode_ = Mode::off;
+  std::shared_ptr<workers::Indexer> indexer_;
+  std::unique_ptr<TreeWatcher> watcher_;
+  ChangeSet changes_;
+  std::shared_ptr<aio::FutureState<void>> woken_;  // set when changes arrive for a waiting pass loop
+  std::optional<aio::Future<void>> passes_task_, events_task_;
+  bool first_pass_pending_ = false;
+  int passes_ = 0;
+  std::chrono::steady_clock::duration last_pass_{};
+};
+
+}  // namespace brenloc::daemon

@@ -1,0 +1,251 @@
+// The worker follows its working tree, with a real tree, the real watcher and the real store: files and
+// directories created, changed, moved and removed; ignore rules that change; a directory moved in with
+// its files; a burst of files ending in few passes; an edit during a full rebuild, indexed after it; the
+// fall-back to polling when the watches run out; the pass at start, and what search says meanwhile.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "brenloc/aio/timer.h"
+#include "brenloc/daemon/worker.h"
+#include "utils/tree_fixtures.h"
+
+namespace brenloc::testing {
+namespace {
+
+using json = nlohmann::ordered_json;
+using namespace std::chrono_literals;
+using Paths = std::vector<std::string>;
+
+std::string py(const std::string& function) { return "def " + function + "(a):\n    return a\n"; }
+
+// Waits until `done()` holds, for at most 20 s (a loaded machine is slow, and a pass that never comes fails).
+aio::Task<void> until(const std::function<bool()>& done, const std::string& what) {
+  for (auto deadline = std::chrono::steady_clock::now() + 20s; !done();) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      ADD_FAILURE() << "timed out waiting until " << what;
+      co_return;
+    }
+    co_await aio::sleep_for(5ms);
+  }
+}
+
+// The files defining `name`, per the worker's search.
+aio::Task<Paths> defined_in(daemon::RepoWorker& w, const std::string& name) {
+  json answer = co_await w.search_symbols(json{{"query", name}, {"limit", 100}});
+  Paths out;
+  for (const auto& r : answer["results"]) {
+    if (r["name"] == name) out.push_back(r["path"].get<std::string>());
+  }
+  std::sort(out.begin(), out.end());
+  co_return out;
+}
+
+// Waits until `name` is defined in exactly `paths`.
+aio::Task<void> expect_defined(daemon::RepoWorker& w, const std::string& name, Paths paths) {
+  for (auto deadline = std::chrono::steady_clock::now() + 20s;;) {
+    Paths got = co_await defined_in(w, name);
+    if (got == paths) co_return;
+    if (std::chrono::steady_clock::now() > deadline) {
+      ADD_FAILURE() << name << " is defined in " << ::testing::PrintToString(got) << ", not "
+                    << ::testing::PrintToString(paths);
+      co_return;
+    }
+    co_await aio::sleep_for(5ms);
+  }
+}
+
+daemon::FollowOptions watching() {
+  daemon::FollowOptions o{.catch_up = true, .watch = true};
+  o.timing.quiet = 10ms;
+  return o;
+}
+
+struct Follow {
+  explicit Follow(daemon::FollowOptions o = watching()) : w(root.path(), data.path(), o) {}
+  fs::path at(const std::string& rel) const { return root.path() / rel; }
+  // Runs `body` with the worker started and its first pass done, then stops the worker.
+  void run(const std::function<aio::Task<void>(daemon::RepoWorker&)>& body) {
+    aio::run_until_complete(loop, [](Follow* self, auto body) -> aio::Task<void> {
+      co_await self->w.start();
+      co_await until([self] { return !self->w.follower()->first_pass_pending(); }, "the first pass has ended");
+      co_await body(self->w);
+      co_await self->w.stop();
+    }(this, body));
+  }
+  TempDir root, data, outside;
+  aio::EventLoop loop;
+  daemon::RepoWorker w;
+};
+
+TEST(Follow, ChangesOfTheTreeReachTheIndex) {
+  struct Step {
+    const char* name;
+    std::function<void(Follow&)> change;
+    std::string symbol;
+    Paths defined_in;
+  };
+  const std::vector<Step> steps = {
+      {"a file created", [](Follow& f) { write_file(f.at("a.py"), py("alpha")); }, "alpha", {"a.py"}},
+      {"a file changed", [](Follow& f) { write_file(f.at("a.py"), py("beta")); }, "alpha", {}},
+      {"... its new content", [](Follow&) {}, "beta", {"a.py"}},
+      {"a file renamed", [](Follow& f) { fs::rename(f.at("a.py"), f.at("b.py")); }, "beta", {"b.py"}},
+      {"a file removed", [](Follow& f) { fs::remove(f.at("b.py")); }, "beta", {}},
+      {"a directory created, then a file in it", [](Follow& f) { write_file(f.at("d/e/c.py"), py("gamma")); }, "gamma",
+       {"d/e/c.py"}},
+      {"a directory moved in with its files",
+       [](Follow& f) {
+         write_file(f.outside.path() / "m/n/x.py", py("delta"));
+         fs::rename(f.outside.path() / "m", f.at("moved"));
+       },
+       "delta", {"moved/n/x.py"}},
+      {"... a file written in it afterwards", [](Follow& f) { write_file(f.at("moved/n/y.py"), py("delta")); }, "delta",
+       {"moved/n/x.py", "moved/n/y.py"}},
+      {"a directory renamed", [](Follow& f) { fs::rename(f.at("moved"), f.at("kept")); }, "delta",
+       {"kept/n/x.py", "kept/n/y.py"}},
+      {"... and written in under its new name", [](Follow& f) { write_file(f.at("kept/n/z.py"), py("epsilon")); },
+       "epsilon", {"kept/n/z.py"}},
+      {"a directory removed", [](Follow& f) { fs::remove_all(f.at("kept")); }, "delta", {}},
+      {"a .gitignore that leaves a directory out", [](Follow& f) { write_file(f.at("d/.gitignore"), "e/\nlater/\n"); },
+       "gamma", {}},
+      {"a file in a directory that is ignored", [](Follow& f) { write_file(f.at("d/later/q.py"), py("zeta")); },
+       "zeta", {}},
+      {"the .gitignore removed", [](Follow& f) { fs::remove(f.at("d/.gitignore")); }, "gamma", {"d/e/c.py"}},
+      {"... the directory ignored until then is indexed", [](Follow&) {}, "zeta", {"d/later/q.py"}},
+      {"... and watched", [](Follow& f) { write_file(f.at("d/later/r.py"), py("zeta")); }, "zeta",
+       {"d/later/q.py", "d/later/r.py"}},
+      {"info/exclude leaves a file out", [](Follow& f) { write_file(f.at(".git/info/exclude"), "r.py\n"); }, "zeta",
+       {"d/later/q.py"}},
+  };
+  Follow f;
+  fs::create_directories(f.at(".git/info"));  // a repository's, before the worker starts
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    for (const auto& s : steps) {
+      SCOPED_TRACE(s.name);
+      s.change(f);
+      co_await expect_defined(w, s.symbol, s.defined_in);
+    }
+    json status = co_await w.index_status();
+    EXPECT_EQ(status["watch"], "inotify");
+    EXPECT_GE(status["watches"].get<int>(), 4);  // ., d, d/later, .git/info
+  });
+}
+
+// 2,000 files written at once (a branch switch) are indexed by a few passes, not one per file.
+TEST(Follow, ABurstOfChangesEndsInFewPasses) {
+  Follow f;
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    const int before = w.follower()->passes();
+    for (int i = 0; i < 2000; ++i) write_file(f.at(fmt::format("s{}/f{}.py", i % 20, i)), py(fmt::format("burst_{}", i)));
+    co_await expect_defined(w, "burst_1999", {"s19/f1999.py"});
+    co_await until([&] { return !w.busy(); }, "the passes have ended");
+    EXPECT_EQ((co_await w.index_status())["files"], 2000);
+    EXPECT_LE(w.follower()->passes() - before, 6);
+  });
+}
+
+// Out of watches, the worker says so and follows the tree by whole passes.
+TEST(Follow, OutOfWatchesTheWorkerPolls) {
+  auto o = watching();
+  o.max_watches = 3;
+  o.poll_interval = 100ms;
+  Follow f(o);
+  for (int i = 0; i < 5; ++i) write_file(f.at(fmt::format("d{}/f.py", i)), py(fmt::format("polled_{}", i)));
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    json status = co_await w.index_status();
+    EXPECT_EQ(status["watch"], "polling");
+    EXPECT_EQ(status["watches"], 0);
+    co_await expect_defined(w, "polled_4", {"d4/f.py"});
+    write_file(f.at("d4/g.py"), py("polled_4"));
+    co_await expect_defined(w, "polled_4", {"d4/f.py", "d4/g.py"});
+  });
+}
+
+// A worker whose full rebuild lets the test change the tree after the staging pass has read it.
+class EditDuringRebuild : public daemon::RepoWorker {
+ public:
+  using RepoWorker::RepoWorker;
+  std::function<void()> after_staging_pass;
+
+  class Staging : public workers::Indexer {
+   public:
+    Staging(workers::IndexerOptions o, EditDuringRebuild& w) : Indexer(std::move(o)), w_(w) {}
+    aio::Task<workers::IndexStats> full_index(std::optional<std::vector<fs::path>> paths) override {
+      auto stats = co_await Indexer::full_index(std::move(paths));
+      if (w_.after_staging_pass) std::exchange(w_.after_staging_pass, nullptr)();
+      co_await aio::sleep_for(100ms);  // the watcher sees the edit while the rebuild goes on
+      co_return stats;
+    }
+
+   private:
+    EditDuringRebuild& w_;
+  };
+  std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
+    if (o.repository != _repository) return std::make_shared<Staging>(std::move(o), *this);
+    return RepoWorker::_new_indexer(std::move(o));
+  }
+};
+
+TEST(Follow, AnEditDuringAFullRebuildIsIndexedAfterTheSwap) {
+  TempDir root, data;
+  write_file(root.path() / "a.py", py("before"));
+  aio::EventLoop loop;
+  EditDuringRebuild w(root.path(), data.path(), watching());
+  aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+    co_await w.start();
+    co_await until([&] { return !w.follower()->first_pass_pending(); }, "the first pass has ended");
+    w.after_staging_pass = [&] { write_file(root.path() / "a.py", py("after")); };
+    json answer = co_await w.force_reindex({{"clear_existing", true}});
+    EXPECT_EQ(answer["status"], "accepted");
+    const int passes = w.follower()->passes();
+    co_await aio::wait_all({w.last_run()->base()});
+    EXPECT_EQ(w.follower()->passes(), passes) << "no watcher pass during the rebuild";
+    co_await expect_defined(w, "after", {"a.py"});
+    co_await expect_defined(w, "before", {});
+    co_await w.stop();
+  }());
+}
+
+// The pass at start indexes what changed while nothing watched; meanwhile force_reindex is answered
+// "in_progress" and search says that indexing goes on; an index left empty says so.
+TEST(Follow, ThePassAtStartCatchesUp) {
+  TempDir root, data;
+  for (int i = 0; i < 300; ++i) write_file(root.path() / fmt::format("p{}.py", i), py(fmt::format("start_{}", i)));
+  aio::EventLoop loop;
+  {
+    daemon::RepoWorker w(root.path(), data.path());  // not following: nothing indexed
+    aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+      co_await w.start();
+      json answer = co_await w.search_symbols({{"query", "start_1"}});
+      EXPECT_EQ(answer["note"], "the index is empty: call force_reindex");
+      co_await w.stop();
+    }());
+  }
+  for (bool second : {false, true}) {
+    SCOPED_TRACE(second ? "after changes while nothing watched" : "an empty index");
+    if (second) {
+      fs::remove(root.path() / "p0.py");
+      write_file(root.path() / "new.py", py("start_new"));
+    }
+    daemon::RepoWorker w(root.path(), data.path(), {.catch_up = true});
+    aio::run_until_complete(loop, [&]() -> aio::Task<void> {
+      co_await w.start();
+      if (!second) {
+        co_await until([&] { return w.busy(); }, "the first pass has begun");
+        EXPECT_EQ((co_await w.force_reindex(json::object()))["status"], "in_progress");
+        json answer = co_await w.search_symbols({{"query", "start_1"}});
+        EXPECT_TRUE(answer["note"].get<std::string>().starts_with("indexing: ")) << answer.dump();
+      }
+      co_await until([&] { return !w.follower()->first_pass_pending(); }, "the first pass has ended");
+      json answer = co_await w.search_symbols({{"query", "start_12"}});
+      EXPECT_FALSE(answer.contains("note")) << answer.dump();
+      co_await expect_defined(w, "start_0", second ? Paths{} : Paths{"p0.py"});
+      EXPECT_EQ(co_await defined_in(w, "start_new"), second ? Paths{"new.py"} : Paths{});
+      EXPECT_EQ((co_await w.index_status())["watch"], "off");
+      co_await w.stop();
+    }());
+  }
+}
+
+}  // namespace
+}  // namespace brenloc::testing
