@@ -228,15 +228,7 @@ aio::Task<void> TreeFollower::indexing(std::optional<std::vector<std::string>> b
   auto stats = co_await aio::within(scope, indexer_->full_index(std::move(paths)));
   last_pass_ = Clock::now() - started;
   ++passes_;
-  if (stats && worker_._indexer) {
-    auto info = stats->get_last_index_info();
-    if (!info.is_null() && !info.empty()) {
-      worker_._indexer->stats.record_completion({.index_type = info.at("type"),
-                                                 .duration_seconds = info.at("duration_seconds"),
-                                                 .files_processed = info.at("files_processed"),
-                                                 .errors = info.at("errors")});
-    }
-  }
+  if (stats && stats->last_pass && worker_._indexer) worker_._indexer->stats.record_completion(*stats->last_pass);
   if (!batch && worker_._passes) worker_._passes->trigger(Trigger::REINDEX);
 }
 
