@@ -61,7 +61,11 @@ function session(extra, data) {
   };
   return {
     child, notes, tool, outcome,
-    init: () => request("initialize", { protocolVersion: "2025-11-25", capabilities: {}, clientInfo: { name: "bench", version: "1" } }),
+    // Initialises, then waits for the worker's pass at start (it catches up with the tree) to end.
+    init: async () => {
+      await request("initialize", { protocolVersion: "2025-11-25", capabilities: {}, clientInfo: { name: "bench", version: "1" } });
+      while ((await tool("index_status", {})).result?.structuredContent?.indexing) await sleep(50);
+    },
     close: () => new Promise((r) => { child.on("exit", r); child.stdin.end(); }),
   };
 }

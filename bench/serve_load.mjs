@@ -87,6 +87,8 @@ async function batch() {
 const failures = [];
 await call("initialize", { protocolVersion: "2025-06-18", capabilities: {}, clientInfo: { name: "load", version: "1" } });
 server.stdin.write(JSON.stringify({ jsonrpc: "2.0", method: "notifications/initialized" }) + "\n");
+// The worker first catches up with the tree by itself; the rebuilds come after that.
+while ((await tool("index_status", {})).msg.result?.structuredContent?.indexing) await new Promise((r) => setTimeout(r, 50));
 const first = await tool("force_reindex", { clear_existing: true });
 if (first.msg.result?.structuredContent?.status !== "accepted") failures.push("first rebuild not accepted");
 while (!notifications.some((n) => n.params?.data?.type === "reindex_complete")) await new Promise((r) => setTimeout(r, 50));
