@@ -161,12 +161,12 @@ aio::Task<bool> found(daemon::RepoWorker& w, const std::string& name, const std:
   co_return false;
 }
 
-// Polls until `name` is found in `rel`; the seconds it took from `since`, or -1 after 30 s.
+// Polls every `every` until `name` is found in `rel`; the seconds it took from `since`, or -1 after 30 s.
 aio::Task<double> until_found(daemon::RepoWorker& w, const std::string& name, const std::string& rel,
-                              Clock::time_point since_t) {
+                              Clock::time_point since_t, std::chrono::milliseconds every) {
   while (!co_await found(w, name, rel)) {
     if (since(since_t) > 30) co_return -1;
-    co_await aio::sleep_for(std::chrono::milliseconds(1));
+    co_await aio::sleep_for(every);
   }
   co_return since(since_t);
 }
@@ -201,7 +201,7 @@ aio::Task<void> follow_body(daemon::RepoWorker& w, const fs::path& tree, const f
     const std::string name = fmt::format("brenloc_probe_{}", i);
     const auto start = Clock::now();
     append(tree / rel, fmt::format("\nstatic inline int {}(void) {{ return 1; }}\n", name));
-    double s = co_await until_found(w, name, rel, start);
+    double s = co_await until_found(w, name, rel, start, std::chrono::milliseconds(2));
     if (s < 0) ++lost; else latency.push_back(s);
     co_await aio::sleep_for(std::chrono::milliseconds(1000) - (Clock::now() - start));
   }
@@ -216,8 +216,8 @@ aio::Task<void> follow_body(daemon::RepoWorker& w, const fs::path& tree, const f
   for (std::size_t i = 0; i < files.size(); ++i) append(tree / files[i], fmt::format("\nstatic inline int brenloc_switch_{}(void) {{ return 1; }}\n", i));
   const double written = since(t);
   const std::string last = fmt::format("brenloc_switch_{}", files.size() - 1);
-  double reflected = co_await until_found(w, last, files.back(), t);
-  while (w.busy()) co_await aio::sleep_for(std::chrono::milliseconds(1));
+  double reflected = co_await until_found(w, last, files.back(), t, std::chrono::milliseconds(20));
+  while (w.busy()) co_await aio::sleep_for(std::chrono::milliseconds(20));
   reflected = since(t);
   const bool first_found = co_await found(w, "brenloc_switch_0", files.front());
   fmt::print("branch switch of {} files: written in {:.2f} s, reflected {:.2f} s after the first write, in {} passes "

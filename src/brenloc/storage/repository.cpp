@@ -243,15 +243,27 @@ std::unordered_map<std::string, std::string> Repository::file_hashes() {
   return out;
 }
 
-std::unordered_map<std::string, StoredFile> Repository::file_states() {
+std::unordered_map<std::string, StoredFile> Repository::file_states(const std::optional<std::vector<std::string>>& under) {
   std::unordered_map<std::string, StoredFile> out;
   const auto& path = impl_->path;
+  const bool all = !under || std::any_of(under->begin(), under->end(), [](const std::string& p) { return p.empty(); });
   db_->with_connection([&](sqlite3* c) {
-    Statement stmt(c, "SELECT path, content_hash, size, mtime_ns, inode, ctime_ns, read_ns FROM files", path,
-                   "reading the file states");
-    while (stmt.step(path, "reading the file states")) {
-      out.emplace(stmt.text(0), StoredFile{stmt.text(1), stmt.integer(2), stmt.integer(3), stmt.integer(4),
-                                           stmt.integer(5), stmt.integer(6)});
+    std::string sql = "SELECT path, content_hash, size, mtime_ns, inode, ctime_ns, read_ns FROM files";
+    if (!all) sql += " WHERE path = ?1 OR (path >= ?2 AND path < ?3)";  // '0' follows '/'
+    Statement stmt(c, sql, path, "reading the file states");
+    auto read = [&] {
+      while (stmt.step(path, "reading the file states")) {
+        out.emplace(stmt.text(0), StoredFile{stmt.text(1), stmt.integer(2), stmt.integer(3), stmt.integer(4),
+                                             stmt.integer(5), stmt.integer(6)});
+      }
+      stmt.reset();
+    };
+    if (all) return read();
+    for (const std::string& p : *under) {
+      stmt.bind(1, p);
+      stmt.bind(2, p + "/");
+      stmt.bind(3, p + "0");
+      read();
     }
   });
   return out;

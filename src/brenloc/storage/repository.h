@@ -39,8 +39,9 @@ class Repository {
   // --- writes (blocking, on the writer connection) ---
   // Path -> content hash of every indexed file.
   std::unordered_map<std::string, std::string> file_hashes();
-  // Path -> content hash and status of every indexed file.
-  std::unordered_map<std::string, StoredFile> file_states();
+  // Path -> content hash and status of every indexed file, or, with `under`, of those at or under one of
+  // these relative paths ("" for all).
+  std::unordered_map<std::string, StoredFile> file_states(const std::optional<std::vector<std::string>>& under = {});
   // Stores each entry in one transaction, replacing the file's earlier rows.
   void store_files(const std::vector<FileEntry>& entries);
   // Updates the status columns (size, mtime_ns, inode, ctime_ns, read_ns) of files whose content was found

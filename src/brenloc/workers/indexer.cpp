@@ -276,6 +276,18 @@ struct Indexer::Pass {
 // or failed bulk load left missing.
 aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesystem::path>> paths) {
   const bool nothing = paths && paths->empty();
+  // The index's rows of the listed paths only (a pass over a few files reads a few rows).
+  std::optional<std::vector<std::string>> under;
+  if (paths) {
+    under.emplace();
+    for (const auto& p : *paths) {
+      std::filesystem::path abs = p.is_absolute() ? p : root / p;
+      std::string rel = abs.lexically_normal().lexically_relative(root.lexically_normal()).generic_string();
+      while (!rel.empty() && rel.back() == '/') rel.pop_back();
+      if (rel == ".") rel.clear();
+      if (!rel.starts_with("..")) under->push_back(std::move(rel));
+    }
+  }
   auto collected_f =
       impl->track(aio::to_thread([root = root, data_dir = data_dir, paths = std::move(paths), stop = stop] {
         std::error_code ec;
@@ -284,8 +296,8 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
         return std::make_shared<const Collected>(collect_files(policy, paths, *stop));
       }));
   if (!nothing) {
-    auto hashes_f = impl->on_writer(o, [repo = repo, whole = whole] {
-      auto hashes = std::make_shared<const StateMap>(repo->file_states());
+    auto hashes_f = impl->on_writer(o, [repo = repo, whole = whole, under = std::move(under)] {
+      auto hashes = std::make_shared<const StateMap>(repo->file_states(under));
       bool deferred = whole && hashes->empty() && repo->defer_name_index();
       if (!deferred) repo->restore_indexes();
       return std::make_pair(hashes, deferred);
