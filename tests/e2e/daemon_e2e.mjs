@@ -325,6 +325,36 @@ test('another user gets nothing from the daemon', { skip: process.getuid() !== 0
   }
 });
 
+test('a newer brenloc binary has an older daemon make way; sessions follow it', async () => {
+  const rt = runtime();
+  const data = fresh('data');
+  const s = await session(rt, demo, data);
+  try {
+    const old = await daemonStatus(rt);
+    const newer = path.join(scratch, 'brenloc-newer');
+    fs.copyFileSync(bin, newer);
+    fs.chmodSync(newer, 0o755);
+    const later = new Date(Date.now() + 60_000);
+    fs.utimesSync(newer, later, later);
+    const r = await new Promise((resolve) => execFile(newer, ['status', '--daemon', '--repo', demo, '--data-dir', data],
+      { env: rt.env }, (error, stdout, stderr) => resolve({ code: error ? error.code : 0, stdout, stderr })));
+    assert.equal(r.code, 0, r.stderr);
+    assert.equal(JSON.parse(r.stdout).data_dir, data);
+    const now = await daemonStatus(rt);
+    assert.notEqual(now.pid, old.pid);
+    assert.notDeepEqual(now.build, old.build);
+    // The session's next call reaches the new daemon; an older client does not displace it.
+    let result = await call(s, 'index_status');
+    if (result.isError) result = await call(s, 'index_status');  // a call that was under way when it changed
+    assert.equal(result.isError, false, JSON.stringify(result.content));
+    assert.equal((await run(['status', '--repo', demo, '--data-dir', data], rt.env)).code, 0);
+    assert.equal((await daemonStatus(rt)).pid, now.pid);
+  } finally {
+    await s.client.close();
+    await stopDaemon(rt);
+  }
+});
+
 test('the daemon stops when idle, on SIGTERM mid-rebuild and when asked, cleaning up', async () => {
   let rt = runtime({ BRENLOC_DAEMON_IDLE_TIMEOUT: '1', BRENLOC_WORKER_IDLE_TIMEOUT: '0' });
   let s = await session(rt, demo, fresh('data'));

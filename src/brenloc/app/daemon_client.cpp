@@ -15,6 +15,8 @@
 
 #include <fmt/format.h>
 
+#include "brenloc/utils/owner_lock.h"
+
 namespace brenloc::app {
 
 namespace fs = std::filesystem;
@@ -106,8 +108,44 @@ int connect_daemon(const RuntimePaths& paths, bool start) {
                                 kDaemonStartTimeout.count(), paths.log.string()));
 }
 
+Json BuildIdentity::to_json() const { return Json{{"version", version}, {"file", file}, {"mtime_ns", mtime_ns}}; }
+
+BuildIdentity BuildIdentity::from_json(const Json& j) {
+  if (!j.is_object()) return {};
+  return {j.value("version", std::string()), j.value("file", std::string()), j.value("mtime_ns", std::int64_t{0})};
+}
+
+BuildIdentity build_identity() {
+  struct stat st {};
+  BuildIdentity id{BRENLOC_VERSION, "", 0};
+  if (::stat("/proc/self/exe", &st) == 0) {
+    id.file = fmt::format("{}:{}:{}", st.st_dev, st.st_ino, st.st_size);
+    id.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+  }
+  return id;
+}
+
+namespace {
+
+// Waits until the daemon that holds the lock of `paths` has exited (its lock is free).
+void wait_for_exit(const RuntimePaths& paths) {
+  for (auto deadline = Clock::now() + std::chrono::seconds(120); Clock::now() < deadline;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    try {
+      utils::OwnerLock::acquire(paths.lock, "the daemon's runtime directory");
+      return;
+    } catch (const utils::LockBusy&) {
+    }
+  }
+  throw DaemonError("the older brenloc daemon did not make way within 120 s");
+}
+
+}  // namespace
+
 int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const fs::path& data_dir, bool start) {
-  const Json params = {{"repo_root", repo_root.string()}, {"data_dir", data_dir.string()}};
+  const Json params = {{"repo_root", repo_root.string()},
+                       {"data_dir", data_dir.string()},
+                       {"build", build_identity().to_json()}};
   for (int attempt = 1;; ++attempt) {
     int fd = start ? connect_daemon(paths, true) : connect_socket(paths.socket);
     if (fd < 0) return -1;
@@ -119,6 +157,12 @@ int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const fs
       // A daemon on its way out still accepts for a moment: the next attempt starts a new one.
       if (attempt == 3) throw;
       std::this_thread::sleep_for(std::chrono::milliseconds(50 * attempt));
+    } catch (const RpcError& e) {
+      ::close(fd);
+      if (e.code() != kDaemonMakesWay || attempt == 3) throw;
+      // An older daemon stops for this newer binary: once it is gone, a new one is started (or, when
+      // this client starts none, it runs in its own process).
+      wait_for_exit(paths);
     } catch (...) {
       ::close(fd);
       throw;

@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -48,6 +49,22 @@ class Interrupted : public std::runtime_error {
  public:
   Interrupted() : std::runtime_error("interrupted") {}
 };
+
+// What identifies the brenloc binary of this process: its version and the executable file it was started
+// from (device, inode, size, modification time). A client of a binary newer than the daemon's (an upgrade,
+// a rebuild) has the daemon make way for a daemon of its own binary.
+struct BuildIdentity {
+  std::string version;
+  std::string file;          // "dev:ino:size"
+  std::int64_t mtime_ns = 0;
+  nlohmann::ordered_json to_json() const;
+  static BuildIdentity from_json(const nlohmann::ordered_json& j);
+  bool operator==(const BuildIdentity&) const = default;
+};
+BuildIdentity build_identity();
+
+// The daemon's refusal of a client whose binary is newer than its own; it stops right after.
+inline constexpr int kDaemonMakesWay = -32002;
 
 // How the daemon's workers name, in their data directories' lock files, the socket that reaches them.
 inline constexpr std::string_view kOwnerSocketNote = "socket ";

@@ -196,6 +196,18 @@ class Daemon {
   }
 
   aio::Task<void> attach_and_serve(Session& s, const mcp::Incoming& m) {
+    if (m.params.is_object() && m.params.contains("build")) {
+      BuildIdentity theirs = BuildIdentity::from_json(m.params["build"]);
+      if (theirs.mtime_ns > build_.mtime_ns && !(theirs == build_)) {
+        // An upgrade or a rebuild: this daemon makes way, and its clients reconnect to the new one.
+        reply(s.fd, mcp::make_error(m.id, kDaemonMakesWay,
+                                    fmt::format("this brenloc daemon ({}) is older than the client's binary ({}); it "
+                                                "stops to make way",
+                                                build_.version, theirs.version)));
+        request_stop("a newer brenloc binary asked for the daemon");
+        co_return;
+      }
+    }
     auto key = key_of(m.params);
     if (auto* why = std::get_if<std::string>(&key)) {
       reply(s.fd, mcp::make_error(m.id, mcp::kInvalidParams, *why));
@@ -327,7 +339,7 @@ class Daemon {
                                   {"stopping", e->stopped.has_value()}});
     }
     auto uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started_).count();
-    return mcp::Json{{"pid", ::getpid()},          {"version", BRENLOC_VERSION},
+    return mcp::Json{{"pid", ::getpid()},          {"version", BRENLOC_VERSION}, {"build", build_.to_json()},
                      {"socket", paths_.socket.string()}, {"uptime_seconds", uptime},
                      {"sessions", sessions_.size()}, {"workers", workers}};
   }
@@ -364,6 +376,7 @@ class Daemon {
   local::acceptor acceptor_;
   asio::signal_set signals_;
   Clock::time_point started_;
+  BuildIdentity build_ = build_identity();  // taken at start: the file may be replaced while the daemon runs
   std::shared_ptr<aio::FutureState<void>> stop_requested_ = std::make_shared<aio::FutureState<void>>();
   bool stopping_ = false;
   std::list<std::shared_ptr<Session>> sessions_;
