@@ -152,11 +152,12 @@ TEST(SearchTools, OutlinesFollowTheRecordedScopes) {
   });
 }
 
-// The source of every definition of the samples, asked by path and line, starts at the line that names
-// it, which is its signature; asked by name within its file and kind, the same definition comes back.
+// The source of every definition of the samples, asked by path and line, starts where the definition
+// starts (a template header or return type above the name included), and its signature runs from there
+// to the name; asked by name within its file and kind, the same definition comes back.
 TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
   with_samples({}, [&](daemon::RepoWorker& w, const fs::path& root) -> aio::Task<void> {
-    int checked = 0;
+    int checked = 0, headed = 0;
     for (const auto& file : w._repository->list_files()) {
       std::ifstream in(root / file.path);
       std::vector<std::string> lines;
@@ -166,9 +167,14 @@ TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
         SCOPED_TRACE(fmt::format("{} {}:{}", s.name, file.path, s.line));
         json by_line = co_await w.symbol_source({{"path", file.path}, {"line", s.line}});
         const std::string source = by_line["source"];
-        EXPECT_EQ(source.substr(0, source.find('\n')), lines.at(s.line - 1));
-        EXPECT_NE(by_line["signature"].get<std::string>().find(s.name), std::string::npos);
+        const int first = s.start_line > 0 ? s.start_line : s.line;
+        headed += first < s.line;
+        EXPECT_EQ(source.substr(0, source.find('\n')), lines.at(first - 1));
+        const std::string signature = by_line["signature"];
+        EXPECT_TRUE(signature.starts_with(lines.at(first - 1).substr(lines.at(first - 1).find_first_not_of(" \t"))));
+        EXPECT_NE(signature.find(s.name), std::string::npos);
         EXPECT_EQ(by_line["line"], s.line);
+        EXPECT_EQ(by_line["start_line"], first);
         json by_name = co_await w.symbol_source({{"name", s.name}, {"path", file.path}, {"kind", s.kind}});
         if (by_name["other_matches"] == 0) {
           EXPECT_EQ(by_name["source"], by_line["source"]);
@@ -177,6 +183,9 @@ TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
       }
     }
     EXPECT_GT(checked, 50);
+    EXPECT_GT(headed, 0);
+    json templated = co_await w.symbol_source({{"name", "clamped"}});
+    EXPECT_EQ(templated["signature"], "template <typename T> static T clamped(T value, T low, T high) {");
     json capped = co_await w.symbol_source({{"name", "Cart"}, {"max_lines", 2}});
     EXPECT_EQ(capped["source"], "class Cart:\n    def __init__(self):");
     EXPECT_TRUE(capped["truncated"].get<bool>());

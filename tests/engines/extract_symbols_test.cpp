@@ -35,6 +35,7 @@ struct Def {
   // Checked when not 0. Positions are 1-based: a definition starts at its name and ends at its last
   // character, and one that takes its line's newline along (a macro) still ends on its own line.
   int column = 0, end_line = 0, end_column = 0;
+  int start_line = 0;  // where the definition starts (above its name: a template header, a return type)
 };
 
 struct Case {
@@ -173,8 +174,13 @@ namespace a::b { int nested_value = 1; }
     {"Widget", "constructor", 17, "outer::Widget"}, {"~Widget", "method", 18, "outer::inner::Widget"},
     {"draw", "method", 19, "outer::inner::Widget"}, {"count", "variable", 23, "outer::inner::Widget"},
     {"free_function", "function", 24, "outer"}, {"helper", "function", 25, "outer::inner"},
-    {"Alias", "type", 26, "outer"}, {"Box", "class", 28, "outer"}, {"value", "field", 28, "outer::Box"},
+    {"Alias", "type", 26, "outer"}, {"Box", "class", 28, "outer", 0, 0, 0, 27}, {"value", "field", 28, "outer::Box"},
     {"a::b", "namespace", 30}, {"nested_value", "variable", 30, "a::b"}}, {"local", "lambda", "in_lambda", "v"}},
+  {"cpp_definitions_start_above_their_names", "cpp",
+   "template <typename K,\n          typename V>\nstatic inline\nV lookup(K key) { return V(); }\nint\nplain() { return 0; }\n"
+   "template <> struct Box<int> {};\nint template_free = 1;\n",
+   {{"lookup", "function", 4, "", 0, 0, 0, 1}, {"plain", "function", 6, "", 0, 0, 0, 5},
+    {"Box", "struct", 7, "", 0, 0, 0, 7}, {"template_free", "variable", 8, "", 0, 0, 0, 8}}},
   // An enum whose body is filled by the preprocessor is not valid syntax, yet its name is known.
   {"cpp_enum_filled_by_include", "cpp", R"(class Instruction {
  public:
@@ -341,7 +347,7 @@ TEST_P(ExtractSymbols, FindsTheDefinitions) {
     EXPECT_TRUE(std::any_of(r.symbols.begin(), r.symbols.end(), [&](const storage::SymbolRow& s) {
       return s.name == d.name && s.kind == d.kind && s.line == d.line && s.scope == d.scope &&
              (d.column == 0 || s.column == d.column) && (d.end_line == 0 || s.end_line == d.end_line) &&
-             (d.end_column == 0 || s.end_column == d.end_column);
+             (d.end_column == 0 || s.end_column == d.end_column) && (d.start_line == 0 || s.start_line == d.start_line);
     })) << "missing " << d.name << " " << d.kind << " line " << d.line << " scope '" << d.scope << "'; found:\n"
         << describe(r.symbols);
   }

@@ -5,6 +5,12 @@
 
 namespace geometry {
 
+template <typename T>
+static T
+clamped(T value, T low, T high) {
+  return value < low ? low : (high < value ? high : value);
+}
+
 void Polygon::add(Point p) { points_.push_back(p); }
 
 double Polygon::perimeter() const {

@@ -113,14 +113,15 @@ json source_output() {
                                {"path", kString},
                                {"language", kString},
                                {"line", kInteger},
+                               {"start_line", kInteger},
                                {"end_line", kInteger},
                                {"scope", kString},
                                {"signature", kStringOrNull},
                                {"source", kStringOrNull},
                                {"truncated", {{"type", "boolean"}}},
                                {"other_matches", kInteger}},
-                              {"name", "kind", "path", "language", "line", "end_line", "scope", "signature", "source",
-                               "truncated", "other_matches"});
+                              {"name", "kind", "path", "language", "line", "start_line", "end_line", "scope", "signature",
+                               "source", "truncated", "other_matches"});
   return json{{"type", "object"}, {"oneOf", {source, refused()}}};
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -280,6 +281,32 @@ bool has_extern_storage(TSNode decl, std::string_view source) {
   return false;
 }
 
+// The lines that `template <...>` headers right before byte `at` take up (C++ puts them outside the
+// node of the definition they introduce), by the newlines between the first header and `at`.
+std::uint32_t rows_of_template_headers(std::string_view src, std::uint32_t at) {
+  auto skip_blanks = [&](std::size_t i) {
+    while (i > 0 && std::strchr(" \t\r\n", src[i - 1]) != nullptr) --i;
+    return i;
+  };
+  std::size_t start = at;
+  for (std::size_t i = skip_blanks(at); i > 0 && src[i - 1] == '>';) {
+    int depth = 0;
+    std::size_t j = i;
+    do {
+      --j;
+      depth += src[j] == '>' ? 1 : src[j] == '<' ? -1 : 0;
+    } while (j > 0 && depth > 0);
+    if (depth != 0) break;
+    const std::size_t word_end = skip_blanks(j);
+    if (word_end < 8 || src.substr(word_end - 8, 8) != "template") break;
+    if (word_end > 8 && (std::isalnum(static_cast<unsigned char>(src[word_end - 9])) || src[word_end - 9] == '_')) break;
+    start = word_end - 8;
+    i = skip_blanks(start);
+  }
+  return static_cast<std::uint32_t>(std::count(src.begin() + static_cast<std::ptrdiff_t>(start),
+                                               src.begin() + static_cast<std::ptrdiff_t>(at), '\n'));
+}
+
 struct Candidate {
   Entry entry = Entry::symbol;
   Kind kind = Kind::function;
@@ -287,6 +314,7 @@ struct Candidate {
   std::vector<std::string> qualifier;
   std::uint32_t start_byte = 0, end_byte = 0;
   TSPoint start{}, end{};  // start: of the name (where the definition is shown); end: of the definition
+  std::uint32_t first_row = 0;  // where the definition starts (its return type, a template header)
   std::uint32_t key = 0;  // the name node's start byte: one definition per name node
   std::uint32_t pattern = 0;
 };
@@ -302,6 +330,8 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
   c.end_byte = ts_node_end_byte(m.def);
   c.start = ts_node_start_point(m.def);
   c.end = ts_node_end_point(m.def);
+  c.first_row = c.start.row;
+  if (lang.name == "cpp") c.first_row -= rows_of_template_headers(source, c.start_byte);
 
   if (c.entry == Entry::local) {
     c.key = c.start_byte;
@@ -535,6 +565,7 @@ storage::SymbolRow row_of(const Candidate& c, std::string_view source, const std
   row.column = static_cast<int>(c.start.column) + 1;
   row.end_line = static_cast<int>(c.end.row) + 1;
   row.end_column = static_cast<int>(c.end.column);
+  row.start_line = std::min(static_cast<int>(c.first_row) + 1, row.line);
   if (c.end.column == 0 && c.end.row > c.start.row && c.end_byte > 0 && c.end_byte <= source.size()) {
     // The definition ends with its line's newline (a macro): it ends on that line, before it.
     const std::size_t newline = c.end_byte - 1;

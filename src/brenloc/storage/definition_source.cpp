@@ -4,30 +4,38 @@
 
 namespace brenloc::storage {
 
+namespace {
+
+int first_line(const SymbolRow& s) { return s.start_line > 0 ? std::min(s.start_line, s.line) : s.line; }
+
+}  // namespace
+
 std::optional<SymbolHit> definition_at(const FileEntry& file, int line) {
   const SymbolRow* best = nullptr;
   for (const SymbolRow& s : file.symbols) {
-    if (s.line > line || line > s.end_line) continue;
+    if (first_line(s) > line || line > s.end_line) continue;
     // Rows come outer before inner: a later row that holds the line is nested deeper (or alike).
-    if (best == nullptr || (best->line <= s.line && s.end_line <= best->end_line)) best = &s;
+    if (best == nullptr || (first_line(*best) <= first_line(s) && s.end_line <= best->end_line)) best = &s;
   }
   if (best == nullptr) return std::nullopt;
-  return SymbolHit{best->name,     best->kind,  file.file.path,          best->line, best->column,
-                   best->end_line, best->scope, file.file.language, 0};
+  return SymbolHit{best->name,  best->kind,         file.file.path, best->line,         best->column,
+                   best->end_line, best->scope, file.file.language, 0,            first_line(*best)};
 }
 
 nlohmann::ordered_json source_answer(const SymbolHit& d, SourceFiles& sources, int max_lines,
                                      std::int64_t other_matches) {
   using json = nlohmann::ordered_json;
-  const int last = std::min(std::max(d.end_line, d.line), d.line + max_lines - 1);
-  auto text = sources.lines(d.path, d.line, last);
+  const int first = d.start_line > 0 ? std::min(d.start_line, d.line) : d.line;
+  const int last = std::min(std::max(d.end_line, d.line), first + max_lines - 1);
+  auto text = sources.lines(d.path, first, last);
   json signature;
-  if (text) signature = signature_of(std::string_view(*text).substr(0, text->find('\n')));
+  if (text) signature = signature_of(*text, d.line - first);
   return json{{"name", d.name},
               {"kind", d.kind},
               {"path", d.path},
               {"language", d.language},
               {"line", d.line},
+              {"start_line", first},
               {"end_line", d.end_line},
               {"scope", d.scope},
               {"signature", signature},

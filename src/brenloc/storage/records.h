@@ -40,6 +40,7 @@ struct SymbolRow {
   int end_line = 0;
   int end_column = 0;
   std::string scope;  // enclosing scope ("ns::Klass"), empty at top level
+  int start_line = 0;  // where the definition starts, when before `line` (a return type, a template header)
 };
 
 // One file with all its symbols, stored as a unit (replacing the file's earlier rows).
@@ -74,6 +75,7 @@ struct SymbolHit {
   std::string scope;
   std::string language;
   int tier = 0;  // how it matched (see symbol_match.h): lower ranks first
+  int start_line = 0;  // where the definition starts (at most `line`)
 };
 
 // The best hits of a search, and how many matched in all: `total` is exact unless `more`, when it is

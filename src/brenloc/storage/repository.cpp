@@ -87,8 +87,8 @@ constexpr const char* kHasNameIndexSql =
 constexpr std::size_t kRowsPerInsert = 32;
 
 std::string symbol_insert_sql(std::size_t rows) {
-  std::string sql = "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope) VALUES ";
-  for (std::size_t r = 0; r < rows; ++r) sql += r == 0 ? "(?, ?, ?, ?, ?, ?, ?, ?)" : ", (?, ?, ?, ?, ?, ?, ?, ?)";
+  std::string sql = "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope, lead) VALUES ";
+  for (std::size_t r = 0; r < rows; ++r) sql += r == 0 ? "(?, ?, ?, ?, ?, ?, ?, ?, ?)" : ", (?, ?, ?, ?, ?, ?, ?, ?, ?)";
   return sql;
 }
 
@@ -145,6 +145,7 @@ void insert_symbols(Statement& stmt, std::span<const PendingSymbol> rows, const 
     stmt.bind(++i, p.row->end_line);
     stmt.bind(++i, p.row->end_column);
     stmt.bind_static(++i, p.row->scope);
+    stmt.bind(++i, p.row->start_line > 0 && p.row->start_line < p.row->line ? p.row->line - p.row->start_line : 0);
   }
   const std::string& first = *rows.front().path;
   const std::string& last = *rows.back().path;
@@ -456,7 +457,8 @@ std::optional<FileEntry> Repository::file_symbols(const std::string& path) {
       count = file.integer(6);
     }
     Statement& rows = r.statement(
-        "SELECT name, kind, line, col, end_line, end_col, scope FROM symbols WHERE id >= ?1 AND id < ?2 ORDER BY id",
+        "SELECT name, kind, line, col, end_line, end_col, scope, line - lead FROM symbols WHERE id >= ?1 AND id < ?2 "
+        "ORDER BY id",
         impl_->path);
     ResetOnExit done{rows};
     rows.bind(1, first);
@@ -464,7 +466,8 @@ std::optional<FileEntry> Repository::file_symbols(const std::string& path) {
     while (rows.step(impl_->path, "reading a file's symbols")) {
       out->symbols.push_back(SymbolRow{rows.text(0), rows.text(1), static_cast<int>(rows.integer(2)),
                                        static_cast<int>(rows.integer(3)), static_cast<int>(rows.integer(4)),
-                                       static_cast<int>(rows.integer(5)), rows.text(6)});
+                                       static_cast<int>(rows.integer(5)), rows.text(6),
+                                       static_cast<int>(rows.integer(7))});
     }
     return out;
   });

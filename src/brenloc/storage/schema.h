@@ -39,7 +39,10 @@ CREATE TABLE IF NOT EXISTS symbols (
   col INTEGER NOT NULL,
   end_line INTEGER NOT NULL,
   end_col INTEGER NOT NULL,
-  scope TEXT NOT NULL
+  scope TEXT NOT NULL,
+  -- How many lines before `line` the definition starts (a return type or template header above the
+  -- name); almost always 0, which SQLite stores in no bytes.
+  lead INTEGER NOT NULL
 );
 -- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows.
 CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE);

@@ -12,7 +12,8 @@ namespace {
 std::size_t json_size(const json& j) { return j.dump().size(); }
 
 json hit_json(const SymbolHit& h, SourceFiles& sources) {
-  auto line = sources.lines(h.path, h.line, h.line);
+  const int first = h.start_line > 0 ? std::min(h.start_line, h.line) : h.line;
+  auto lines = sources.lines(h.path, first, h.line);
   return json{{"name", h.name},
               {"kind", h.kind},
               {"path", h.path},
@@ -21,7 +22,7 @@ json hit_json(const SymbolHit& h, SourceFiles& sources) {
               {"end_line", h.end_line},
               {"scope", h.scope},
               {"language", h.language},
-              {"signature", line ? json(signature_of(*line)) : json()}};
+              {"signature", lines ? json(signature_of(*lines, h.line - first)) : json()}};
 }
 
 // Whether `scope` names the definition `parent` (its last part is the parent's name).

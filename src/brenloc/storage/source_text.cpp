@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "brenloc/utils/path_guards.h"
 
 namespace brenloc::storage {
@@ -36,6 +39,13 @@ std::optional<std::string> read_file(const std::filesystem::path& path) {
   }
   ::close(fd);
   return out;
+}
+
+std::string_view trimmed(std::string_view line) {
+  const auto blank = " \t\r\n\f\v";
+  const auto begin = line.find_first_not_of(blank);
+  if (begin == std::string_view::npos) return {};
+  return line.substr(begin, line.find_last_not_of(blank) - begin + 1);
 }
 
 }  // namespace
@@ -77,15 +87,25 @@ std::optional<std::string> SourceFiles::lines(const std::string& rel, int first,
   return clean;
 }
 
-std::string signature_of(std::string_view line) {
-  const auto blank = " \t\r\n\f\v";
-  const auto begin = line.find_first_not_of(blank);
-  if (begin == std::string_view::npos) return {};
-  line = line.substr(begin, line.find_last_not_of(blank) - begin + 1);
-  if (line.size() <= kMaxSignatureBytes) return std::string(line);
+std::string signature_of(std::string_view text, int name_row) {
+  std::vector<std::string_view> rows;
+  for (std::size_t at = 0; static_cast<int>(rows.size()) <= name_row;) {
+    const std::size_t end = std::min(text.find('\n', at), text.size());
+    rows.push_back(trimmed(text.substr(at, end - at)));
+    if (end == text.size()) break;
+    at = end + 1;
+  }
+  std::string joined;
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    if (rows.size() > 3 && i > 0 && i + 1 < rows.size()) continue;
+    if (rows[i].empty()) continue;
+    if (!joined.empty()) joined += rows.size() > 3 && i + 1 == rows.size() ? " ... " : " ";
+    joined += rows[i];
+  }
+  if (joined.size() <= kMaxSignatureBytes) return joined;
   std::size_t cut = kMaxSignatureBytes;
-  while (cut > 0 && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) --cut;  // not inside a character
-  return std::string(line.substr(0, cut)) + "...";
+  while (cut > 0 && (static_cast<unsigned char>(joined[cut]) & 0xC0) == 0x80) --cut;  // not inside a character
+  return joined.substr(0, cut) + "...";
 }
 
 }  // namespace brenloc::storage

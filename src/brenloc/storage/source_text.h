@@ -27,7 +27,10 @@ class SourceFiles {
   std::map<std::string, std::optional<std::string>> files_;
 };
 
-// A line as a signature: surrounding blanks trimmed, at most about 200 bytes (cut between characters).
-std::string signature_of(std::string_view line);
+// The signature of a definition from its text (its lines from the first one), the line that names it
+// being `name_row` lines down: that line and the ones above it, each trimmed, joined by a space (of more
+// than three lines, the first and the naming one, joined by " ... "); at most about 200 bytes (cut
+// between characters).
+std::string signature_of(std::string_view text, int name_row = 0);
 
 }  // namespace brenloc::storage

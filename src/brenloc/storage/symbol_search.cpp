@@ -14,7 +14,8 @@ namespace brenloc::storage::detail {
 
 namespace {
 
-constexpr const char* kColumns = "s.id, s.name, s.kind, f.path, s.line, s.col, s.end_line, s.scope, f.language";
+constexpr const char* kColumns =
+    "s.id, s.name, s.kind, f.path, s.line, s.col, s.end_line, s.scope, f.language, s.line - s.lead";
 // At most this many files under a path filter make reading all their rows cheaper than the name index.
 constexpr int kFewFiles = 64;
 
@@ -130,7 +131,7 @@ class Collector {
       }
       hits_.push_back(SymbolHit{name, stmt.text(2), stmt.text(3), static_cast<int>(stmt.integer(4)),
                                 static_cast<int>(stmt.integer(5)), static_cast<int>(stmt.integer(6)), scope,
-                                stmt.text(8), static_cast<int>(tier)});
+                                stmt.text(8), static_cast<int>(tier), static_cast<int>(stmt.integer(9))});
     }
     return true;
   }
