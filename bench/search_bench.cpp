@@ -133,11 +133,13 @@ int main(int argc, char** argv) {
   fs::path repo_root = "/usr/include";
   int rounds = 200;
   bool rebuild = true;
+  std::string only;  // one query form, for profiling: its queries alone, as fast as they go
   for (int i = 2; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--repo" && i + 1 < argc) repo_root = argv[++i];
     if (a == "--rounds" && i + 1 < argc) rounds = std::atoi(argv[++i]);
     if (a == "--no-rebuild") rebuild = false;
+    if (a == "--only" && i + 1 < argc) only = argv[++i];
   }
   brenloc::utils::get_logger("brenloc.storage")->set_level(spdlog::level::warn);
   const fs::path db_path = data / "index.db";
@@ -146,6 +148,20 @@ int main(int argc, char** argv) {
   Repository repo(db);
   LikeScan like(db_path);
   const auto all = forms();
+  if (!only.empty()) {
+    for (const auto& f : all) {
+      if (f.label != only) continue;
+      Latency l;
+      for (int r = 0; r < rounds; ++r) {
+        repo.clear_query_cache();
+        const auto t = Clock::now();
+        repo.find_symbols(f.query);
+        l.ms.push_back(ms_since(t));
+      }
+      std::printf("%s: p50 %.3f ms, p99 %.3f ms\n", only.c_str(), l.pct(0.5), l.pct(0.99));
+    }
+    return 0;
+  }
   std::vector<Latency> idle(all.size()), idle_like(all.size()), busy(all.size()), busy_like(all.size());
   for (int r = 0; r < 3; ++r) round(repo, like, idle, idle_like);  // warm the page cache
   idle.assign(all.size(), {}), idle_like.assign(all.size(), {});

@@ -67,16 +67,20 @@ bad_ranges() {
               WHERE s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count AND s.file_id = f.id))
         || ' ' || ((SELECT count(*) FROM symbols) - (SELECT coalesce(sum(symbol_count), 0) FROM files))"
 }
-# "0 0 ok 0" when the search tables agree with the symbols: names missing and stray, the trigram index's own
-# check, names of three characters or more that the trigram index does not find.
+# "0 0 ok 0" when the search tables agree with the symbols: names (with their numbers of rows) missing and
+# stray, the trigram index's own check, names of three characters or more that the trigram index does not
+# find by their first three.
 search_tables() {
   sqlite3 -cmd ".timeout 5000" "$data/index.db" "
-    SELECT (SELECT count(*) FROM (SELECT lower(name) FROM symbols EXCEPT SELECT name FROM names)) || ' ' ||
-           (SELECT count(*) FROM (SELECT name FROM names EXCEPT SELECT lower(name) FROM symbols));
+    SELECT (SELECT count(*) FROM (SELECT name, count(*) FROM symbols GROUP BY name
+                                  EXCEPT SELECT name COLLATE BINARY, rows FROM names)) || ' ' ||
+           (SELECT count(*) FROM (SELECT name COLLATE BINARY, rows FROM names
+                                  EXCEPT SELECT name, count(*) FROM symbols GROUP BY name));
     INSERT INTO name_grams(name_grams) VALUES('integrity-check');
     SELECT 'ok';
-    SELECT count(*) FROM names n WHERE length(n.name) >= 3 AND NOT EXISTS
-      (SELECT 1 FROM name_grams g WHERE g.name LIKE n.name AND g.rowid = n.id);" 2>&1 | tr '\n' ' ' | sed 's/ $//'
+    SELECT count(*) FROM names n WHERE length(n.name) >= 3 AND NOT EXISTS (SELECT 1 FROM name_grams
+      WHERE name_grams MATCH '\"' || replace(lower(substr(n.name, 1, 3)), '\"', '\"\"') || '\"' AND rowid = n.id);" \
+    2>&1 | tr '\n' ' ' | sed 's/ $//'
 }
 staging_left() { ls "$data"/index.db.reindex-staging* 2>/dev/null | wc -l; }
 now_ms() { date +%s%3N; }

@@ -68,6 +68,11 @@ TEST(SearchTools, TheRelevanceTableHolds) {
   json cases = table["cases"];
   cases.push_back({{"args", {{"query", "connect"}}}, {"first", "connect function zzz/last.py"}, {"absent", json::array()}});
   cases.push_back({{"args", {{"query", "gSB"}}}, {"first", "getStatusBar class crowd/a.py"}, {"absent", json::array()}});
+  // Letters anywhere in the name: a run of word starts beats a scatter, and fuzzy mode ranks word starts
+  // before text inside a word.
+  cases.push_back({{"args", {{"query", "statbar"}}}, {"first", "getStatusBar class crowd/a.py"}, {"absent", json::array()}});
+  cases.push_back({{"args", {{"query", "nect4"}, {"match", "fuzzy"}}},
+                   {"first", "connect_4 function crowd/a.py"}, {"absent", json::array()}});
   cases.push_back({{"args", {{"query", "CONNECT_4"}, {"match", "Prefix"}}},
                    {"first", "connect_4 function crowd/a.py"},
                    {"absent", {"aconnect_4 function crowd/a.py"}}});

@@ -2,13 +2,19 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <map>
+#include <set>
 #include <thread>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "brenloc/storage/database.h"
+#include "brenloc/storage/name_table.h"
 #include "brenloc/storage/repository.h"
+#include "brenloc/storage/sqlite_util.h"
+#include "brenloc/storage/symbol_match.h"
 #include "utils/tree_fixtures.h"
 
 namespace brenloc::storage::testing {
@@ -64,28 +70,67 @@ inline std::string query_text(Database& db, const std::string& sql) {
   return out;
 }
 
-// Every row of the tables in id order (the trigram index's own tables included), then the names of the
+// Every row of the tables in order (the trigram index's own tables included), then the names of the
 // attached databases and of the indexes.
 inline std::string dump(Database& db) {
   return query_text(db, "SELECT * FROM files ORDER BY id") + "\n" + query_text(db, "SELECT * FROM symbols ORDER BY id") +
-         "\n" + query_text(db, "SELECT * FROM names ORDER BY id") + "\n" +
+         "\n" + query_text(db, "SELECT * FROM names") + "\n" + query_text(db, "SELECT * FROM name_state") + "\n" +
          query_text(db, "SELECT id, hex(block) FROM name_grams_data ORDER BY id") + "\n" +
          query_text(db, "SELECT name FROM pragma_database_list") + "\n" +
          query_text(db, "SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name");
 }
 
-// Empty when the search tables agree with the symbols: `names` holds each name once (ASCII case folded)
-// and the trigram index passes its own check; otherwise what is wrong.
+// Empty when the search tables agree with the symbols: `names` holds each name (exact case) once, with
+// its number of rows, and bits and a row range that cover its rows; the trigram index finds each name of
+// three characters or more by its text and passes its own check; otherwise what is wrong.
 inline std::string search_tables_problem(Database& db) {
-  const std::string stray = query_text(
-      db, "SELECT (SELECT count(*) FROM (SELECT lower(name) FROM symbols EXCEPT SELECT name FROM names)) || ' ' || "
-          "(SELECT count(*) FROM (SELECT name FROM names EXCEPT SELECT lower(name) FROM symbols))");
-  std::string problem = stray == "0 0" ? "" : "names missing and stray: " + stray;
-  // Each name of three characters or more is found through the trigram index by its own text.
-  const std::string unfound = query_text(
-      db, "SELECT count(*) FROM names n WHERE length(n.name) >= 3 AND NOT EXISTS "
-          "(SELECT 1 FROM name_grams g WHERE g.name LIKE n.name AND g.rowid = n.id)");
-  if (unfound != "0") problem += " names the trigram index misses: " + unfound;
+  struct Summary {
+    std::int64_t id = 0, rows = 0, kinds = 0, languages = 0, first = INT64_MAX, last = 0;
+  };
+  std::map<std::string, Summary> want, have;
+  std::string problem;
+  db.with_connection([&](sqlite3* c) {
+    detail::Statement rows(c, "SELECT s.name, s.kind, f.language, s.id FROM symbols s JOIN files f ON f.id = s.file_id", "", "");
+    while (rows.step("", "")) {
+      Summary& w = want[rows.text(0)];
+      ++w.rows;
+      w.kinds |= detail::kind_bit(rows.text(1));
+      w.languages |= detail::language_bit(rows.text(2));
+      w.first = std::min(w.first, rows.integer(3));
+      w.last = std::max(w.last, rows.integer(3));
+    }
+    detail::Statement names(c, "SELECT name, id, rows, kinds, languages, first_row, last_row FROM names", "", "");
+    while (names.step("", "")) {
+      if (have.contains(names.text(0))) problem += " twice: " + names.text(0);
+      have[names.text(0)] = {names.integer(1), names.integer(2), names.integer(3), names.integer(4), names.integer(5),
+                             names.integer(6)};
+    }
+    const std::int64_t next_id = detail::query_int(c, "SELECT next_id FROM name_state", "", "");
+    detail::Statement grams(c, "SELECT count(*) FROM name_grams WHERE name_grams MATCH ?1 AND rowid = ?2", "", "");
+    std::set<std::int64_t> ids;
+    for (const auto& [name, h] : have) {
+      const auto w = want.find(name);
+      if (w == want.end()) {
+        problem += " stray: " + name;
+        continue;
+      }
+      const Summary& s = w->second;
+      if (h.rows != s.rows || (h.kinds & s.kinds) != s.kinds || (h.languages & s.languages) != s.languages ||
+          h.first > s.first || h.last < s.last) {
+        problem += " wrong summary: " + name;
+      }
+      if (!ids.insert(h.id).second || h.id >= next_id) problem += " bad id: " + name;
+      if (name.size() < 3) continue;
+      grams.bind(1, detail::trigram_match(fold_case(name)));
+      grams.bind(2, h.id);
+      grams.step("", "");
+      if (grams.integer(0) != 1) problem += " unfound: " + name;
+      grams.reset();
+    }
+    for (const auto& [name, w] : want) {
+      if (!have.contains(name)) problem += " missing: " + name;
+    }
+  });
   try {
     db.execute("INSERT INTO name_grams(name_grams) VALUES('integrity-check')");
   } catch (const std::exception& e) {

@@ -85,12 +85,12 @@ void Database::create_schema() {
       utils::get_logger("brenloc.storage")
           ->warn("{}: dropping an index of schema version {} (this program's is {}); a reindex fills it again",
                  path_.string(), version, kSchemaVersion);
-      detail::run_script(db_, "DROP TABLE IF EXISTS name_grams; DROP TABLE IF EXISTS names; DROP TABLE IF EXISTS symbols; "
-                         "DROP TABLE IF EXISTS files;", path_,
+      detail::run_script(db_, "DROP TABLE IF EXISTS name_grams; DROP TABLE IF EXISTS names; DROP TABLE IF EXISTS name_state; "
+                         "DROP TABLE IF EXISTS symbols; DROP TABLE IF EXISTS files;", path_,
                          "dropping an index of an older version");
     }
     detail::run_script(db_, detail::kSchemaSql, path_, "creating the schema");
-    detail::run_script(db_, detail::kNamesTableSql, path_, "creating the schema");
+    detail::run_script(db_, detail::kSearchTablesSql, path_, "creating the schema");
     detail::run_script(db_, detail::name_grams_sql(""), path_, "creating the schema");
     detail::run_script(db_, fmt::format("PRAGMA user_version = {}", kSchemaVersion), path_,
                        "setting the schema version");

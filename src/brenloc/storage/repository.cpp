@@ -161,6 +161,7 @@ struct Repository::Impl {
   std::filesystem::path path;
   std::shared_ptr<spdlog::logger> log = utils::get_logger("brenloc.storage");
   detail::QueryCache<CachedValue> cache{kCacheEntries};
+  detail::NameCatalogs catalogs;
 
   std::mutex readers_mu;
   std::vector<std::unique_ptr<Reader>> idle_readers;
@@ -339,9 +340,8 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       std::int64_t file_id = upsert.integer(0);
       upsert.step(path, op);  // ends the statement (RETURNING gives one row)
       upsert.reset();
-      next += count;
       for (const auto& s : entry.symbols) {
-        names.adding(s.name);
+        names.adding(s.name, s.kind, entry.file.language, next++);
         pending.push_back({file_id, &s, &entry.file.path});
         if (pending.size() == kRowsPerInsert) {
           insert_symbols(insert_many, pending, path);
@@ -432,7 +432,7 @@ SymbolSearch Repository::find_symbols(const SymbolQuery& q) {
   return impl_->cached<SymbolSearch>(std::move(key), [&] {
     return impl_->with_reader([&](Reader& r) {
       ReadTransaction snapshot(r.db, impl_->path);
-      return detail::run_symbol_search(r, impl_->path, q);
+      return detail::run_symbol_search(r, impl_->path, q, impl_->catalogs);
     });
   });
 }
@@ -566,7 +566,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       // The tables are emptied first so that the copies below go b-tree to b-tree (see schema.h).
       step("DELETE FROM main.symbols", "emptying the live symbols");
       step("DELETE FROM main.files", "emptying the live files");
-      step("DELETE FROM main.names", "emptying the live names");
+      step("DELETE FROM main.names; DELETE FROM main.name_state", "emptying the live names");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
       step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE)",
@@ -580,7 +580,8 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       rows.files = sqlite3_changes64(c);
       step("INSERT INTO main.symbols SELECT * FROM staging.symbols", "copying the symbols");
       rows.symbols = sqlite3_changes64(c);
-      step("INSERT INTO main.names SELECT * FROM staging.names", "copying the names");
+      step("INSERT INTO main.names SELECT * FROM staging.names; INSERT INTO main.name_state SELECT * FROM staging.name_state",
+           "copying the names");
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
            "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",
            "copying the trigram index");

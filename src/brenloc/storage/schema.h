@@ -48,22 +48,36 @@ CREATE TABLE IF NOT EXISTS symbols (
 CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE);
 )sql";
 
-// The search tables: every distinct name of symbols (ASCII letters in lower case) and a trigram index
-// of them, for substring and subsequence search. They are kept in step with symbols by the store, and,
-// after a bulk load, built with the name index (they are empty or stale exactly while it is missing).
-// The trigram index reads the names from `names` (external content) and keeps no positions: a LIKE over
-// it is checked against each candidate name.
-inline constexpr const char* kNamesTableSql = R"sql(
+// The search tables: every distinct name of symbols (exact case) with a summary of its rows, a trigram
+// index of the names, and the tables' stamp. They are kept in step with symbols by the store, and, after
+// a bulk load, built with the name index (they are empty or stale exactly while it is missing).
+//
+// A name's summary: how many rows bear it, a bit per kind and per language among them, and the smallest
+// and largest of their ids (a directory's rows are ranges of ids). The bits and the range may say more
+// than the rows do (they only grow until the next rebuild), never less. Searches keep the names in
+// memory by stamp, which changes with every change of names. The trigram index keeps no copy of the
+// names (contentless) and no positions: what it finds is a superset that the search checks.
+inline constexpr const char* kSearchTablesSql = R"sql(
 CREATE TABLE IF NOT EXISTS names (
-  id INTEGER PRIMARY KEY,
-  name TEXT NOT NULL UNIQUE
+  name TEXT NOT NULL COLLATE NOCASE,
+  id INTEGER NOT NULL,
+  rows INTEGER NOT NULL,
+  kinds INTEGER NOT NULL,
+  languages INTEGER NOT NULL,
+  first_row INTEGER NOT NULL,
+  last_row INTEGER NOT NULL,
+  PRIMARY KEY (name, id)
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS name_state (
+  stamp INTEGER NOT NULL,
+  next_id INTEGER NOT NULL
 );
+INSERT INTO name_state SELECT 0, 1 WHERE NOT EXISTS (SELECT 1 FROM name_state);
 )sql";
 // Made in the schema named before the table's name: "" or "main.".
 inline std::string name_grams_sql(std::string_view schema) {
   return std::string("CREATE VIRTUAL TABLE IF NOT EXISTS ") + std::string(schema) +
-         "name_grams USING fts5(name, content='names', content_rowid='id', tokenize='trigram', detail='none', "
-         "columnsize=0)";
+         "name_grams USING fts5(name, content='', tokenize='trigram', detail='none', columnsize=0)";
 }
 
 // The writer connection's page cache and temporary storage (an index build changes them for its time).

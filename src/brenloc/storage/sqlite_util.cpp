@@ -106,10 +106,12 @@ void Statement::reset() {
   sqlite3_clear_bindings(stmt_);
 }
 
-std::string Statement::text(int col) const {
+std::string Statement::text(int col) const { return std::string(text_view(col)); }
+
+std::string_view Statement::text_view(int col) const {
   const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col));
   if (p == nullptr) return {};
-  return std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, col)));
+  return std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, col)));
 }
 
 }  // namespace brenloc::storage::detail

@@ -55,6 +55,8 @@ class Statement {
   void reset();
 
   std::string text(int col) const;
+  // The text of a column until the next step or reset.
+  std::string_view text_view(int col) const;
   std::int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
 
   sqlite3_stmt* get() const { return stmt_; }

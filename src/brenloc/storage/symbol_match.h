@@ -1,9 +1,11 @@
 // How a symbol's name matches a search, and the order of the hits.
 //
-// A query is parsed once into a NamePattern; match_tier() then places a name (and its scope) in a tier,
-// the first reason it matches, or says that it does not match. Names compare ignoring ASCII case.
+// A query is parsed once into a NamePattern; name_tier() then places a name in a tier, the best reason
+// it matches, or says that it does not match, and scope_matches() checks the scope a query names. Names
+// compare ignoring ASCII case. None of these allocate: searches call them on every name of an index.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -11,11 +13,12 @@
 
 namespace brenloc::storage {
 
-// Best first. `boundary`: the text starts a word of the name (after "_", "::", "." or at a camelCase
-// hump); `fuzzy`: the text is an ordered subsequence of the name that starts at its first character,
-// `initials` when its letters all start words ("gSB" of getStatusBar). A glob's matches all go in
-// `prefix`.
-enum class Tier : int { exact_case, exact, prefix, boundary, substring, initials, fuzzy, none };
+// How a name holds the text. `boundary`: the text starts a word of the name (after "_", "::", "." or at
+// a camelCase hump); `initials`: each letter of the text starts a word, in order ("gSB" of getStatusBar);
+// `words`: the text is made of the starts of words, in order ("getbar" of getStatusBar, "pushback" of
+// push_back); `fuzzy`: the text is an ordered subsequence of the name ("crt" of Cart). A glob's matches
+// all go in `prefix`. Each tier holds only what no tier before it holds.
+enum class Tier : int { exact_case, exact, prefix, boundary, substring, initials, words, fuzzy, none };
 
 struct NamePattern {
   SymbolQuery::Match match = SymbolQuery::Match::automatic;
@@ -28,21 +31,35 @@ struct NamePattern {
 // Splits "Cart.add", "Cart::add" and "Cart/add" at the last separator into scope and name.
 NamePattern parse_pattern(std::string_view text, SymbolQuery::Match match);
 
+// The tier of a name, `none` also for tiers that the pattern's match mode leaves out.
+Tier name_tier(const NamePattern& pattern, std::string_view name);
+// Whether a symbol's scope ends with the scope the pattern names (always, when it names none).
+bool scope_matches(const NamePattern& pattern, std::string_view scope);
+// Both: `none` unless the scope matches.
 Tier match_tier(const NamePattern& pattern, std::string_view name, std::string_view scope);
+
+// Where a tier ranks under a match mode, best first: the tiers' order, except that `fuzzy` mode ranks
+// `initials` and `words` before `substring` (an abbreviation is a better fuzzy match than text inside a
+// word).
+int tier_rank(Tier tier, SymbolQuery::Match match);
 
 // Types and functions 0, namespaces, members and enumerators 1, variables, constants and macros 2.
 int kind_class(std::string_view kind);
 
-// The ranking: tier, kind class, shorter name, path, line, column (and name and kind, so that the order
-// is total).
+// The ranking: tier rank, kind class, shorter name, path, line, column (and name and kind, so that the
+// order is total).
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
 
 std::string fold_case(std::string_view text);
 
-// Shell-style "*" and "?" over the whole of `text` (no classes, no escapes); both already folded.
-bool glob_match(std::string_view pattern, std::string_view text);
+// The characters of a text as bits (letters folded; digits, "_" and the rest share a few bits): a name
+// holds a text's characters only if its bits hold the text's.
+std::uint64_t char_bits(std::string_view text);
 
-// True when `text` is an ordered subsequence of `name` starting at its first character (both folded).
-bool anchored_subsequence(std::string_view text, std::string_view name);
+// Whether `name` holds the letters of `folded` in order, ignoring ASCII case: every tier's names do.
+bool holds_in_order(std::string_view folded, std::string_view name);
+
+// Shell-style "*" and "?" over the whole of `text` (no classes, no escapes), ignoring ASCII case.
+bool glob_match(std::string_view pattern, std::string_view text);
 
 }  // namespace brenloc::storage

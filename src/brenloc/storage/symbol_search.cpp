@@ -1,23 +1,29 @@
 #include "brenloc/storage/symbol_search.h"
 
 #include <algorithm>
+#include <array>
+#include <functional>
 #include <limits>
 #include <optional>
-#include <unordered_set>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "brenloc/storage/name_table.h"
+#include "brenloc/storage/row_ranges.h"
+#include "brenloc/storage/search_results.h"
 #include "brenloc/storage/symbol_match.h"
+#include "brenloc/symbol_kinds.h"
 
 namespace brenloc::storage::detail {
 
 namespace {
 
-constexpr const char* kColumns =
-    "s.id, s.name, s.kind, f.path, s.line, s.col, s.end_line, s.scope, f.language, s.line - s.lead";
-// At most this many files under a path filter make reading all their rows cheaper than the name index.
-constexpr int kFewFiles = 64;
+constexpr const char* kRowColumns =
+    "s.id, s.name, s.kind, s.line, s.col, s.end_line, s.scope, s.line - s.lead, f.path, f.language";
+// A path filter whose files hold at most this many rows is answered by reading them all.
+constexpr std::int64_t kFewRows = 3000;
+constexpr const char* kOperation = "searching symbols";
 
 std::string like_escaped(std::string_view text) {
   std::string out;
@@ -28,316 +34,347 @@ std::string like_escaped(std::string_view text) {
   return out;
 }
 
-// A glob ("*", "?") as a LIKE pattern (which ignores ASCII case, as the search does).
-std::string glob_as_like(std::string_view glob) {
-  std::string out;
-  for (char c : glob) {
-    if (c == '*') {
-      out += '%';
-    } else if (c == '?') {
-      out += '_';
-    } else {
-      out += like_escaped(std::string_view(&c, 1));
-    }
-  }
-  return out;
-}
-
-// "c%r%t%": the names of which `folded` is a subsequence starting at their first character.
-std::string subsequence_like(std::string_view folded) {
-  std::string out;
-  for (char c : folded) out += like_escaped(std::string_view(&c, 1)) + "%";
-  return out;
-}
-
 bool has_glob(std::string_view text) { return text.find_first_of("*?[") != std::string_view::npos; }
 
-// The filters of a query other than the name, as SQL over `s` (symbols) and `f` (files), with their
-// parameters.
+std::size_t utf8_length(std::string_view text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+// The best kind class among the kinds of a summary.
+int best_class(std::uint32_t kinds) {
+  static const std::array<int, 32> by_bit = [] {
+    std::array<int, 32> out{};
+    out.fill(1);
+    for (std::size_t i = 0; i < kSymbolKinds.size(); ++i) out[i] = kind_class(kSymbolKinds[i]);
+    return out;
+  }();
+  int best = 2;
+  for (std::uint32_t k = kinds; k != 0; k &= k - 1) best = std::min(best, by_bit[static_cast<std::size_t>(__builtin_ctz(k))]);
+  return best;
+}
+
+// The filters of a query other than the name: in SQL over `s` (symbols) and `f` (files), with their
+// parameters, and as bits and row ranges for the names' summaries.
 struct Filters {
   std::optional<std::string> kind, language, scope_like;
-  std::string dir;                     // a directory or file, when the path filter is no glob
-  std::string glob, glob_lo, glob_hi;  // a path glob and the range its literal start allows
+  std::uint32_t kind_bit = 0, language_bit = 0;  // 0: no such filter
+  bool by_path = false;
+  RowRanges rows;  // of the files the path filter selects
 
   std::string sql() const {
     std::string out;
     if (kind) out += " AND s.kind = :kind";
     if (language) out += " AND f.language = :language";
     if (scope_like) out += " AND s.scope LIKE :scope ESCAPE '\\'";
-    out += path_sql();
     return out;
   }
-  std::string path_sql() const {
-    if (!glob.empty()) {
-      return std::string(" AND f.path GLOB :glob") + (glob_lo.empty() ? "" : " AND f.path >= :glob_lo") +
-             (glob_hi.empty() ? "" : " AND f.path < :glob_hi");
-    }
-    return dir.empty() ? "" : " AND (f.path = :dir OR (f.path >= :dir_lo AND f.path < :dir_hi))";
-  }
-  bool has_path() const { return !glob.empty() || !dir.empty(); }
   void bind(Statement& stmt) const {
-    auto set = [&](const char* name, const std::string& value) {
-      if (int i = sqlite3_bind_parameter_index(stmt.get(), name); i > 0) stmt.bind(i, value);
+    auto set = [&](const char* name, const std::optional<std::string>& value) {
+      if (int i = sqlite3_bind_parameter_index(stmt.get(), name); i > 0 && value) stmt.bind(i, *value);
     };
-    if (kind) set(":kind", *kind);
-    if (language) set(":language", *language);
-    if (scope_like) set(":scope", *scope_like);
-    set(":glob", glob);
-    set(":glob_lo", glob_lo);
-    set(":glob_hi", glob_hi);
-    set(":dir", dir);
-    set(":dir_lo", dir + "/");
-    set(":dir_hi", dir + "0");  // '0' follows '/'
+    set(":kind", kind);
+    set(":language", language);
+    set(":scope", scope_like);
   }
 };
 
-Filters filters_of(const SymbolQuery& q, const NamePattern& pattern) {
-  Filters f;
-  f.kind = q.kind;
-  f.language = q.language;
-  if (!pattern.scope.empty()) {
-    // The scope's last part ends the stored scope, whatever its separators; the rest is checked per row.
-    const auto dot = pattern.scope.rfind('.');
-    f.scope_like = "%" + like_escaped(dot == std::string::npos ? pattern.scope : pattern.scope.substr(dot + 1));
-  }
-  if (q.path_prefix && has_glob(*q.path_prefix)) {
-    std::string glob = *q.path_prefix;
+// The symbol ids of the files that a path filter (a directory, a file or a glob) selects.
+RowRanges rows_under(Reader& r, const std::filesystem::path& file, const std::string& path) {
+  std::string where;
+  std::vector<std::string> values;
+  if (has_glob(path)) {
+    std::string glob = path;
     while (glob.starts_with("./")) glob.erase(0, 2);
-    f.glob = glob;
-    f.glob_lo = glob.substr(0, glob.find_first_of("*?["));
-    f.glob_hi = f.glob_lo.empty() ? "" : prefix_upper_bound(f.glob_lo);
-  } else if (q.path_prefix) {
-    f.dir = normalise_path_prefix(*q.path_prefix);
+    const std::string start = glob.substr(0, glob.find_first_of("*?["));
+    where = "path GLOB ?1";
+    values.push_back(glob);
+    if (!start.empty()) {
+      where += " AND path >= ?2";
+      values.push_back(start);
+      if (const std::string hi = prefix_upper_bound(start); !hi.empty()) {
+        where += " AND path < ?3";
+        values.push_back(hi);
+      }
+    }
+  } else {
+    const std::string dir = normalise_path_prefix(path);
+    where = dir.empty() ? "1" : "(path = ?1 OR (path >= ?2 AND path < ?3))";
+    if (!dir.empty()) values = {dir, dir + "/", dir + "0"};  // '0' follows '/'
   }
-  return f;
+  Statement& stmt = r.statement(
+      "SELECT first_symbol, first_symbol + symbol_count FROM files WHERE " + where + " ORDER BY first_symbol", file);
+  ResetOnExit done{stmt};
+  for (std::size_t i = 0; i < values.size(); ++i) stmt.bind(static_cast<int>(i + 1), values[i]);
+  RowRanges out;
+  while (stmt.step(file, kOperation)) out.add(stmt.integer(0), stmt.integer(1));
+  return out;
 }
 
-// Gathers the matches of the stages, each row once, up to a cap.
-class Collector {
- public:
-  Collector(const NamePattern& pattern, std::int64_t cap) : pattern_(pattern), cap_(cap) {}
-
-  // Steps `stmt` to its end or until the cap; false once the cap is reached.
-  bool drain(Statement& stmt, const std::filesystem::path& file) {
-    ResetOnExit done{stmt};
-    while (stmt.step(file, "searching symbols")) {
-      if (!seen_.insert(stmt.integer(0)).second) continue;
-      const std::string name = stmt.text(1), scope = stmt.text(7);
-      const Tier tier = match_tier(pattern_, name, scope);
-      if (tier == Tier::none) continue;
-      if (static_cast<std::int64_t>(hits_.size()) >= cap_) {
-        more_ = true;
-        return false;
-      }
-      hits_.push_back(SymbolHit{name, stmt.text(2), stmt.text(3), static_cast<int>(stmt.integer(4)),
-                                static_cast<int>(stmt.integer(5)), static_cast<int>(stmt.integer(6)), scope,
-                                stmt.text(8), static_cast<int>(tier), static_cast<int>(stmt.integer(9))});
-    }
-    return true;
-  }
-
-  SymbolSearch finish(int limit) && {
-    SymbolSearch out;
-    out.total = static_cast<std::int64_t>(hits_.size());
-    out.more = more_;
-    const auto keep = limit < 0 ? hits_.size() : std::min(hits_.size(), static_cast<std::size_t>(limit));
-    std::partial_sort(hits_.begin(), hits_.begin() + static_cast<std::ptrdiff_t>(keep), hits_.end(), ranks_before);
-    hits_.resize(keep);
-    out.hits = std::move(hits_);
-    return out;
-  }
-
- private:
-  const NamePattern& pattern_;
-  const std::int64_t cap_;
-  std::vector<SymbolHit> hits_;
-  std::unordered_set<std::int64_t> seen_;
-  bool more_ = false;
+// A name of the catalog that matches, with what ranks it before its rows are read.
+struct Candidate {
+  std::uint32_t entry;
+  Tier tier;
+  int rank, kind_class;
+  std::size_t size;
+  auto key() const { return std::tuple(rank, kind_class, size); }
 };
+
+// Which names a stage lists: names by their start, names holding the text (the trigram index), names
+// holding its letters (every name), or a glob's names.
+enum class Stage { start, inside, loose, glob };
 
 class Search {
  public:
-  Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q)
-      : r_(r), file_(file), q_(q), pattern_(parse_pattern(q.text, q.match)), filters_(filters_of(q, pattern_)) {}
+  Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q, NameCatalogs& catalogs)
+      : r_(r),
+        file_(file),
+        q_(q),
+        pattern_(parse_pattern(q.text, q.match)),
+        catalogs_(catalogs),
+        results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap)) {}
 
   SymbolSearch run() {
-    const bool by_file = !name_index_present() || few_files_selected();
-    const std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
-    Collector found(pattern_, by_file || q_.limit < 0 ? unlimited : std::max<std::int64_t>(q_.limit, kCountCap));
-    if (by_file) {
-      collect_by_file(found);
+    set_filters();
+    if (!name_index_present()) {
+      read_rows_of(filters_.by_path ? &filters_.rows : nullptr);
+    } else if (filters_.by_path && filters_.rows.rows() <= kFewRows) {
+      read_rows_of(&filters_.rows);
     } else {
-      collect_by_name(found);
+      catalog_ = catalogs_.get(r_, file_);
+      by_name();
     }
-    return std::move(found).finish(q_.limit);
+    return std::move(results_).finish();
   }
 
  private:
+  void set_filters() {
+    Filters& f = filters_;
+    f.kind = q_.kind;
+    f.language = q_.language;
+    if (q_.kind) f.kind_bit = kind_bit(*q_.kind);
+    if (q_.language) f.language_bit = language_bit(*q_.language);
+    if (!pattern_.scope.empty()) {
+      // The scope's last part ends the stored scope, whatever its separators; the rest is checked per row.
+      const auto dot = pattern_.scope.rfind('.');
+      f.scope_like = "%" + like_escaped(dot == std::string::npos ? pattern_.scope : pattern_.scope.substr(dot + 1));
+    }
+    if (q_.path_prefix && !normalise_path_prefix(*q_.path_prefix).empty()) {
+      f.by_path = true;
+      f.rows = rows_under(r_, file_, *q_.path_prefix);
+    }
+  }
+
   bool name_index_present() {
     Statement& probe = r_.statement(
         "SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name = 'symbols_by_name'", file_);
     ResetOnExit done{probe};
-    probe.step(file_, "searching symbols");
+    probe.step(file_, kOperation);
     return probe.integer(0) != 0;
   }
 
-  bool few_files_selected() {
-    if (!filters_.has_path()) return false;
-    Statement& few = r_.statement(
-        fmt::format("SELECT count(*) FROM (SELECT 1 FROM files f WHERE 1 {} LIMIT {})", filters_.path_sql(), kFewFiles + 1),
-        file_);
-    ResetOnExit done{few};
-    filters_.bind(few);
-    few.step(file_, "searching symbols");
-    return few.integer(0) <= kFewFiles;
+  // Takes a row of a rows statement (kRowColumns) whose name matched in `tier`: counted, and offered to
+  // the page when `offer`.
+  void take_row(Statement& stmt, Tier tier, bool offer) {
+    if (filters_.by_path && !filters_.rows.holds(stmt.integer(0))) return;
+    const std::string_view scope = stmt.text_view(6);
+    if (!scope_matches(pattern_, scope)) return;
+    results_.count(1);
+    if (!offer) return;
+    results_.offer(SymbolHit{stmt.text(1), stmt.text(2), stmt.text(8), static_cast<int>(stmt.integer(3)),
+                             static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
+                             stmt.text(9), tier_rank(tier, q_.match), static_cast<int>(stmt.integer(7))});
   }
 
-  // --- by file: every row of the selected files, a coarse LIKE in SQL, the exact test in the collector.
-  void collect_by_file(Collector& found) {
-    std::string sql = fmt::format("SELECT {} FROM ", kColumns);
-    if (filters_.has_path()) {
-      sql += "files f CROSS JOIN symbols s ON s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count";
-    } else {
-      sql += "symbols s CROSS JOIN files f ON f.id = s.file_id";
-    }
-    sql += " WHERE (s.name LIKE :like ESCAPE '\\'";
-    const bool subsequence = !pattern_.glob && !pattern_.folded.empty() &&
-                             (q_.match == SymbolQuery::Match::automatic || q_.match == SymbolQuery::Match::fuzzy);
-    if (subsequence) sql += " OR s.name LIKE :subsequence ESCAPE '\\'";
-    sql += ")" + filters_.sql();
-    Statement& stmt = r_.statement(sql, file_);
-    bind(stmt, ":like", coarse_like());
-    if (subsequence) bind(stmt, ":subsequence", subsequence_like(pattern_.folded));
-    filters_.bind(stmt);
-    found.drain(stmt, file_);
-  }
-
-  std::string coarse_like() const {
-    if (pattern_.glob) return glob_as_like(pattern_.folded);
-    const std::string text = like_escaped(pattern_.folded);
-    switch (q_.match) {
-      case SymbolQuery::Match::exact: return text;
-      case SymbolQuery::Match::prefix: return text + "%";
-      default: return "%" + text + "%";
+  // --- by file: every row of the ranges (or of the whole index), each checked here.
+  void read_rows_of(const RowRanges* ranges) {
+    Statement& stmt = r_.statement(fmt::format("SELECT {} FROM symbols s CROSS JOIN files f ON f.id = s.file_id "
+                                               "WHERE s.id >= :lo AND s.id < :hi{}",
+                                               kRowColumns, filters_.sql()),
+                                   file_);
+    const std::vector<std::pair<std::int64_t, std::int64_t>> all = {{0, std::numeric_limits<std::int64_t>::max()}};
+    for (const auto& [lo, hi] : ranges ? ranges->ranges() : all) {
+      ResetOnExit done{stmt};
+      stmt.bind(sqlite3_bind_parameter_index(stmt.get(), ":lo"), lo);
+      stmt.bind(sqlite3_bind_parameter_index(stmt.get(), ":hi"), hi);
+      filters_.bind(stmt);
+      while (stmt.step(file_, kOperation)) {
+        const Tier tier = name_tier(pattern_, stmt.text_view(1));
+        if (tier != Tier::none) take_row(stmt, tier, true);
+      }
     }
   }
 
-  // --- by name: the stages, best tier first, until the cap.
-  void collect_by_name(Collector& found) {
+  // --- by name: the stages, best tiers first.
+  void by_name() {
+    using M = SymbolQuery::Match;
+    std::vector<Stage> stages;
     if (pattern_.glob) {
-      collect_glob(found);
+      stages = {Stage::glob};
+    } else if (q_.match == M::exact || q_.match == M::prefix) {
+      stages = {Stage::start};
+    } else if (q_.match == M::substring) {
+      stages = {Stage::start, Stage::inside};
+    } else if (q_.match == M::fuzzy) {
+      stages = {Stage::start, Stage::loose};  // words rank among the inner matches: one pass finds them all
+    } else {
+      stages = {Stage::start, Stage::inside, Stage::loose};
+    }
+    for (Stage s : stages) {
+      if (!results_.page_takes(best_rank(s), 0, 0) && !results_.counting()) return;
+      run_stage(s);
+    }
+  }
+
+  int best_rank(Stage s) const {
+    switch (s) {
+      case Stage::start:
+      case Stage::glob: return 0;
+      case Stage::inside: return tier_rank(Tier::boundary, q_.match);
+      case Stage::loose:
+        return q_.match == SymbolQuery::Match::fuzzy ? tier_rank(Tier::boundary, q_.match)
+                                                     : tier_rank(Tier::initials, q_.match);
+    }
+    return 0;
+  }
+
+  bool stage_takes(Stage s, Tier t) const {
+    switch (s) {
+      case Stage::start: return t <= Tier::prefix;
+      case Stage::glob: return t != Tier::none;
+      case Stage::inside: return t == Tier::boundary || t == Tier::substring;
+      case Stage::loose: return q_.match == SymbolQuery::Match::fuzzy ? t > Tier::prefix && t != Tier::none
+                                                                      : t > Tier::substring && t != Tier::none;
+    }
+    return false;
+  }
+
+  void run_stage(Stage s) {
+    if (!results_.page_takes(best_rank(s), 0, 0)) {
+      // Only the count is left: names are counted as they come, until it passes the cap.
+      list_names(s, [&](const Candidate& c) {
+        count_name(c);
+        return results_.counting();
+      });
       return;
     }
-    const auto m = q_.match;
-    if (!pattern_.folded.empty() && !stage_equal(found)) return;
-    if (m == SymbolQuery::Match::exact || !stage_prefix(found)) return;
-    if (m == SymbolQuery::Match::prefix || pattern_.folded.empty() || !stage_substring(found)) return;
-    if (m != SymbolQuery::Match::substring) stage_subsequence(found);
-  }
-
-  std::string rows_by_name() const {
-    return fmt::format("SELECT {} FROM symbols s INDEXED BY symbols_by_name CROSS JOIN files f ON f.id = s.file_id",
-                       kColumns);
-  }
-  // The rows of the names `names_sql` lists (as n.name, folded).
-  std::string rows_of_names(const std::string& names_sql) const {
-    return fmt::format(
-        "SELECT {} FROM ({}) n CROSS JOIN symbols s INDEXED BY symbols_by_name ON s.name = n.name COLLATE NOCASE "
-        "CROSS JOIN files f ON f.id = s.file_id WHERE 1 {}",
-        kColumns, names_sql, filters_.sql());
-  }
-
-  bool stage_equal(Collector& found) {
-    Statement& stmt = r_.statement(rows_by_name() + " WHERE s.name = :name COLLATE NOCASE" + filters_.sql(), file_);
-    bind(stmt, ":name", pattern_.folded);
-    filters_.bind(stmt);
-    return found.drain(stmt, file_);
-  }
-
-  bool stage_prefix(Collector& found) { return range(found, pattern_.folded); }
-
-  // The rows whose names start with `start` (folded): a range of the name index.
-  bool range(Collector& found, const std::string& start) {
-    const std::string upper = prefix_upper_bound(start);
-    std::string sql = rows_by_name() + " WHERE s.name >= :lo COLLATE NOCASE";
-    if (!upper.empty()) sql += " AND s.name < :hi COLLATE NOCASE";
-    Statement& stmt = r_.statement(sql + filters_.sql(), file_);
-    bind(stmt, ":lo", start);
-    if (!upper.empty()) bind(stmt, ":hi", upper);
-    filters_.bind(stmt);
-    return found.drain(stmt, file_);
-  }
-
-  // Names that hold the text elsewhere than at their start: the trigram index for three characters or
-  // more, a scan of the names for fewer.
-  bool stage_substring(Collector& found) {
-    const bool trigrams = pattern_.folded.size() >= 3;
-    // No ESCAPE: the trigram index takes a plain LIKE only. A "%" or "_" of the text then matches more
-    // names than it should, which the collector's own test drops.
-    const std::string names =
-        trigrams ? "SELECT name FROM name_grams WHERE name LIKE :contains AND substr(name, 1, :n) != :text"
-                 : "SELECT name FROM names WHERE instr(name, :text) > 1";
-    Statement& stmt = r_.statement(rows_of_names(names), file_);
-    if (trigrams) {
-      bind(stmt, ":contains", "%" + pattern_.folded + "%");
-      stmt.bind(sqlite3_bind_parameter_index(stmt.get(), ":n"), static_cast<std::int64_t>(pattern_.folded.size()));
+    std::vector<Candidate> found;
+    list_names(s, [&](const Candidate& c) {
+      found.push_back(c);
+      return true;
+    });
+    // The names in the order of their best possible hit; rows are read while one could make the page.
+    auto later = [](const Candidate& a, const Candidate& b) { return b.key() < a.key(); };
+    std::make_heap(found.begin(), found.end(), later);
+    auto end = found.end();
+    while (end != found.begin()) {
+      const Candidate& best = found.front();
+      if (!results_.page_takes(best.rank, best.kind_class, best.size)) break;
+      std::pop_heap(found.begin(), end, later);
+      --end;
+      read_rows(*end, true);
     }
-    bind(stmt, ":text", pattern_.folded);
-    filters_.bind(stmt);
-    return found.drain(stmt, file_);
+    for (auto it = found.begin(); it != end && results_.counting(); ++it) count_name(*it);
   }
 
-  // Names that start with the text's first character and hold the rest in order, but not the text itself.
-  void stage_subsequence(Collector& found) {
-    const std::string first = pattern_.folded.substr(0, 1);
-    std::string names = "SELECT name FROM names WHERE name >= :first AND name LIKE :subsequence ESCAPE '\\' AND "
-                        "instr(name, :text) = 0";
-    const std::string upper = prefix_upper_bound(first);
-    if (!upper.empty()) names += " AND name < :first_hi";
-    Statement& stmt = r_.statement(rows_of_names(names), file_);
-    bind(stmt, ":first", first);
-    if (!upper.empty()) bind(stmt, ":first_hi", upper);
-    bind(stmt, ":subsequence", subsequence_like(pattern_.folded));
-    bind(stmt, ":text", pattern_.folded);
-    filters_.bind(stmt);
-    found.drain(stmt, file_);
-  }
-
-  // A glob: the range of its literal start, else the trigram index over its longest literal run (three
-  // characters or more), else every name.
-  void collect_glob(Collector& found) {
-    const std::string& g = pattern_.folded;
-    const std::string start = g.substr(0, g.find_first_of("*?"));
-    if (!start.empty()) {
-      range(found, start);
-      return;
+  // Calls `take` with each name of the stage that the filters' summaries let through, until it says no.
+  void list_names(Stage s, const std::function<bool(const Candidate&)>& take) {
+    const NameCatalog& k = *catalog_;
+    // Each name that the summaries let through, and the stage's tiers take.
+    auto consider_passed = [&](std::size_t i) {
+      const Tier tier = name_tier(pattern_, k.name(i));
+      if (!stage_takes(s, tier)) return true;
+      const std::uint32_t kinds = filters_.kind_bit ? filters_.kind_bit : k.kinds(i);
+      return take(Candidate{static_cast<std::uint32_t>(i), tier, tier_rank(tier, q_.match), best_class(kinds),
+                            k.name(i).size()});
+    };
+    auto consider = [&](std::size_t i) {
+      if (!passes(i)) return true;
+      return consider_passed(i);
+    };
+    const std::string& text = pattern_.folded;
+    if (s == Stage::start || (s == Stage::glob && text.find_first_of("*?") > 0)) {
+      const auto [first, last] = k.starting_with(s == Stage::glob ? text.substr(0, text.find_first_of("*?")) : text);
+      for (std::size_t i = first; i < last; ++i) {
+        if (!consider(i)) return;
+      }
+    } else if (s == Stage::inside && utf8_length(text) >= 3) {
+      Statement& grams = r_.statement("SELECT rowid FROM name_grams WHERE name_grams MATCH ?1", file_);
+      ResetOnExit done{grams};
+      grams.bind(1, trigram_match(text));
+      while (grams.step(file_, kOperation)) {
+        const std::size_t i = k.by_id(grams.integer(0));
+        if (i < k.size() && !consider(i)) return;
+      }
+    } else {
+      std::string letters = text;
+      std::erase_if(letters, [](char c) { return c == '*' || c == '?'; });
+      const std::uint64_t needed = char_bits(letters);
+      // Every name a non-glob text matches holds its letters in order: a quick test before the tier's.
+      const bool in_order = !pattern_.glob;
+      for (std::size_t i = 0; i < k.size(); ++i) {
+        if ((k.chars(i) & needed) != needed || !passes(i) || (in_order && !holds_in_order(text, k.name(i)))) continue;
+        if (!consider_passed(i)) return;
+      }
     }
-    std::size_t longest = 0;
-    for (std::size_t i = 0, j; i < g.size(); i = j + 1) {
-      j = std::min(g.find_first_of("*?", i), g.size());
-      longest = std::max(longest, j - i);
-    }
-    // A plain LIKE (see stage_substring): "*" and "?" become "%" and "_", the rest stands as it is.
-    std::string like = g;
-    std::ranges::replace(like, '*', '%');
-    std::ranges::replace(like, '?', '_');
-    const std::string names = longest >= 3 ? "SELECT name FROM name_grams WHERE name LIKE :like"
-                                            : "SELECT name FROM names WHERE name LIKE :like";
-    Statement& stmt = r_.statement(rows_of_names(names), file_);
-    bind(stmt, ":like", like);
-    filters_.bind(stmt);
-    found.drain(stmt, file_);
   }
 
-  static void bind(Statement& stmt, const char* name, const std::string& value) {
-    stmt.bind(sqlite3_bind_parameter_index(stmt.get(), name), value);
+  // Whether a name's summary allows rows that pass the kind, language and path filters.
+  bool passes(std::size_t i) const {
+    const NameCatalog& k = *catalog_;
+    if (filters_.kind_bit && !(k.kinds(i) & filters_.kind_bit)) return false;
+    if (filters_.language_bit && !(k.languages(i) & filters_.language_bit)) return false;
+    return !filters_.by_path || filters_.rows.meets(k.first_row(i), k.last_row(i));
+  }
+
+  // Counts a name's matching rows: from its summary when that says every row passes the filters, else
+  // from its rows.
+  void count_name(const Candidate& c) {
+    const NameCatalog& k = *catalog_;
+    const std::size_t i = c.entry;
+    const bool every_row = pattern_.scope.empty() && (!filters_.kind_bit || k.kinds(i) == filters_.kind_bit) &&
+                           (!filters_.language_bit || k.languages(i) == filters_.language_bit);
+    if (!every_row) {
+      read_rows(c, false);
+    } else if (!filters_.by_path || filters_.rows.holds_all(k.first_row(i), k.last_row(i))) {
+      results_.count(k.rows(i));
+    } else {
+      count_ids(c);
+    }
+  }
+
+  // The rows of a name (exact case), through the name index.
+  void read_rows(const Candidate& c, bool offer) {
+    Statement& stmt = r_.statement(
+        fmt::format("SELECT {} FROM symbols s INDEXED BY symbols_by_name CROSS JOIN files f ON f.id = s.file_id "
+                    "WHERE s.name = :name COLLATE NOCASE AND s.name = :name{}",
+                    kRowColumns, filters_.sql()),
+        file_);
+    ResetOnExit done{stmt};
+    stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), catalog_->name(c.entry));
+    filters_.bind(stmt);
+    while (stmt.step(file_, kOperation)) take_row(stmt, c.tier, offer);
+  }
+
+  // Counts the rows of a name that lie under the path filter, from the name index alone.
+  void count_ids(const Candidate& c) {
+    Statement& stmt = r_.statement(
+        "SELECT id FROM symbols INDEXED BY symbols_by_name WHERE name = ?1 COLLATE NOCASE AND name = ?1", file_);
+    ResetOnExit done{stmt};
+    stmt.bind_static(1, catalog_->name(c.entry));
+    std::int64_t n = 0;
+    while (stmt.step(file_, kOperation)) n += filters_.rows.holds(stmt.integer(0));
+    results_.count(n);
   }
 
   Reader& r_;
   const std::filesystem::path& file_;
   const SymbolQuery& q_;
   const NamePattern pattern_;
-  const Filters filters_;
+  NameCatalogs& catalogs_;
+  std::shared_ptr<const NameCatalog> catalog_;
+  Filters filters_;
+  SearchResults results_;
 };
 
 }  // namespace
@@ -355,8 +392,9 @@ std::string prefix_upper_bound(std::string prefix) {
   return prefix;
 }
 
-SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query) {
-  return Search(reader, file, query).run();
+SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query,
+                               NameCatalogs& catalogs) {
+  return Search(reader, file, query, catalogs).run();
 }
 
 }  // namespace brenloc::storage::detail

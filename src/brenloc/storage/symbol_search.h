@@ -1,25 +1,29 @@
 // One symbol search on a read connection, inside the caller's read transaction.
 //
-// The rows come one of two ways. By name: in stages, best tier first (equal names, then names that start
-// with the text, then names that contain it, found through the trigram index of `names`, then names of
-// which it is a subsequence), each stage through the name index, with the other filters applied in SQL;
-// the search stops counting at a cap, and then says that more matched. By file: every row of the few
-// files a path filter selects (or of all files while the name index is missing), filtered coarsely in
-// SQL and exactly here; every match is counted.
+// By name: the names that match come from the catalog (names that start with the text: a range; those
+// that hold its letters in order: a pass over every name) and from the trigram index (names that hold
+// the text), tier by tier, best first. Each name's summary prunes it against the kind, language and
+// path filters before any row is read; the rows of the names that may make the page are read best
+// first until no later name can, and the rest are only counted (from the summaries where they say
+// enough, else from the rows) until the count passes a cap, when the search says that more matched.
+// By file: every row of the files a path filter selects, when they hold few rows (or of all files while
+// the name index is missing), checked one by one.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 
+#include "brenloc/storage/name_catalog.h"
 #include "brenloc/storage/reader.h"
 #include "brenloc/storage/records.h"
 
 namespace brenloc::storage::detail {
 
-// Matches counted by name before the search stops counting, unless the limit asks for more.
+// Matches counted before the search stops counting, unless the limit asks for more.
 inline constexpr std::int64_t kCountCap = 500;
 
-SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query);
+SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query,
+                               NameCatalogs& catalogs);
 
 // A path filter as a directory (or file) of the index: "./src/" and "src" both mean "src"; empty when it
 // selects everything.

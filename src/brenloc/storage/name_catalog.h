@@ -1,0 +1,68 @@
+// The names of an index in memory, as of one stamp of its search tables: what a search needs to pick
+// the names worth reading rows for without asking SQLite about each (the fuzzy forms look at every name),
+// in the order of the names ignoring ASCII case.
+//
+// A catalog never changes; NameCatalogs hands out the one of a read transaction's stamp, loading it when
+// the stamp is new (a few hundred milliseconds for a million symbols, once per change of names).
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace brenloc::storage::detail {
+
+struct Reader;
+
+class NameCatalog {
+ public:
+  // Reads the names of `c` inside the caller's read transaction.
+  static std::shared_ptr<const NameCatalog> load(sqlite3* c, const std::filesystem::path& file, std::int64_t stamp);
+
+  std::int64_t stamp() const { return stamp_; }
+  std::size_t size() const { return chars_.size(); }
+
+  std::string_view name(std::size_t i) const { return std::string_view(text_).substr(offset_[i], offset_[i + 1] - offset_[i]); }
+  std::uint64_t chars(std::size_t i) const { return chars_[i]; }  // char_bits of the name
+  std::uint32_t kinds(std::size_t i) const { return kinds_[i]; }
+  std::uint32_t languages(std::size_t i) const { return languages_[i]; }
+  std::int64_t rows(std::size_t i) const { return rows_[i]; }
+  // The smallest and largest ids of its symbol rows (or a wider range).
+  std::int64_t first_row(std::size_t i) const { return first_row_[i]; }
+  std::int64_t last_row(std::size_t i) const { return last_row_[i]; }
+
+  // The entries whose names start with `folded` (ASCII letters in lower case): [first, second).
+  std::pair<std::size_t, std::size_t> starting_with(std::string_view folded) const;
+  // The entry of a name's id in the trigram index, or size() when there is none.
+  std::size_t by_id(std::int64_t id) const;
+
+ private:
+  std::int64_t stamp_ = 0;
+  std::string text_;
+  std::vector<std::uint32_t> offset_;  // size() + 1
+  std::vector<std::uint64_t> chars_;
+  std::vector<std::uint32_t> kinds_, languages_, rows_;
+  std::vector<std::uint32_t> first_row_, last_row_;
+  std::vector<std::uint32_t> entry_of_id_;
+};
+
+// The catalogs of one database: the latest two stamps' (a reader may still be on the one before a change).
+class NameCatalogs {
+ public:
+  // The catalog of the stamp that the reader's read transaction sees.
+  std::shared_ptr<const NameCatalog> get(Reader& reader, const std::filesystem::path& file);
+
+ private:
+  std::mutex mu_;       // guards the list
+  std::mutex load_mu_;  // one load at a time
+  std::vector<std::shared_ptr<const NameCatalog>> recent_;
+};
+
+}  // namespace brenloc::storage::detail

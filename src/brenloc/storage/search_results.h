@@ -1,0 +1,36 @@
+// What a search gathers: the best hits so far (a page of at most `limit`, by the ranking of
+// symbol_match.h) and how many matched, counted up to a cap.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "brenloc/storage/records.h"
+
+namespace brenloc::storage::detail {
+
+class SearchResults {
+ public:
+  // A negative limit keeps every hit and counts without a cap.
+  SearchResults(int limit, std::int64_t cap);
+
+  // Whether a hit of this tier rank, kind class and name length, or a worse one in path and line, could
+  // still make the page.
+  bool page_takes(int rank, int kind_class, std::size_t name_size) const;
+  // Whether the count has not yet passed the cap.
+  bool counting() const { return counted_ <= cap_; }
+
+  void count(std::int64_t matches) { counted_ += matches; }
+  void offer(SymbolHit hit);
+
+  // The page, best first; `total` the count (the cap, with `more`, when it passed it).
+  SymbolSearch finish() &&;
+
+ private:
+  int limit_;
+  std::int64_t cap_;
+  std::int64_t counted_ = 0;
+  std::vector<SymbolHit> page_;  // a heap, its worst hit first, when the limit bounds it
+};
+
+}  // namespace brenloc::storage::detail
