@@ -168,10 +168,20 @@ Tier name_tier(const NamePattern& p, std::string_view name) {
 
 bool scope_matches(const NamePattern& p, std::string_view scope) {
   if (p.scope.empty()) return true;
-  const std::string have = normalised_scope(scope);
-  const std::string_view wanted = p.scope;
-  if (have.size() < wanted.size() || !std::string_view(have).ends_with(wanted)) return false;
-  return have.size() == wanted.size() || have[have.size() - wanted.size() - 1] == '.';
+  // The scope normalised from its end, as far as the wanted one goes, without a copy.
+  std::size_t i = scope.size();
+  auto previous = [&] {
+    if (i >= 2 && scope[i - 1] == ':' && scope[i - 2] == ':') {
+      i -= 2;
+      return '.';
+    }
+    --i;
+    return scope[i] == '/' ? '.' : lower(scope[i]);
+  };
+  for (std::size_t w = p.scope.size(); w-- > 0;) {
+    if (i == 0 || previous() != p.scope[w]) return false;
+  }
+  return i == 0 || previous() == '.';
 }
 
 Tier match_tier(const NamePattern& p, std::string_view name, std::string_view scope) {

@@ -25,15 +25,6 @@ constexpr const char* kRowColumns =
 constexpr std::int64_t kFewRows = 3000;
 constexpr const char* kOperation = "searching symbols";
 
-std::string like_escaped(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '%' || c == '_' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out;
-}
-
 bool has_glob(std::string_view text) { return text.find_first_of("*?[") != std::string_view::npos; }
 
 std::size_t utf8_length(std::string_view text) {
@@ -54,10 +45,11 @@ int best_class(std::uint32_t kinds) {
   return best;
 }
 
-// The filters of a query other than the name: in SQL over `s` (symbols) and `f` (files), with their
-// parameters, and as bits and row ranges for the names' summaries.
+// The kind, language and path filters: in SQL over `s` (symbols) and `f` (files), with their parameters,
+// and as bits and row ranges for the names' summaries. (A scope is checked here, row by row: a LIKE with
+// a bound pattern would make SQLite prepare the statement again at every run.)
 struct Filters {
-  std::optional<std::string> kind, language, scope_like;
+  std::optional<std::string> kind, language;
   std::uint32_t kind_bit = 0, language_bit = 0;  // 0: no such filter
   bool by_path = false;
   RowRanges rows;  // of the files the path filter selects
@@ -66,7 +58,6 @@ struct Filters {
     std::string out;
     if (kind) out += " AND s.kind = :kind";
     if (language) out += " AND f.language = :language";
-    if (scope_like) out += " AND s.scope LIKE :scope ESCAPE '\\'";
     return out;
   }
   void bind(Statement& stmt) const {
@@ -75,7 +66,6 @@ struct Filters {
     };
     set(":kind", kind);
     set(":language", language);
-    set(":scope", scope_like);
   }
 };
 
@@ -154,11 +144,6 @@ class Search {
     f.language = q_.language;
     if (q_.kind) f.kind_bit = kind_bit(*q_.kind);
     if (q_.language) f.language_bit = language_bit(*q_.language);
-    if (!pattern_.scope.empty()) {
-      // The scope's last part ends the stored scope, whatever its separators; the rest is checked per row.
-      const auto dot = pattern_.scope.rfind('.');
-      f.scope_like = "%" + like_escaped(dot == std::string::npos ? pattern_.scope : pattern_.scope.substr(dot + 1));
-    }
     if (q_.path_prefix && !normalise_path_prefix(*q_.path_prefix).empty()) {
       f.by_path = true;
       f.rows = rows_under(r_, file_, *q_.path_prefix);
@@ -335,7 +320,7 @@ class Search {
     const bool every_row = pattern_.scope.empty() && (!filters_.kind_bit || k.kinds(i) == filters_.kind_bit) &&
                            (!filters_.language_bit || k.languages(i) == filters_.language_bit);
     if (!every_row) {
-      read_rows(c, false);
+      count_rows(c);
     } else if (!filters_.by_path || filters_.rows.holds_all(k.first_row(i), k.last_row(i))) {
       results_.count(k.rows(i));
     } else {
@@ -354,6 +339,23 @@ class Search {
     stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), catalog_->name(c.entry));
     filters_.bind(stmt);
     while (stmt.step(file_, kOperation)) take_row(stmt, c.tier, offer);
+  }
+
+  // Counts the rows of a name that pass the filters, reading only what they look at.
+  void count_rows(const Candidate& c) {
+    Statement& stmt = r_.statement(
+        fmt::format("SELECT s.id, s.scope FROM symbols s INDEXED BY symbols_by_name{} "
+                    "WHERE s.name = :name COLLATE NOCASE AND s.name = :name{}",
+                    filters_.language ? " CROSS JOIN files f ON f.id = s.file_id" : "", filters_.sql()),
+        file_);
+    ResetOnExit done{stmt};
+    stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), catalog_->name(c.entry));
+    filters_.bind(stmt);
+    std::int64_t n = 0;
+    while (stmt.step(file_, kOperation)) {
+      n += (!filters_.by_path || filters_.rows.holds(stmt.integer(0))) && scope_matches(pattern_, stmt.text_view(1));
+    }
+    results_.count(n);
   }
 
   // Counts the rows of a name that lie under the path filter, from the name index alone.
