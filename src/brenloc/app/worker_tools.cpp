@@ -143,7 +143,8 @@ std::vector<mcp::ToolDescriptor> worker_tool_descriptors() {
        input_schema("none"), "Index status", status_output(), read_only()},
       {"search_symbols",
        "Find symbol definitions by name, best first: exact names, then names starting with the query, then "
-       "names containing it at a word boundary or anywhere, then names holding its letters in order. Filter by "
+       "names containing it at a word boundary or anywhere, then names holding its letters in order anywhere "
+       "(word starts first: gSB finds getStatusBar). Filter by "
        "kind, language or path (a directory or glob). Each hit has its signature line; the answer gives the "
        "total and stays small (hits are cut, and it says so).",
        input_schema("search"), "Search symbols", search_output(), read_only()},
