@@ -4,6 +4,7 @@
 // fall-back to polling when the watches run out; the pass at start, and what search says meanwhile.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 
 #include "brenloc/aio/timer.h"
@@ -141,6 +142,24 @@ TEST(Follow, ABurstOfChangesEndsInFewPasses) {
     co_await until([&] { return !w.busy(); }, "the passes have ended");
     EXPECT_EQ((co_await w.index_status())["files"], 2000);
     EXPECT_LE(w.follower()->passes() - before, 6);
+  });
+}
+
+// More changes than the kernel's event queue holds, made while the loop cannot read it: the queue
+// overflows, events are lost, and a whole pass finds what they would have told.
+TEST(Follow, AQueueOverflowIsAnsweredByAWholePass) {
+  std::ifstream limit_file("/proc/sys/fs/inotify/max_queued_events");
+  long limit = 0;
+  limit_file >> limit;
+  if (limit <= 0 || limit > 200000) GTEST_SKIP() << "inotify queue limit " << limit;
+  const long files = limit / 2 + 500;  // each new file is at least two events (created, closed)
+  Follow f;
+  write_file(f.at("o/seed.py"), py("seed"));
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    for (long i = 0; i < files; ++i) write_file(f.at(fmt::format("o/f{}.py", i)), py(fmt::format("flood_{}", i)));
+    co_await expect_defined(w, fmt::format("flood_{}", files - 1), {fmt::format("o/f{}.py", files - 1)});
+    co_await until([&] { return !w.busy(); }, "the passes have ended");
+    EXPECT_EQ((co_await w.index_status())["files"], files + 1);
   });
 }
 
