@@ -6,6 +6,7 @@
 //      answered and none failed, and the daemon's resident memory before, during and after.
 //
 // Usage: node bench/daemon_bench.mjs BRENLOC_BINARY TREE [--calls N] [--rounds R] [--sessions S] [--searches K]
+//                                    [--repeat N]   (part 2 N times: the daemon's memory must not climb)
 // TREE is indexed once per data directory; for part 2 it should take the rebuild a good while (a copy of
 // /usr/include takes ~20 s), so that the searches run during it.
 import { spawn, execFileSync } from "node:child_process";
@@ -122,34 +123,38 @@ const data = dataOf["through the daemon"];
 const all = Array.from({ length: sessions }, () => session([], data));
 await Promise.all(all.map((s) => s.init()));
 const pid = daemonPid();
-const rss = { before: rssMiB(pid), peak: 0 };
-const watch = setInterval(() => { rss.peak = Math.max(rss.peak, rssMiB(pid)); }, 100);
-const from = all[0].notes.length;
-const started = await all[0].tool("force_reindex", { clear_existing: true });
-if (started.result?.structuredContent?.status !== "accepted") throw new Error("the rebuild was not accepted");
-let answered = 0, failed = 0, duringRebuild = 0;
-const t0 = process.hrtime.bigint();
-const us = [];
-await Promise.all(all.map(async (s, k) => {
-  for (let i = 0; i < searches; i++) {
-    const t = process.hrtime.bigint();
-    const r = await s.tool("search_symbols", { query: queries[(i + k) % queries.length], limit: 10 });
-    us.push(Number(process.hrtime.bigint() - t) / 1000);
-    if (r.result && !r.result.isError) answered++; else failed++;
-    if (!all[0].notes.slice(from).some((n) => n.params?.data?.type?.startsWith("reindex_c"))) duringRebuild++;
-  }
-}));
-const seconds = Number(process.hrtime.bigint() - t0) / 1e9;
-await all[0].outcome(from);
-rss.during = rss.peak;
-await sleep(500);
-rss.after = rssMiB(pid);
-clearInterval(watch);
-us.sort((a, b) => a - b);
-console.log(`2. ${sessions} sessions x ${searches} searches during a full rebuild of ${tree}`);
-console.log(`   answered ${answered}, failed ${failed}, ${duringRebuild} sent while the rebuild ran; ${(answered / seconds).toFixed(0)} searches/s; ` +
-            `p50 ${(pct(us, 0.5) / 1000).toFixed(2)} ms, p99 ${(pct(us, 0.99) / 1000).toFixed(2)} ms`);
-console.log(`   daemon RSS: ${rss.before.toFixed(1)} MiB before, peak ${rss.during.toFixed(1)} MiB during, ${rss.after.toFixed(1)} MiB after`);
+const repeats = opt("--repeat", 2);
+console.log(`2. ${sessions} sessions x ${searches} searches during a full rebuild of ${tree}, ${repeats} times`);
+for (let rep = 1; rep <= repeats; rep++) {
+  while ((await all[0].tool("index_status", {})).result?.structuredContent?.indexing) await sleep(50);
+  const rss = { before: rssMiB(pid), peak: 0 };
+  const watch = setInterval(() => { rss.peak = Math.max(rss.peak, rssMiB(pid)); }, 100);
+  const from = all[0].notes.length;
+  const started = await all[0].tool("force_reindex", { clear_existing: true });
+  if (started.result?.structuredContent?.status !== "accepted") throw new Error("the rebuild was not accepted");
+  let answered = 0, failed = 0, duringRebuild = 0;
+  const t0 = process.hrtime.bigint();
+  const us = [];
+  await Promise.all(all.map(async (s, k) => {
+    for (let i = 0; i < searches; i++) {
+      const t = process.hrtime.bigint();
+      const r = await s.tool("search_symbols", { query: queries[(i + k) % queries.length], limit: 10 });
+      us.push(Number(process.hrtime.bigint() - t) / 1000);
+      if (r.result && !r.result.isError) answered++; else failed++;
+      if (!all[0].notes.slice(from).some((n) => n.params?.data?.type?.startsWith("reindex_c"))) duringRebuild++;
+    }
+  }));
+  const seconds = Number(process.hrtime.bigint() - t0) / 1e9;
+  await all[0].outcome(from);
+  await sleep(500);
+  clearInterval(watch);
+  rss.after = rssMiB(pid);
+  us.sort((a, b) => a - b);
+  console.log(`   round ${rep}: answered ${answered}, failed ${failed}, ${duringRebuild} sent while the rebuild ran; ` +
+              `${(answered / seconds).toFixed(0)} searches/s; p50 ${(pct(us, 0.5) / 1000).toFixed(2)} ms, ` +
+              `p99 ${(pct(us, 0.99) / 1000).toFixed(2)} ms; daemon RSS ${rss.before.toFixed(1)} MiB before, ` +
+              `peak ${rss.peak.toFixed(1)} during, ${rss.after.toFixed(1)} after`);
+}
 await Promise.all(all.map((s) => s.close()));
 execFileSync(bin, ["daemon", "--stop"], { env });
 rmSync(scratch, { recursive: true, force: true });
