@@ -194,7 +194,7 @@ int main(int argc, char** argv) {
     std::atomic<bool> done = false;
     const auto t = Clock::now();
     std::thread run([&] {
-      std::system(fmt::format("'{}' reindex --clear-existing --repo '{}' --data-dir '{}' >/dev/null 2>'{}'",
+      std::system(fmt::format("'{}' reindex -v --clear-existing --repo '{}' --data-dir '{}' >/dev/null 2>'{}'",
                               bin.string(), repo_root.string(), data.string(), log_path.string())
                       .c_str());
       done = true;

@@ -83,6 +83,11 @@ std::size_t NameCatalog::by_id(std::int64_t id) const {
   return entry == kMax32 ? size() : entry;
 }
 
+bool NameCatalogs::in_use() {
+  std::lock_guard lock(mu_);
+  return !recent_.empty();
+}
+
 std::shared_ptr<const NameCatalog> NameCatalogs::get(Reader& reader, const std::filesystem::path& file) {
   std::int64_t stamp = 0;
   {

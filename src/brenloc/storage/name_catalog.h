@@ -58,6 +58,8 @@ class NameCatalogs {
  public:
   // The catalog of the stamp that the reader's read transaction sees.
   std::shared_ptr<const NameCatalog> get(Reader& reader, const std::filesystem::path& file);
+  // Whether any catalog was loaded (the store has been searched by name).
+  bool in_use();
 
  private:
   std::mutex mu_;       // guards the list

@@ -609,6 +609,13 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   }
   impl_->log->info("Swapped in {} files and {} symbols from {} in {:.3f} s (write lock held {:.3f} s)", rows.files,
                    rows.symbols, staging_path.string(), timing.total_seconds, timing.write_lock_seconds);
+  // A store that has been searched reads the new names now, rather than in the next search.
+  if (impl_->catalogs.in_use()) {
+    impl_->with_reader([&](Reader& r) {
+      ReadTransaction snapshot(r.db, impl_->path);
+      return impl_->catalogs.get(r, impl_->path);
+    });
+  }
   return rows;
 }
 
