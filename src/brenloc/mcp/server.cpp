@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "brenloc/aio/outcome.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/mcp/line_io.h"
 #include "brenloc/mcp/protocol.h"
@@ -248,17 +249,14 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
 
   static aio::Task<void> run_request(std::shared_ptr<Core> self, Json id, std::string key, std::string method,
                                      Json params, std::shared_ptr<Batch> batch) {
+    auto ended = co_await aio::outcome_of(self->answer(id, method, std::move(params)));
+    if (ended.cancelled()) std::rethrow_exception(ended.error);
     Json reply;
-    std::exception_ptr failure;
-    try {
-      reply = co_await self->answer(id, method, std::move(params));
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    if (failure) {
-      if (aio::is_cancellation(failure)) std::rethrow_exception(failure);
-      utils::log_exception(*logger(), "MCP request '" + method + "' failed", failure);
-      reply = make_error(id, kInternalError, "Internal error: " + utils::error_text(failure));
+    if (!ended.failed()) {
+      reply = std::move(ended).get();
+    } else {
+      utils::log_exception(*logger(), "MCP request '" + method + "' failed", ended.error);
+      reply = make_error(id, kInternalError, "Internal error: " + utils::error_text(ended.error));
     }
     // A batch is still answered (without this request) when the client cancelled one of its members.
     self->answer_to(batch, self->cancelled_by_client(key) ? Json() : std::move(reply));
@@ -314,30 +312,21 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     Json arguments = params.contains("arguments") ? params["arguments"] : Json();
     if (!arguments.is_null() && !arguments.is_object()) co_return invalid_params(id, "\"arguments\" must be an object");
 
-    Json dictionary;
-    std::exception_ptr failure;
+    auto ended = co_await aio::outcome_of(host->call_tool(name, std::move(arguments)));
+    if (!ended.failed()) co_return make_result(id, tool_call_result(std::move(ended).get()));
     try {
-      dictionary = co_await host->call_tool(name, std::move(arguments));
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    if (!failure) co_return make_result(id, tool_call_result(std::move(dictionary)));
-
-    Json reply;
-    try {
-      std::rethrow_exception(failure);
+      std::rethrow_exception(ended.error);
     } catch (const UnknownTool& e) {
-      reply = invalid_params(id, e.what());
+      co_return invalid_params(id, e.what());
     } catch (const ArgumentError& e) {
       // A tool result, not a protocol error: the model reads it and can correct its call.
-      reply = make_result(id, tool_failure_result("Invalid arguments for " + name + ": " + e.what()));
+      co_return make_result(id, tool_failure_result("Invalid arguments for " + name + ": " + e.what()));
     } catch (const aio::Cancelled&) {
       throw;
     } catch (...) {
-      utils::log_exception(*logger(), "MCP tool '" + name + "' failed", failure);
-      reply = make_result(id, tool_failure_result(utils::error_text(failure)));
+      utils::log_exception(*logger(), "MCP tool '" + name + "' failed", ended.error);
     }
-    co_return reply;
+    co_return make_result(id, tool_failure_result(utils::error_text(ended.error)));
   }
 
   // Stops the reader and cancels the requests without waiting: what stop() does first, and all the

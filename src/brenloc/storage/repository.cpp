@@ -18,6 +18,7 @@
 #include "brenloc/storage/sqlite_util.h"
 #include "brenloc/storage/symbol_search.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/on_exit.h"
 
 namespace brenloc::storage {
 
@@ -402,18 +403,15 @@ void Repository::restore_indexes() {
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
   });
   if (!missing) return;
-  std::exception_ptr failure;
-  try {
-    impl_->write(*db_, "building the indexes", [&](sqlite3* c) {
-      detail::run_script(c, detail::kSchemaSql, path, "building the indexes");
-      detail::rebuild_search_tables(c, path, "building the indexes");
-    });
-  } catch (...) {
-    failure = std::current_exception();
-  }
-  db_->with_connection(
-      [&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
-  if (failure) std::rethrow_exception(failure);
+  // The connection goes back to its ordinary settings whether or not the build succeeds.
+  utils::OnExit restore([&] {
+    db_->with_connection(
+        [&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
+  });
+  impl_->write(*db_, "building the indexes", [&](sqlite3* c) {
+    detail::run_script(c, detail::kSchemaSql, path, "building the indexes");
+    detail::rebuild_search_tables(c, path, "building the indexes");
+  });
 }
 
 // ---------------------------------------------------------------------------------------------------
