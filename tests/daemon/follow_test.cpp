@@ -85,6 +85,7 @@ TEST(Follow, ChangesOfTheTreeReachTheIndex) {
     std::function<void(Follow&)> change;
     std::string symbol;
     Paths defined_in;
+    std::optional<int> more_watches = std::nullopt;  // the change in the number of watches, when it matters
   };
   const std::vector<Step> steps = {
       {"a file created", [](Follow& f) { write_file(f.at("a.py"), py("alpha")); }, "alpha", {"a.py"}},
@@ -108,10 +109,10 @@ TEST(Follow, ChangesOfTheTreeReachTheIndex) {
        "epsilon", {"kept/n/z.py"}},
       {"a directory removed", [](Follow& f) { fs::remove_all(f.at("kept")); }, "delta", {}},
       {"a .gitignore that leaves a directory out", [](Follow& f) { write_file(f.at("d/.gitignore"), "e/\nlater/\n"); },
-       "gamma", {}},
+       "gamma", {}, -1},
       {"a file in a directory that is ignored", [](Follow& f) { write_file(f.at("d/later/q.py"), py("zeta")); },
        "zeta", {}},
-      {"the .gitignore removed", [](Follow& f) { fs::remove(f.at("d/.gitignore")); }, "gamma", {"d/e/c.py"}},
+      {"the .gitignore removed", [](Follow& f) { fs::remove(f.at("d/.gitignore")); }, "gamma", {"d/e/c.py"}, 2},
       {"... the directory ignored until then is indexed", [](Follow&) {}, "zeta", {"d/later/q.py"}},
       {"... and watched", [](Follow& f) { write_file(f.at("d/later/r.py"), py("zeta")); }, "zeta",
        {"d/later/q.py", "d/later/r.py"}},
@@ -123,12 +124,53 @@ TEST(Follow, ChangesOfTheTreeReachTheIndex) {
   f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
     for (const auto& s : steps) {
       SCOPED_TRACE(s.name);
+      const std::size_t watches = w.follower()->watches();
       s.change(f);
       co_await expect_defined(w, s.symbol, s.defined_in);
+      if (s.more_watches) {
+        const std::size_t want = watches + *s.more_watches;
+        co_await until([&] { return w.follower()->watches() == want; }, fmt::format("{} watches", want));
+      }
     }
     json status = co_await w.index_status();
     EXPECT_EQ(status["watch"], "inotify");
     EXPECT_GE(status["watches"].get<int>(), 4);  // ., d, d/later, .git/info
+  });
+}
+
+// The files that decide the exclude rules are followed also when they, or their directories, come later:
+// a repository made in the tree, an excludes file named in its configuration, its info directory made anew.
+TEST(Follow, TheExcludeRulesAreFollowedAsTheirFilesComeAndGo) {
+  struct Step {
+    const char* name;
+    std::function<void(Follow&)> change;
+    Paths xray, yankee;  // where each is defined afterwards
+  };
+  const std::vector<Step> steps = {
+      {"a repository made with an exclude file", [](Follow& f) { write_file(f.at(".git/info/exclude"), "x.py\n"); },
+       {}, {"y.py"}},
+      {"an excludes file named in its configuration",
+       [](Follow& f) {
+         write_file(f.outside.path() / "ignore", "y.py\n");
+         write_file(f.at(".git/config"), "[core]\n\texcludesFile = " + (f.outside.path() / "ignore").string() + "\n");
+       },
+       {}, {}},
+      {"that excludes file changed", [](Follow& f) { write_file(f.outside.path() / "ignore", "z.py\n"); }, {},
+       {"y.py"}},
+      {"the info directory removed", [](Follow& f) { fs::remove_all(f.at(".git/info")); }, {"x.py"}, {"y.py"}},
+      {"... and made again", [](Follow& f) { write_file(f.at(".git/info/exclude"), "*.py\n"); }, {}, {}},
+  };
+  Follow f;
+  write_file(f.at("x.py"), py("xray"));
+  write_file(f.at("y.py"), py("yankee"));
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    co_await expect_defined(w, "xray", {"x.py"});
+    for (const auto& s : steps) {
+      SCOPED_TRACE(s.name);
+      s.change(f);
+      co_await expect_defined(w, "xray", s.xray);
+      co_await expect_defined(w, "yankee", s.yankee);
+    }
   });
 }
 

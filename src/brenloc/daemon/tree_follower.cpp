@@ -1,5 +1,6 @@
 #include "brenloc/daemon/tree_follower.h"
 
+#include <algorithm>
 #include <atomic>
 #include <system_error>
 
@@ -107,6 +108,7 @@ aio::Task<bool> TreeFollower::watch_tree(std::string rel) {
     return workers::collect_dirs(policy, rel, stop);
   });
   if (!watcher_) co_return false;
+  watcher_->retain(rel, dirs);  // trees that the rules now leave out are no longer watched
   if (!watcher_->add(dirs)) {
     fall_back_to_polling("the limit on watches was reached");
     co_return false;
@@ -114,15 +116,29 @@ aio::Task<bool> TreeFollower::watch_tree(std::string rel) {
   co_return true;
 }
 
+aio::Task<bool> TreeFollower::watch_all() {
+  auto sources = co_await aio::to_thread([root = worker_.repo_root] { return workers::exclude_sources(root); });
+  if (!watcher_) co_return false;
+  watcher_->watch_files(sources);
+  co_return co_await watch_tree("");
+}
+
 aio::Task<void> TreeFollower::take_changes(std::vector<TreeWatcher::Change> changes) {
   using Kind = TreeWatcher::Change::Kind;
+  // Rules that apply everywhere, or events lost: the whole tree again, once for all these changes.
+  if (std::ranges::any_of(changes, [](const auto& c) { return c.kind == Kind::all_rules || c.kind == Kind::overflow; })) {
+    if (!co_await watch_all()) co_return;
+    changes_.add_everything(Clock::now());
+    wake();
+    co_return;
+  }
   for (const auto& c : changes) {
     if (!watcher_) co_return;
     switch (c.kind) {
       case Kind::file:
         break;
       case Kind::dir_added:
-      case Kind::rules:  // a directory no longer ignored is watched from now on
+      case Kind::rules:  // a directory no longer ignored is watched from now on, one now ignored no longer
         if (!co_await watch_tree(c.rel)) co_return;
         break;
       case Kind::dir_removed:
@@ -130,9 +146,7 @@ aio::Task<void> TreeFollower::take_changes(std::vector<TreeWatcher::Change> chan
         break;
       case Kind::all_rules:
       case Kind::overflow:
-        if (!co_await watch_tree("")) co_return;
-        changes_.add_everything(Clock::now());
-        continue;
+        break;
     }
     changes_.add(c.rel, Clock::now());
   }
@@ -157,8 +171,7 @@ aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
     try {
       self->watcher_ = std::make_unique<TreeWatcher>(self->worker_.repo_root, self->options_.max_watches);
       self->mode_ = Mode::inotify;
-      self->watcher_->watch_files(workers::GitIgnore(self->worker_.repo_root).exclude_files());
-      if (co_await self->watch_tree("")) self->events_task_ = aio::spawn(event_loop(self));
+      if (co_await self->watch_all()) self->events_task_ = aio::spawn(event_loop(self));
     } catch (const std::system_error& e) {
       self->fall_back_to_polling(e.what());
     }

@@ -60,8 +60,11 @@ class TreeFollower {
  private:
   static aio::Task<void> pass_loop(TreeFollower* self);
   static aio::Task<void> event_loop(TreeFollower* self);
-  // Sets up the watches of the whole tree (on a thread, then on the loop); false: fell back to polling.
+  // Watches set up on a thread, then on the loop; false: fell back to polling.
+  // Watches exactly the directories that a walk of `rel` enters (watches of what it now leaves out go).
   aio::Task<bool> watch_tree(std::string rel);
+  // Follows the files of the exclude rules anew and watches the whole tree.
+  aio::Task<bool> watch_all();
   void fall_back_to_polling(const std::string& why);
   aio::Task<void> take_changes(std::vector<TreeWatcher::Change> changes);
   // One live pass over the changes gathered (or the whole tree), after any force_reindex run has ended.

@@ -18,8 +18,9 @@ namespace {
 
 constexpr std::uint32_t kDirMask = IN_CLOSE_WRITE | IN_MODIFY | IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
                                    IN_MOVED_TO | IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK;
-constexpr std::uint32_t kFileDirMask = IN_CLOSE_WRITE | IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                       IN_ONLYDIR | IN_EXCL_UNLINK;
+// A superset of kDirMask's events, so that a directory of the tree that also holds a followed file (or
+// its watch taken again by add()) loses none; the user's directories may be symbolic links.
+constexpr std::uint32_t kFileDirMask = kDirMask & ~IN_DONT_FOLLOW;
 
 std::string join_rel(const std::string& dir, std::string_view name) {
   return dir.empty() ? std::string(name) : dir + "/" + std::string(name);
@@ -67,13 +68,22 @@ bool TreeWatcher::add(const std::vector<std::string>& dirs) {
 }
 
 void TreeWatcher::forget(const std::string& rel) {
+  retain(rel, {});
+}
+
+void TreeWatcher::retain(const std::string& rel, const std::vector<std::string>& keep) {
+  const std::set<std::string> kept(keep.begin(), keep.end());
   for (auto it = by_dir_.lower_bound(rel); it != by_dir_.end();) {
     if (it->first != rel && !workers::is_under(it->first, rel)) {
       if (it->first > rel + "/") break;
       ++it;
       continue;
     }
-    ::inotify_rm_watch(fd_, it->second);
+    if (kept.contains(it->first)) {
+      ++it;
+      continue;
+    }
+    if (!file_dirs_.contains(it->second)) ::inotify_rm_watch(fd_, it->second);
     dirs_.erase(it->second);
     it = by_dir_.erase(it);
   }
@@ -81,10 +91,30 @@ void TreeWatcher::forget(const std::string& rel) {
 
 void TreeWatcher::watch_files(const std::vector<fs::path>& files) {
   if (fd_ < 0) return;
+  std::unordered_map<int, std::set<std::string>> followed;
   for (const fs::path& f : files) {
-    int wd = ::inotify_add_watch(fd_, f.parent_path().c_str(), kFileDirMask);
-    if (wd >= 0) file_dirs_[wd].insert(f.filename().string());
+    // A file whose directory does not exist yet is followed by the creation of the first missing one.
+    fs::path dir = f.parent_path();
+    std::string name = f.filename().string();
+    std::error_code ec;
+    while (!fs::is_directory(dir, ec) && dir.has_relative_path()) {
+      name = dir.filename().string();
+      dir = dir.parent_path();
+    }
+    // A directory watched already keeps its watch (the same one), now with this mask.
+    int wd = ::inotify_add_watch(fd_, dir.c_str(), kFileDirMask);
+    if (wd >= 0) followed[wd].insert(name);
   }
+  for (const auto& [wd, names] : file_dirs_) {
+    if (!followed.contains(wd) && !dirs_.contains(wd)) ::inotify_rm_watch(fd_, wd);
+  }
+  file_dirs_ = std::move(followed);
+}
+
+std::size_t TreeWatcher::count() const {
+  std::size_t n = dirs_.size();
+  for (const auto& [wd, names] : file_dirs_) n += dirs_.contains(wd) ? 0 : 1;
+  return n;
 }
 
 aio::Task<std::vector<TreeWatcher::Change>> TreeWatcher::next() {
@@ -123,12 +153,13 @@ void TreeWatcher::take(int wd, std::uint32_t mask, const std::string& name, std:
     return;
   }
   if (auto f = file_dirs_.find(wd); f != file_dirs_.end()) {
+    // A followed file changed, appeared or went, or the directory watched for it went.
     if (mask & IN_IGNORED) {
       file_dirs_.erase(f);
+      out.push_back({Kind::all_rules, ""});
     } else if (f->second.contains(name)) {
       out.push_back({Kind::all_rules, ""});
     }
-    return;
   }
   auto d = dirs_.find(wd);
   if (d == dirs_.end()) return;

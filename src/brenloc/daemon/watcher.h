@@ -1,8 +1,8 @@
 // The inotify watches of one working tree, read on the event loop.
 //
 // The owner adds a watch per directory that an index pass walks (collect_dirs: the ignore rules hold, so
-// nothing under .git, the data directory or an ignored tree is watched) and watches the directories of
-// the exclude files (info/exclude, the user's excludes file) for those files alone. next() waits for
+// nothing under .git, the data directory or an ignored tree is watched) and follows the files that decide
+// the exclude rules (info/exclude, the user's excludes file, the git configuration). next() waits for
 // events and turns them into changes relative to the root: files of a known language, directories that
 // appeared or went (whose watches the owner adds or forgets), a .gitignore changed, an exclude file
 // changed, or the kernel's queue overflowed (events were lost). add() stops at `max_watches` (0: the
@@ -52,12 +52,16 @@ class TreeWatcher {
   bool add(const std::vector<std::string>& dirs);
   // Drops the watches of `rel` and of the directories under it.
   void forget(const std::string& rel);
-  // Watches the directory of each of `files` for changes of that file.
+  // Drops the watches of `rel` and of the directories under it that are not in `keep`.
+  void retain(const std::string& rel, const std::vector<std::string>& keep);
+  // Follows each of `files` instead of those followed until now: watches its directory for changes of
+  // the file or, while that directory is missing, the nearest directory above it for the creation of
+  // the next one down. Any of these, and the loss of such a watch, is an all_rules change.
   void watch_files(const std::vector<std::filesystem::path>& files);
   // Waits until events arrive and returns their changes (possibly none, for events of no interest).
   aio::Task<std::vector<Change>> next();
-  // The number of watches (directories of the tree and of the exclude files).
-  std::size_t count() const { return dirs_.size() + file_dirs_.size(); }
+  // The number of watches (directories of the tree and of the followed files).
+  std::size_t count() const;
   void close();
 
  private:

@@ -190,7 +190,7 @@ std::optional<std::string> config_file_value(std::string_view text, std::string_
   return found;
 }
 
-std::optional<std::string> git_config_value(const std::filesystem::path& git_dir, std::string_view key) {
+std::vector<std::filesystem::path> config_files(const std::filesystem::path& git_dir) {
   std::vector<std::filesystem::path> files;
   if (!env_true("GIT_CONFIG_NOSYSTEM")) {
     files.emplace_back(env("GIT_CONFIG_SYSTEM").empty() ? "/etc/gitconfig" : env("GIT_CONFIG_SYSTEM"));
@@ -203,9 +203,13 @@ std::optional<std::string> git_config_value(const std::filesystem::path& git_dir
     if (!home.empty()) files.push_back(std::filesystem::path(home) / ".gitconfig");
   }
   if (!git_dir.empty()) files.push_back(git_dir / "config");
+  return files;
+}
+
+std::optional<std::string> git_config_value(const std::filesystem::path& git_dir, std::string_view key) {
   std::optional<std::string> value;
   const auto parts = split_key(key);
-  for (const auto& f : files) read_config_file(f, parts, value, 0);
+  for (const auto& f : config_files(git_dir)) read_config_file(f, parts, value, 0);
   return value;
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace brenloc::workers {
 
@@ -19,6 +20,9 @@ std::string read_regular_file(const std::filesystem::path& path, bool follow_lin
 // The last value of `key` ("section.name": no subsection, any case) in one config file's text: sections
 // and names in any case, quoted values, escapes, comments and continued lines as git has them.
 std::optional<std::string> config_file_value(std::string_view text, std::string_view key);
+
+// The files that git_config_value reads, in order, whether they exist or not (without their includes).
+std::vector<std::filesystem::path> config_files(const std::filesystem::path& git_dir);
 
 // The value of `key` for the repository whose git directory is `git_dir`.
 std::optional<std::string> git_config_value(const std::filesystem::path& git_dir, std::string_view key);

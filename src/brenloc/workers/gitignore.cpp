@@ -317,9 +317,7 @@ GitIgnore::GitIgnore(std::filesystem::path root) : root_(std::move(root)) {
   // its patterns come first. It is the user's own file, read through a symbolic link too. Each file may
   // start with a byte-order mark.
   std::string text;
-  exclude_files_.push_back(git_dir / "info" / "exclude");
   if (auto user = user_excludes_file(git_dir, root_); !user.empty()) {
-    exclude_files_.push_back(user);
     text = without_bom(read_regular_file(user, true));
     if (!text.empty()) text += '\n';
   }
@@ -347,6 +345,15 @@ bool GitIgnore::ignored(std::string_view rel, bool is_dir) {
     pos = slash + 1;
   }
   return decide(lists, &exclude_, rel, is_dir) == IgnoreVerdict::ignored;
+}
+
+std::vector<std::filesystem::path> exclude_sources(const std::filesystem::path& root) {
+  std::filesystem::path git_dir = git_dir_of(root);
+  if (git_dir.empty()) return {root / ".git" / "info" / "exclude", root / ".git" / "config"};
+  std::vector<std::filesystem::path> out{git_dir / "info" / "exclude"};
+  if (auto user = user_excludes_file(git_dir, root); !user.empty()) out.push_back(user);
+  for (auto& f : config_files(git_dir)) out.push_back(std::move(f));
+  return out;
 }
 
 }  // namespace brenloc::workers

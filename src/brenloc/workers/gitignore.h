@@ -80,8 +80,6 @@ class GitIgnore {
   const IgnoreList& list_for(const std::string& dir);
   // info/exclude and the user's excludes file, as one list.
   const IgnoreList& exclude() const { return exclude_; }
-  // The files read for exclude(), whether they exist or not: info/exclude and the user's excludes file.
-  const std::vector<std::filesystem::path>& exclude_files() const { return exclude_files_; }
 
   // Whether `rel` is ignored, also because one of its directories is.
   bool ignored(std::string_view rel, bool is_dir);
@@ -89,8 +87,13 @@ class GitIgnore {
  private:
   std::filesystem::path root_;
   IgnoreList exclude_;
-  std::vector<std::filesystem::path> exclude_files_;
   std::map<std::string, std::unique_ptr<IgnoreList>, std::less<>> lists_;
 };
+
+// The files whose content decides what GitIgnore(root).exclude() holds, whether they exist or not:
+// info/exclude, the user's excludes file and the git configuration files that may name another one.
+// Outside a git working tree, those of a repository created at `root` later (.git/info/exclude and
+// .git/config).
+std::vector<std::filesystem::path> exclude_sources(const std::filesystem::path& root);
 
 }  // namespace brenloc::workers
