@@ -171,6 +171,19 @@ test('sessions and the command line share one daemon, one worker and one rebuild
   }
 });
 
+test('a reindex on a worker just started waits for its pass at start, then runs', async () => {
+  const rt = runtime();
+  try {
+    for (const args of [['--clear-existing'], []]) {
+      const r = await run(['reindex', '--daemon', ...args, '--repo', tree, '--data-dir', fresh('data')], rt.env);
+      assert.equal(r.code, 0, `${args}: ${r.stdout}${r.stderr}`);
+      assert.equal(JSON.parse(r.stdout.split('\n')[0]).status, 'accepted');
+    }
+  } finally {
+    await stopDaemon(rt);
+  }
+});
+
 test('two repositories in one daemon do not hear each other', async () => {
   const rt = runtime();
   const one = await session(rt, demo, fresh('data'));

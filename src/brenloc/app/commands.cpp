@@ -272,9 +272,37 @@ json call_tool(DaemonClient& client, const std::string& name, json arguments,
   throw std::runtime_error(text);
 }
 
+// How long a reindex through the daemon waits for the worker's pass at start before it asks anyway.
+constexpr std::chrono::minutes kFirstPassWait{10};
+
+// A worker that the daemon has just started first catches up with the tree (an empty index, it indexes
+// whole), and a reindex asked meanwhile would be answered "in_progress": the user asked for a reindex,
+// not whether one runs. While that pass runs, search answers carry an "indexing: ..." note; the command
+// waits until it has gone (for a while at most). Throws Interrupted.
+void wait_for_first_pass(DaemonClient& client, int verbosity) {
+  bool told = false;
+  for (auto deadline = std::chrono::steady_clock::now() + kFirstPassWait; std::chrono::steady_clock::now() < deadline;) {
+    json answer = call_tool(client, "search_symbols", {{"query", "_"}, {"limit", 1}, {"max_bytes", 1024}});
+    const std::string note = answer.value("note", "");
+    if (!note.starts_with("indexing: ")) return;
+    if (!told && verbosity >= 0) {
+      std::cerr << "brenloc: the worker is catching up with the tree first (" << note << ")\n";
+      told = true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (g_interrupted.load()) throw Interrupted();
+  }
+}
+
 int reindex_via_daemon(DaemonClient& client, const json& arguments, int verbosity) {
   ProgressView progress(verbosity);
   std::optional<json> outcome;
+  try {
+    wait_for_first_pass(client, verbosity);
+  } catch (const Interrupted&) {
+    std::cerr << "brenloc: interrupted before the reindex was asked for\n";
+    return kExitInterrupted;
+  }
   json response = call_tool(client, "force_reindex", arguments);
   std::cout << response.dump() << std::endl;
   if (response.value("status", "") != "accepted") return kExitRefused;
