@@ -16,7 +16,9 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <ctime>
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -105,14 +107,29 @@ struct Latency {
 
 double ms_since(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
 
-// One round: every form once through the repository, and its text once through the LIKE scan.
-void round(Repository& repo, LikeScan& like, std::vector<Latency>& ours, std::vector<Latency>& theirs) {
+// A query slower than most, and when it ran.
+struct Slow {
+  double ms;
+  std::size_t form;
+  std::chrono::system_clock::time_point at;
+};
+
+// One round: every form once through the repository, and its text once through the LIKE scan; the
+// slowest queries are kept in `slow` when given.
+void round(Repository& repo, LikeScan& like, std::vector<Latency>& ours, std::vector<Latency>& theirs,
+           std::vector<Slow>* slow = nullptr) {
   const auto all = forms();
   for (std::size_t i = 0; i < all.size(); ++i) {
     repo.clear_query_cache();
+    const auto wall = std::chrono::system_clock::now();
     auto t = Clock::now();
     repo.find_symbols(all[i].query);
     ours[i].ms.push_back(ms_since(t));
+    if (slow) {
+      slow->push_back({ours[i].ms.back(), i, wall});
+      std::sort(slow->begin(), slow->end(), [](const Slow& a, const Slow& b) { return a.ms > b.ms; });
+      if (slow->size() > 6) slow->pop_back();
+    }
     t = Clock::now();
     like.run(all[i].query.text);
     theirs[i].ms.push_back(ms_since(t));
@@ -129,6 +146,30 @@ long resident_kib() {
 std::string read_all(const fs::path& p) {
   std::ifstream in(p);
   return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The log's time of the swap's end (local time, as the log writes it).
+std::optional<std::chrono::system_clock::time_point> swap_end(const std::string& log) {
+  std::smatch m;
+  if (!std::regex_search(log, m, std::regex(R"((\d+)-(\d+)-(\d+) (\d+):(\d+):(\d+)\.(\d+) \S+ \S+ Swapped in)"))) {
+    return std::nullopt;
+  }
+  std::tm tm{};
+  tm.tm_year = std::stoi(m[1]) - 1900, tm.tm_mon = std::stoi(m[2]) - 1, tm.tm_mday = std::stoi(m[3]);
+  tm.tm_hour = std::stoi(m[4]), tm.tm_min = std::stoi(m[5]), tm.tm_sec = std::stoi(m[6]);
+  tm.tm_isdst = -1;
+  return std::chrono::system_clock::from_time_t(std::mktime(&tm)) + std::chrono::milliseconds(std::stoi(m[7]));
+}
+
+void print_slowest(const std::vector<Slow>& slow, const std::vector<Form>& all, const std::string& log) {
+  const auto swapped = swap_end(log);
+  std::printf("slowest during the rebuild:");
+  for (const Slow& s : slow) {
+    std::printf(" %s %.1f ms", all[s.form].label.c_str(), s.ms);
+    if (swapped) std::printf(" (%+.2f s from the swap's end)", std::chrono::duration<double>(s.at - *swapped).count());
+    std::printf(";");
+  }
+  std::printf("\n");
 }
 
 }  // namespace
@@ -161,6 +202,7 @@ int main(int argc, char** argv) {
     for (const auto& f : all) {
       if (f.label != only) continue;
       Latency l;
+      repo.find_symbols(f.query);  // reads the names into memory first
       for (int r = 0; r < rounds; ++r) {
         repo.clear_query_cache();
         const auto t = Clock::now();
@@ -180,6 +222,19 @@ int main(int argc, char** argv) {
     std::printf("names in memory: read in %.0f ms, %.1f MiB more resident\n", ms_since(t),
                 static_cast<double>(resident_kib() - before) / 1024);
   }
+  {
+    // What a search pays when the names changed since the last one (in another process, or by a store
+    // that does not hand the new names over): the names are read again.
+    Latency l;
+    for (int r = 0; r < 5; ++r) {
+      db->execute("UPDATE name_state SET stamp = stamp + 1");
+      repo.clear_query_cache();
+      const auto t = Clock::now();
+      repo.find_symbols({.text = "Inv*", .limit = 20});
+      l.ms.push_back(ms_since(t));
+    }
+    std::printf("a search after the names changed: p50 %.0f ms, max %.0f ms\n", l.pct(0.5), l.pct(1));
+  }
   std::vector<Latency> idle(all.size()), idle_like(all.size()), busy(all.size()), busy_like(all.size());
   for (int r = 0; r < 3; ++r) round(repo, like, idle, idle_like);  // warm the page cache
   idle.assign(all.size(), {}), idle_like.assign(all.size(), {});
@@ -188,6 +243,7 @@ int main(int argc, char** argv) {
   for (int r = 0; r < rounds / 2; ++r) round(repo, like, idle, idle_like);
   double rebuild_s = 0;
   std::string log;
+  std::vector<Slow> slow;
   if (rebuild) {
     const fs::path bin = fs::canonical(fs::path(argv[0])).parent_path().parent_path() / "brenloc";
     const fs::path log_path = data / "search_bench.log";
@@ -199,7 +255,7 @@ int main(int argc, char** argv) {
                       .c_str());
       done = true;
     });
-    while (!done) round(repo, like, busy, busy_like);
+    while (!done) round(repo, like, busy, busy_like, &slow);
     run.join();
     rebuild_s = ms_since(t) / 1000;
     log = read_all(log_path);
@@ -222,6 +278,7 @@ int main(int argc, char** argv) {
     std::printf("full rebuild %.1f s; swap %s s for %s symbols (write lock %s s)\n", rebuild_s,
                 m.size() > 3 ? m[2].str().c_str() : "?", m.size() > 3 ? m[1].str().c_str() : "?",
                 m.size() > 3 ? m[3].str().c_str() : "?");
+    print_slowest(slow, all, log);
   }
 
   // What the search tables cost: built again on a copy, and their share of the file.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "brenloc/storage/letters_in_order.h"
 #include "brenloc/storage/reader.h"
 #include "brenloc/storage/sqlite_util.h"
 #include "brenloc/storage/symbol_match.h"
@@ -59,6 +60,7 @@ std::shared_ptr<const NameCatalog> NameCatalog::load(sqlite3* c, const std::file
     }
   }
   k.offset_.push_back(static_cast<std::uint32_t>(k.text_.size()));
+  k.text_.append(LettersInOrder::kPadding, '\0');
   k.text_.shrink_to_fit();
   return out;
 }

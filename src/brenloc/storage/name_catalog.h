@@ -29,6 +29,7 @@ class NameCatalog {
   std::int64_t stamp() const { return stamp_; }
   std::size_t size() const { return chars_.size(); }
 
+  // Readable for LettersInOrder::kPadding bytes past its end.
   std::string_view name(std::size_t i) const { return std::string_view(text_).substr(offset_[i], offset_[i + 1] - offset_[i]); }
   std::uint64_t chars(std::size_t i) const { return chars_[i]; }  // char_bits of the name
   std::uint32_t kinds(std::size_t i) const { return kinds_[i]; }

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "brenloc/storage/letters_in_order.h"
 #include "brenloc/storage/name_table.h"
 #include "brenloc/storage/row_ranges.h"
 #include "brenloc/storage/search_results.h"
@@ -296,10 +297,19 @@ class Search {
       std::erase_if(letters, [](char c) { return c == '*' || c == '?'; });
       const std::uint64_t needed = char_bits(letters);
       // Every name a non-glob text matches holds its letters in order: a quick test before the tier's.
+      // The names whose characters and summaries pass come first (a pass over small arrays); their text,
+      // spread over the whole catalog, is then fetched ahead of the test so that the misses overlap.
       const bool in_order = !pattern_.glob;
+      const LettersInOrder holds(text);
+      std::vector<std::uint32_t> maybe;
       for (std::size_t i = 0; i < k.size(); ++i) {
-        if ((k.chars(i) & needed) != needed || !passes(i) || (in_order && !holds_in_order(text, k.name(i)))) continue;
-        if (!consider_passed(i)) return;
+        if ((k.chars(i) & needed) == needed && passes(i)) maybe.push_back(static_cast<std::uint32_t>(i));
+      }
+      constexpr std::size_t kAhead = 16;
+      for (std::size_t j = 0; j < maybe.size(); ++j) {
+        if (j + kAhead < maybe.size()) __builtin_prefetch(k.name(maybe[j + kAhead]).data());
+        if (in_order && !holds(k.name(maybe[j]))) continue;
+        if (!consider_passed(maybe[j])) return;
       }
     }
   }
