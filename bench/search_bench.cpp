@@ -4,9 +4,10 @@
 //
 // DATA_DIR holds the index of REPO (build it once: brenloc reindex --clear-existing --repo REPO
 // --data-dir DATA_DIR). Table 1: p50/p99 of every query form (cache cleared before each query, so that
-// SQLite answers every one), idle and while `brenloc reindex --clear-existing` rebuilds the same index,
-// beside the substring LIKE scan in name order that search used to be. Then the rebuild's time and swap
-// (from its log), what building the search tables costs on a copy of the index, and their size.
+// SQLite answers every one), idle and while a full rebuild of the same index runs in this process (a
+// worker's, as in the daemon, whose live store the queries use), beside the substring LIKE scan in name
+// order that search used to be. Then the rebuild's time and swap, the slowest queries during the rebuild,
+// what building the search tables costs on a copy of the index, and their size.
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -16,16 +17,16 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <ctime>
 #include <fstream>
-#include <optional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "brenloc/aio/task.h"
+#include "brenloc/aio/timer.h"
+#include "brenloc/daemon/worker.h"
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/name_table.h"
 #include "brenloc/storage/repository.h"
@@ -111,7 +112,7 @@ double ms_since(Clock::time_point t) { return std::chrono::duration<double, std:
 struct Slow {
   double ms;
   std::size_t form;
-  std::chrono::system_clock::time_point at;
+  Clock::time_point at;
 };
 
 // One round: every form once through the repository, and its text once through the LIKE scan; the
@@ -121,12 +122,12 @@ void round(Repository& repo, LikeScan& like, std::vector<Latency>& ours, std::ve
   const auto all = forms();
   for (std::size_t i = 0; i < all.size(); ++i) {
     repo.clear_query_cache();
-    const auto wall = std::chrono::system_clock::now();
     auto t = Clock::now();
+    const auto started = t;
     repo.find_symbols(all[i].query);
     ours[i].ms.push_back(ms_since(t));
     if (slow) {
-      slow->push_back({ours[i].ms.back(), i, wall});
+      slow->push_back({ours[i].ms.back(), i, started});
       std::sort(slow->begin(), slow->end(), [](const Slow& a, const Slow& b) { return a.ms > b.ms; });
       if (slow->size() > 6) slow->pop_back();
     }
@@ -143,34 +144,73 @@ long resident_kib() {
   return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-std::string read_all(const fs::path& p) {
-  std::ifstream in(p);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
-// The log's time of the swap's end (local time, as the log writes it).
-std::optional<std::chrono::system_clock::time_point> swap_end(const std::string& log) {
-  std::smatch m;
-  if (!std::regex_search(log, m, std::regex(R"((\d+)-(\d+)-(\d+) (\d+):(\d+):(\d+)\.(\d+) \S+ \S+ Swapped in)"))) {
-    return std::nullopt;
-  }
-  std::tm tm{};
-  tm.tm_year = std::stoi(m[1]) - 1900, tm.tm_mon = std::stoi(m[2]) - 1, tm.tm_mday = std::stoi(m[3]);
-  tm.tm_hour = std::stoi(m[4]), tm.tm_min = std::stoi(m[5]), tm.tm_sec = std::stoi(m[6]);
-  tm.tm_isdst = -1;
-  return std::chrono::system_clock::from_time_t(std::mktime(&tm)) + std::chrono::milliseconds(std::stoi(m[7]));
-}
-
-void print_slowest(const std::vector<Slow>& slow, const std::vector<Form>& all, const std::string& log) {
-  const auto swapped = swap_end(log);
+void print_slowest(const std::vector<Slow>& slow, const std::vector<Form>& all, Clock::time_point swapped) {
   std::printf("slowest during the rebuild:");
   for (const Slow& s : slow) {
-    std::printf(" %s %.1f ms", all[s.form].label.c_str(), s.ms);
-    if (swapped) std::printf(" (%+.2f s from the swap's end)", std::chrono::duration<double>(s.at - *swapped).count());
-    std::printf(";");
+    std::printf(" %s %.1f ms (started %+.2f s from the swap's end);", all[s.form].label.c_str(), s.ms,
+                std::chrono::duration<double>(s.at - swapped).count());
   }
   std::printf("\n");
 }
+
+// The live store, which notes when its last swap ended.
+class TimedRepository : public Repository {
+ public:
+  using Repository::Repository;
+  Counts swap_index_from(const fs::path& staging) override {
+    Counts counts = Repository::swap_index_from(staging);
+    swapped = Clock::now().time_since_epoch().count();
+    return counts;
+  }
+  std::atomic<Clock::rep> swapped{0};
+};
+
+// A worker over the index on a thread of its own, as the daemon's (without following the tree): it
+// rebuilds the index once when asked to.
+class Rebuilder : public brenloc::daemon::RepoWorker {
+ public:
+  Rebuilder(const fs::path& root, const fs::path& data) : RepoWorker(root, data) {
+    thread_ = std::thread([this] { brenloc::aio::run_until_complete(loop_, body()); });
+    while (!ready_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ~Rebuilder() override {
+    stop_ = true;
+    thread_.join();
+  }
+
+  std::shared_ptr<Repository> _new_repository(std::shared_ptr<Database> db) override {
+    if (db->path().filename() != "index.db") return RepoWorker::_new_repository(std::move(db));
+    live = std::make_shared<TimedRepository>(std::move(db));
+    return live;
+  }
+
+  std::shared_ptr<TimedRepository> live;
+  std::atomic<bool> go_{false}, done_{false};
+  double seconds = 0;
+
+ private:
+  brenloc::aio::Task<void> body() {
+    co_await start();
+    while (follower() && follower()->first_pass_pending()) co_await brenloc::aio::sleep_for(std::chrono::milliseconds(20));
+    ready_ = true;
+    while (!go_ && !stop_) co_await brenloc::aio::sleep_for(std::chrono::milliseconds(5));
+    if (go_) {
+      const auto t = Clock::now();
+      const auto answer = co_await force_reindex(nlohmann::json{{"clear_existing", true}});
+      if (answer["status"] != "accepted") std::fprintf(stderr, "not accepted: %s\n", answer.dump().c_str());
+      co_await brenloc::aio::wait_all({last_run()->base()});
+      seconds = ms_since(t) / 1000;
+      done_ = true;
+    }
+    while (!stop_) co_await brenloc::aio::sleep_for(std::chrono::milliseconds(20));
+    co_await stop();
+  }
+
+  brenloc::aio::EventLoop loop_;
+  std::thread thread_;
+  std::atomic<bool> ready_{false}, stop_{false};
+};
 
 }  // namespace
 
@@ -191,7 +231,9 @@ int main(int argc, char** argv) {
     if (a == "--no-rebuild") rebuild = false;
     if (a == "--only" && i + 1 < argc) only = argv[++i];
   }
-  brenloc::utils::get_logger("brenloc.storage")->set_level(spdlog::level::warn);
+  for (auto name : {"brenloc.storage", "brenloc.daemon.worker", "brenloc.workers.indexer"}) {
+    brenloc::utils::get_logger(name)->set_level(spdlog::level::warn);
+  }
   const fs::path db_path = data / "index.db";
   auto db = std::make_shared<Database>(db_path);
   db->connect();
@@ -236,31 +278,20 @@ int main(int argc, char** argv) {
     std::printf("a search after the names changed: p50 %.0f ms, max %.0f ms\n", l.pct(0.5), l.pct(1));
   }
   std::vector<Latency> idle(all.size()), idle_like(all.size()), busy(all.size()), busy_like(all.size());
-  for (int r = 0; r < 3; ++r) round(repo, like, idle, idle_like);  // warm the page cache
+  std::unique_ptr<Rebuilder> worker;
+  if (rebuild) worker = std::make_unique<Rebuilder>(repo_root, data);
+  Repository& live = worker ? *worker->live : repo;
+  for (int r = 0; r < 3; ++r) round(live, like, idle, idle_like);  // warm the page cache
   idle.assign(all.size(), {}), idle_like.assign(all.size(), {});
 
   // Idle rounds, then rounds while a rebuild runs (as many as it lasts), then idle rounds again.
-  for (int r = 0; r < rounds / 2; ++r) round(repo, like, idle, idle_like);
-  double rebuild_s = 0;
-  std::string log;
+  for (int r = 0; r < rounds / 2; ++r) round(live, like, idle, idle_like);
   std::vector<Slow> slow;
-  if (rebuild) {
-    const fs::path bin = fs::canonical(fs::path(argv[0])).parent_path().parent_path() / "brenloc";
-    const fs::path log_path = data / "search_bench.log";
-    std::atomic<bool> done = false;
-    const auto t = Clock::now();
-    std::thread run([&] {
-      std::system(fmt::format("'{}' reindex -v --clear-existing --repo '{}' --data-dir '{}' >/dev/null 2>'{}'",
-                              bin.string(), repo_root.string(), data.string(), log_path.string())
-                      .c_str());
-      done = true;
-    });
-    while (!done) round(repo, like, busy, busy_like, &slow);
-    run.join();
-    rebuild_s = ms_since(t) / 1000;
-    log = read_all(log_path);
+  if (worker) {
+    worker->go_ = true;
+    while (!worker->done_) round(live, like, busy, busy_like, &slow);
   }
-  for (int r = 0; r < rounds / 2; ++r) round(repo, like, idle, idle_like);
+  for (int r = 0; r < rounds / 2; ++r) round(live, like, idle, idle_like);
 
   std::printf("%-26s %9s %9s %9s %9s | %9s %9s %9s %9s\n", "query form (ms)", "p50", "p99", "busy p50", "busy p99",
               "LIKE p50", "LIKE p99", "busy p50", "busy p99");
@@ -271,14 +302,14 @@ int main(int argc, char** argv) {
   }
   std::printf("rounds: %zu idle, %zu during the rebuild\n", idle[0].ms.size(), busy[0].ms.size());
 
-  if (rebuild) {
-    std::smatch m;
-    const std::regex swapped(R"(Swapped in \d+ files and (\d+) symbols .* in ([0-9.]+) s \(write lock held ([0-9.]+) s\))");
-    std::regex_search(log, m, swapped);
-    std::printf("full rebuild %.1f s; swap %s s for %s symbols (write lock %s s)\n", rebuild_s,
-                m.size() > 3 ? m[2].str().c_str() : "?", m.size() > 3 ? m[1].str().c_str() : "?",
-                m.size() > 3 ? m[3].str().c_str() : "?");
-    print_slowest(slow, all, log);
+  double rebuild_s = 0;
+  if (worker) {
+    rebuild_s = worker->seconds;
+    const SwapTiming swap = worker->live->last_swap_timing();
+    std::printf("full rebuild %.1f s; swap %.3f s for %lld symbols (write lock %.3f s)\n", rebuild_s,
+                swap.total_seconds, static_cast<long long>(live.counts().symbols), swap.write_lock_seconds);
+    print_slowest(slow, all, Clock::time_point(Clock::duration(worker->live->swapped.load())));
+    worker.reset();
   }
 
   // What the search tables cost: built again on a copy, and their share of the file.

@@ -65,6 +65,19 @@ std::shared_ptr<const NameCatalog> NameCatalog::load(sqlite3* c, const std::file
   return out;
 }
 
+std::shared_ptr<const NameCatalog> NameCatalog::load_file(const std::filesystem::path& file) {
+  const char* op = "reading the names";
+  sqlite3* c = nullptr;
+  const int rc = open_connection(file, SQLITE_OPEN_READONLY, &c);
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> closing(c, sqlite3_close_v2);
+  if (rc != SQLITE_OK) throw sqlite_error(c, rc, file, op);
+  run_script(c, "BEGIN", file, op);
+  const std::int64_t stamp = query_int(c, "SELECT stamp FROM name_state", file, op);
+  auto out = load(c, file, stamp);
+  run_script(c, "COMMIT", file, op);
+  return out;
+}
+
 std::pair<std::size_t, std::size_t> NameCatalog::starting_with(std::string_view folded) const {
   std::size_t lo = 0, hi = size();
   while (lo < hi) {  // the first name not below the text
@@ -88,6 +101,15 @@ std::size_t NameCatalog::by_id(std::int64_t id) const {
 bool NameCatalogs::in_use() {
   std::lock_guard lock(mu_);
   return !recent_.empty();
+}
+
+void NameCatalogs::put(std::shared_ptr<const NameCatalog> catalog) {
+  std::lock_guard lock(mu_);
+  for (const auto& k : recent_) {
+    if (k->stamp() == catalog->stamp()) return;
+  }
+  if (recent_.size() == 2) recent_.erase(recent_.begin());
+  recent_.push_back(std::move(catalog));
 }
 
 std::shared_ptr<const NameCatalog> NameCatalogs::get(Reader& reader, const std::filesystem::path& file) {

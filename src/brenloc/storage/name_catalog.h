@@ -25,6 +25,9 @@ class NameCatalog {
  public:
   // Reads the names of `c` inside the caller's read transaction.
   static std::shared_ptr<const NameCatalog> load(sqlite3* c, const std::filesystem::path& file, std::int64_t stamp);
+  // Reads the names of the database file `file` (opened read-only, in a transaction of its own), with
+  // their stamp.
+  static std::shared_ptr<const NameCatalog> load_file(const std::filesystem::path& file);
 
   std::int64_t stamp() const { return stamp_; }
   std::size_t size() const { return chars_.size(); }
@@ -61,6 +64,9 @@ class NameCatalogs {
   std::shared_ptr<const NameCatalog> get(Reader& reader, const std::filesystem::path& file);
   // Whether any catalog was loaded (the store has been searched by name).
   bool in_use();
+  // Hands over a catalog read elsewhere (a swap's, before its names go live), unless one of its stamp is
+  // known.
+  void put(std::shared_ptr<const NameCatalog> catalog);
 
  private:
   std::mutex mu_;       // guards the list

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <exception>
+#include <future>
 #include <mutex>
 #include <span>
 #include <thread>
@@ -534,6 +535,22 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
                        SQLITE_CANTOPEN);
   }
 
+  // A store that has been searched has the new names ready before they go live, so that no search after
+  // the swap waits for them: read from the staging file (which nothing writes now) on a thread of their
+  // own while the rows are copied, and handed over before the commit.
+  std::future<std::shared_ptr<const detail::NameCatalog>> new_names;
+  if (impl_->catalogs.in_use()) {
+    new_names = std::async(std::launch::async, [staging_path] { return detail::NameCatalog::load_file(staging_path); });
+  }
+  auto hand_over_names = [&] {
+    if (!new_names.valid()) return;
+    try {
+      impl_->catalogs.put(new_names.get());
+    } catch (const std::exception& e) {
+      impl_->log->warn("{}: reading the new names ahead (the first search reads them): {}", what, e.what());
+    }
+  };
+
   Counts rows;
   double write_lock_seconds = 0;
   const std::filesystem::path named_in_what;  // `what` names both files
@@ -583,6 +600,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
            "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",
            "copying the trigram index");
+      hand_over_names();
       step("COMMIT", "committing");
       write_lock_seconds = seconds_since(locked);
     } catch (...) {
@@ -607,7 +625,8 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   }
   impl_->log->info("Swapped in {} files and {} symbols from {} in {:.3f} s (write lock held {:.3f} s)", rows.files,
                    rows.symbols, staging_path.string(), timing.total_seconds, timing.write_lock_seconds);
-  // A store that has been searched reads the new names now, rather than in the next search.
+  // Unless they were read ahead, a store that has been searched reads the new names now, rather than in
+  // the next search.
   if (impl_->catalogs.in_use()) {
     impl_->with_reader([&](Reader& r) {
       ReadTransaction snapshot(r.db, impl_->path);
