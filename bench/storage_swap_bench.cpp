@@ -1,11 +1,12 @@
 // The swap of a staged index and client queries, measured side by side in one run.
 //
-//   storage_swap_bench [--sizes 10000,100000,1000000] [--rounds 3] [--dir DIR]
+//   storage_swap_bench [--sizes 10000,100000,1000000] [--rounds 3] [--dir DIR] [--from INDEX_DB]
 //
 // Table 1: for each index size (symbol rows), the time of Repository::swap_index_from and the time it
 // holds SQLite's write lock on the live file, against two other ways of copying the rows (row by row with
 // the indexes kept up to date, and dropping the indexes for the copy and building them again). Medians
-// of --rounds swaps.
+// of --rounds swaps. With --from, the index is a copy of a real one instead (as both the live and the
+// staged index). At the largest size, the log gives the time of each step of the swap.
 //
 // Table 2: at the largest size, client query latency (p50/p99, cache cleared before every query so that
 // SQLite answers each one) while the index is idle and while a swap runs, alternating idle and swap
@@ -133,7 +134,7 @@ Timed copy_with_sql(Database& live, const fs::path& staging, const std::vector<s
   return t;
 }
 
-const char* kColumns = "id, file_id, name, kind, line, col, end_line, end_col, scope";
+const char* kColumns = "id, file_id, name, kind, line, col, end_line, end_col, scope, lead";
 
 std::vector<std::string> row_by_row() {
   // A WHERE clause keeps SQLite from copying the b-trees whole: every row goes through the indexes.
@@ -209,6 +210,7 @@ struct Options {
   std::vector<int> sizes = {10'000, 100'000, 1'000'000};
   int rounds = 3;
   fs::path dir;
+  fs::path from;  // a real index to copy, instead of generated ones
 };
 
 Options parse(int argc, char** argv) {
@@ -227,6 +229,9 @@ Options parse(int argc, char** argv) {
       o.rounds = std::stoi(value);
     } else if (flag == "--dir") {
       o.dir = value;
+    } else if (flag == "--from") {
+      o.from = value;
+      o.sizes = {0};
     }
   }
   return o;
@@ -251,14 +256,24 @@ int main(int argc, char** argv) {
   std::shared_ptr<Database> live, staging;
   std::shared_ptr<Repository> repo;
   fs::path staging_path;
-  for (int size : opt.sizes) {
+  for (int size : std::vector<int>(opt.sizes)) {
     live.reset();
     repo.reset();
     staging.reset();
-    live = build_index(opt.dir / "index.db", "live", size, 1);
     staging_path = opt.dir / "index.db.reindex-staging";
-    staging = build_index(staging_path, "staged", size, 2);
+    if (opt.from.empty()) {
+      live = build_index(opt.dir / "index.db", "live", size, 1);
+      staging = build_index(staging_path, "staged", size, 2);
+    } else {
+      for (const fs::path& to : {opt.dir / "index.db", staging_path}) fs::copy_file(opt.from, to, fs::copy_options::overwrite_existing);
+      live = std::make_shared<Database>(opt.dir / "index.db");
+      live->connect();
+      staging = std::make_shared<Database>(staging_path);
+      staging->connect();
+    }
     repo = std::make_shared<Repository>(live);
+    if (size == opt.sizes.back()) brenloc::utils::get_logger("brenloc.storage")->set_level(spdlog::level::debug);
+    if (size == 0) size = opt.sizes.back() = static_cast<int>(repo->counts().symbols);
     std::vector<double> swap_total, swap_lock, row_total, row_lock, idx_total, idx_lock;
     for (int r = 0; r < opt.rounds; ++r) {
       // Interleaved so that the three see the same machine.

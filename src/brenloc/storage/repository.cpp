@@ -29,6 +29,8 @@ using detail::Statement;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kReaderBusyTimeoutMs = 5000;
+// The writer's checkpoints: SQLite's default, after a commit leaves this many pages in the log.
+constexpr int kWalAutoCheckpointPages = 1000;
 constexpr std::size_t kMaxIdleReaders = 4;
 constexpr std::size_t kCacheEntries = 512;
 // A file listing longer than this is not cached (it would pin a large copy of the files table).
@@ -554,9 +556,12 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   Counts rows;
   double write_lock_seconds = 0;
   const std::filesystem::path named_in_what;  // `what` names both files
+  std::string steps;  // each step's time, for the debug log
   db_->with_connection([&](sqlite3* c) {
     auto step = [&](const char* sql, std::string_view op) {
+      const auto t = Clock::now();
       detail::run_script(c, sql, named_in_what, fmt::format("{}: {}", what, op));
+      steps += fmt::format("{}{} {:.3f} s", steps.empty() ? "" : ", ", op, seconds_since(t));
     };
     // A DETACH that failed after an earlier swap would make this ATTACH fail; clear it first.
     if (sqlite3_db_filename(c, "staging") != nullptr) sqlite3_exec(c, "DETACH DATABASE staging", nullptr, nullptr, nullptr);
@@ -600,12 +605,19 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
            "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",
            "copying the trigram index");
+      const auto waited = Clock::now();
       hand_over_names();
+      steps += fmt::format(", waiting for the new names {:.3f} s", seconds_since(waited));
+      // The commit leaves the new pages in the log: copying them into the file (a quarter of the swap's
+      // time, which no reader waits for either way) is left to the worker's checkpoint after a rebuild,
+      // or to the next commit.
+      sqlite3_wal_autocheckpoint(c, 0);
       step("COMMIT", "committing");
       write_lock_seconds = seconds_since(locked);
     } catch (...) {
       failure = std::current_exception();
     }
+    sqlite3_wal_autocheckpoint(c, kWalAutoCheckpointPages);
     if (failure) {
       // SQLite may have rolled back by itself (I/O errors, a full disk); otherwise roll back here.
       if (sqlite3_get_autocommit(c) == 0) sqlite3_exec(c, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -625,6 +637,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   }
   impl_->log->info("Swapped in {} files and {} symbols from {} in {:.3f} s (write lock held {:.3f} s)", rows.files,
                    rows.symbols, staging_path.string(), timing.total_seconds, timing.write_lock_seconds);
+  impl_->log->debug("Swap steps: {}", steps);
   // Unless they were read ahead, a store that has been searched reads the new names now, rather than in
   // the next search.
   if (impl_->catalogs.in_use()) {
