@@ -21,6 +21,19 @@ namespace brenloc::storage::detail {
 
 struct Reader;
 
+// A name with the summary of its rows, as the names table keeps it.
+struct NameRow {
+  std::string name;
+  std::int64_t id = 0, rows = 0, kinds = 0, languages = 0, first_row = 0, last_row = 0;
+};
+
+// What a write did to the names: their stamp before and after, and each name whose summary changed or
+// that came or went (rows 0).
+struct NameChanges {
+  std::int64_t old_stamp = 0, new_stamp = 0;
+  std::vector<NameRow> names;
+};
+
 class NameCatalog {
  public:
   // Reads the names of `c` inside the caller's read transaction.
@@ -28,6 +41,10 @@ class NameCatalog {
   // Reads the names of the database file `file` (opened read-only, in a transaction of its own), with
   // their stamp.
   static std::shared_ptr<const NameCatalog> load_file(const std::filesystem::path& file);
+
+  // The catalog of `changes.new_stamp`: these names with the changes made (a copy, a few milliseconds for
+  // a million symbols); null when the changes name ids that it cannot hold.
+  std::shared_ptr<const NameCatalog> changed(const NameChanges& changes) const;
 
   std::int64_t stamp() const { return stamp_; }
   std::size_t size() const { return chars_.size(); }
@@ -48,6 +65,10 @@ class NameCatalog {
   std::size_t by_id(std::int64_t id) const;
 
  private:
+  void push(std::string_view name, std::uint64_t chars, std::int64_t rows, std::int64_t kinds, std::int64_t languages,
+            std::int64_t first_row, std::int64_t last_row);
+  void finish();
+
   std::int64_t stamp_ = 0;
   std::string text_;
   std::vector<std::uint32_t> offset_;  // size() + 1
@@ -57,7 +78,9 @@ class NameCatalog {
   std::vector<std::uint32_t> entry_of_id_;
 };
 
-// The catalogs of one database: the latest two stamps' (a reader may still be on the one before a change).
+// The catalogs of one database: the latest two stamps' (a reader may still be on the one before a change),
+// and the changes of the writes since, from which the catalog of a later stamp is made when a search needs
+// it (a few milliseconds for a million symbols, against a few hundred to read every name).
 class NameCatalogs {
  public:
   // The catalog of the stamp that the reader's read transaction sees.
@@ -67,11 +90,17 @@ class NameCatalogs {
   // Hands over a catalog read elsewhere (a swap's, before its names go live), unless one of its stamp is
   // known.
   void put(std::shared_ptr<const NameCatalog> catalog);
+  // Notes what a write (before its commit) did to the names of a store that has been searched.
+  void follow(const NameChanges& changes);
 
  private:
-  std::mutex mu_;       // guards the list
+  // The catalog of `stamp` made from a known one and the changes that lead from it, or null.
+  std::shared_ptr<const NameCatalog> from_changes(std::int64_t stamp);
+
+  std::mutex mu_;       // guards the lists
   std::mutex load_mu_;  // one load at a time
   std::vector<std::shared_ptr<const NameCatalog>> recent_;
+  std::vector<NameChanges> changes_;  // oldest first
 };
 
 }  // namespace brenloc::storage::detail

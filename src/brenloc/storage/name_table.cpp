@@ -71,6 +71,7 @@ void NameTable::apply() {
   Statement drop_grams(c_, "INSERT INTO name_grams(name_grams, rowid, name) VALUES('delete', ?2, ?1)", file_,
                        operation_);
   std::int64_t next_id = query_int(c_, "SELECT next_id FROM name_state", file_, operation_);
+  applied_ = {query_int(c_, "SELECT stamp FROM name_state", file_, operation_), 0, {}};
   bool changed = false;
   auto run = [&](Statement& stmt, const std::string& name, std::int64_t id, auto... values) {
     stmt.bind(1, name);
@@ -94,6 +95,7 @@ void NameTable::apply() {
     find.reset();
     if (same || (!listed && rows <= 0)) continue;
     changed = true;
+    applied_.names.push_back({name, id, std::max<std::int64_t>(rows, 0), kinds, languages, first_row, last_row});
     if (rows <= 0) {
       // The trigram index forgets a name by its text: it keeps no copy.
       run(drop_grams, name, id);
@@ -108,9 +110,11 @@ void NameTable::apply() {
   }
   changes_.clear();
   if (!changed) return;
-  Statement stamp(c_, "UPDATE name_state SET stamp = random(), next_id = ?1", file_, operation_);
+  Statement stamp(c_, "UPDATE name_state SET stamp = random(), next_id = ?1 RETURNING stamp", file_, operation_);
   stamp.bind(1, next_id);
-  stamp.step(file_, operation_);
+  if (stamp.step(file_, operation_)) applied_.new_stamp = stamp.integer(0);
+  while (stamp.step(file_, operation_)) {
+  }
 }
 
 void rebuild_search_tables(sqlite3* c, const std::filesystem::path& file, std::string_view operation) {

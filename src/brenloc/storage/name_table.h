@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "brenloc/storage/name_catalog.h"
 #include "brenloc/storage/sqlite_util.h"
 
 namespace brenloc::storage::detail {
@@ -34,6 +35,8 @@ class NameTable {
   // Notes a row inserted as symbol `id`.
   void adding(std::string_view name, std::string_view kind, std::string_view language, std::int64_t id);
   void apply();
+  // What the last apply() changed (no names when nothing did).
+  const NameChanges& changes() const { return applied_; }
 
  private:
   struct Change {
@@ -47,6 +50,7 @@ class NameTable {
   std::string operation_;
   bool kept_;
   std::map<std::string, Change> changes_;  // by name, exact case
+  NameChanges applied_;
 };
 
 // Fills the search tables anew from symbols (inside the caller's write transaction, after the name index

@@ -361,6 +361,7 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
                          SQLITE_INTERNAL);
     }
     names.apply();
+    impl_->catalogs.follow(names.changes());
   });
 }
 
@@ -379,6 +380,7 @@ void Repository::remove_files(const std::vector<std::string>& paths) {
       drop_file.reset();
     }
     names.apply();
+    impl_->catalogs.follow(names.changes());
   });
 }
 
