@@ -1,6 +1,6 @@
 // Symbol search on a real index, measured side by side in one run.
 //
-//   search_bench DATA_DIR [--repo /usr/include] [--rounds 200] [--no-rebuild]
+//   search_bench DATA_DIR [--repo /usr/include] [--rounds 200] [--no-rebuild] [--only FORM]
 //
 // DATA_DIR holds the index of REPO (build it once: brenloc reindex --clear-existing --repo REPO
 // --data-dir DATA_DIR). Table 1: p50/p99 of every query form (cache cleared before each query, so that
@@ -10,6 +10,7 @@
 // what building the search tables costs on a copy of the index, and their size.
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -113,7 +114,14 @@ struct Slow {
   double ms;
   std::size_t form;
   Clock::time_point at;
+  double cpu_ms;  // of this thread: well below `ms` when the query waited for a core
 };
+
+double thread_cpu_ms() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
 
 // One round: every form once through the repository, and its text once through the LIKE scan (unless
 // `with_like` is false: the scan takes a hundred times longer); the slowest queries are kept in `slow`
@@ -123,12 +131,13 @@ void round(Repository& repo, LikeScan& like, std::vector<Latency>& ours, std::ve
   const auto all = forms();
   for (std::size_t i = 0; i < all.size(); ++i) {
     repo.clear_query_cache();
+    const double cpu = thread_cpu_ms();
     auto t = Clock::now();
     const auto started = t;
     repo.find_symbols(all[i].query);
     ours[i].ms.push_back(ms_since(t));
     if (slow) {
-      slow->push_back({ours[i].ms.back(), i, started});
+      slow->push_back({ours[i].ms.back(), i, started, thread_cpu_ms() - cpu});
       std::sort(slow->begin(), slow->end(), [](const Slow& a, const Slow& b) { return a.ms > b.ms; });
       if (slow->size() > 6) slow->pop_back();
     }
@@ -150,8 +159,8 @@ long resident_kib() {
 void print_slowest(const std::vector<Slow>& slow, const std::vector<Form>& all, Clock::time_point swapped) {
   std::printf("slowest during the rebuild:");
   for (const Slow& s : slow) {
-    std::printf(" %s %.1f ms (started %+.2f s from the swap's end);", all[s.form].label.c_str(), s.ms,
-                std::chrono::duration<double>(s.at - swapped).count());
+    std::printf(" %s %.1f ms, %.1f ms on the CPU (started %+.2f s from the swap's end);", all[s.form].label.c_str(),
+                s.ms, s.cpu_ms, std::chrono::duration<double>(s.at - swapped).count());
   }
   std::printf("\n");
 }
