@@ -31,6 +31,7 @@
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/name_table.h"
 #include "brenloc/storage/repository.h"
+#include "brenloc/storage/schema.h"
 #include "brenloc/storage/sqlite_util.h"
 #include "brenloc/utils/logging.h"
 
@@ -360,6 +361,9 @@ int main(int argc, char** argv) {
     scratch.connect();
     double build_s = 0;
     scratch.with_connection([&](sqlite3* c) {
+      // With the settings of the index build that they are part of in a rebuild.
+      brenloc::storage::detail::run_script(c, brenloc::storage::detail::kIndexBuildPragmas, copy, "bench");
+      sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
       auto t = Clock::now();
       brenloc::storage::detail::run_script(c, "BEGIN", copy, "bench");
       brenloc::storage::detail::rebuild_search_tables(c, copy, "bench");
