@@ -146,7 +146,7 @@ aio::Task<void> TreeFollower::take_changes(std::vector<TreeWatcher::Change> chan
         break;
       case Kind::all_rules:
       case Kind::overflow:
-        break;
+        break;  // none here: taken above
     }
     changes_.add(c.rel, Clock::now());
   }

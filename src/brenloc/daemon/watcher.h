@@ -34,7 +34,7 @@ class TreeWatcher {
       dir_added,    // a directory appeared (created, or moved in)
       dir_removed,  // a directory went (removed, or moved away)
       rules,        // the .gitignore of directory `rel` changed
-      all_rules,    // an exclude file changed
+      all_rules,    // a file of the exclude rules changed, came or went
       overflow,     // events were lost
     };
     Kind kind;
