@@ -1,5 +1,6 @@
 // The coroutine runtime's promises: cancellation delivered once at the pending await and never caught
 // as an ordinary error, clean-up that can await after it, shields, waits, locks, timers and threads.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <latch>
@@ -8,6 +9,9 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -279,6 +283,24 @@ TEST(Lane, RunIsAValueAndShutdownWaitsForTheLanesThreads) {
     EXPECT_EQ(done.load(), 1);  // the slow call had ended before shutdown returned
     EXPECT_THROW(run([] {}), std::runtime_error);
     co_await slow;
+  }());
+}
+
+// A background lane's threads give way to the others; the lowering never leaks to a normal lane or to the
+// loop's pool, where searches run.
+TEST(Lane, OnlyABackgroundLanesThreadsRunBelowNormalPriority) {
+  const auto nice = [] { return getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())); };
+  const int base = nice();
+  run([&]() -> Task<void> {
+    Lane background("background", 1, Lane::Priority::background);
+    Lane normal("normal", 1);
+    const int lowered = co_await background.run(nice);
+    EXPECT_GE(lowered, std::max(base, 10));
+    EXPECT_EQ(co_await background.run(nice), lowered);
+    EXPECT_EQ(co_await normal.run(nice), base);
+    EXPECT_EQ(co_await to_thread(nice), base);
+    co_await background.shutdown();
+    co_await normal.shutdown();
   }());
 }
 

@@ -3,7 +3,8 @@
 // `lane.run(fn, args...)` submits the call at once and returns a Future of its result; the call always
 // runs to its end, also when its waiter is cancelled. `run` is a value (Lane::Run) that can be handed on,
 // so that a unit can be given "where my blocking work goes" without knowing whose lane it is. shutdown()
-// stops the lane taking work and waits, off the loop, until its threads have finished.
+// stops the lane taking work and waits, off the loop, until its threads have finished. A background lane's
+// threads run below normal priority (see priority.h).
 #pragma once
 
 #include <cstddef>
@@ -16,6 +17,7 @@
 
 #include <boost/asio/thread_pool.hpp>
 
+#include "brenloc/aio/priority.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/aio/thread.h"
 
@@ -23,8 +25,9 @@ namespace brenloc::aio {
 
 class Lane {
   struct Pool {
-    Pool(std::string n, std::size_t threads) : name(std::move(n)), pool(threads) {}
+    Pool(std::string n, std::size_t threads, bool bg) : name(std::move(n)), background(bg), pool(threads) {}
     std::string name;
+    bool background;
     boost::asio::thread_pool pool;
     std::mutex mu;
     bool closed = false;
@@ -41,7 +44,9 @@ class Lane {
 
     template <class F, class... A>
     auto operator()(F&& fn, A&&... args) const {
-      auto call = [fn = std::forward<F>(fn), tup = std::make_tuple(std::forward<A>(args)...)]() mutable {
+      auto call = [fn = std::forward<F>(fn), tup = std::make_tuple(std::forward<A>(args)...),
+                   background = pool_->background]() mutable {
+        if (background) lower_thread_priority();
         return std::apply(fn, std::move(tup));
       };
       EventLoop* loop = EventLoop::current();
@@ -54,7 +59,10 @@ class Lane {
     std::shared_ptr<Pool> pool_;
   };
 
-  Lane(std::string name, std::size_t threads) : pool_(std::make_shared<Pool>(std::move(name), threads)), run(pool_) {}
+  enum class Priority { normal, background };
+
+  Lane(std::string name, std::size_t threads, Priority priority = Priority::normal)
+      : pool_(std::make_shared<Pool>(std::move(name), threads, priority == Priority::background)), run(pool_) {}
   Lane(const Lane&) = delete;
   Lane& operator=(const Lane&) = delete;
 

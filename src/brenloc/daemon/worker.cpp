@@ -109,6 +109,7 @@ aio::Task<void> RepoWorker::stop_once(RepoWorker* self) {
   if (self->_passes) co_await self->_passes->drain();
   co_await self->_passes_lane.shutdown();
   co_await self->_maintenance.shutdown();
+  co_await self->_rebuild_lane.shutdown();
   if (self->_database) co_await aio::to_thread([db = self->_database] { db->close(); });
   self->owner_lock_.release();
 }

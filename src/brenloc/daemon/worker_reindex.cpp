@@ -212,7 +212,11 @@ aio::Task<workers::IndexStats> WorkerReindex::stage_and_swap(StagingRebuild& sta
                                                              aio::Future<std::shared_ptr<storage::Database>> opening) {
   staging.db = co_await aio::shield(opening);
   auto staging_repo = _new_repository(staging.db);
-  staging.indexer = _new_indexer({.repository = staging_repo, .repo_root = repo_root, .refresh_report = false});
+  staging.indexer = _new_indexer({.repository = staging_repo,
+                                  .repo_root = repo_root,
+                                  .offload = _rebuild_lane.run,
+                                  .refresh_report = false,
+                                  .background = true});
   std::optional<workers::IndexStats> stats;
   {
     auto scope = _reporting_pass(*staging.indexer);

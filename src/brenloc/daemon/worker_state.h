@@ -1,8 +1,9 @@
 // The state of a repository worker and the operations its mixins call.
 //
 // One worker serves one repository: its resolved root, its data directory (with the live index.db), the
-// live repository store, its own indexer, the pass scheduler and two lanes (the passes' lane, where the
-// swap, the report and the live indexer's storage work run; the maintenance lane, for path resolution).
+// live repository store, its own indexer, the pass scheduler and three lanes (the passes' lane, where the
+// swap, the report and the live indexer's storage work run; the maintenance lane, for path resolution;
+// the rebuild lane, for a full rebuild's work on its staging database).
 // Everything here is touched on the event loop only.
 //
 // The operations are virtual: RepoWorker gives the real ones; tests stand in where a fault is injected.
@@ -81,6 +82,10 @@ class WorkerState {
   std::shared_ptr<workers::Indexer> _indexer;        // the worker's own indexer; may be absent
   Offloader _passes_lane{"passes", 1};  // the live database's blocking work: passes, swap, report
   Offloader _maintenance{"maintenance", 1};  // blocking work that leaves the index alone: path resolution
+  // A full rebuild's storage work, on the staging database. Below normal priority, as are the rebuild's parse
+  // threads, so that searches meanwhile get a core; the swap stays on the passes' lane, at normal priority,
+  // since it holds the live database's write lock.
+  Offloader _rebuild_lane{"rebuild", 1, Offloader::Priority::background};
   std::unique_ptr<PassScheduler> _passes;  // the follow-up passes (report, checkpoint, optimize)
 };
 

@@ -15,6 +15,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <fmt/format.h>
 
+#include "brenloc/aio/priority.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/wait_any.h"
 #include "brenloc/engines/symbols.h"
@@ -373,7 +374,10 @@ void Indexer::Pass::start_parse_jobs() {
     next = end;
     auto f = impl->track(aio::run_on(impl->parsers(threads), *aio::EventLoop::current(),
                                      [root = root, batch = std::move(batch), existing = existing, limits = limits,
-                                      stop = stop] { return parse_batch(root, batch, *existing, limits, *stop); }));
+                                      stop = stop, background = o.background] {
+                                       if (background) aio::lower_thread_priority();
+                                       return parse_batch(root, batch, *existing, limits, *stop);
+                                     }));
     parsing.push_back({std::move(f), count});
   }
 }

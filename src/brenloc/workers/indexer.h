@@ -37,6 +37,8 @@ struct IndexerOptions {
   bool refresh_report = true;  // write the report (not forced) after each pass
   // Parse threads, the indexer's own (0: one per core).
   std::size_t parse_threads = 0;
+  // The parse threads run below normal priority (a rebuild's: searches meanwhile come first).
+  bool background = false;
   // Larger files are left out by policy.
   std::int64_t max_file_size = 1 << 20;
   // A store transaction starts once the writer is free and this many parsed files wait (or fewer at the
