@@ -69,6 +69,19 @@ function memoryPid() {
 }
 const rssKiB = () => Number(/VmRSS:\s+(\d+)/.exec(readFileSync(`/proc/${memoryPid()}/status`, "utf8"))[1]);
 const pct = (sorted, p) => sorted[Math.min(sorted.length - 1, Math.floor(sorted.length * p))];
+// After a rebuild the worker still writes its report and hands freed memory back to the system, so a
+// reading taken at the completion notice can land before or after that trim. Memory is read once it
+// has held still for a second (at most ten seconds after the notice).
+async function settledRssKiB() {
+  const readings = [rssKiB()];
+  for (let waited = 0; waited < 10000; waited += 100) {
+    await new Promise((r) => setTimeout(r, 100));
+    readings.push(rssKiB());
+    const last = readings.slice(-11);
+    if (last.length === 11 && Math.max(...last) - Math.min(...last) < 1024) break;
+  }
+  return readings.at(-1);
+}
 
 async function batch() {
   const started = process.hrtime.bigint();
@@ -112,7 +125,7 @@ for (const phase of ["idle", "during rebuild"]) {
         await new Promise((r) => setTimeout(r, 50));
       }
     }
-    rss[phase].push(rssKiB());
+    rss[phase].push(await settledRssKiB());
     console.log(`${phase.padEnd(18)} ${String(b + 1).padStart(5)} ${f.p50.toFixed(2).padStart(9)} ${f.p99.toFixed(2).padStart(9)} ${f.rps.toFixed(0).padStart(9)} ${(rss[phase].at(-1) / 1024).toFixed(1).padStart(8)}`);
   }
 }
