@@ -103,8 +103,13 @@ server.stdin.write(JSON.stringify({ jsonrpc: "2.0", method: "notifications/initi
 // The worker first catches up with the tree by itself; the rebuilds come after that.
 while ((await tool("index_status", {})).msg.result?.structuredContent?.indexing) await new Promise((r) => setTimeout(r, 50));
 const first = await tool("force_reindex", { clear_existing: true });
-if (first.msg.result?.structuredContent?.status !== "accepted") failures.push("first rebuild not accepted");
-while (!notifications.some((n) => n.params?.data?.type === "reindex_complete")) await new Promise((r) => setTimeout(r, 50));
+if (first.msg.result?.structuredContent?.status !== "accepted") {
+  console.error(`FAIL: first rebuild not accepted: ${JSON.stringify(first.msg.result)}`);
+  process.exit(1);
+}
+const outcome = () => notifications.find((n) => ["reindex_complete", "reindex_failed"].includes(n.params?.data?.type));
+while (!outcome()) await new Promise((r) => setTimeout(r, 50));
+if (outcome().params.data.type !== "reindex_complete") failures.push(`first rebuild: ${JSON.stringify(outcome().params.data)}`);
 
 console.log(`${"phase".padEnd(18)} ${"batch".padStart(5)} ${"p50 ms".padStart(9)} ${"p99 ms".padStart(9)} ${"req/s".padStart(9)} ${"RSS MiB".padStart(8)}`);
 const rss = {};  // phase -> resident memory after each batch, once that batch's rebuild had ended

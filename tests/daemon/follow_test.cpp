@@ -288,9 +288,12 @@ TEST(Follow, ThePassAtStartCatchesUp) {
       fs::remove(root.path() / "p0.py");
       write_file(root.path() / "new.py", py("start_new"));
     }
-    daemon::RepoWorker w(root.path(), data.path(), {.catch_up = true});
+    daemon::RepoWorker w(root.path(), data.path(), {.catch_up = true, .watch = second});
     aio::run_until_complete(loop, [&]() -> aio::Task<void> {
       co_await w.start();
+      // Said from the start, while the watches are set up before the pass: a caller that waits for
+      // indexing to end must not stop before the pass has begun.
+      EXPECT_EQ((co_await w.index_status())["indexing"], true);
       if (!second) {
         co_await until([&] { return w.busy(); }, "the first pass has begun");
         EXPECT_EQ((co_await w.force_reindex(json::object()))["status"], "in_progress");
@@ -298,11 +301,12 @@ TEST(Follow, ThePassAtStartCatchesUp) {
         EXPECT_TRUE(answer["note"].get<std::string>().starts_with("indexing: ")) << answer.dump();
       }
       co_await until([&] { return !w.follower()->first_pass_pending(); }, "the first pass has ended");
+      EXPECT_EQ((co_await w.index_status())["indexing"], false);
       json answer = co_await w.search_symbols({{"query", "start_12"}});
       EXPECT_FALSE(answer.contains("note")) << answer.dump();
       co_await expect_defined(w, "start_0", second ? Paths{} : Paths{"p0.py"});
       EXPECT_EQ(co_await defined_in(w, "start_new"), second ? Paths{"new.py"} : Paths{});
-      EXPECT_EQ((co_await w.index_status())["watch"], "off");
+      EXPECT_EQ((co_await w.index_status())["watch"], second ? "inotify" : "off");
       co_await w.stop();
     }());
   }

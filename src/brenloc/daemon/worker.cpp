@@ -84,6 +84,7 @@ aio::Task<void> RepoWorker::start() {
   };
   _passes = std::make_unique<PassScheduler>(_passes_lane.run, std::move(passes));
   started_ = true;
+  started_at_ = std::chrono::system_clock::now();
   if (follow_.catch_up || follow_.watch) {
     follower_ = std::make_unique<TreeFollower>(*this, follow_);
     follower_->start();
@@ -255,17 +256,22 @@ aio::Task<json> RepoWorker::index_status() {
     // Nothing recorded by this process yet: what the last pass, of any process, left in the data directory.
     last_index = co_await aio::to_thread([dir = data_dir] { return json(workers::read_last_index(dir)); });
   }
+  // Before its first pass the worker walks the tree to set up its watches: the index is not yet what
+  // that pass will make it, and a caller waiting for the index to settle must not stop there.
+  const bool first_pass = follower_ && follower_->first_pass_pending();
+  std::optional<Progress> shown = progress_;
+  if (!shown && first_pass) shown = Progress{.started = started_at_};
   json progress;
-  if (progress_) {
-    progress = json{{"phase", progress_->phase},
-                    {"files_done", progress_->done},
-                    {"files_total", progress_->total},
-                    {"started_at", fmt::format("{:%Y-%m-%dT%H:%M:%S}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(
-                                                                         progress_->started)))}};
+  if (shown) {
+    progress = json{{"phase", shown->phase},
+                    {"files_done", shown->done},
+                    {"files_total", shown->total},
+                    {"started_at", fmt::format("{:%Y-%m-%dT%H:%M:%S}Z",
+                                               fmt::gmtime(std::chrono::system_clock::to_time_t(shown->started)))}};
   }
   co_return json{{"repo_root", repo_root.string()},
                  {"data_dir", data_dir.string()},
-                 {"indexing", task_running || _indexing_in_progress > 0},
+                 {"indexing", task_running || _indexing_in_progress > 0 || first_pass},
                  {"progress", progress},
                  {"last_reindex_error", opt(_last_reindex_error)},
                  {"rebuild_refusal", opt(_rebuild_refusal)},

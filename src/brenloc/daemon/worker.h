@@ -118,6 +118,7 @@ class RepoWorker : public WorkerReindex {
     std::chrono::system_clock::time_point started;
   };
   std::optional<Progress> progress_;
+  std::chrono::system_clock::time_point started_at_;
   FollowOptions follow_;
   std::unique_ptr<TreeFollower> follower_;
   utils::OwnerLock owner_lock_;
