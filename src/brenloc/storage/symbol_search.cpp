@@ -201,8 +201,8 @@ class Search {
       stages = {Stage::start};
     } else if (q_.match == M::substring) {
       stages = {Stage::start, Stage::inside};
-    } else if (q_.match == M::fuzzy) {
-      stages = {Stage::start, Stage::loose};  // words rank among the inner matches: one pass finds them all
+    } else if (loose_takes_inner()) {
+      stages = {Stage::start, Stage::loose};
     } else {
       stages = {Stage::start, Stage::inside, Stage::loose};
     }
@@ -212,14 +212,23 @@ class Search {
     }
   }
 
+  // Whether the pass over every name also takes the names that hold the text: in fuzzy mode, where words
+  // rank among the inner matches; and where a filter or a scope leaves so few matches that the count
+  // goes on to that pass anyway (it looks at every name for less than the trigram index's lookups of
+  // names that the filter then turns away).
+  bool loose_takes_inner() const {
+    if (q_.match == SymbolQuery::Match::fuzzy) return true;
+    return q_.match == SymbolQuery::Match::automatic &&
+           (q_.kind || q_.language || filters_.by_path || !pattern_.scope.empty());
+  }
+
   int best_rank(Stage s) const {
     switch (s) {
       case Stage::start:
       case Stage::glob: return 0;
       case Stage::inside: return tier_rank(Tier::boundary, q_.match);
       case Stage::loose:
-        return q_.match == SymbolQuery::Match::fuzzy ? tier_rank(Tier::boundary, q_.match)
-                                                     : tier_rank(Tier::initials, q_.match);
+        return loose_takes_inner() ? tier_rank(Tier::boundary, q_.match) : tier_rank(Tier::initials, q_.match);
     }
     return 0;
   }
@@ -229,8 +238,8 @@ class Search {
       case Stage::start: return t <= Tier::prefix;
       case Stage::glob: return t != Tier::none;
       case Stage::inside: return t == Tier::boundary || t == Tier::substring;
-      case Stage::loose: return q_.match == SymbolQuery::Match::fuzzy ? t > Tier::prefix && t != Tier::none
-                                                                      : t > Tier::substring && t != Tier::none;
+      case Stage::loose: return loose_takes_inner() ? t > Tier::prefix && t != Tier::none
+                                                     : t > Tier::substring && t != Tier::none;
     }
     return false;
   }
