@@ -84,8 +84,9 @@ std::string normalised_scope(std::string_view scope) {
   return out;
 }
 
-// The tier of a name holding the text (not globbed), ignoring the match mode.
-Tier tier_of(const NamePattern& p, std::string_view name) {
+// The tier of a name holding the text (not globbed), ignoring the match mode; `words` for `fuzzy` too
+// unless `settle_words`.
+Tier tier_of(const NamePattern& p, std::string_view name, bool settle_words) {
   const std::string_view q = p.folded;
   if (name.size() == q.size() && holds_at(name, q, 0)) return name == p.text ? Tier::exact_case : Tier::exact;
   if (holds_at(name, q, 0)) return Tier::prefix;
@@ -99,7 +100,7 @@ Tier tier_of(const NamePattern& p, std::string_view name) {
   if (best != Tier::none) return best;
   if (!holds_in_order(q, name)) return Tier::none;
   if (initials(q, name)) return Tier::initials;
-  return word_runs(q, name) ? Tier::words : Tier::fuzzy;
+  return !settle_words || word_runs(q, name) ? Tier::words : Tier::fuzzy;
 }
 
 bool admitted(Tier tier, SymbolQuery::Match match) {
@@ -162,8 +163,18 @@ NamePattern parse_pattern(std::string_view text, SymbolQuery::Match match) {
 
 Tier name_tier(const NamePattern& p, std::string_view name) {
   if (p.glob) return glob_match(p.folded, name) ? Tier::prefix : Tier::none;
-  const Tier tier = tier_of(p, name);
+  const Tier tier = tier_of(p, name, true);
   return admitted(tier, p.match) ? tier : Tier::none;
+}
+
+Tier name_tier_up_to_words(const NamePattern& p, std::string_view name) {
+  if (p.glob) return glob_match(p.folded, name) ? Tier::prefix : Tier::none;
+  const Tier tier = tier_of(p, name, false);
+  return admitted(tier, p.match) ? tier : Tier::none;
+}
+
+Tier words_or_fuzzy(const NamePattern& p, std::string_view name) {
+  return word_runs(p.folded, name) ? Tier::words : Tier::fuzzy;
 }
 
 bool scope_matches(const NamePattern& p, std::string_view scope) {

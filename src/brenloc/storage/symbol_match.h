@@ -33,6 +33,11 @@ NamePattern parse_pattern(std::string_view text, SymbolQuery::Match match);
 
 // The tier of a name, `none` also for tiers that the pattern's match mode leaves out.
 Tier name_tier(const NamePattern& pattern, std::string_view name);
+// The same, except that `words` also stands for `fuzzy`: telling those two apart is the costliest test,
+// which a search makes only for the names that could still reach its page.
+Tier name_tier_up_to_words(const NamePattern& pattern, std::string_view name);
+// Which of the two a name that name_tier_up_to_words() placed in `words` is in.
+Tier words_or_fuzzy(const NamePattern& pattern, std::string_view name);
 // Whether a symbol's scope ends with the scope the pattern names (always, when it names none).
 bool scope_matches(const NamePattern& pattern, std::string_view scope);
 // Both: `none` unless the scope matches.

@@ -102,12 +102,14 @@ RowRanges rows_under(Reader& r, const std::filesystem::path& file, const std::st
   return out;
 }
 
-// A name of the catalog that matches, with what ranks it before its rows are read.
+// A name of the catalog that matches, with what ranks it before its rows are read. An unsettled one's
+// tier is `words` or worse (`fuzzy`), and its rank the better of the two until it is settled.
 struct Candidate {
   std::uint32_t entry;
   Tier tier;
   int rank, kind_class;
   std::size_t size;
+  bool settled = true;
   auto key() const { return std::tuple(rank, kind_class, size); }
 };
 
@@ -266,8 +268,17 @@ class Search {
       const Candidate& best = found.front();
       if (!results_.page_takes(best.rank, best.kind_class, best.size)) break;
       std::pop_heap(found.begin(), end, later);
+      Candidate& c = *(end - 1);
+      if (!c.settled) {
+        // Its place was the best it could have: settled, it goes back among the others.
+        c.settled = true;
+        c.tier = words_or_fuzzy(pattern_, catalog_->name(c.entry));
+        c.rank = tier_rank(c.tier, q_.match);
+        std::push_heap(found.begin(), end, later);
+        continue;
+      }
       --end;
-      read_rows(*end, true);
+      read_rows(c, true);
     }
     for (auto it = found.begin(); it != end && results_.counting(); ++it) count_name(*it);
   }
@@ -276,12 +287,13 @@ class Search {
   void list_names(Stage s, const std::function<bool(const Candidate&)>& take) {
     const NameCatalog& k = *catalog_;
     // Each name that the summaries let through, and the stage's tiers take.
+    // (The pass over every name leaves `words` unsettled: most of its names never come near the page.)
     auto consider_passed = [&](std::size_t i) {
-      const Tier tier = name_tier(pattern_, k.name(i));
+      const Tier tier = s == Stage::loose ? name_tier_up_to_words(pattern_, k.name(i)) : name_tier(pattern_, k.name(i));
       if (!stage_takes(s, tier)) return true;
       const std::uint32_t kinds = filters_.kind_bit ? filters_.kind_bit : k.kinds(i);
       return take(Candidate{static_cast<std::uint32_t>(i), tier, tier_rank(tier, q_.match), best_class(kinds),
-                            k.name(i).size()});
+                            k.name(i).size(), tier != Tier::words});
     };
     auto consider = [&](std::size_t i) {
       if (!passes(i)) return true;
