@@ -318,19 +318,27 @@ class Search {
       std::erase_if(letters, [](char c) { return c == '*' || c == '?'; });
       const std::uint64_t needed = char_bits(letters);
       // Every name a non-glob text matches holds its letters in order: a quick test before the tier's.
-      // The names whose characters and summaries pass come first (a pass over small arrays); their text,
-      // spread over the whole catalog, is then fetched ahead of the test so that the misses overlap.
+      // A block of names at a time: those whose characters pass (a pass without branches over a small
+      // array: most names fail), of those the ones whose summaries pass; their text, spread over the
+      // whole catalog, is then fetched ahead of the test so that the misses overlap.
       const bool in_order = !pattern_.glob;
       const LettersInOrder holds(text);
-      std::vector<std::uint32_t> maybe;
-      for (std::size_t i = 0; i < k.size(); ++i) {
-        if ((k.chars(i) & needed) == needed && passes(i)) maybe.push_back(static_cast<std::uint32_t>(i));
-      }
-      constexpr std::size_t kAhead = 16;
-      for (std::size_t j = 0; j < maybe.size(); ++j) {
-        if (j + kAhead < maybe.size()) __builtin_prefetch(k.name(maybe[j + kAhead]).data());
-        if (in_order && !holds(k.name(maybe[j]))) continue;
-        if (!consider_passed(maybe[j])) return;
+      constexpr std::size_t kBlock = 4096, kAhead = 16;
+      std::array<std::uint32_t, kBlock> maybe;
+      for (std::size_t from = 0; from < k.size(); from += kBlock) {
+        const std::size_t to = std::min(k.size(), from + kBlock);
+        std::size_t n = 0;
+        for (std::size_t i = from; i < to; ++i) {
+          maybe[n] = static_cast<std::uint32_t>(i);
+          n += (k.chars(i) & needed) == needed;
+        }
+        n = static_cast<std::size_t>(
+            std::remove_if(maybe.begin(), maybe.begin() + n, [&](std::uint32_t i) { return !passes(i); }) - maybe.begin());
+        for (std::size_t j = 0; j < n; ++j) {
+          if (j + kAhead < n) __builtin_prefetch(k.name(maybe[j + kAhead]).data());
+          if (in_order && !holds(k.name(maybe[j]))) continue;
+          if (!consider_passed(maybe[j])) return;
+        }
       }
     }
   }
