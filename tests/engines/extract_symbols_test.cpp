@@ -322,6 +322,13 @@ public class Account {
     {"open", "method", 7, "Account.Status"}, {"Listener", "interface", 8, "Account"},
     {"VERSION", "constant", 8, "Account.Listener"}, {"changed", "method", 8, "Account.Listener"},
     {"Entry", "class", 9, "Account"}, {"Marker", "interface", 11}}, {"local", "amount", "start"}},
+  // White space after a directive (a header guard's name, a stray #endif, CRLF lines) does not hide the
+  // line after it.
+  {"c_directives_ending_in_white_space", "c",
+   "#define GUARD \nint after_guard(void) { return 0; }\n#endif \t\nint after_endif(void) { return 1; }\n"
+   "#define VALUE 1  \nint after_value(void) { return 2; }\r\n#define CR \r\nint after_cr(void) { return 3; }\r\n",
+   {{"GUARD", "macro", 1}, {"after_guard", "function", 2}, {"after_endif", "function", 4}, {"VALUE", "macro", 5},
+    {"after_value", "function", 6}, {"CR", "macro", 7}, {"after_cr", "function", 8}}},
   // Broken sources: the definitions around the error still come from the partial parse.
   {"python_syntax_error", "python", "def before():\n    pass\n\ndef broken(:\n    pass\n\nclass After:\n    def m(self):\n        pass\n",
    {{"before", "function", 1}, {"After", "class", 7}, {"m", "method", 8, "After"}}, {}, true},

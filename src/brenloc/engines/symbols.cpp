@@ -16,6 +16,7 @@
 #include <fmt/format.h>
 
 #include "brenloc/engines/annotation_macros.h"
+#include "brenloc/engines/directive_ends.h"
 #include "brenloc/engines/compiled_query.h"
 #include "brenloc/engines/languages.h"
 
@@ -407,13 +408,15 @@ const Language& parsed_language(const Language& lang, std::string_view source) {
   return lang;
 }
 
-// The text the parser sees: C and C++ without their decoration macros (same offsets), else the
-// source itself. The buffer is the thread's own and lives until its next use.
+// The text the parser sees: C and C++ without their decoration macros and with their directives ended
+// cleanly (same offsets), else the source itself. The buffer is the thread's own and lives until its
+// next use.
 std::string_view parser_input(const Language& lang, std::string_view source) {
   if (!lang.c_family) return source;
   thread_local std::string buffer;
   buffer.assign(source);
-  if (!blank_annotation_macros(buffer)) return source;
+  const bool blanked = blank_annotation_macros(buffer);
+  if (!end_directive_lines(buffer) && !blanked) return source;
   return buffer;
 }
 
