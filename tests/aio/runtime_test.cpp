@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "brenloc/aio/fair_turns.h"
 #include "brenloc/aio/lane.h"
 #include "brenloc/aio/lock.h"
 #include "brenloc/aio/scope.h"
@@ -220,6 +221,54 @@ TEST(LockQueue, FifoOrderAndCancelledWaitersNeitherBlockNorLeakIt) {
   }());
   EXPECT_EQ(order, (std::vector<int>{1, 2, 4, 6}));
   EXPECT_FALSE(l.locked());
+}
+
+// Takes a turn for `party` and holds it until `release` is done.
+Task<void> hold_turn(FairTurns& turns, FairTurns::Party& party, std::vector<std::string>& order, std::string id,
+                     Future<void> release) {
+  auto turn = co_await turns.take(party);
+  order.push_back(id);
+  co_await shield(release);
+}
+
+// Parties are served in rotation, each one's waiters in order; a cancelled waiter neither blocks nor leaks
+// a turn; a newcomer does not overtake a waiter.
+TEST(FairTurns, ServesPartiesInRotationAndNeverLeaksATurn) {
+  std::vector<std::string> order;
+  FairTurns turns(1);
+  auto a = turns.join(), b = turns.join(), c = turns.join();
+  Future<void> gate(std::make_shared<FutureState<void>>()), open(std::make_shared<FutureState<void>>());
+  open.state()->set_result();
+  run([&]() -> Task<void> {
+    std::vector<Future<void>> tasks;
+    tasks.push_back(spawn(hold_turn(turns, *a, order, "a0", gate)));
+    co_await yield_steps();
+    // A floods first; B and C come later with one each.
+    for (std::string id : {"a1", "a2", "a3", "a4"}) tasks.push_back(spawn(hold_turn(turns, *a, order, id, open)));
+    co_await yield_steps();
+    tasks.push_back(spawn(hold_turn(turns, *b, order, "b1", open)));
+    tasks.push_back(spawn(hold_turn(turns, *c, order, "c1", open)));
+    co_await yield_steps();
+    tasks[2].cancel();  // a2 leaves the queue
+    EXPECT_EQ(a->waiting(), 3u);
+    gate.state()->set_result();
+    std::vector<std::shared_ptr<FutureBase>> bases;
+    for (auto& t : tasks) bases.push_back(t.base());
+    co_await wait_all(bases);
+    EXPECT_TRUE(tasks[2].cancelled());
+
+    // A turn handed to a waiter that is cancelled before it runs is passed on.
+    auto held = co_await turns.take(*a);
+    auto d = spawn(hold_turn(turns, *b, order, "d", open));
+    auto e = spawn(hold_turn(turns, *c, order, "e", open));
+    co_await yield_steps();
+    held.release();  // hands the turn to d, queued to run...
+    d.cancel();      // ...and cancelled before it runs
+    co_await wait_all({d.base(), e.base()});
+    EXPECT_TRUE(d.cancelled());
+  }());
+  EXPECT_EQ(order, (std::vector<std::string>{"a0", "a1", "b1", "c1", "a3", "a4", "e"}));
+  EXPECT_EQ(turns.held(), 0u);
 }
 
 // Records how the body ended; swallows it when its mode says so, or as logged_suppress decides.
