@@ -19,8 +19,8 @@ using namespace std::chrono_literals;
 
 // A reader whose events go into a pipe as short lines: "L:<text>", "O:<size>", "E<error>".
 struct Reader {
-  Reader(int fd, std::size_t max_line, std::size_t max_pending)
-      : reader(fd, max_line, max_pending, [this](InputEvent ev) {
+  Reader(int fd, std::size_t max_line, std::size_t max_pending, std::size_t max_lines = 1000)
+      : reader(fd, ReadLimits{max_line, max_pending, max_lines}, [this](InputEvent ev) {
           using enum InputEvent::Kind;
           events.write((ev.kind == line ? "L:" + ev.text : ev.kind == oversized ? "O:" + std::to_string(ev.size)
                                                                                 : "E" + ev.text) + "\n");

@@ -114,8 +114,10 @@ inline std::string notification(const std::string& method, const Json& params) {
 }
 
 struct Harness {
-  explicit Harness(ServerOptions options = {})
-      : server(loop, host, in.r, out.w, options), thread([this] { loop.run(); }) {
+  // On two pipes; or, with `socket_fd`, on that one socket both ways (the pipes then go unused).
+  explicit Harness(ServerOptions options = {}, int socket_fd = -1)
+      : server(loop, host, socket_fd >= 0 ? socket_fd : in.r, socket_fd >= 0 ? socket_fd : out.w, options),
+        thread([this] { loop.run(); }) {
     on_loop([this] { server.start(); });
   }
   ~Harness() {
@@ -134,6 +136,7 @@ struct Harness {
     return result.get();
   }
   std::size_t running() { return on_loop([this] { return server.running_requests(); }); }
+  std::size_t in_flight() { return on_loop([this] { return server.requests_in_flight(); }); }
 
   void stop() {
     if (std::exchange(stopped, true)) return;

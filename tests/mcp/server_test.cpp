@@ -1,5 +1,7 @@
 // The MCP server over pipes: the exact answers to bad input and to good requests, calls side by side and
 // their cancellation, broadcasts, overlong lines, a client that does not read, end of input and stopping.
+#include <sys/socket.h>
+
 #include "server_harness.h"
 
 namespace brenloc::mcp::testing {
@@ -158,10 +160,16 @@ TEST(McpServer, RefusesOverlongLinesAndKeepsServingAClientThatDoesNotRead) {
   EXPECT_EQ(h.next(), result_reply(2, Json::object()));
   writer.join();
 
-  // Far more output than a pipe holds, with nobody reading it.
+  // Far more output than a pipe holds, with nobody reading it: the server takes in no more requests than
+  // its limit, and the rest wait in the client's pipe.
   const std::string pad(16 * 1024, 'p');
   const int calls = 64;
-  for (int i = 0; i < calls; ++i) h.send(request(i, "tools/call", call("echo", {{"pad", pad}})));
+  std::thread flood([&] {
+    for (int i = 0; i < calls; ++i) h.send(request(i, "tools/call", call("echo", {{"pad", pad}})));
+  });
+  for (int i = 0; i < 200 && h.in_flight() < kMaxRequestsInFlight; ++i) std::this_thread::sleep_for(5ms);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(h.in_flight(), kMaxRequestsInFlight);
   // The loop still runs and takes broadcasts: past the limit they are dropped, not queued.
   for (int i = 0; i < 100; ++i) h.on_loop([&] { h.host.broadcast("info", {{"pad", pad}}); });
 
@@ -171,8 +179,33 @@ TEST(McpServer, RefusesOverlongLinesAndKeepsServingAClientThatDoesNotRead) {
     if (m.contains("id")) EXPECT_EQ(m["id"], answers++);  // in order, none lost
     else ++notes;
   }
+  flood.join();
   EXPECT_EQ(answers, calls);
   EXPECT_LT(notes, 100);
+  EXPECT_EQ(h.in_flight(), 0u);
+}
+
+// A client on a socket that hangs up while its requests wait: the input ends at once, though the socket
+// still holds requests that were never read, and stopping cancels only what was taken in.
+TEST(McpServer, TakesInAtMostItsLimitAndDropsAHungUpClientAtOnce) {
+  int sv[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+  Harness h({}, sv[1]);
+  std::string lines;
+  for (int i = 0; i < 100; ++i) lines += request(i, "tools/call", call("wait", {{"forever", true}})) + "\n";
+  ASSERT_EQ(::write(sv[0], lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+  for (int i = 0; i < 200 && h.host.started < static_cast<int>(kMaxRequestsInFlight); ++i) {
+    std::this_thread::sleep_for(5ms);
+  }
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(h.host.started.load(), static_cast<int>(kMaxRequestsInFlight));
+  ::close(sv[0]);
+  const auto ended = [&] { return h.on_loop([&] { return h.server.input_ended().done(); }); };
+  for (int i = 0; i < 200 && !ended(); ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_TRUE(ended());
+  h.stop();
+  EXPECT_EQ(h.host.cancelled.load(), static_cast<int>(kMaxRequestsInFlight));
+  ::close(sv[1]);
 }
 
 // The host's broadcasts reach the client, filtered by the level it sets, until the server stops.

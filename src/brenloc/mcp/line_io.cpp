@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+#include <vector>
 
 #include "brenloc/utils/logging.h"
 
@@ -42,10 +44,18 @@ void WakeFd::signal() {
   [[maybe_unused]] auto n = ::write(fd_, &one, sizeof one);
 }
 
+void WakeFd::clear() {
+  std::uint64_t count = 0;
+  [[maybe_unused]] auto n = ::read(fd_, &count, sizeof count);
+}
+
 // ---- LineReader ----
 
-LineReader::LineReader(int fd, std::size_t max_line, std::size_t max_pending, Deliver deliver)
-    : fd_(fd), max_line_(max_line), max_pending_(max_pending), deliver_(std::move(deliver)) {}
+LineReader::LineReader(int fd, ReadLimits limits, Deliver deliver)
+    : fd_(fd), limits_(limits), deliver_(std::move(deliver)) {
+  struct stat st {};
+  socket_ = ::fstat(fd_, &st) == 0 && S_ISSOCK(st.st_mode);
+}
 
 LineReader::~LineReader() {
   stop();
@@ -59,7 +69,6 @@ void LineReader::stop() {
     std::lock_guard lock(mu_);
     stopping_ = true;
   }
-  room_.notify_all();
   wake_.signal();
 }
 
@@ -68,13 +77,12 @@ void LineReader::join() {
 }
 
 void LineReader::consumed(std::size_t bytes) {
-  bool was_full;
   {
     std::lock_guard lock(mu_);
-    was_full = pending_ >= max_pending_;
-    pending_ -= std::min(bytes, pending_);
+    pending_bytes_ -= std::min(bytes, pending_bytes_);
+    if (pending_lines_ > 0) --pending_lines_;
   }
-  if (was_full) room_.notify_all();
+  room_.signal();
 }
 
 bool LineReader::wait_readable() {
@@ -90,13 +98,39 @@ bool LineReader::wait_readable() {
   }
 }
 
+bool LineReader::wait_for_room() {
+  for (;;) {
+    {
+      std::lock_guard lock(mu_);
+      if (stopping_) return false;
+      if (pending_lines_ < limits_.max_pending_lines && pending_bytes_ < limits_.max_pending_bytes) return true;
+    }
+    // On a socket, POLLHUP means the peer has closed its end for good (a half-close sets only POLLRDHUP);
+    // on a pipe it only means the writer is done, and the lines still in the pipe want their answers.
+    pollfd fds[3] = {{wake_.fd(), POLLIN, 0}, {room_.fd(), POLLIN, 0}, {fd_, 0, 0}};
+    int r = ::poll(fds, socket_ ? 3 : 2, -1);
+    if (r < 0 && errno != EINTR) return false;
+    if (fds[0].revents != 0) return false;
+    if (fds[1].revents != 0) room_.clear();
+    if (socket_ && (fds[2].revents & (POLLHUP | POLLERR)) != 0) {
+      {
+        std::lock_guard lock(mu_);
+        if (stopping_) return false;
+      }
+      deliver_(InputEvent{InputEvent::Kind::end, kHungUp, 0});
+      return false;
+    }
+  }
+}
+
 bool LineReader::deliver_line(std::string line) {
+  if (!wait_for_room()) return false;
   std::size_t size = line.size() + 1;
   {
-    std::unique_lock lock(mu_);
-    room_.wait(lock, [&] { return stopping_ || pending_ < max_pending_; });
+    std::lock_guard lock(mu_);
     if (stopping_) return false;
-    pending_ += size;
+    pending_bytes_ += size;
+    ++pending_lines_;
   }
   deliver_(InputEvent{InputEvent::Kind::line, std::move(line), size});
   return true;
@@ -139,7 +173,7 @@ void LineReader::run() {
       auto len = static_cast<std::size_t>(stop - p);
       if (skipping) {
         skipped += len;
-      } else if (line.size() + len > max_line_) {
+      } else if (line.size() + len > limits_.max_line) {
         skipping = true;
         skipped = line.size() + len;
         std::string().swap(line);  // give the memory back now, not at the next line
@@ -179,22 +213,36 @@ void LineWriter::abort() {
   if (thread_.joinable()) thread_.join();
 }
 
-bool LineWriter::send(std::string message, bool droppable) {
+bool LineWriter::send(std::string message, bool droppable, Done done) {
   message += '\n';
+  bool refused = false;
   {
     std::lock_guard lock(mu_);
-    if (closing_ || aborting_ || broken_) return false;
-    if (droppable && queued_bytes_ > soft_limit_) {
+    refused = closing_ || aborting_ || broken_;
+    if (!refused && droppable && queued_bytes_ > soft_limit_) {
       if (dropped_++ == 0) {
         logger()->warn("MCP client is not reading its output; dropping notifications until it catches up");
       }
-      return false;
+      refused = true;
     }
-    queued_bytes_ += message.size();
-    queue_.push_back(std::move(message));
+    if (!refused) {
+      queued_bytes_ += message.size();
+      queue_.push_back(Message{std::move(message), std::move(done)});
+      done = nullptr;
+    }
   }
+  if (done) done();  // refused: it has left at once
+  if (refused) return false;
   work_.notify_one();
   return true;
+}
+
+void LineWriter::abandon_queue() {
+  for (auto& m : queue_) {
+    if (m.done) m.done();
+  }
+  queue_.clear();
+  queued_bytes_ = 0;
 }
 
 bool LineWriter::close(std::chrono::milliseconds timeout) {
@@ -259,29 +307,33 @@ void LineWriter::run() {
   pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
 
   std::string batch;
+  std::vector<Done> written;
   for (;;) {
     {
       std::unique_lock lock(mu_);
       work_.wait(lock, [&] { return aborting_ || closing_ || !queue_.empty(); });
       if (aborting_ || queue_.empty()) break;
       batch.clear();
+      written.clear();
       while (!queue_.empty() && batch.size() < kBatch) {
-        batch += queue_.front();
+        batch += queue_.front().text;
+        if (queue_.front().done) written.push_back(std::move(queue_.front().done));
         queue_.pop_front();
       }
     }
     bool ok = write_all(batch);
+    for (auto& done : written) done();
     std::lock_guard lock(mu_);
     queued_bytes_ -= batch.size();
     if (!ok) {
       if (!aborting_) broken_ = true;
-      queue_.clear();
-      queued_bytes_ = 0;
+      abandon_queue();
       break;
     }
   }
   {
     std::lock_guard lock(mu_);
+    abandon_queue();  // what an abort left behind
     finished_ = true;
   }
   idle_.notify_all();

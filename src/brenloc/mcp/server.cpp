@@ -1,6 +1,7 @@
 #include "brenloc/mcp/server.h"
 
 #include <atomic>
+#include <deque>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -43,7 +44,8 @@ struct Outbox {
 // The answers to the requests of one JSON-RPC batch, sent together once the last of them is in.
 struct Batch {
   Json answers = Json::array();
-  int outstanding = 1;  // the dispatch of the batch itself counts until all its members are seen
+  int outstanding = 1;    // the dispatch of the batch itself counts until all its members are seen
+  std::size_t slots = 0;  // of the requests in flight: one per member that is answered
 };
 
 struct McpServer::Core : std::enable_shared_from_this<Core> {
@@ -79,6 +81,12 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   ServerOptions options;
   std::shared_ptr<Outbox> out;
   std::unique_ptr<LineReader> reader;
+  std::unique_ptr<aio::FairTurns::Party> party;  // when the server takes turns with others
+  // Requests taken in and not answered, or answered and not yet written; lines wait in `backlog` (and
+  // the reader stops) while they are at the limit.
+  std::size_t in_flight = 0;
+  std::deque<InputEvent> backlog;
+  bool input_over = false;  // the reader has delivered its last event
   std::unordered_map<std::string, Running> running;
   std::shared_ptr<aio::FutureState<void>> ended;
   std::optional<int> subscription;
@@ -86,23 +94,68 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   aio::Future<void> stopping_task;
   bool stopping = false;
 
-  void send(const Json& message) { out->writer.send(serialize(message)); }
+  // A request (or a message answered with an error) takes its place among those in flight.
+  void take_slot(const std::shared_ptr<Batch>& batch) {
+    ++in_flight;
+    if (batch) ++batch->slots;
+  }
 
-  // An answer goes to the client, or into its batch.
+  void release_slots(std::size_t n) {
+    in_flight -= std::min(n, in_flight);
+    while (!stopping && in_flight < options.max_in_flight && !backlog.empty()) {
+      InputEvent ev = std::move(backlog.front());
+      backlog.pop_front();
+      take_in(std::move(ev));
+    }
+    if (input_over && backlog.empty() && !ended->done()) ended->set_result();
+  }
+
+  // Sends an answer that holds `slots` places in flight; they are given back once it is written (or lost
+  // with the client).
+  void send_answer(const Json& message, std::size_t slots) {
+    std::weak_ptr<Core> weak = weak_from_this();
+    aio::EventLoop* l = loop;
+    out->writer.send(serialize(message), false, [weak, l, slots] {
+      l->post([weak, slots] {
+        if (auto c = weak.lock()) c->release_slots(slots);
+      });
+    });
+  }
+
+  // An answer goes to the client, or into its batch; a null one (the client cancelled the request) only
+  // gives its place back.
   void answer_to(const std::shared_ptr<Batch>& batch, Json reply) {
     if (!batch) {
-      send(reply);
+      if (reply.is_null()) {
+        release_slots(1);
+      } else {
+        send_answer(reply, 1);
+      }
       return;
     }
     if (!reply.is_null()) batch->answers.push_back(std::move(reply));
-    if (--batch->outstanding == 0 && !batch->answers.empty()) send(batch->answers);
+    if (--batch->outstanding != 0) return;
+    if (!batch->answers.empty()) {
+      send_answer(batch->answers, batch->slots);
+    } else if (batch->slots != 0) {
+      release_slots(batch->slots);
+    }
+  }
+
+  // An answer to a line as a whole (not to one of its requests).
+  void answer_line(const Json& reply) {
+    take_slot(nullptr);
+    send_answer(reply, 1);
   }
 
   void start() {
     std::weak_ptr<Core> weak = weak_from_this();
     aio::EventLoop* l = loop;
-    reader = std::make_unique<LineReader>(input_fd, options.max_line_bytes, options.max_pending_input_bytes,
-                                          [weak, l](InputEvent ev) {
+    ReadLimits limits{.max_line = options.max_line_bytes,
+                      .max_pending_bytes = options.max_pending_input_bytes,
+                      .max_pending_lines = 4};
+    if (options.turns) party = options.turns->join();
+    reader = std::make_unique<LineReader>(input_fd, limits, [weak, l](InputEvent ev) {
                                             l->post([weak, ev = std::move(ev)]() mutable {
                                               if (auto c = weak.lock()) c->on_input(std::move(ev));
                                             });
@@ -127,15 +180,14 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   void on_input(InputEvent ev) {
     switch (ev.kind) {
       case InputEvent::Kind::line:
-        if (!stopping) on_line(ev.text);
-        if (reader) reader->consumed(ev.size);
-        break;
       case InputEvent::Kind::oversized:
-        if (stopping) break;
-        logger()->warn("Refused an MCP input line of {} bytes (limit {})", ev.size, options.max_line_bytes);
-        send(make_error(nullptr, kInvalidRequest,
-                        "Invalid Request: line of " + std::to_string(ev.size) + " bytes is longer than the limit of " +
-                            std::to_string(options.max_line_bytes) + " bytes"));
+        if (stopping) {
+          if (ev.kind == InputEvent::Kind::line && reader) reader->consumed(ev.size);
+        } else if (in_flight >= options.max_in_flight || !backlog.empty()) {
+          backlog.push_back(std::move(ev));
+        } else {
+          take_in(std::move(ev));
+        }
         break;
       case InputEvent::Kind::end:
         if (ev.text.empty()) {
@@ -143,9 +195,26 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
         } else {
           logger()->warn("MCP input ended: {}", ev.text);
         }
-        ended->set_result();
+        // The input has ended once every line of it is taken in; a client that hung up is owed nothing.
+        if (ev.text == LineReader::kHungUp) backlog.clear();
+        input_over = true;
+        if (backlog.empty()) ended->set_result();
         break;
     }
+  }
+
+  // Handles a line (or a skipped one) once there is room for what it asks.
+  void take_in(InputEvent ev) {
+    if (ev.kind == InputEvent::Kind::oversized) {
+      logger()->warn("Refused an MCP input line of {} bytes (limit {})", ev.size, options.max_line_bytes);
+      answer_line(make_error(nullptr, kInvalidRequest,
+                             "Invalid Request: line of " + std::to_string(ev.size) +
+                                 " bytes is longer than the limit of " + std::to_string(options.max_line_bytes) +
+                                 " bytes"));
+      return;
+    }
+    if (reader) reader->consumed(ev.size);
+    on_line(ev.text);
   }
 
   void on_line(std::string_view raw) {
@@ -162,7 +231,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   void on_batch(std::string_view line) {
     Json members;
     if (auto why = check_shape(line, ShapeLimits{})) {
-      send(make_error(nullptr, kInvalidRequest, "Invalid Request: " + *why));
+      answer_line(make_error(nullptr, kInvalidRequest, "Invalid Request: " + *why));
       return;
     }
     try {
@@ -172,7 +241,13 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
       return;
     }
     if (members.empty()) {
-      send(make_error(nullptr, kInvalidRequest, "Invalid Request: an empty batch"));
+      answer_line(make_error(nullptr, kInvalidRequest, "Invalid Request: an empty batch"));
+      return;
+    }
+    if (members.size() > options.max_in_flight) {
+      answer_line(make_error(nullptr, kInvalidRequest,
+                             "Invalid Request: a batch of " + std::to_string(members.size()) +
+                                 " messages is more than the limit of " + std::to_string(options.max_in_flight)));
       return;
     }
     auto batch = std::make_shared<Batch>();
@@ -195,6 +270,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     switch (m.kind) {
       case Incoming::Kind::invalid:
         logger()->warn("Refused an MCP message: {}", m.error_message);
+        take_slot(batch);
         answer_to(batch, make_error(m.id, m.error_code, std::move(m.error_message)));
         break;
       case Incoming::Kind::response:
@@ -229,6 +305,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   }
 
   void begin_request(Incoming m, std::shared_ptr<Batch> batch) {
+    take_slot(batch);
     std::string key = id_key(m.id);
     if (running.contains(key)) {
       answer_to(batch, make_error(m.id, kInvalidRequest,
@@ -312,7 +389,10 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     Json arguments = params.contains("arguments") ? params["arguments"] : Json();
     if (!arguments.is_null() && !arguments.is_object()) co_return invalid_params(id, "\"arguments\" must be an object");
 
+    aio::Turn turn;
+    if (party) turn = co_await options.turns->take(*party);
     auto ended = co_await aio::outcome_of(host->call_tool(name, std::move(arguments)));
+    turn.release();
     if (!ended.failed()) co_return make_result(id, tool_call_result(std::move(ended).get()));
     try {
       std::rethrow_exception(ended.error);
@@ -382,5 +462,7 @@ aio::Future<void> McpServer::input_ended() const { return aio::Future<void>(core
 aio::Task<void> McpServer::stop() { return Core::stop(core_); }
 
 std::size_t McpServer::running_requests() const { return core_->running.size(); }
+
+std::size_t McpServer::requests_in_flight() const { return core_->in_flight; }
 
 }  // namespace brenloc::mcp
