@@ -409,7 +409,7 @@ int run_serve(const Where& where, bool standalone, bool watch) {
         std::cerr << "brenloc: " << e.what() << "; serving in this process instead\n";
       }
       if (paths) {
-        run_bridge(BridgeTarget{r.root, r.data_dir, *paths}, STDIN_FILENO, STDOUT_FILENO);
+        run_bridge(BridgeTarget{r.root, r.data_dir, *paths, watch}, STDIN_FILENO, STDOUT_FILENO);
         return kExitOk;
       }
     }

@@ -34,17 +34,36 @@ int poll_ms(Clock::time_point deadline) {
 }  // namespace
 
 int connect_socket(const fs::path& socket) {
+  struct stat st {};
+  if (::lstat(socket.c_str(), &st) != 0) return -1;
+  if (!S_ISSOCK(st.st_mode)) {
+    const char* what = S_ISDIR(st.st_mode) ? "a directory" : S_ISLNK(st.st_mode) ? "a symbolic link" : "a file";
+    throw DaemonError(fmt::format("{} is {}, not the brenloc daemon's socket: remove it", socket.string(), what));
+  }
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (socket.native().size() >= sizeof addr.sun_path) return -1;
   std::memcpy(addr.sun_path, socket.c_str(), socket.native().size() + 1);
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+  // Non-blocking, so that a listener that is stopped with its backlog full cannot hold us: a Unix socket
+  // then says EAGAIN, and the attempt is repeated until the deadline.
+  const auto deadline = Clock::now() + kConnectTimeout;
+  for (;;) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return -1;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+      ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+      return fd;
+    }
+    const int error = errno;
     ::close(fd);
-    return -1;
+    if (error != EAGAIN && error != EINTR) return -1;
+    if (Clock::now() >= deadline) {
+      throw DaemonTimeout(fmt::format("the brenloc daemon's socket {} took no connection within {} s (is the daemon "
+                                      "stopped?)",
+                                      socket.string(), kConnectTimeout.count()));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  return fd;
 }
 
 void spawn_daemon(const RuntimePaths& paths) {
@@ -145,13 +164,17 @@ void wait_for_exit(const RuntimePaths& paths) {
 int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const fs::path& data_dir, bool start) {
   const Json params = {{"repo_root", repo_root.string()},
                        {"data_dir", data_dir.string()},
-                       {"build", build_identity().to_json()}};
+                       {"build", build_identity().to_json()},
+                       {"waiting", true}};
   for (int attempt = 1;; ++attempt) {
     int fd = start ? connect_daemon(paths, true) : connect_socket(paths.socket);
     if (fd < 0) return -1;
     try {
       first_request(fd, "brenloc/attach", params);
       return fd;
+    } catch (const DaemonTimeout&) {
+      ::close(fd);
+      throw;  // a daemon that does not answer is not waited for again
     } catch (const DaemonError&) {
       ::close(fd);
       // A daemon on its way out still accepts for a moment: the next attempt starts a new one.
@@ -189,7 +212,7 @@ std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, s
     int r = ::poll(&p, 1, poll_ms(deadline));
     if (r < 0 && errno == EINTR) continue;
     if (r == 0) {
-      if (Clock::now() >= deadline) throw DaemonError("no answer on the daemon's socket in time");
+      if (Clock::now() >= deadline) throw DaemonTimeout("no answer on the daemon's socket in time");
       continue;
     }
     char c = 0;
@@ -207,15 +230,31 @@ std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, s
 
 Json first_request(int fd, const std::string& method, Json params) {
   write_line(fd, Json{{"jsonrpc", "2.0"}, {"id", 0}, {"method", method}, {"params", std::move(params)}}.dump());
-  auto line = read_line_unbuffered(fd, 1 << 20, kAttachTimeout);
-  if (!line) throw DaemonError("the brenloc daemon closed the connection without answering");
-  Json answer = Json::parse(*line, nullptr, false);
-  if (answer.is_discarded() || !answer.is_object()) throw DaemonError("the brenloc daemon answered nonsense");
-  if (answer.contains("error")) {
-    const Json& e = answer["error"];
-    throw RpcError(e.value("code", 0), e.value("message", std::string("refused")));
+  const auto give_up = Clock::now() + kAttachTimeout;
+  for (;;) {
+    const auto left = std::min<Clock::duration>(kHandshakeTimeout, give_up - Clock::now());
+    std::optional<std::string> line;
+    try {
+      line = read_line_unbuffered(fd, 1 << 20,
+                                  std::max(std::chrono::milliseconds(0),
+                                           std::chrono::duration_cast<std::chrono::milliseconds>(left)));
+    } catch (const DaemonTimeout&) {
+      throw DaemonTimeout(Clock::now() >= give_up
+                              ? fmt::format("the brenloc daemon did not answer within {} s", kAttachTimeout.count())
+                              : fmt::format("the brenloc daemon did not answer within {} s (is it stopped, or is "
+                                            "something else listening on its socket?)",
+                                            kHandshakeTimeout.count()));
+    }
+    if (!line) throw DaemonError("the brenloc daemon closed the connection without answering");
+    Json answer = Json::parse(*line, nullptr, false);
+    if (answer.is_discarded() || !answer.is_object()) throw DaemonError("the brenloc daemon answered nonsense");
+    if (answer.value("method", std::string()) == kAttachWaiting) continue;  // at work: the silence starts again
+    if (answer.contains("error")) {
+      const Json& e = answer["error"];
+      throw RpcError(e.value("code", 0), e.value("message", std::string("refused")));
+    }
+    return answer.value("result", Json::object());
   }
-  return answer.value("result", Json::object());
 }
 
 DaemonClient::~DaemonClient() {

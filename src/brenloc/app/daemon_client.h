@@ -5,8 +5,13 @@
 // The socket speaks MCP, one JSON-RPC message per line, after a first request that names the repository:
 //   {"jsonrpc": "2.0", "id": 0, "method": "brenloc/attach", "params": {"repo_root": R, "data_dir": D}}
 // answered with {"repo_root", "data_dir", "pid", "version"} or an error whose message says why (the data
-// directory owned by another process, a root that is not a directory, a daemon that is stopping).
+// directory owned by another process, a root that is not a directory, a daemon that is stopping). With
+// "waiting": true among the params, the daemon says {"method": "brenloc/waiting"} every second until it
+// answers (while it starts the worker), so that a client can tell a busy daemon from one that is stopped.
 // "brenloc/status" and "brenloc/stop" as first requests ask the daemon itself.
+//
+// Every wait has a deadline of a few seconds: a daemon that is stopped, a silent program on the socket, or
+// something else at the socket's path is reported in that time, never waited for.
 #pragma once
 
 #include <sys/types.h>
@@ -32,6 +37,12 @@ using Json = nlohmann::ordered_json;
 class DaemonError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// The daemon, or whatever listens on its socket, did not answer in time.
+class DaemonTimeout : public DaemonError {
+ public:
+  using DaemonError::DaemonError;
 };
 
 // A JSON-RPC error answered by the daemon.
@@ -69,10 +80,19 @@ inline constexpr int kDaemonMakesWay = -32002;
 // How the daemon's workers name, in their data directories' lock files, the socket that reaches them.
 inline constexpr std::string_view kOwnerSocketNote = "socket ";
 
-inline constexpr std::chrono::seconds kDaemonStartTimeout{10};
-inline constexpr std::chrono::seconds kAttachTimeout{30};
+inline constexpr std::string_view kAttachWaiting = "brenloc/waiting";
 
-// A connected socket to the daemon, or -1 when nobody listens (no socket file, or a stale one).
+inline constexpr std::chrono::seconds kDaemonStartTimeout{5};
+inline constexpr std::chrono::seconds kConnectTimeout{3};
+// How long a client waits for the daemon's first word after a request (an answer or a keep-alive).
+inline constexpr std::chrono::seconds kHandshakeTimeout{5};
+// How long an attach may take in all, keep-alives included (a worker that waits for its predecessor's
+// clean-up, say).
+inline constexpr std::chrono::seconds kAttachTimeout{120};
+
+// A connected socket to the daemon, or -1 when nobody listens (no socket file, or a stale one). Throws
+// DaemonError when something that is not a socket is at the path, DaemonTimeout when the socket takes no
+// connection within kConnectTimeout (a daemon that is stopped and whose backlog is full).
 int connect_socket(const std::filesystem::path& socket);
 
 // Starts `brenloc daemon` in the background (its own session, detached from the caller's process group
@@ -97,7 +117,8 @@ void write_line(int fd, const std::string& line);
 // input; throws DaemonError after `timeout` or past `max_bytes`.
 std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, std::chrono::milliseconds timeout);
 
-// Sends the first request `method` and returns its result; RpcError for the daemon's refusal.
+// Sends the first request `method` and returns its result; RpcError for the daemon's refusal, DaemonTimeout
+// when nothing is heard within kHandshakeTimeout (keep-alives count) or no answer within kAttachTimeout.
 Json first_request(int fd, const std::string& method, Json params);
 
 // A blocking JSON-RPC client on a socket attached to a worker (the command line's way to the daemon).

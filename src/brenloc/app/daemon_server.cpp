@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
+#include <thread>
 #include <iostream>
 #include <list>
 #include <map>
@@ -17,6 +19,8 @@
 #include <boost/asio/signal_set.hpp>
 #include <fmt/format.h>
 
+#include "brenloc/aio/fair_turns.h"
+#include "brenloc/aio/fd_wait.h"
 #include "brenloc/aio/outcome.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/aio/thread.h"
@@ -44,6 +48,7 @@ std::shared_ptr<spdlog::logger> logger() { return utils::get_logger("brenloc.dae
 constexpr int kAttachRefused = -32001;
 constexpr std::chrono::seconds kFirstLineTimeout{10};
 constexpr std::chrono::seconds kSweepInterval{1};
+constexpr std::size_t kFirstLineMax = 64 * 1024;
 
 using WorkerKey = std::pair<fs::path, fs::path>;  // (repository root, data directory)
 
@@ -75,11 +80,47 @@ aio::Task<void> set_when_done(aio::Future<void> f, std::shared_ptr<aio::FutureSt
   target->set_result();
 }
 
+// The client's first line, read as it arrives without holding a thread (a client that connects and says
+// nothing costs only its socket until its time runs out), and without taking anything after it from the
+// socket. Absent when the client closes first; DaemonError past `timeout` or `max` bytes.
+aio::Task<std::optional<std::string>> read_first_line(int fd, std::size_t max, Clock::duration timeout) {
+  const auto deadline = Clock::now() + timeout;
+  std::string line;
+  char chunk[4096];
+  for (;;) {
+    const auto left = deadline - Clock::now();
+    if (left <= Clock::duration::zero() || !co_await aio::wait_readable(fd, left)) {
+      throw DaemonError(fmt::format("no request within {} s", kFirstLineTimeout.count()));
+    }
+    ssize_t n = ::recv(fd, chunk, sizeof chunk, MSG_PEEK | MSG_DONTWAIT);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+    if (n <= 0) co_return line.empty() ? std::nullopt : std::optional<std::string>(line);
+    const char* nl = static_cast<const char*>(std::memchr(chunk, '\n', static_cast<std::size_t>(n)));
+    const std::size_t take = nl != nullptr ? static_cast<std::size_t>(nl - chunk) + 1 : static_cast<std::size_t>(n);
+    if (::recv(fd, chunk, take, MSG_DONTWAIT) != static_cast<ssize_t>(take)) throw DaemonError("the client's socket failed");
+    line.append(chunk, nl != nullptr ? take - 1 : take);
+    if (line.size() > max) throw DaemonError("an overlong first request");
+    if (nl != nullptr) co_return line;
+  }
+}
+
+// While a client waits for its attach to be answered, tells it every second that the daemon is at work,
+// so that the client can tell a daemon that is starting a worker from one that does not answer at all.
+aio::Task<void> keep_alive(int fd) {
+  for (;;) {
+    co_await aio::sleep_for(std::chrono::seconds(1));
+    reply(fd, mcp::make_notification(std::string(kAttachWaiting), mcp::Json::object()));
+  }
+}
+
 class Daemon {
  public:
   Daemon(aio::EventLoop& loop, RuntimePaths paths, DaemonOptions options, local::acceptor acceptor)
       : loop_(loop), paths_(std::move(paths)), options_(options), acceptor_(std::move(acceptor)),
-        signals_(loop.context(), SIGINT, SIGTERM), started_(Clock::now()) {}
+        signals_(loop.context(), SIGINT, SIGTERM), started_(Clock::now()),
+        // Tool calls of all sessions take turns, a few more than the threads that run them, so that a
+        // session's flood queues on its own side and another session's call waits at most a turn.
+        turns_(std::make_shared<aio::FairTurns>(2 * std::max(2u, std::thread::hardware_concurrency()))) {}
 
   aio::Task<void> run() {
     signals_.async_wait([this](const boost::system::error_code& ec, int sig) {
@@ -152,9 +193,7 @@ class Daemon {
     const int fd = s.fd;
     std::optional<std::string> line;
     try {
-      line = co_await aio::to_thread([fd] {
-        return read_line_unbuffered(fd, 64 * 1024, std::chrono::duration_cast<std::chrono::milliseconds>(kFirstLineTimeout));
-      });
+      line = co_await read_first_line(fd, kFirstLineMax, kFirstLineTimeout);
     } catch (const DaemonError& e) {
       logger()->info("A client sent no first request: {}", e.what());
       co_return;
@@ -215,8 +254,15 @@ class Daemon {
     }
     const WorkerKey& k = std::get<WorkerKey>(key);
     std::shared_ptr<Entry> entry;
+    std::optional<aio::Future<void>> waiting;
+    if (m.params.is_object() && m.params.value("waiting", false) == true) waiting = aio::spawn(keep_alive(s.fd));
+    auto acquired = co_await aio::outcome_of(acquire(k));
+    if (waiting) {
+      waiting->cancel();
+      co_await aio::wait_all({waiting->base()});
+    }
     try {
-      entry = co_await acquire(k);
+      entry = std::move(acquired).get();
     } catch (const aio::Cancelled&) {
       throw;
     } catch (const std::exception& e) {
@@ -237,7 +283,7 @@ class Daemon {
   // MCP on the session's socket until the client leaves or the daemon stops.
   aio::Task<void> serve_mcp(Session& s, daemon::RepoWorker& worker) {
     WorkerTools tools(worker);
-    mcp::McpServer server(loop_, tools, s.fd, s.fd);
+    mcp::McpServer server(loop_, tools, s.fd, s.fd, mcp::ServerOptions{.turns = turns_});
     server.start();
     auto watcher = aio::spawn(set_when_done(server.input_ended(), s.end));
     co_await aio::shield(aio::Future<void>(s.end));
@@ -382,6 +428,7 @@ class Daemon {
   std::list<std::shared_ptr<Session>> sessions_;
   std::map<WorkerKey, std::shared_ptr<Entry>> workers_;
   std::optional<Clock::time_point> idle_since_ = Clock::now();
+  std::shared_ptr<aio::FairTurns> turns_;
 };
 
 // Binds the socket with no permission for anyone else, over a stale socket file left by a daemon that
