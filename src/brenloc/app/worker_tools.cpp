@@ -52,19 +52,31 @@ json status_output() {
                      {"started_at", kString}}},
                    {"required", {"phase", "files_done", "files_total", "started_at"}},
                    {"additionalProperties", false}};
+  // The last accepted force_reindex: "interrupted" when its process ended during it (its outcome then
+  // says so as a reindex_failed message).
+  json last_reindex = {{"type", {"object", "null"}},
+                       {"properties",
+                        {{"started_at", kString},
+                         {"pid", kInteger},
+                         {"clear_existing", {{"type", "boolean"}}},
+                         {"state", {{"enum", {"running", "ended", "interrupted"}}}},
+                         {"outcome", {{"type", {"object", "null"}}}}}},
+                       {"required", {"started_at", "pid", "clear_existing", "state", "outcome"}},
+                       {"additionalProperties", false}};
   return object_schema({{"repo_root", kString},
                         {"data_dir", kString},
                         {"indexing", {{"type", "boolean"}}},
                         {"progress", progress},
                         {"last_reindex_error", kStringOrNull},
                         {"rebuild_refusal", kStringOrNull},
+                        {"last_reindex", last_reindex},
                         {"files", kInteger},
                         {"symbols", kInteger},
                         {"last_index", last_index},
                         {"watch", {{"enum", {"inotify", "polling", "off"}}}},
                         {"watches", kInteger}},
                        {"repo_root", "data_dir", "indexing", "progress", "last_reindex_error", "rebuild_refusal",
-                        "files", "symbols", "last_index", "watch", "watches"});
+                        "last_reindex", "files", "symbols", "last_index", "watch", "watches"});
 }
 
 json search_output() {

@@ -65,13 +65,26 @@ aio::Task<void> RepoWorker::start() {
   owner_lock_ = utils::OwnerLock::acquire(data_dir / kOwnerLockFile, "the data directory " + data_dir.string(),
                                           owner_note_);
   _database = _new_database(data_dir / "index.db");
-  co_await aio::to_thread([db = _database, staging = _staging_db_paths(data_dir / "index.db").second] {
-    // With the lock held, staging files here belong to no live process: they are what a rebuild that a
-    // crash cut short left behind.
-    _remove_files(staging);
-    db->connect();
-    db->create_schema();
-  });
+  auto [interrupted, last_run] =
+      co_await aio::to_thread([db = _database, dir = data_dir, staging = _staging_db_paths(data_dir / "index.db").second] {
+        // With the lock held, staging files here belong to no live process: they are what a rebuild that a
+        // crash cut short left behind, and a run recorded as running is one that its process never finished.
+        _remove_files(staging);
+        db->connect();
+        db->create_schema();
+        std::optional<std::string> interrupted;
+        try {
+          interrupted = settle_interrupted_run(dir);
+        } catch (const std::exception& e) {
+          worker_logger()->warn("Could not record the interrupted reindex: {}", e.what());
+        }
+        return std::make_pair(interrupted, read_run_record(dir));
+      });
+  if (interrupted) {
+    worker_logger()->warn("{}", *interrupted);
+    _last_reindex_error = *interrupted;
+  }
+  last_run_ = std::move(last_run);
   _repository = _new_repository(_database);
   _indexer = _new_indexer({.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run});
   std::vector<PassScheduler::Pass> passes = {
@@ -134,6 +147,30 @@ aio::Task<json> RepoWorker::call_tool(std::string name, json arguments) {
     }
   }
   co_return std::move(answer).get();
+}
+
+aio::Task<json> RepoWorker::force_reindex(json arguments) {
+  json answer = co_await _handle_force_reindex(std::move(arguments));
+  if (answer.value("status", "") == "accepted") {
+    last_run_ = run_started(answer.value("clear_existing", false));
+    save_run_record();
+  }
+  co_return answer;
+}
+
+void RepoWorker::save_run_record() {
+  if (!last_run_) return;
+  try {
+    (void)_maintenance.run([dir = data_dir, record = *last_run_] {
+      try {
+        write_run_record(dir, record);
+      } catch (const std::exception& e) {
+        worker_logger()->warn("Could not record the reindex in {}: {}", dir.string(), e.what());
+      }
+    });
+  } catch (const std::runtime_error&) {
+    // The lane is shut down: the worker is stopping, and the record stays as it was.
+  }
 }
 
 aio::Task<json> RepoWorker::dispatch_tool(const std::string& name, json arguments) {
@@ -208,6 +245,12 @@ std::unique_ptr<PassScope> RepoWorker::_reporting_pass(workers::Indexer& indexer
 }
 
 aio::Task<void> RepoWorker::broadcast_status(json message) {
+  const std::string type = message.value("type", "");
+  if (last_run_ && last_run_->state == "running" && (type == "reindex_complete" || type == "reindex_failed")) {
+    last_run_->state = "ended";
+    last_run_->outcome = message;
+    save_run_record();
+  }
   send(message);
   co_return;
 }
@@ -275,6 +318,7 @@ aio::Task<json> RepoWorker::index_status() {
                  {"progress", progress},
                  {"last_reindex_error", opt(_last_reindex_error)},
                  {"rebuild_refusal", opt(_rebuild_refusal)},
+                 {"last_reindex", last_run_ ? last_run_->to_json() : json()},
                  {"files", counts.files},
                  {"symbols", counts.symbols},
                  {"last_index", last_index},

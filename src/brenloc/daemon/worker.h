@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 
+#include "brenloc/daemon/run_record.h"
 #include "brenloc/daemon/tree_follower.h"
 #include "brenloc/daemon/worker_reindex.h"
 #include "brenloc/utils/owner_lock.h"
@@ -43,8 +44,9 @@ class RepoWorker : public WorkerReindex {
   // "symbol_source") with its arguments and gives
   // its response dictionary. Throws UnknownTool for another name and ArgumentError for bad arguments.
   aio::Task<json> call_tool(std::string name, json arguments);
-  // The force_reindex tool: the response at once; an accepted run goes on in the background.
-  aio::Task<json> force_reindex(json arguments) { return _handle_force_reindex(std::move(arguments)); }
+  // The force_reindex tool: the response at once; an accepted run goes on in the background. An accepted
+  // run is recorded in the data directory (run_record.h) until its outcome is sent.
+  aio::Task<json> force_reindex(json arguments);
   // The background run of the last accepted force_reindex, absent before the first; done once it ended.
   std::optional<aio::Future<void>> last_run() const { return _indexer_task; }
   // True while a reindex runs, an index pass is under way or a staging database is being released.
@@ -53,10 +55,11 @@ class RepoWorker : public WorkerReindex {
   std::uint64_t swaps_committed() const { return _repository ? _repository->last_swap_timing().swaps : 0; }
 
   // --- tools ---
-  // {"repo_root", "data_dir", "indexing", "last_reindex_error", "rebuild_refusal", "files", "symbols",
-  //  "last_index", "watch", "watches"}; "last_index" is the completion this worker recorded, else the last
-  //  pass's record in the data directory (a pass of an earlier process), else null; "watch" is how the
-  //  worker follows the tree: "inotify", "polling" or "off".
+  // {"repo_root", "data_dir", "indexing", "progress", "last_reindex_error", "rebuild_refusal",
+  //  "last_reindex", "files", "symbols", "last_index", "watch", "watches"}; "last_reindex" is the record of
+  //  the last accepted force_reindex (also of an earlier process), else null; "last_index" is the
+  //  completion this worker recorded, else the last pass's record in the data directory (a pass of an
+  //  earlier process), else null; "watch" is how the worker follows the tree: "inotify", "polling" or "off".
   aio::Task<json> index_status();
   // Arguments bound with the "search" schema; the answer of storage::search_answer, with a "note" while the
   // index is empty or its first pass runs (so that no result is not taken for "no such symbol").
@@ -96,6 +99,8 @@ class RepoWorker : public WorkerReindex {
 
  private:
   aio::Task<json> dispatch_tool(const std::string& name, json arguments);
+  // Writes the run record on the maintenance lane (in order, best effort).
+  void save_run_record();
   void send(const json& message);
   // The note of a search answer, or empty.
   std::string search_note(std::int64_t files) const;
@@ -123,6 +128,7 @@ class RepoWorker : public WorkerReindex {
   std::unique_ptr<TreeFollower> follower_;
   utils::OwnerLock owner_lock_;
   std::string owner_note_;
+  std::optional<RunRecord> last_run_;  // the last accepted force_reindex, of this process or an earlier one
 };
 
 }  // namespace brenloc::daemon
