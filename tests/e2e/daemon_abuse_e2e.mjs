@@ -168,6 +168,12 @@ test('a stopped daemon: pending calls fail within seconds, new sessions are serv
     assert.match(told.value.status.content[0].text, /cannot be reached: .*did not answer within 5 s.*in use by another brenloc process/);
     assert.ok(told.ms < 12_000, `the refusal took ${told.ms} ms`);
     await told.value.s.client.close();
+
+    // The command line is told as quickly.
+    const cli = await timed(() => run(['status', '--daemon', '--repo', tree, '--data-dir', owned], rt.env));
+    assert.notEqual(cli.value.code, 0);
+    assert.match(cli.value.stderr, /did not answer within 5 s/);
+    assert.ok(cli.ms < 12_000, `the command took ${cli.ms} ms`);
   } finally {
     process.kill(pid, 'SIGCONT');
     await a.client.close();

@@ -294,6 +294,9 @@ Json DaemonClient::next_notification() {
 }
 
 Json DaemonClient::read_message() {
+  // A daemon silent for kHandshakeTimeout is pinged; silent as long again, it is taken for stopped.
+  auto last_heard = Clock::now();
+  std::optional<Clock::time_point> pinged;
   for (;;) {
     if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
       std::string line = buffer_.substr(0, nl);
@@ -303,6 +306,14 @@ Json DaemonClient::read_message() {
       return m;
     }
     if (interrupted && interrupted()) throw Interrupted();
+    const auto now = Clock::now();
+    if (!pinged && now - last_heard >= kHandshakeTimeout) {
+      write_line(fd_, Json{{"jsonrpc", "2.0"}, {"id", fmt::format("brenloc-ping-{}", next_id_++)}, {"method", "ping"}}.dump());
+      pinged = now;
+    } else if (pinged && now - *pinged >= kHandshakeTimeout) {
+      throw DaemonTimeout(fmt::format("the brenloc daemon has not answered for {} s (is it stopped?)",
+                                      2 * kHandshakeTimeout.count()));
+    }
     pollfd p{fd_, POLLIN, 0};
     int r = ::poll(&p, 1, 200);
     if (r <= 0) continue;  // a timeout or a signal: look at the interruption first
@@ -311,6 +322,8 @@ Json DaemonClient::read_message() {
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) throw DaemonError("the brenloc daemon went away (the connection closed)");
     buffer_.append(chunk, static_cast<std::size_t>(n));
+    last_heard = Clock::now();
+    pinged.reset();
   }
 }
 

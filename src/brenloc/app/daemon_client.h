@@ -121,7 +121,9 @@ std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, s
 // when nothing is heard within kHandshakeTimeout (keep-alives count) or no answer within kAttachTimeout.
 Json first_request(int fd, const std::string& method, Json params);
 
-// A blocking JSON-RPC client on a socket attached to a worker (the command line's way to the daemon).
+// A blocking JSON-RPC client on a socket attached to a worker (the command line's way to the daemon). A
+// wait in which the daemon says nothing for kHandshakeTimeout has the client ping it; no word for as long
+// again ends the wait with DaemonTimeout.
 class DaemonClient {
  public:
   using OnNotification = std::function<void(const Json& message)>;

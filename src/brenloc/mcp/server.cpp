@@ -87,6 +87,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   std::size_t in_flight = 0;
   std::deque<InputEvent> backlog;
   bool input_over = false;  // the reader has delivered its last event
+  bool throttled = false;   // said once per session in the log
   std::unordered_map<std::string, Running> running;
   std::shared_ptr<aio::FutureState<void>> ended;
   std::optional<int> subscription;
@@ -184,6 +185,11 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
         if (stopping) {
           if (ev.kind == InputEvent::Kind::line && reader) reader->consumed(ev.size);
         } else if (in_flight >= options.max_in_flight || !backlog.empty()) {
+          if (!throttled) {
+            throttled = true;
+            logger()->info("MCP client has {} requests in flight; its further input waits until answers are taken",
+                           in_flight);
+          }
           backlog.push_back(std::move(ev));
         } else {
           take_in(std::move(ev));
