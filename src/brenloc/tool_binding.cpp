@@ -116,6 +116,12 @@ std::string shown_name(const std::string& name) {
   return shown;
 }
 
+// Whether a string, or a string of an array, holds a NUL byte: no name, path or query has one.
+bool holds_nul(const json& v) {
+  if (v.is_string()) return v.get_ref<const std::string&>().find('\0') != std::string::npos;
+  return v.is_array() && std::ranges::any_of(v, [](const json& e) { return holds_nul(e); });
+}
+
 }  // namespace
 
 json bind_arguments(std::string_view name, const json& params) {
@@ -143,6 +149,7 @@ json bind_arguments(std::string_view name, const json& params) {
     if (!has_type(v, a.type)) {
       throw ArgumentError(key, "argument '" + key + "' must be " + std::string(type_name(a.type)));
     }
+    if (holds_nul(v)) throw ArgumentError(key, "argument '" + key + "' must not hold a NUL byte");
     if (a.type == Type::string && a.max && static_cast<std::int64_t>(v.get_ref<const std::string&>().size()) > *a.max) {
       throw ArgumentError(key, "argument '" + key + "' must be at most " + std::to_string(*a.max) + " bytes long");
     }

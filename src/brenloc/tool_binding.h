@@ -2,8 +2,8 @@
 //
 // Each schema is a list of named, typed, optional arguments with defaults. bind_arguments(name, params)
 // checks `params` against the schema called `name` and returns the bound mapping: every argument of the
-// schema, in schema order, with its default where omitted (or given as null). An unknown argument, a wrong type or a
-// missing required one is an ArgumentError whose message names the argument.
+// schema, in schema order, with its default where omitted (or given as null). An unknown argument, a wrong type,
+// a string holding a NUL byte or a missing required one is an ArgumentError whose message names the argument.
 //
 // Schemas: "status" (the arguments of a reindex request answered with a status: "paths", an array of
 // strings, default empty; "clear_existing", a boolean, default false), "search" ("query" string,

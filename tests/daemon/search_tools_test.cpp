@@ -207,6 +207,8 @@ TEST(SearchTools, RefusalsAndErrors) {
         {{{"query", "x"}, {"match", "regex"}}, "must be one of: auto, exact, prefix, substring, fuzzy"},
         {{{"query", "x"}, {"language", "cobol"}}, "must be one of: python, c, cpp,"},
         {{{"query", "x"}, {"max_bytes", 10}}, "max_bytes"},
+        {{{"query", std::string("a\0b", 3)}}, "argument 'query' must not hold a NUL byte"},
+        {{{"query", "x"}, {"path", std::string("src\0", 4)}}, "argument 'path' must not hold a NUL byte"},
     };
     for (const auto& [args, message] : errors) {
       try {
@@ -217,6 +219,9 @@ TEST(SearchTools, RefusalsAndErrors) {
       }
     }
     EXPECT_THROW(co_await w.symbol_source({{"path", "c/ring.c"}}), ArgumentError);
+    EXPECT_THROW(co_await w.file_outline({{"path", std::string("c/ring.c\0", 9)}}), ArgumentError);
+    EXPECT_THROW(co_await w.symbol_source({{"name", std::string("\0", 1)}}), ArgumentError);
+    EXPECT_THROW(co_await w.force_reindex({{"paths", {"c", std::string("\0", 1)}}}), ArgumentError);
     EXPECT_EQ((co_await w.search_symbols({{"query", "ring"}, {"kind", "STRUCT"}}))["total"], 1);
 
     auto failed = [](const std::string& error) { return json{{"error", error}, {"status", "failed"}}; };
