@@ -34,6 +34,7 @@
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/repository.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/workers/indexer.h"
 #include "brenloc/workers/walker.h"
 
@@ -127,7 +128,8 @@ int run_floor(const std::string& mode, const fs::path& dir, int threads) {
         std::size_t i = next.fetch_add(1);
         if (i >= c.files.size()) return;
         const auto& f = c.files[i];
-        workers::SourceFile src = workers::read_source(root / f.rel, workers::IndexerOptions{}.max_file_size);
+        workers::SourceFile src =
+            workers::read_source(utils::path_under(root, f.rel), workers::IndexerOptions{}.max_file_size);
         if (src.status != workers::SourceFile::Status::ok) continue;
         bool ok = extract ? engines::extract_symbols(f.language, src.content, parse_time_limit()).ok
                           : engines::parse_only(f.language, src.content);

@@ -180,6 +180,49 @@ TEST_F(Cli, SearchOutlineAndSourceOverTheSamples) {
   EXPECT_EQ(invoke("search " + samples + " --kind klass x").code, 64);
 }
 
+// A repository root and file names that are not UTF-8, in the command's own process and through the
+// daemon: answers name them in their text form (a stray byte as \xHH), and a path is taken either as the
+// file system's bytes or in that text form.
+TEST_F(Cli, NamesThatAreNotUtf8WorkEndToEnd) {
+  const fs::path root = dir_.path() / "r\xe9po";
+  brenloc::testing::write_file(root / "b\xff.py", "def odd_name():\n    pass\n");
+  brenloc::testing::write_file(root / "d\xfe/x.py", "def in_odd_dir():  # caf\xe9\n    pass\n");
+  const fs::path runtime = dir_.path() / "rt";
+  fs::create_directories(runtime);
+  fs::permissions(runtime, fs::perms::owner_all);
+  const std::string env = "XDG_RUNTIME_DIR=" + quote(runtime);
+  for (const std::string daemon : {"", "--daemon "}) {
+    SCOPED_TRACE(daemon);
+    const std::string at = "--repo " + quote(root) + " --data-dir " + quote(data_ / (daemon.empty() ? "own" : "daemon"));
+    Result r = invoke("reindex " + daemon + at, env);
+    ASSERT_EQ(r.code, 0) << r.err;
+    r = invoke("search " + at + " odd_name", env);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(json::parse(r.out)["results"][0]["path"], "b\\xff.py");
+    r = invoke("search " + at + " --path " + quote("d\\xfe/*.py") + " in_odd", env);
+    EXPECT_EQ(json::parse(r.out)["count"], 1) << r.out << r.err;
+    for (const std::string path : {"b\xff.py", "b\\xff.py"}) {
+      r = invoke("outline " + at + " " + quote(path), env);
+      ASSERT_EQ(r.code, 0) << r.err;
+      EXPECT_EQ(json::parse(r.out)["symbols"][0]["name"], "odd_name");
+    }
+    r = invoke("source " + at + " --path " + quote("d\xfe/x.py") + " --line 1", env);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(json::parse(r.out)["signature"], "def in_odd_dir():  # caf\xef\xbf\xbd");
+    r = invoke("reindex " + at + " " + quote("d\xfe"), env);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find(R"("files_processed":1)"), std::string::npos) << r.out;
+    r = invoke("status " + at, env);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(json::parse(r.out)["repo_root"], (dir_.path() / "r\\xe9po").string());
+    fs::remove(root / "b\xff.py");
+    ASSERT_EQ(invoke("reindex " + at, env).code, 0);
+    EXPECT_EQ(json::parse(invoke("search " + at + " odd_name", env).out)["count"], 0);
+    brenloc::testing::write_file(root / "b\xff.py", "def odd_name():\n    pass\n");
+  }
+  invoke("daemon --stop", env);
+}
+
 TEST_F(Cli, TheDefaultDataDirectoryLiesUnderXdgDataHome) {
   const std::string xdg = "XDG_DATA_HOME=" + quote(xdg_);
   ASSERT_EQ(invoke("reindex --repo " + quote(repo_), xdg).code, 0);

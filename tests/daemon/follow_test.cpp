@@ -2,6 +2,8 @@
 // directories created, changed, moved and removed; ignore rules that change; a directory moved in with
 // its files; a burst of files ending in few passes; an edit during a full rebuild, indexed after it; the
 // fall-back to polling when the watches run out; the pass at start, and what search says meanwhile.
+#include <sys/mount.h>
+
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -78,6 +80,39 @@ struct Follow {
   aio::EventLoop loop;
   daemon::RepoWorker w;
 };
+
+// A directory mounted a second time inside the tree is indexed and followed under the path the walk meets
+// first: rows under the other path go at the next whole pass, and changes made through either path, or
+// a reindex given a path under the other one, reach the index under the first only.
+TEST(Follow, ADirectoryReachedTwiceIsFollowedUnderOnePath) {
+  Follow f;
+  write_file(f.at("a/x.py"), py("alpha"));
+  write_file(f.at("b/x.py"), py("old"));
+  struct Unmount {
+    std::optional<fs::path> at;
+    ~Unmount() { if (at) ::umount2(at->c_str(), MNT_DETACH); }
+  } mounted;
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    co_await expect_defined(w, "old", {"b/x.py"});
+    if (::mount(f.at("a").c_str(), f.at("b").c_str(), nullptr, MS_BIND, nullptr) != 0) co_return;
+    mounted.at = f.at("b");
+    auto reindex = [&](json args) -> aio::Task<void> {
+      while ((co_await w.force_reindex(args))["status"] == "in_progress") co_await aio::sleep_for(5ms);
+      co_await aio::wait_all({w._indexer_task->base()});
+    };
+    co_await reindex(json::object());  // a mount sends no event: a whole pass sees it
+    co_await expect_defined(w, "alpha", {"a/x.py"});
+    co_await expect_defined(w, "old", {});
+    write_file(f.at("b/y.py"), py("beta"));
+    co_await expect_defined(w, "beta", {"a/y.py"});
+    co_await reindex({{"paths", {"b/y.py"}}});
+    co_await expect_defined(w, "beta", {"a/y.py"});
+    fs::remove(f.at("a/x.py"));
+    co_await expect_defined(w, "alpha", {});
+    EXPECT_EQ((co_await w.index_status())["left_out"]["first"][0]["skipped"], "same directory as a");
+  });
+  if (!mounted.at) GTEST_SKIP() << "cannot bind-mount (needs root)";
+}
 
 TEST(Follow, ChangesOfTheTreeReachTheIndex) {
   struct Step {

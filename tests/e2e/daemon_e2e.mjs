@@ -82,6 +82,46 @@ test('sessions and the command line share one daemon, one worker and one rebuild
   }
 });
 
+test('file names that are not UTF-8 are answered, taken back, reindexed and followed in their text form', async () => {
+  const rt = runtime();
+  const repo = fresh('names');
+  // A path under the repository from pieces: text, or arrays of bytes.
+  const raw = (...parts) => Buffer.concat([Buffer.from(repo + '/'), ...parts.map((p) => Buffer.from(p))]);
+  fs.mkdirSync(repo);
+  fs.writeFileSync(raw('b', [0xff], '.py'), Buffer.concat([Buffer.from('def odd_name():  # caf'), Buffer.from([0xe9]), Buffer.from('\n    pass\n')]));
+  fs.mkdirSync(raw('d', [0xfe]));
+  fs.writeFileSync(raw('d', [0xfe], '/x.py'), 'def in_odd_dir():\n    pass\n');
+  fs.writeFileSync(raw('big', [0xff], '.py'), `x = "${'y'.repeat(1 << 20)}"\n`);
+  const s = await session(rt, repo, fresh('data'));
+  try {
+    const found = await answer(s, 'search_symbols', { query: 'odd_name' });
+    assert.equal(found.results[0].path, 'b\\xff.py');
+    assert.equal(found.results[0].signature, 'def odd_name():  # caf\ufffd');
+    assert.equal((await answer(s, 'file_outline', { path: 'b\\xff.py' })).symbols[0].name, 'odd_name');
+    assert.equal((await answer(s, 'symbol_source', { path: 'd\\xfe/x.py', line: 1 })).name, 'in_odd_dir');
+    const status = await answer(s, 'index_status');
+    assert.deepEqual(status.left_out, { count: 1, first: [{ path: 'big\\xff.py', stage: 'read', skipped: 'larger than 1048576 bytes' }] });
+    const nul = await call(s, 'search_symbols', { query: 'a\u0000b' });
+    assert.equal(nul.isError, true);
+    assert.match(nul.content[0].text, /argument 'query' must not hold a NUL byte/);
+
+    fs.writeFileSync(raw('b', [0xff], '.py'), 'def renamed_odd():\n    pass\n');
+    const seen = s.messages.length;
+    assert.equal((await answer(s, 'force_reindex', { paths: ['b\\xff.py'] })).status, 'accepted');
+    assert.equal((await outcomeAfter(s.messages, seen)).type, 'reindex_complete');
+    assert.equal((await answer(s, 'search_symbols', { query: 'renamed_odd' })).results[0]?.path, 'b\\xff.py');
+    // Deleted: the watcher drops the rows.
+    fs.rmSync(raw('d', [0xfe]), { recursive: true });
+    fs.unlinkSync(raw('b', [0xff], '.py'));
+    await until('the rows of the deleted files are gone', async () =>
+      (await answer(s, 'search_symbols', { query: 'in_odd_dir' })).count === 0 &&
+      (await answer(s, 'search_symbols', { query: 'renamed_odd' })).count === 0);
+  } finally {
+    await s.client.close();
+    await stopDaemon(rt);
+  }
+});
+
 test('a reindex on a worker just started waits for its pass at start, then runs', async () => {
   const rt = runtime();
   try {

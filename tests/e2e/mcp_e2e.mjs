@@ -182,7 +182,7 @@ test('force_reindex answers each form and broadcasts the outcome', async () => {
     const status = structured(await client.callTool({ name: 'index_status', arguments: {} }));
     assert.deepEqual(Object.keys(status), [
       'repo_root', 'data_dir', 'indexing', 'progress', 'last_reindex_error', 'rebuild_refusal', 'last_reindex',
-      'files', 'symbols', 'last_index', 'watch', 'watches',
+      'files', 'symbols', 'last_index', 'left_out', 'watch', 'watches',
     ]);
     assert.equal(status.indexing, false);
     if (outcome.data.type === 'reindex_complete') {

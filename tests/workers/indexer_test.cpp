@@ -1,7 +1,9 @@
 // Index passes over temporary repositories with the real store and parser: what the walk leaves out,
 // what counts as left out and how errors.jsonl names it, whole and paths passes over a changing tree,
 // cancellation; and the repository report, its figures against the index and when it is rewritten.
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <functional>
@@ -33,31 +35,53 @@ std::vector<fs::path> under(const fs::path& root, const Paths& rel) {
   return out;
 }
 
-// Never indexed and never an error, in a whole pass and when listed.
+// Never indexed and never an error, in a whole pass and when listed; named in errors.jsonl (with the
+// reason) unless the user or the layout of the tree asked for it to be left out.
 TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
+  using Named = std::set<std::pair<std::string, std::string>>;
   struct Case {
     const char* name;
     Paths files;                                  // written with a definition, besides ok.c
     std::function<void(Harness&)> make = nullptr;  // anything else
     Paths listed = {};                            // paths to list in a paths pass, besides ok.c
+    Named named = {};                             // (path, reason) in errors.jsonl, whole or listed
     Paths indexed = {"ok.c"};                     // in a whole pass
     std::int64_t max_file_size = 1 << 20;
     const char* data_rel = ".brenloc";  // the data directory under the root
   };
   const Case cases[] = {
       {"symbolic link to a file", {}, [](Harness& h) { fs::create_symlink(h.root / "ok.c", h.root / "link.c"); },
-       {"link.c"}},
+       {"link.c"}, {{"link.c", "symbolic link"}}},
       {"symbolic link to a directory", {"dir/inner.c"},
        [](Harness& h) { fs::create_directory_symlink(h.root / "dir", h.root / "linkdir"); },
-       {"linkdir/inner.c", "linkdir"}, {"dir/inner.c", "ok.c"}},
-      {"FIFO", {}, [](Harness& h) { ASSERT_EQ(::mkfifo((h.root / "pipe.c").c_str(), 0644), 0); }, {"pipe.c"}},
-      {"binary file", {}, [](Harness& h) { h.write("bin.c", std::string("int x;\0\1\2", 10)); }, {"bin.c"}},
-      {"over the size limit", {}, [](Harness& h) { h.write("big.c", c_source("big", 200)); }, {"big.c"}, {"ok.c"},
-       4096},
+       {"linkdir/inner.c", "linkdir"}, {{"linkdir", "symbolic link"}}, {"dir/inner.c", "ok.c"}},
+      {"FIFO", {}, [](Harness& h) { ASSERT_EQ(::mkfifo((h.root / "pipe.c").c_str(), 0644), 0); }, {"pipe.c"},
+       {{"pipe.c", "FIFO"}}},
+      {"socket", {},
+       [](Harness& h) {
+         const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+         sockaddr_un addr{.sun_family = AF_UNIX};
+         const std::string where = (h.root / "sock.c").string();
+         ASSERT_LT(where.size(), sizeof addr.sun_path);
+         where.copy(addr.sun_path, where.size());
+         ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+         ::close(fd);
+       },
+       {"sock.c"}, {{"sock.c", "socket"}}},
+      {"FIFO that the rules ignore", {},
+       [](Harness& h) {
+         ASSERT_EQ(::mkfifo((h.root / "pipe.c").c_str(), 0644), 0);
+         h.write(".gitignore", "pipe.c\n");
+       },
+       {"pipe.c"}},
+      {"binary file", {}, [](Harness& h) { h.write("bin.c", std::string("int x;\0\1\2", 10)); }, {"bin.c"},
+       {{"bin.c", "binary"}}},
+      {"over the size limit", {}, [](Harness& h) { h.write("big.c", c_source("big", 200)); }, {"big.c"},
+       {{"big.c", "larger than 4096 bytes"}}, {"ok.c"}, 4096},
       {".git directories", {".git/hooks/hook.c", "sub/.git/inner.c", "sub/real.c"}, nullptr,
-       {".git/hooks/hook.c", "sub/.git/inner.c"}, {"ok.c", "sub/real.c"}},
+       {".git/hooks/hook.c", "sub/.git/inner.c"}, {}, {"ok.c", "sub/real.c"}},
       {"data directory, nested", {"cache/index/stray.c", "cache/kept.c"}, nullptr,
-       {"cache/index/stray.c", "cache/index"}, {"cache/kept.c", "ok.c"}, 1 << 20, "cache/index"},
+       {"cache/index/stray.c", "cache/index"}, {}, {"cache/kept.c", "ok.c"}, 1 << 20, "cache/index"},
       {"ignore rules", {"gen/a.c", "x.gen.c", "sub/local.c"},
        [](Harness& h) {
          h.write(".gitignore", "gen/\n*.gen.c\n");
@@ -80,6 +104,7 @@ TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
       EXPECT_EQ(stats.errors, 0);
       EXPECT_GE(stats.files_skipped, 1);
       EXPECT_EQ(h.left_out(), LeftOut{});
+      EXPECT_EQ(h.skipped(), c.named);
     }
   }
 }
@@ -147,6 +172,65 @@ TEST(IndexerLeftOut, FailuresAreCountedNamedAndKeepTheirRowsButSyntaxErrorsAreNo
     EXPECT_EQ(stats.files_processed, c.processed);
     for (const auto& name : c.symbols) EXPECT_EQ(h.defined_in(name).size(), 1u) << name;
   }
+}
+
+// File names are bytes: those that are not UTF-8, or hold a backslash, are indexed, named and dropped under
+// their text form (each stray byte \xHH, a backslash doubled where it would read as an escape), whether
+// the pass walks them or is given them; their rows go when they do.
+TEST(IndexerNames, AnyFileNameIsIndexedUnderItsTextForm) {
+  Harness h;
+  const std::pair<std::string, std::string> files[] = {
+      {"b\xff.c", "b\\xff.c"},          {"d\xfe/in.c", "d\\xfe/in.c"}, {"back\\xff.c", "back\\\\xff.c"},
+      {"a\\b.c", "a\\b.c"},             {"caf\xc3\xa9.c", "caf\xc3\xa9.c"},
+  };
+  Paths texts = {"ok.c"};
+  for (std::size_t i = 0; i < std::size(files); ++i) {
+    h.write(files[i].first, fmt::format("int f{}(void) {{ return 1; }}\n", i));
+    texts.push_back(files[i].second);
+  }
+  h.write("ok.c", kOk);
+  ASSERT_EQ(::mkfifo((h.root / "p\xff.c").c_str(), 0644), 0);
+  std::ranges::sort(texts);
+  ASSERT_EQ(h.index().errors, 0);
+  EXPECT_EQ(h.indexed_paths(), texts);
+  for (std::size_t i = 0; i < std::size(files); ++i) EXPECT_EQ(h.defined_in(fmt::format("f{}", i)), Paths{files[i].second});
+  EXPECT_EQ(h.skipped(), (LeftOut{{"p\\xff.c", "FIFO"}}));
+
+  // Given as paths (the file system's bytes): a changed file, and a directory that went.
+  h.write("b\xff.c", "int changed(void) { return 2; }\n");
+  fs::remove_all(h.root / "d\xfe");
+  EXPECT_EQ(h.index(under(h.root, {"b\xff.c", "d\xfe", "p\xff.c"})).errors, 0);
+  EXPECT_EQ(h.defined_in("changed"), Paths{"b\\xff.c"});
+  EXPECT_EQ(h.defined_in("f1"), Paths{});
+  EXPECT_EQ(h.skipped(), (LeftOut{{"p\\xff.c", "FIFO"}}));
+  // Gone from the tree: a whole pass drops the rows.
+  fs::remove(h.root / "back\\xff.c");
+  fs::remove(h.root / "p\xff.c");
+  h.index();
+  EXPECT_EQ(h.defined_in("f2"), Paths{});
+  EXPECT_EQ(h.skipped(), LeftOut{});
+}
+
+// errors.jsonl names what the index lacks now: a pass over some paths replaces what it says of those
+// paths and keeps the rest.
+TEST(IndexerLeftOut, APathsPassKeepsWhatEarlierPassesNamedElsewhere) {
+  Harness h;
+  h.write("ok.c", kOk);
+  h.write("sub/big.c", c_source("big", 200));
+  ASSERT_EQ(::mkfifo((h.root / "pipe.c").c_str(), 0644), 0);
+  h.options.max_file_size = 4096;
+  h.index();
+  const LeftOut both = {{"pipe.c", "FIFO"}, {"sub/big.c", "larger than 4096 bytes"}};
+  EXPECT_EQ(h.skipped(), both);
+  h.index(under(h.root, {"ok.c"}));
+  EXPECT_EQ(h.skipped(), both);
+  fs::remove(h.root / "pipe.c");
+  h.index(under(h.root, {"pipe.c"}));
+  EXPECT_EQ(h.skipped(), (LeftOut{{"sub/big.c", "larger than 4096 bytes"}}));
+  h.write("sub/big.c", kOk);
+  h.index(under(h.root, {"sub"}));
+  EXPECT_EQ(h.skipped(), LeftOut{});
+  EXPECT_EQ(h.indexed_paths(), (Paths{"ok.c", "sub/big.c"}));
 }
 
 // After files changed, appeared, vanished and fell under a new rule, a whole pass takes in every change
@@ -326,6 +410,7 @@ void fill(Harness& h) {
 TEST(Report, FiguresMatchTheIndex) {
   Harness h;
   fill(h);
+  ASSERT_EQ(::mkfifo((h.root / "src/pipe.c").c_str(), 0644), 0);
   h.options.refresh_report = true;
   ASSERT_EQ(h.index().errors, 0);
 
@@ -349,8 +434,11 @@ TEST(Report, FiguresMatchTheIndex) {
   EXPECT_EQ(r["last_index"]["errors"], 0);
   EXPECT_TRUE(r["last_index"]["finished_at"].is_string());
 
+  EXPECT_EQ(r["left_out"], nlohmann::json::parse(
+                              R"({"count": 1, "first": [{"path": "src/pipe.c", "stage": "walk", "skipped": "FIFO"}]})"));
+
   const std::string md = testing::read_file(h.data / "report.md");
-  for (const char* part : {"| c | 3 | 6 |", "| src | 2 | 5 |", "- Type: full"}) {
+  for (const char* part : {"| c | 3 | 6 |", "| src | 2 | 5 |", "- Type: full", "| src/pipe.c | walk | skipped | FIFO |"}) {
     EXPECT_NE(md.find(part), std::string::npos) << part << " not in\n" << md;
   }
 }
@@ -375,6 +463,9 @@ TEST(Report, RewrittenOnlyWhenForcedOrOutOfDate) {
        false},
       {"a pass that changed nothing", [](Harness& h) { h.index(); }, false, true},
       {"the markdown went missing", [](Harness& h) { fs::remove(h.data / "report.md"); }, false, true},
+      {"the files left out changed",
+       [](Harness& h) { testing::write_file(h.data / "errors.jsonl", R"({"path": "x.c", "stage": "read", "error": "EIO"})" "\n"); },
+       false, true},
   };
   const auto old_time = fs::file_time_type::clock::now() - std::chrono::hours(48);
   for (const auto& c : cases) {

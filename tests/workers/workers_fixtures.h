@@ -71,15 +71,23 @@ struct Harness {
     return storage::testing::query_text(*db, "SELECT 1 FROM sqlite_master WHERE name = 'symbols_by_name'") == "1";
   }
 
-  // The (path, stage) pairs of errors.jsonl, each line with an error text; absent when there is no file.
-  std::optional<std::set<std::pair<std::string, std::string>>> left_out() const {
+  // The (path, stage) pairs of the failures in errors.jsonl (lines with an "error" text); absent when there
+  // is no file.
+  std::optional<std::set<std::pair<std::string, std::string>>> left_out() const { return lines_with("error", false); }
+  // The (path, reason) pairs of the files errors.jsonl names as left out by policy (a "skipped" reason).
+  std::set<std::pair<std::string, std::string>> skipped() const {
+    return lines_with("skipped", true).value_or(std::set<std::pair<std::string, std::string>>{});
+  }
+  std::optional<std::set<std::pair<std::string, std::string>>> lines_with(const char* key, bool with_reason) const {
     if (!fs::exists(data / "errors.jsonl")) return std::nullopt;
     std::set<std::pair<std::string, std::string>> out;
     std::istringstream in(read_file(data / "errors.jsonl"));
     for (std::string line; std::getline(in, line);) {
       const auto l = nlohmann::json::parse(line);
-      EXPECT_TRUE(l.contains("error") && l["error"].is_string() && !l["error"].get<std::string>().empty()) << l;
-      out.emplace(l["path"].get<std::string>(), l["stage"].get<std::string>());
+      EXPECT_NE(l.contains("error"), l.contains("skipped")) << l;
+      if (!l.contains(key)) continue;
+      EXPECT_TRUE(l[key].is_string() && !l[key].get<std::string>().empty()) << l;
+      out.emplace(l["path"].get<std::string>(), (with_reason ? l[key] : l["stage"]).get<std::string>());
     }
     return out;
   }

@@ -174,13 +174,19 @@ void apply_verbosity(int verbosity) {
   utils::set_log_level(verbosity > 0 ? spdlog::level::info : verbosity < 0 ? spdlog::level::err : spdlog::level::warn);
 }
 
+// JSON as printed: text from elsewhere (an error's message naming a file) may hold bytes that are not
+// UTF-8; those print as U+FFFD rather than fail the command.
+std::string printed(const json& j, int indent = -1) {
+  return j.dump(indent, ' ', false, json::error_handler_t::replace);
+}
+
 // Prints the outcome of a reindex and gives the exit code.
 int report_outcome(const std::optional<json>& outcome) {
   if (!outcome) {
     std::cerr << "brenloc: the reindex ended without an outcome\n";
     return kExitFailed;
   }
-  std::cout << outcome->dump() << std::endl;
+  std::cout << printed(*outcome) << std::endl;
   if (outcome->value("type", "") == "reindex_complete") return kExitOk;
   std::cerr << "brenloc: " << outcome->value("error", "") << "\n";
   return kExitFailed;
@@ -304,7 +310,7 @@ int reindex_via_daemon(DaemonClient& client, const json& arguments, int verbosit
     return kExitInterrupted;
   }
   json response = call_tool(client, "force_reindex", arguments);
-  std::cout << response.dump() << std::endl;
+  std::cout << printed(response) << std::endl;
   if (response.value("status", "") != "accepted") return kExitRefused;
   try {
     while (!outcome) {
@@ -338,7 +344,7 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
   } sub{worker, worker.subscribe([&](const json& m) { progress.take(m, outcome); })};
   StopSignal signal(loop);
   json response = co_await worker.force_reindex(std::move(arguments));
-  std::cout << response.dump() << std::endl;
+  std::cout << printed(response) << std::endl;
   if (response.value("status", "") != "accepted") co_return kExitRefused;
   aio::Future<void> run = *worker.last_run();
   const auto swaps = worker.swaps_committed();
@@ -365,7 +371,7 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
     Resolved r = resolve(where);
     // An answer that is an error (a refused path, a definition not found) exits 1.
     auto print = [](const json& answer) {
-      std::cout << answer.dump(2) << std::endl;
+      std::cout << printed(answer, 2) << std::endl;
       return answer.contains("error") ? kExitFailed : kExitOk;
     };
     auto through = [&](DaemonClient& client) { return print(call_tool(client, name, arguments)); };
@@ -495,7 +501,7 @@ int run_daemon_status() {
     if (fd < 0) throw CommandError(kExitFailed, "no brenloc daemon runs");
     Json status = first_request(fd, "brenloc/status", Json::object());
     ::close(fd);
-    std::cout << status.dump(2) << std::endl;
+    std::cout << printed(status, 2) << std::endl;
     return kExitOk;
   });
 }

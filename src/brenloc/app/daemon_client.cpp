@@ -16,6 +16,7 @@
 #include <fmt/format.h>
 
 #include "brenloc/utils/owner_lock.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc::app {
 
@@ -162,8 +163,9 @@ void wait_for_exit(const RuntimePaths& paths) {
 }  // namespace
 
 int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const fs::path& data_dir, bool start) {
-  const Json params = {{"repo_root", repo_root.string()},
-                       {"data_dir", data_dir.string()},
+  // Paths in their text form: the daemon reads them back as the file system's bytes.
+  const Json params = {{"repo_root", utils::path_text(repo_root.native())},
+                       {"data_dir", utils::path_text(data_dir.native())},
                        {"build", build_identity().to_json()},
                        {"waiting", true}};
   for (int attempt = 1;; ++attempt) {

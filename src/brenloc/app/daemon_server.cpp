@@ -33,6 +33,7 @@
 #include "brenloc/mcp/server.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/owner_lock.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc::app {
 
@@ -221,7 +222,7 @@ class Daemon {
   static std::variant<WorkerKey, std::string> key_of(const mcp::Json& params) {
     auto path_param = [&](const char* name) -> std::optional<fs::path> {
       if (!params.is_object() || !params.contains(name) || !params[name].is_string()) return std::nullopt;
-      fs::path p = params[name].get<std::string>();
+      fs::path p = utils::path_bytes(params[name].get<std::string>());
       if (!p.is_absolute()) return std::nullopt;
       return p.lexically_normal();
     };
@@ -270,8 +271,8 @@ class Daemon {
       reply(s.fd, mcp::make_error(m.id, kAttachRefused, e.what()));
       co_return;
     }
-    reply(s.fd, mcp::make_result(m.id, mcp::Json{{"repo_root", k.first.string()},
-                                                  {"data_dir", k.second.string()},
+    reply(s.fd, mcp::make_result(m.id, mcp::Json{{"repo_root", utils::path_text(k.first.native())},
+                                                  {"data_dir", utils::path_text(k.second.native())},
                                                   {"pid", ::getpid()},
                                                   {"version", BRENLOC_VERSION}}));
     s.attached = true;
@@ -378,8 +379,8 @@ class Daemon {
   mcp::Json status() const {
     mcp::Json workers = mcp::Json::array();
     for (const auto& [key, e] : workers_) {
-      workers.push_back(mcp::Json{{"repo_root", key.first.string()},
-                                  {"data_dir", key.second.string()},
+      workers.push_back(mcp::Json{{"repo_root", utils::path_text(key.first.native())},
+                                  {"data_dir", utils::path_text(key.second.native())},
                                   {"clients", e->clients},
                                   {"busy", e->started.done() && !e->stopped && e->worker->busy()},
                                   {"stopping", e->stopped.has_value()}});

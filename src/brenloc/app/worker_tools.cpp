@@ -63,6 +63,10 @@ json status_output() {
                          {"outcome", {{"type", {"object", "null"}}}}}},
                        {"required", {"started_at", "pid", "clear_existing", "state", "outcome"}},
                        {"additionalProperties", false}};
+  json entry = {{"type", "object"},
+                {"properties", {{"path", kString}, {"stage", kString}, {"error", kString}, {"skipped", kString}}},
+                {"required", {"path", "stage"}}};
+  json left_out = object_schema({{"count", kInteger}, {"first", {{"type", "array"}, {"items", entry}}}}, {"count", "first"});
   return object_schema({{"repo_root", kString},
                         {"data_dir", kString},
                         {"indexing", {{"type", "boolean"}}},
@@ -73,10 +77,11 @@ json status_output() {
                         {"files", kInteger},
                         {"symbols", kInteger},
                         {"last_index", last_index},
+                        {"left_out", left_out},
                         {"watch", {{"enum", {"inotify", "polling", "off"}}}},
                         {"watches", kInteger}},
                        {"repo_root", "data_dir", "indexing", "progress", "last_reindex_error", "rebuild_refusal",
-                        "last_reindex", "files", "symbols", "last_index", "watch", "watches"});
+                        "last_reindex", "files", "symbols", "last_index", "left_out", "watch", "watches"});
 }
 
 json search_output() {
@@ -151,7 +156,8 @@ std::vector<mcp::ToolDescriptor> worker_tool_descriptors() {
        json{{"readOnlyHint", false}, {"destructiveHint", false}, {"idempotentHint", true}, {"openWorldHint", false}}},
       {"index_status",
        "The state of the repository's index: file and symbol counts, whether indexing runs and how far it is, the "
-       "last reindex error and a standing rebuild refusal.",
+       "last reindex error, a standing rebuild refusal, and the files left out of the index (how many, the first "
+       "few with the reason).",
        input_schema("none"), "Index status", status_output(), read_only()},
       {"search_symbols",
        "Find symbol definitions by name, best first: exact names, then names starting with the query, then "

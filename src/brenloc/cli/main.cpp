@@ -10,6 +10,8 @@
 #include <nlohmann/json.hpp>
 
 #include "brenloc/app/commands.h"
+#include "brenloc/utils/path_text.h"
+#include "brenloc/utils/utf8.h"
 
 namespace {
 
@@ -106,13 +108,21 @@ class CommandLine {
     add_daemon_flag(status_);
   }
 
+  // A path given on the command line: taken as the file system's bytes when they are not UTF-8 (the
+  // shell's own completion of a name), else as the text form that answers use (which a plain name is).
+  static std::string path_argument(const std::string& v) { return brenloc::utils::is_utf8(v) ? v : brenloc::utils::path_text(v); }
+
   // An option that is the tool argument of the same name ("-" spelt "_").
   CLI::Option* argument(CLI::App* cmd, const std::string& flag, const std::string& help, bool integer = false) {
     std::string key = flag.substr(flag.find_first_not_of('-'));
     for (char& c : key) c = c == '-' ? '_' : c;
     if (integer) return cmd->add_option_function<long>(flag, [this, key](long v) { arguments_[key] = v; }, help);
-    return cmd->add_option_function<std::string>(flag, [this, key](const std::string& v) { arguments_[key] = v; },
-                                                 help);
+    return cmd->add_option_function<std::string>(
+        flag,
+        [this, key](const std::string& v) {
+          arguments_[key] = key == "path" ? path_argument(v) : brenloc::utils::utf8_or_replaced(v);
+        },
+        help);
   }
 
   void add_search_commands() {
@@ -196,7 +206,10 @@ class CommandLine {
       if (daemon_detach_) return run_daemon_detach();
       return run_daemon_foreground(std::chrono::seconds(idle_exit_), std::chrono::seconds(worker_idle_), !no_watch_);
     }
-    if (reindex_->parsed()) return run_reindex(where_, clear_existing_, paths_);
+    if (reindex_->parsed()) {
+      for (std::string& p : paths_) p = path_argument(p);
+      return run_reindex(where_, clear_existing_, paths_);
+    }
     if (status_->parsed()) return run_status(where_);
     if (search_->parsed()) return run_search(where_, arguments_);
     if (outline_->parsed()) return run_outline(where_, arguments_);

@@ -16,6 +16,7 @@
 
 #include "brenloc/engines/languages.h"
 #include "brenloc/utils/path_guards.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc::daemon {
 
@@ -204,13 +205,15 @@ std::string printable(const std::string& text) {
   return shown;
 }
 
-// The path a request string names. Empty and "." components carry no meaning and are dropped, so "",
-// "." and "./" name the directory they are relative to, and "a.py/" names a.py; ".." stays for the
-// guards and the resolution to judge. A relative path is joined onto the root; an absolute one stands.
-fs::path requested_path(const fs::path& repo_root, const std::string& text) {
-  if (text.find('\0') != std::string::npos) {
-    throw std::invalid_argument("Path holds a NUL byte: \"" + printable(text) + "\"");
+// The path a request string names, read as the text form of a path (utils/path_text.h). Empty and "."
+// components carry no meaning and are dropped, so "", "." and "./" name the directory they are relative
+// to, and "a.py/" names a.py; ".." stays for the guards and the resolution to judge. A relative path is
+// joined onto the root; an absolute one stands.
+fs::path requested_path(const fs::path& repo_root, const std::string& request) {
+  if (request.find('\0') != std::string::npos) {
+    throw std::invalid_argument("Path holds a NUL byte: \"" + printable(request) + "\"");
   }
+  const std::string text = utils::path_bytes(request);
   const bool absolute = !text.empty() && text.front() == '/';
   std::string clean = absolute ? "/" : "";
   std::size_t i = 0;

@@ -14,7 +14,8 @@ namespace brenloc::daemon {
 // refused request always comes with an empty list.
 using ReindexPathResolution = std::pair<std::vector<std::filesystem::path>, std::optional<std::string>>;
 
-// Turns the paths of a request (each absolute or relative to `repo_root`) into the files to index, in
+// Turns the paths of a request (each absolute or relative to `repo_root`, in the text form of
+// utils/path_text.h, which a path that names its bytes plainly already is) into the files to index, in
 // the order given: a requested file is taken as it is (resolved), whatever its extension; a requested
 // directory is expanded (expand_directory); a path that does not exist, or is neither file nor
 // directory, is skipped without a word. The first path that lies outside `repo_root`, or runs through a

@@ -11,6 +11,7 @@
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/worker.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/workers/gitignore.h"
 #include "brenloc/workers/walker.h"
 
@@ -234,7 +235,7 @@ aio::Task<void> TreeFollower::indexing(std::optional<std::vector<std::string>> b
   std::optional<std::vector<fs::path>> paths;
   if (batch) {
     paths.emplace();
-    for (const auto& rel : *batch) paths->push_back(worker_.repo_root / rel);
+    for (const auto& rel : *batch) paths->push_back(utils::path_under(worker_.repo_root, rel));
   }
   const auto started = Clock::now();
   FollowerScope scope(worker_, *indexer_);

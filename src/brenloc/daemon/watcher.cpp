@@ -8,6 +8,7 @@
 
 #include "brenloc/aio/future.h"
 #include "brenloc/engines/languages.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/workers/walker.h"
 
 namespace brenloc::daemon {
@@ -53,7 +54,7 @@ bool TreeWatcher::add(const std::vector<std::string>& dirs) {
   for (const std::string& rel : dirs) {
     if (by_dir_.contains(rel)) continue;
     if (max_watches_ != 0 && count() >= max_watches_) return false;
-    const fs::path abs = rel.empty() ? root_ : root_ / rel;
+    const fs::path abs = utils::path_under(root_, rel);
     int wd = ::inotify_add_watch(fd_, abs.c_str(), kDirMask);
     if (wd < 0) {
       if (errno == ENOSPC) return false;
@@ -169,7 +170,7 @@ void TreeWatcher::take(int wd, std::uint32_t mask, const std::string& name, std:
     return;
   }
   if (name.empty() || name == ".git") return;  // the directory itself: its parent tells
-  const std::string rel = join_rel(d->second, name);
+  const std::string rel = join_rel(d->second, utils::path_text(name));
   if (mask & IN_ISDIR) {
     if (mask & (IN_CREATE | IN_MOVED_TO)) out.push_back({Kind::dir_added, rel});
     if (mask & (IN_DELETE | IN_MOVED_FROM)) out.push_back({Kind::dir_removed, rel});

@@ -15,6 +15,7 @@
 #include "brenloc/storage/search_answer.h"
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/workers/pass_files.h"
 #include "brenloc/workers/report_generator.h"
 
@@ -186,17 +187,18 @@ aio::Task<json> RepoWorker::dispatch_tool(const std::string& name, json argument
 }
 
 json RepoWorker::_check_repository(std::string_view tool) {
+  const std::string root = utils::path_text(repo_root.native());
   if (stopping_ || !started_) {
-    return json{{"error", fmt::format("The worker for {} is not running", repo_root.string())}, {"status", "failed"}};
+    return json{{"error", fmt::format("The worker for {} is not running", root)}, {"status", "failed"}};
   }
   std::error_code ec;
   auto st = fs::status(repo_root, ec);
   if (!fs::exists(st)) {
-    return json{{"error", fmt::format("Repository root no longer exists: {}", repo_root.string())},
+    return json{{"error", fmt::format("Repository root no longer exists: {}", root)},
                 {"status", "failed"}};
   }
   if (!fs::is_directory(st)) {
-    return json{{"error", fmt::format("Repository root is not a directory: {}", repo_root.string())},
+    return json{{"error", fmt::format("Repository root is not a directory: {}", root)},
                 {"status", "failed"}};
   }
   return json::object();
@@ -299,6 +301,9 @@ aio::Task<json> RepoWorker::index_status() {
     // Nothing recorded by this process yet: what the last pass, of any process, left in the data directory.
     last_index = co_await aio::to_thread([dir = data_dir] { return json(workers::read_last_index(dir)); });
   }
+  constexpr std::size_t kLeftOutShown = 5;
+  json left_out = co_await aio::to_thread(
+      [dir = data_dir] { return workers::left_out_json(workers::read_left_out(dir, kLeftOutShown)); });
   // Before its first pass the worker walks the tree to set up its watches: the index is not yet what
   // that pass will make it, and a caller waiting for the index to settle must not stop there.
   const bool first_pass = follower_ && follower_->first_pass_pending();
@@ -312,8 +317,8 @@ aio::Task<json> RepoWorker::index_status() {
                     {"started_at", fmt::format("{:%Y-%m-%dT%H:%M:%S}Z",
                                                fmt::gmtime(std::chrono::system_clock::to_time_t(shown->started)))}};
   }
-  co_return json{{"repo_root", repo_root.string()},
-                 {"data_dir", data_dir.string()},
+  co_return json{{"repo_root", utils::path_text(repo_root.native())},
+                 {"data_dir", utils::path_text(data_dir.native())},
                  {"indexing", task_running || _indexing_in_progress > 0 || first_pass},
                  {"progress", progress},
                  {"last_reindex_error", opt(_last_reindex_error)},
@@ -322,6 +327,7 @@ aio::Task<json> RepoWorker::index_status() {
                  {"files", counts.files},
                  {"symbols", counts.symbols},
                  {"last_index", last_index},
+                 {"left_out", std::move(left_out)},
                  {"watch", TreeFollower::mode_name(follower_ ? follower_->mode() : TreeFollower::Mode::off)},
                  {"watches", follower_ ? follower_->watches() : 0}};
 }
@@ -349,7 +355,7 @@ json failed(std::string error) { return json{{"error", std::move(error)}, {"stat
 std::pair<std::string, std::optional<json>> relative_path(const fs::path& root, const std::string& requested) {
   auto [resolved, refusal] = guard_requested_path(root, requested);
   if (refusal) return {"", failed(*refusal)};
-  return {resolved.lexically_relative(root).generic_string(), std::nullopt};
+  return {utils::path_text(resolved.lexically_relative(root).generic_string()), std::nullopt};
 }
 
 }  // namespace

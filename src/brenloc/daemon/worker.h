@@ -56,10 +56,12 @@ class RepoWorker : public WorkerReindex {
 
   // --- tools ---
   // {"repo_root", "data_dir", "indexing", "progress", "last_reindex_error", "rebuild_refusal",
-  //  "last_reindex", "files", "symbols", "last_index", "watch", "watches"}; "last_reindex" is the record of
-  //  the last accepted force_reindex (also of an earlier process), else null; "last_index" is the
-  //  completion this worker recorded, else the last pass's record in the data directory (a pass of an
-  //  earlier process), else null; "watch" is how the worker follows the tree: "inotify", "polling" or "off".
+  //  "last_reindex", "files", "symbols", "last_index", "left_out", "watch", "watches"}; "last_reindex" is
+  //  the record of the last accepted force_reindex (also of an earlier process), else null; "last_index" is
+  //  the completion this worker recorded, else the last pass's record in the data directory (a pass of an
+  //  earlier process), else null; "left_out" is {"count", "first"}: how many files errors.jsonl names and
+  //  the first few of its entries; "watch" is how the worker follows the tree: "inotify", "polling" or
+  //  "off". Paths are in their text form (utils/path_text.h).
   aio::Task<json> index_status();
   // Arguments bound with the "search" schema; the answer of storage::search_answer, with a "note" while the
   // index is empty or its first pass runs (so that no result is not taken for "no such symbol").

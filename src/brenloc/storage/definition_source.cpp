@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "brenloc/utils/utf8.h"
+
 namespace brenloc::storage {
 
 namespace {
@@ -29,17 +31,17 @@ nlohmann::ordered_json source_answer(const SymbolHit& d, SourceFiles& sources, i
   const int last = std::min(std::max(d.end_line, d.line), first + max_lines - 1);
   auto text = sources.lines(d.path, first, last);
   json signature;
-  if (text) signature = signature_of(*text, d.line - first);
-  return json{{"name", d.name},
+  if (text) signature = utils::utf8_or_replaced(signature_of(*text, d.line - first));
+  return json{{"name", utils::utf8_or_replaced(d.name)},
               {"kind", d.kind},
               {"path", d.path},
               {"language", d.language},
               {"line", d.line},
               {"start_line", first},
               {"end_line", d.end_line},
-              {"scope", d.scope},
+              {"scope", utils::utf8_or_replaced(d.scope)},
               {"signature", signature},
-              {"source", text ? json(*text) : json()},
+              {"source", text ? json(utils::utf8_or_replaced(*text)) : json()},
               {"truncated", d.end_line > last},
               {"other_matches", other_matches}};
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "brenloc/utils/utf8.h"
+
 namespace brenloc::storage {
 
 using json = nlohmann::ordered_json;
@@ -14,15 +16,15 @@ std::size_t json_size(const json& j) { return j.dump().size(); }
 json hit_json(const SymbolHit& h, SourceFiles& sources) {
   const int first = h.start_line > 0 ? std::min(h.start_line, h.line) : h.line;
   auto lines = sources.lines(h.path, first, h.line);
-  return json{{"name", h.name},
+  return json{{"name", utils::utf8_or_replaced(h.name)},
               {"kind", h.kind},
               {"path", h.path},
               {"line", h.line},
               {"column", h.column},
               {"end_line", h.end_line},
-              {"scope", h.scope},
+              {"scope", utils::utf8_or_replaced(h.scope)},
               {"language", h.language},
-              {"signature", lines ? json(signature_of(*lines, h.line - first)) : json()}};
+              {"signature", lines ? json(utils::utf8_or_replaced(signature_of(*lines, h.line - first))) : json()}};
 }
 
 // Whether `scope` names the definition `parent` (its last part is the parent's name).
@@ -84,7 +86,7 @@ json outline_answer(const FileEntry& file, std::size_t max_bytes) {
   std::vector<bool> kept(rows.size(), false);
   bool truncated = false;
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    nodes[i] = json{{"name", rows[i].name}, {"kind", rows[i].kind}, {"line", rows[i].line},
+    nodes[i] = json{{"name", utils::utf8_or_replaced(rows[i].name)}, {"kind", rows[i].kind}, {"line", rows[i].line},
                     {"end_line", rows[i].end_line}, {"children", json::array()}};
     const std::size_t more = json_size(nodes[i]) + 1;
     if (size + more > max_bytes || (parent[i] >= 0 && !kept[static_cast<std::size_t>(parent[i])])) {

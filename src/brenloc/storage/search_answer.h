@@ -1,6 +1,7 @@
 // The answers of the search tools as JSON: every answer of one tool has the same keys (null where there
 // is no value), and none grows past its size cap: hits (or outline entries) are cut instead, and the
-// answer says so ("truncated": true).
+// answer says so ("truncated": true). Paths are answered as stored (in text form); names, scopes and
+// lines read from files that are not UTF-8 with U+FFFD in place of each stray byte.
 #pragma once
 
 #include <cstddef>

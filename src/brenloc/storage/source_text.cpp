@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "brenloc/utils/path_guards.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc::storage {
 
@@ -52,7 +53,7 @@ std::string_view trimmed(std::string_view line) {
 
 const std::string* SourceFiles::content(const std::string& rel) {
   auto it = files_.find(rel);
-  if (it == files_.end()) it = files_.emplace(rel, read_file(root_ / rel)).first;
+  if (it == files_.end()) it = files_.emplace(rel, read_file(utils::path_under(root_, rel))).first;
   return it->second ? &*it->second : nullptr;
 }
 

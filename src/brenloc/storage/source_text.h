@@ -15,7 +15,8 @@ class SourceFiles {
  public:
   explicit SourceFiles(std::filesystem::path repo_root) : root_(std::move(repo_root)) {}
 
-  // Lines `first` .. `last` (1-based, inclusive) of the file at the relative path `rel`, joined by "\n"
+  // Lines `first` .. `last` (1-based, inclusive) of the file at the relative path `rel` (text form, as
+  // stored), joined by "\n"
   // (without a final one); absent when the file cannot be read or is shorter than `first`; cut at its
   // end when shorter than `last`.
   std::optional<std::string> lines(const std::string& rel, int first, int last);

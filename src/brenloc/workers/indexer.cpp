@@ -20,6 +20,7 @@
 #include "brenloc/aio/wait_any.h"
 #include "brenloc/engines/symbols.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/workers/pass_files.h"
 #include "brenloc/workers/report_generator.h"
 #include "brenloc/workers/walker.h"
@@ -42,7 +43,7 @@ struct Outcome {
   Kind kind = Kind::failed;
   std::string rel;
   storage::FileEntry entry;  // indexed, refreshed (no symbols)
-  LeftOut error;             // failed
+  LeftOut error;             // failed, skipped (why)
 };
 using Outcomes = std::shared_ptr<std::vector<Outcome>>;
 
@@ -56,13 +57,14 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const S
                   const ParseLimits& limits) {
   Outcome out;
   out.rel = c.rel;
-  SourceFile src = read_source(root / c.rel, limits.max_size);
+  SourceFile src = read_source(utils::path_under(root, c.rel), limits.max_size);
   switch (src.status) {
     case SourceFile::Status::gone:
       out.kind = Outcome::Kind::gone;
       return out;
     case SourceFile::Status::skipped:
       out.kind = Outcome::Kind::skipped;
+      out.error = {c.rel, "read", src.error, false};
       return out;
     case SourceFile::Status::failed:
       out.error = {c.rel, "read", src.error};
@@ -250,6 +252,8 @@ struct Indexer::Pass {
 
   IndexStats stats;
   std::vector<LeftOut> errors;
+  std::vector<LeftOut> named;  // left out by policy
+  std::optional<std::vector<std::string>> listed;  // the paths of a pass over listed paths (text form)
   std::shared_ptr<const StateMap> existing = std::make_shared<const StateMap>();  // the index's files
   bool bulk = false;  // a bulk load: the name index is built at the end
   std::shared_ptr<const Collected> collected;
@@ -286,14 +290,22 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
       std::string rel = abs.lexically_normal().lexically_relative(root.lexically_normal()).generic_string();
       while (!rel.empty() && rel.back() == '/') rel.pop_back();
       if (rel == ".") rel.clear();
-      if (!rel.starts_with("..")) under->push_back(std::move(rel));
+      if (!rel.starts_with("..")) under->push_back(utils::path_text(rel));
     }
+    listed = under;
   }
   auto collected_f =
       impl->track(aio::to_thread([root = root, data_dir = data_dir, paths = std::move(paths), stop = stop] {
         std::error_code ec;
         std::filesystem::path dd = std::filesystem::weakly_canonical(data_dir, ec);
         WalkPolicy policy{root, ec ? data_dir : dd};
+        if (paths) {
+          // The second paths to directories that the last whole walk found, as errors.jsonl keeps them.
+          LeftOutList earlier = read_left_out(data_dir, SIZE_MAX);
+          for (LeftOut& l : earlier.first) {
+            if (!l.failed && l.error.starts_with(kSameDirectoryAs)) policy.second_paths.push_back(std::move(l));
+          }
+        }
         return std::make_shared<const Collected>(collect_files(policy, paths, *stop));
       }));
   if (!nothing) {
@@ -307,6 +319,7 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
   }
   collected = co_await aio::shield(collected_f);
   errors = collected->errors;
+  named = collected->named;
   stats.files_skipped = collected->skipped;
   skip_unchanged();
 }
@@ -414,6 +427,7 @@ void Indexer::Pass::take_parsed(std::vector<Outcome>& outcomes) {
         break;
       case Outcome::Kind::skipped:
         ++stats.files_skipped;
+        named.push_back(std::move(out.error));
         [[fallthrough]];
       case Outcome::Kind::gone:
         if (existing->contains(out.rel)) to_remove.insert(out.rel);
@@ -491,9 +505,10 @@ aio::Task<void> Indexer::Pass::write_records() {
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   const PassType type = whole ? PassType::full : PassType::paths;
   stats.last_pass = PassRecord{type, seconds, stats.files_processed, stats.errors};
-  auto written_f = impl->on_writer(o, [data_dir = data_dir, errors = std::move(errors), record = *stats.last_pass] {
-    write_pass_files(data_dir, errors, record);
-  });
+  std::vector<LeftOut> left_out = std::move(errors);
+  left_out.insert(left_out.end(), std::make_move_iterator(named.begin()), std::make_move_iterator(named.end()));
+  auto written_f = impl->on_writer(o, [data_dir = data_dir, left_out = std::move(left_out), record = *stats.last_pass,
+                                       listed = listed] { write_pass_files(data_dir, left_out, record, listed); });
   co_await aio::shield(written_f);
 
   log->info("Index pass ({}) of {}: {} files processed ({} unchanged, {} read), {} symbols added, {} removed, "

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <system_error>
 
@@ -48,11 +51,55 @@ void replace_file(const std::filesystem::path& path, std::string_view content) {
   }
 }
 
-void write_pass_files(const std::filesystem::path& data_dir, const std::vector<LeftOut>& errors,
-                      const PassRecord& record) {
+nlohmann::ordered_json left_out_json(const LeftOut& e) {
+  return {{"path", e.path}, {"stage", e.stage}, {e.failed ? "error" : "skipped", e.error}};
+}
+
+nlohmann::ordered_json left_out_json(const LeftOutList& list) {
+  nlohmann::ordered_json first = nlohmann::ordered_json::array();
+  for (const LeftOut& e : list.first) first.push_back(left_out_json(e));
+  return {{"count", list.count}, {"first", std::move(first)}};
+}
+
+LeftOutList read_left_out(const std::filesystem::path& data_dir, std::size_t first) {
+  LeftOutList out;
+  std::ifstream in(data_dir / kErrorsFile);
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty()) continue;
+    ++out.count;
+    if (out.first.size() >= first) continue;
+    const auto j = nlohmann::json::parse(line, nullptr, false);
+    if (!j.is_object()) continue;
+    const bool failed = j.contains("error");
+    const auto text = [&](const char* key) {
+      auto it = j.find(key);
+      return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
+    };
+    out.first.push_back({text("path"), text("stage"), text(failed ? "error" : "skipped"), failed});
+  }
+  return out;
+}
+
+void write_pass_files(const std::filesystem::path& data_dir, const std::vector<LeftOut>& left_out,
+                      const PassRecord& record, const std::optional<std::vector<std::string>>& listed) {
+  std::vector<LeftOut> entries;
+  if (listed && std::ranges::find(*listed, std::string()) == listed->end()) {
+    // What earlier passes named outside the listed paths still stands.
+    std::set<std::string_view> named;
+    for (const LeftOut& e : left_out) named.insert(e.path);
+    LeftOutList earlier = read_left_out(data_dir, SIZE_MAX);
+    for (LeftOut& e : earlier.first) {
+      const bool covered = std::ranges::any_of(*listed, [&](const std::string& p) {
+        return e.path == p || is_under(e.path, p);
+      });
+      if (!covered && !named.contains(e.path)) entries.push_back(std::move(e));
+    }
+  }
+  entries.insert(entries.end(), left_out.begin(), left_out.end());
+  std::ranges::stable_partition(entries, [](const LeftOut& e) { return e.failed; });
   std::string lines;
-  for (const LeftOut& e : errors) {
-    lines += dump(nlohmann::ordered_json{{"path", e.path}, {"stage", e.stage}, {"error", e.error}});
+  for (const LeftOut& e : entries) {
+    lines += dump(left_out_json(e));
     lines += '\n';
   }
   replace_file(data_dir / kErrorsFile, lines);

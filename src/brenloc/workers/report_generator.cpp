@@ -15,6 +15,8 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include "brenloc/utils/path_text.h"
+#include "brenloc/utils/utf8.h"
 #include "brenloc/workers/pass_files.h"
 
 namespace brenloc::workers {
@@ -25,6 +27,7 @@ constexpr const char* kReportJson = "report.json";
 constexpr const char* kReportMd = "report.md";
 constexpr std::size_t kLargestDirectories = 10;
 constexpr std::size_t kTopKinds = 15;
+constexpr std::size_t kLeftOutShown = 200;
 
 struct Tally {
   std::int64_t files = 0;
@@ -64,7 +67,7 @@ std::string column_text(sqlite3_stmt* s, int i) {
 
 // A digest of what the report shows: every file with its content hash, the symbol count and the last
 // pass. The report is up to date when the digest it was written for is this one.
-std::string fingerprint(sqlite3* c, const nlohmann::ordered_json& last_index) {
+std::string fingerprint(sqlite3* c, const nlohmann::ordered_json& last_index, const nlohmann::ordered_json& left_out) {
   XXH3_state_t* st = XXH3_createState();
   XXH3_128bits_reset(st);
   each_row(c, "SELECT path, content_hash FROM files ORDER BY path", [&](sqlite3_stmt* s) {
@@ -76,8 +79,10 @@ std::string fingerprint(sqlite3* c, const nlohmann::ordered_json& last_index) {
     std::int64_t n = sqlite3_column_int64(s, 0);
     XXH3_128bits_update(st, &n, sizeof n);
   });
-  std::string last = last_index.dump();
-  XXH3_128bits_update(st, last.data(), last.size());
+  for (const auto* j : {&last_index, &left_out}) {
+    const std::string text = j->dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    XXH3_128bits_update(st, text.data(), text.size());
+  }
   XXH128_hash_t h = XXH3_128bits_digest(st);
   XXH3_freeState(st);
   return fmt::format("{:016x}{:016x}", h.high64, h.low64);
@@ -136,13 +141,13 @@ std::string cell(std::string s) {
 }
 
 std::string markdown(const std::filesystem::path& repo_root, const std::string& generated_at,
-                     const IndexSummary& sum, const nlohmann::ordered_json& last_index) {
+                     const IndexSummary& sum, const nlohmann::ordered_json& last_index, const LeftOutList& left_out) {
   std::string md;
   auto line = [&](std::string s) {
     md += s;
     md += '\n';
   };
-  line(fmt::format("# Index report: {}", repo_root.string()));
+  line(fmt::format("# Index report: {}", utils::path_text(repo_root.native())));
   line("");
   line(fmt::format("Generated {}.", generated_at));
   line("");
@@ -211,6 +216,24 @@ std::string markdown(const std::filesystem::path& repo_root, const std::string& 
     line(fmt::format("- Left out: {}{}", errors,
                      errors != "0" && errors != "unknown" ? " (named in errors.jsonl)" : ""));
   }
+  line("");
+  line("## Left out");
+  line("");
+  if (left_out.count == 0) {
+    line("No file or directory is left out.");
+  } else {
+    line(fmt::format("{} files or directories, as errors.jsonl names them{}:", left_out.count,
+                     left_out.count > static_cast<std::int64_t>(left_out.first.size())
+                         ? fmt::format(" (the first {})", left_out.first.size())
+                         : ""));
+    line("");
+    line("| Path | Stage | Kind | Reason |");
+    line("|------|-------|------|--------|");
+    for (const LeftOut& e : left_out.first) {
+      line(fmt::format("| {} | {} | {} | {} |", cell(e.path), cell(e.stage), e.failed ? "error" : "skipped",
+                       cell(utils::utf8_or_replaced(e.error))));
+    }
+  }
   return md;
 }
 
@@ -233,12 +256,14 @@ void write_report(const std::shared_ptr<storage::Repository>& repository, const 
   const std::filesystem::path json_path = data_dir / kReportJson;
   const std::filesystem::path md_path = data_dir / kReportMd;
   const nlohmann::ordered_json last_index = read_last_index(data_dir);
+  const LeftOutList left_out = read_left_out(data_dir, kLeftOutShown);
+  const nlohmann::ordered_json left_out_info = left_out_json(left_out);
 
   std::string print;
   IndexSummary sum;
   bool current = false;
   repository->database()->with_connection([&](sqlite3* c) {
-    print = fingerprint(c, last_index);
+    print = fingerprint(c, last_index, left_out_info);
     std::error_code ec;
     current = !force && std::filesystem::exists(md_path, ec) && read_fingerprint(json_path) == print;
     if (!current) sum = summarise(c);
@@ -257,7 +282,7 @@ void write_report(const std::shared_ptr<storage::Repository>& repository, const 
   for (const auto& [kind, n] : sum.kinds) kinds[kind] = n;
 
   nlohmann::ordered_json report{
-      {"repository", repo_root.string()},
+      {"repository", utils::path_text(repo_root.native())},
       {"generated_at", generated_at},
       {"index_fingerprint", print},
       {"totals", {{"files", sum.totals.files}, {"symbols", sum.totals.symbols}, {"bytes", sum.totals.bytes}}},
@@ -265,9 +290,10 @@ void write_report(const std::shared_ptr<storage::Repository>& repository, const 
       {"symbol_kinds", kinds},
       {"largest_directories", dirs},
       {"last_index", last_index},
+      {"left_out", left_out_info},
   };
   // The markdown first: report.json carries the fingerprint, so a report cut short is rewritten.
-  replace_file(md_path, markdown(repo_root, generated_at, sum, last_index));
+  replace_file(md_path, markdown(repo_root, generated_at, sum, last_index, left_out));
   replace_file(json_path, report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
 }
 

@@ -1,6 +1,6 @@
 // The repository report: report.json and a readable report.md in the data directory (the directory of
-// the repository's database): languages with file and symbol counts, totals, the last index info and the
-// largest directories. Blocking.
+// the repository's database): languages with file and symbol counts, totals, the last index info, the
+// largest directories, and the files left out as errors.jsonl names them (the first 200). Blocking.
 #pragma once
 
 #include <filesystem>

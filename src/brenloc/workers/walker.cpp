@@ -8,13 +8,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <set>
 #include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
 #include "brenloc/engines/languages.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/workers/gitignore.h"
 
 namespace brenloc::workers {
@@ -30,6 +35,36 @@ std::string join_rel(const std::string& dir, std::string_view name) {
 }
 
 std::string shown(const std::string& rel) { return rel.empty() ? "." : rel; }
+
+// What an entry that is neither a regular file nor a directory is, as a reason to leave it out.
+const char* kind_name(unsigned char type) {
+  switch (type) {
+    case DT_LNK: return "symbolic link";
+    case DT_FIFO: return "FIFO";
+    case DT_SOCK: return "socket";
+    case DT_CHR:
+    case DT_BLK: return "device";
+    default: return "not a regular file";
+  }
+}
+
+// The walk works on the file system's bytes; what it hands out is in text form.
+void to_text(std::string& rel) { rel = utils::path_text(rel); }
+void to_text(std::vector<std::string>& rels) {
+  for (auto& rel : rels) to_text(rel);
+}
+void to_text(std::vector<LeftOut>& left_out) {
+  for (auto& l : left_out) to_text(l.path);
+}
+void to_text(Collected& out) {
+  for (auto& c : out.files) to_text(c.rel);
+  to_text(out.errors);
+  to_text(out.named);
+  to_text(out.drop);
+  to_text(out.covered);
+  to_text(out.failed_dirs);
+  to_text(out.dirs);
+}
 
 class Walker {
  public:
@@ -47,6 +82,11 @@ class Walker {
 
   bool is_data_dir(const std::string& rel) const { return !data_rel_.empty() && rel == data_rel_; }
   bool inside_data_dir(const std::string& rel) const { return !data_rel_.empty() && is_under(rel, data_rel_); }
+  // Leaves out `rel` by policy, naming it with `reason`.
+  void name_skipped(const std::string& rel, std::string reason) {
+    ++out_.skipped;
+    out_.named.push_back({rel, "walk", std::move(reason), false});
+  }
 
   // Walks directory `rel` (not ignored, not skipped) with `lists`, the ignore lists of its ancestors.
   void walk_dir(const std::string& rel, std::vector<const IgnoreList*>& lists) {
@@ -62,6 +102,17 @@ class Walker {
       if (!vanished(err) || rel.empty()) fail_dir(rel, err);
       lists.pop_back();
       return;
+    }
+    // A directory met before under another path (a bind mount) is walked once, where it was met first.
+    if (struct stat st {}; ::fstat(::dirfd(d), &st) == 0) {
+      auto [first, added] = entered_.try_emplace({st.st_dev, st.st_ino}, rel);
+      if (!added && first->second != rel) {
+        ::closedir(d);
+        if (dirs_only_) out_.dirs.pop_back();
+        name_skipped(rel, std::string(kSameDirectoryAs) + utils::path_text(shown(first->second)));
+        lists.pop_back();
+        return;
+      }
     }
     struct Entry {
       std::string name;
@@ -88,7 +139,7 @@ class Walker {
           if (!vanished(err)) out_.errors.push_back({child, "walk", errno_text(err)});
           continue;
         }
-        type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : S_ISLNK(st.st_mode) ? DT_LNK : DT_FIFO;
+        type = IFTODT(st.st_mode);
       }
       if (type == DT_DIR) {
         if (e.name == ".git" || is_data_dir(child) ||
@@ -110,9 +161,11 @@ class Walker {
         struct stat st {};
         if (::fstatat(dfd, e.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) status = status_of(st);
         out_.files.push_back({std::move(child), std::string(*language), status});
-      } else {
-        // Symbolic links, FIFOs, sockets, devices.
+      } else if (e.name == ".git" || dirs_only_ ||
+                 decide(lists, &ignore_.exclude(), child, false) == IgnoreVerdict::ignored) {
         ++out_.skipped;
+      } else {
+        name_skipped(child, kind_name(type));  // symbolic links, FIFOs, sockets, devices
       }
     }
     ::closedir(d);
@@ -149,6 +202,7 @@ class Walker {
   GitIgnore ignore_;
   std::string data_rel_;
   bool dirs_only_ = false;
+  std::map<std::pair<dev_t, ino_t>, std::string> entered_;  // directories walked: (device, inode) -> path
 };
 
 bool has_git_component(const std::string& rel) {
@@ -190,6 +244,7 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
   if (!paths) {
     out.covered.push_back("");
     walker.walk_from("");
+    to_text(out);
     return out;
   }
   const std::filesystem::path root = policy.root.lexically_normal();
@@ -206,6 +261,19 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
     }
     if (rel == ".") rel.clear();
     if (!seen.insert(rel).second) continue;
+    const std::string text = utils::path_text(rel);
+    if (auto second = std::ranges::find_if(policy.second_paths, [&](const LeftOut& l) {
+          return text == l.path || is_under(text, l.path);
+        });
+        second != policy.second_paths.end()) {
+      // Under a second path to a directory: named as the walk named it, and nothing indexed there.
+      ++out.skipped;
+      out.named.push_back(*second);
+      out.named.back().path = utils::path_bytes(second->path);
+      out.drop.push_back(rel);
+      out.covered.push_back(rel);
+      continue;
+    }
     if (has_git_component(rel) || walker.is_data_dir(rel) || walker.inside_data_dir(rel) ||
         through_link(root, rel)) {
       ++out.skipped;
@@ -234,20 +302,31 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
       continue;
     }
     auto language = engines::language_for_path(abs.filename());
-    if (!S_ISREG(st.st_mode) || !language || walker.ignore().ignored(rel, false)) {
+    const bool ignored = walker.ignore().ignored(rel, false);
+    if (!S_ISREG(st.st_mode) && !ignored) {
+      walker.name_skipped(rel, kind_name(IFTODT(st.st_mode)));
+      out.drop.push_back(rel);
+      continue;
+    }
+    if (!S_ISREG(st.st_mode) || !language || ignored) {
       if (language) ++out.skipped;
       out.drop.push_back(rel);
       continue;
     }
     out.files.push_back({rel, std::string(*language), status_of(st)});
   }
+  to_text(out);
   // A file reached both on its own and through a listed directory is indexed once.
   std::set<std::string> unique;
   std::erase_if(out.files, [&](const Candidate& c) { return !unique.insert(c.rel).second; });
+  unique.clear();
+  std::erase_if(out.named, [&](const LeftOut& l) { return !unique.insert(l.path).second; });
   return out;
 }
 
-std::vector<std::string> collect_dirs(const WalkPolicy& policy, const std::string& rel, const std::atomic<bool>& stop) {
+std::vector<std::string> collect_dirs(const WalkPolicy& policy, const std::string& rel_text,
+                                      const std::atomic<bool>& stop) {
+  const std::string rel = utils::path_bytes(rel_text);
   Collected out;
   Walker walker(policy, stop, out);
   walker.dirs_only();
@@ -260,6 +339,7 @@ std::vector<std::string> collect_dirs(const WalkPolicy& policy, const std::strin
     }
   }
   walker.walk_from(rel);
+  to_text(out.dirs);
   return std::move(out.dirs);
 }
 
@@ -290,6 +370,7 @@ SourceFile read_source(const std::filesystem::path& path, std::int64_t max_size)
       f.status = SourceFile::Status::gone;
     } else if (err == ELOOP) {
       f.status = SourceFile::Status::skipped;  // became a symbolic link
+      f.error = kind_name(DT_LNK);
     } else {
       f.error = errno_text(err);
     }
@@ -303,6 +384,7 @@ SourceFile read_source(const std::filesystem::path& path, std::int64_t max_size)
   }
   if (!S_ISREG(st.st_mode) || st.st_size > max_size) {
     f.status = SourceFile::Status::skipped;
+    f.error = S_ISREG(st.st_mode) ? fmt::format("larger than {} bytes", max_size) : kind_name(IFTODT(st.st_mode));
     ::close(fd);
     return f;
   }
@@ -334,6 +416,7 @@ SourceFile read_source(const std::filesystem::path& path, std::int64_t max_size)
   f.size = static_cast<std::int64_t>(used);
   if (f.size > max_size || looks_binary(f.content)) {
     f.status = SourceFile::Status::skipped;
+    f.error = f.size > max_size ? fmt::format("larger than {} bytes", max_size) : "binary";
     f.content.clear();
     return f;
   }

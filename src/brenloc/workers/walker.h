@@ -2,10 +2,16 @@
 //
 // The walk leaves out, by policy and without counting an error: ".git" at any depth, the data
 // directory, what the ignore rules exclude, symbolic links, anything that is not a regular file or a
-// directory, and files of no known language. Reading leaves out, by policy as well, binary files (a NUL
-// byte near the start, as git decides) and files over the size limit. A directory that cannot be
-// listed, or an entry that cannot be looked at, is left out with an error; so is a file that cannot be
-// read. Something that vanished meanwhile is neither: it is simply gone.
+// directory, files of no known language, and a directory it has entered already under another path (a
+// bind mount: same device and inode). Reading leaves out, by policy as well, binary files (a NUL byte
+// near the start, as git decides) and files over the size limit. Of these, the links, special files,
+// directories reached twice, binary and oversized files are named (what the user or the layout of the
+// tree asked to leave out, and files of no known language, are not). A directory that cannot be listed,
+// or an entry that cannot be looked at, is left out with an error; so is a file that cannot be read.
+// Something that vanished meanwhile is neither: it is simply gone.
+//
+// Relative paths, in and out, are in their text form (utils/path_text.h); the file system is reached
+// through the bytes they stand for.
 #pragma once
 
 #include <atomic>
@@ -13,22 +19,31 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brenloc/workers/file_status.h"
 
 namespace brenloc::workers {
 
-// A file or directory the pass could not index. `path` is relative to the root ("." for the root).
+// A file or directory the pass did not index: one it could not (`failed`, an error that counts), or one
+// it left out by policy. `path` is relative to the root ("." for the root).
 struct LeftOut {
   std::string path;
   std::string stage;  // "walk", "read", "parse" or "store"
-  std::string error;
+  std::string error;  // what failed, or why the policy left it out
+  bool failed = true;
 };
+
+// The start of the reason given for a directory reached a second time; the path reached first follows.
+inline constexpr std::string_view kSameDirectoryAs = "same directory as ";
 
 struct WalkPolicy {
   std::filesystem::path root;      // absolute, resolved
   std::filesystem::path data_dir;  // absolute; skipped when it lies inside the root
+  // Directories that an earlier whole walk found to be a second path to a directory (reason: "same
+  // directory as ..."): a walk of listed paths, which cannot tell by itself, leaves out what lies there.
+  std::vector<LeftOut> second_paths;
 };
 
 // A file to index: relative path ('/'-separated), language, and its status as the walk saw it.
@@ -42,6 +57,7 @@ struct Collected {
   std::vector<Candidate> files;
   std::vector<LeftOut> errors;
   std::int64_t skipped = 0;  // entries left out by policy
+  std::vector<LeftOut> named;  // of those, the ones named (not failed)
   // Relative paths whose index rows go when the pass does not index them: listed paths that are gone
   // or left out by policy.
   std::vector<std::string> drop;
@@ -74,7 +90,7 @@ struct SourceFile {
   std::int64_t inode = 0;
   std::int64_t ctime_ns = 0;
   std::int64_t read_ns = 0;  // the wall clock just before the file was looked at
-  std::string error;  // for failed
+  std::string error;  // for failed; for skipped, why
 };
 
 // Reads a regular file (not through a symbolic link, never blocking on a FIFO). Larger than
