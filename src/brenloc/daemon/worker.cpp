@@ -93,8 +93,12 @@ aio::Task<void> RepoWorker::start() {
       {"checkpoint", [db = _database] { db->execute("PRAGMA wal_checkpoint(PASSIVE)"); }},
       {"optimize", [db = _database] { db->execute("PRAGMA optimize"); }},
       // A rebuild frees hundreds of megabytes across the allocator's per-thread arenas; without a trim they
-      // stay with the process, and a long-lived daemon's footprint climbs rebuild after rebuild.
-      {"trim", [] { ::malloc_trim(0); }},
+      // stay with the process, and a long-lived daemon's footprint climbs rebuild after rebuild. The
+      // connections' page caches, full of the pages that the pass and the report read, go first.
+      {"trim", [repo = _repository] {
+         repo->release_memory();
+         ::malloc_trim(0);
+       }},
   };
   _passes = std::make_unique<PassScheduler>(_passes_lane.run, std::move(passes));
   started_ = true;

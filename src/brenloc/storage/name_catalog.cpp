@@ -175,22 +175,32 @@ std::size_t NameCatalog::by_id(std::int64_t id) const {
 
 bool NameCatalogs::in_use() {
   std::lock_guard lock(mu_);
-  return !recent_.empty();
+  return latest_ != nullptr;
 }
 
-void NameCatalogs::put(std::shared_ptr<const NameCatalog> catalog) {
+std::shared_ptr<const NameCatalog> NameCatalogs::known(std::int64_t stamp) const {
+  if (latest_ && latest_->stamp() == stamp) return latest_;
+  auto earlier = earlier_.lock();
+  return earlier && earlier->stamp() == stamp ? earlier : nullptr;
+}
+
+std::shared_ptr<const NameCatalog> NameCatalogs::make_latest(std::shared_ptr<const NameCatalog> catalog) {
+  std::shared_ptr<const NameCatalog> displaced = std::exchange(latest_, std::move(catalog));
+  // The one before stays reachable for as long as a search holds it, and no longer.
+  earlier_ = displaced;
+  return displaced;
+}
+
+std::shared_ptr<const NameCatalog> NameCatalogs::put(std::shared_ptr<const NameCatalog> catalog) {
   std::lock_guard lock(mu_);
-  for (const auto& k : recent_) {
-    if (k->stamp() == catalog->stamp()) return;
-  }
-  if (recent_.size() == 2) recent_.erase(recent_.begin());
-  recent_.push_back(std::move(catalog));
+  if (known(catalog->stamp())) return nullptr;
+  return make_latest(std::move(catalog));
 }
 
 void NameCatalogs::follow(const NameChanges& changes) {
   if (changes.names.empty() || changes.new_stamp == changes.old_stamp) return;
   std::lock_guard lock(mu_);
-  if (recent_.empty()) return;
+  if (!latest_) return;
   // Enough for the writes between two searches, bar a pass over a whole tree (the search then reads the
   // names instead).
   constexpr std::size_t kKept = 256, kKeptNames = 20'000;
@@ -210,9 +220,7 @@ std::shared_ptr<const NameCatalog> NameCatalogs::from_changes(std::int64_t stamp
   {
     std::lock_guard lock(mu_);
     for (std::int64_t at = stamp; !base;) {
-      for (const auto& k : recent_) {
-        if (k->stamp() == at) base = k;
-      }
+      base = known(at);
       if (base) break;
       const auto step = std::find_if(changes_.rbegin(), changes_.rend(), [&](const NameChanges& c) { return c.new_stamp == at; });
       if (step == changes_.rend() || path.size() == changes_.size()) return nullptr;
@@ -237,21 +245,17 @@ std::shared_ptr<const NameCatalog> NameCatalogs::get(Reader& reader, const std::
     ResetOnExit done{read};
     if (read.step(file, "reading the names' stamp")) stamp = read.integer(0);
   }
-  auto known = [&]() -> std::shared_ptr<const NameCatalog> {
+  auto in_memory = [&] {
     std::lock_guard lock(mu_);
-    for (const auto& k : recent_) {
-      if (k->stamp() == stamp) return k;
-    }
-    return nullptr;
+    return known(stamp);
   };
-  if (auto k = known()) return k;
+  if (auto k = in_memory()) return k;
   std::lock_guard loading(load_mu_);
-  if (auto k = known()) return k;  // loaded meanwhile
+  if (auto k = in_memory()) return k;  // loaded meanwhile
   auto k = from_changes(stamp);
   if (!k) k = NameCatalog::load(reader.db, file, stamp);
   std::lock_guard lock(mu_);
-  if (recent_.size() == 2) recent_.erase(recent_.begin());
-  recent_.push_back(k);
+  make_latest(k);
   return k;
 }
 

@@ -78,9 +78,10 @@ class NameCatalog {
   std::vector<std::uint32_t> entry_of_id_;
 };
 
-// The catalogs of one database: the latest two stamps' (a reader may still be on the one before a change),
-// and the changes of the writes since, from which the catalog of a later stamp is made when a search needs
-// it (a few milliseconds for a million symbols, against a few hundred to read every name).
+// The catalogs of one database: the latest stamp's, and the one before while anyone still holds it (a
+// search whose read transaction began before a change), and the changes of the writes since, from which
+// the catalog of a later stamp is made when a search needs it (a few milliseconds for a million symbols,
+// against a few hundred to read every name). Only one catalog stays in memory at rest.
 class NameCatalogs {
  public:
   // The catalog of the stamp that the reader's read transaction sees.
@@ -88,18 +89,24 @@ class NameCatalogs {
   // Whether any catalog was loaded (the store has been searched by name).
   bool in_use();
   // Hands over a catalog read elsewhere (a swap's, before its names go live), unless one of its stamp is
-  // known.
-  void put(std::shared_ptr<const NameCatalog> catalog);
+  // known. Returns the catalog that was the latest: a caller keeps it while readers may still see its
+  // stamp (until its commit).
+  std::shared_ptr<const NameCatalog> put(std::shared_ptr<const NameCatalog> catalog);
   // Notes what a write (before its commit) did to the names of a store that has been searched.
   void follow(const NameChanges& changes);
 
  private:
+  // The catalog of `stamp` when it is in memory, or null (with mu_ held).
+  std::shared_ptr<const NameCatalog> known(std::int64_t stamp) const;
+  // Makes `catalog` the latest (with mu_ held); returns the one it displaced.
+  std::shared_ptr<const NameCatalog> make_latest(std::shared_ptr<const NameCatalog> catalog);
   // The catalog of `stamp` made from a known one and the changes that lead from it, or null.
   std::shared_ptr<const NameCatalog> from_changes(std::int64_t stamp);
 
-  std::mutex mu_;       // guards the lists
+  std::mutex mu_;       // guards the catalogs and the changes
   std::mutex load_mu_;  // one load at a time
-  std::vector<std::shared_ptr<const NameCatalog>> recent_;
+  std::shared_ptr<const NameCatalog> latest_;
+  std::weak_ptr<const NameCatalog> earlier_;
   std::vector<NameChanges> changes_;  // oldest first
 };
 

@@ -518,6 +518,12 @@ Counts Repository::counts() {
 
 void Repository::clear_query_cache() { impl_->cache.clear(); }
 
+void Repository::release_memory() {
+  if (db_->is_open()) db_->with_connection([](sqlite3* c) { sqlite3_db_release_memory(c); });
+  std::lock_guard lock(impl_->readers_mu);
+  for (const auto& reader : impl_->idle_readers) sqlite3_db_release_memory(reader->db);
+}
+
 SwapTiming Repository::last_swap_timing() const {
   std::lock_guard lock(impl_->timing_mu);
   return impl_->timing;
@@ -546,10 +552,12 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
   if (impl_->catalogs.in_use()) {
     new_names = std::async(std::launch::async, [staging_path] { return detail::NameCatalog::load_file(staging_path); });
   }
+  // The names they replace stay in memory until the commit, for the searches that still see them.
+  std::shared_ptr<const detail::NameCatalog> old_names;
   auto hand_over_names = [&] {
     if (!new_names.valid()) return;
     try {
-      impl_->catalogs.put(new_names.get());
+      old_names = impl_->catalogs.put(new_names.get());
     } catch (const std::exception& e) {
       impl_->log->warn("{}: reading the new names ahead (the first search reads them): {}", what, e.what());
     }

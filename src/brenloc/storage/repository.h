@@ -79,6 +79,9 @@ class Repository {
   virtual Counts swap_index_from(const std::filesystem::path& staging_path);
   // Drops every cached query result.
   virtual void clear_query_cache();
+  // Hands back the page caches of the writer and of the idle read connections (they fill again as
+  // queries read): after a pass or a swap, whose pages no search is likely to need.
+  void release_memory();
   // Timing of the last swap_index_from that succeeded (zeros before the first).
   SwapTiming last_swap_timing() const;
 

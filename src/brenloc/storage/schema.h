@@ -81,12 +81,16 @@ inline std::string name_grams_sql(std::string_view schema) {
 }
 
 // The writer connection's page cache and temporary storage (an index build changes them for its time).
-#define BRENLOC_WRITER_CACHE_PRAGMAS "PRAGMA cache_size = -65536; PRAGMA temp_store = MEMORY;"
+// The writer appends rows at the end of their tables and touches few pages of the indexes per store, and
+// the swap copies b-trees page by page, whose pages go to the log whatever the cache: a larger cache buys
+// no time and would stay filled with pages after every scan (the report's, a swap's). Sorts and
+// temporary b-trees larger than the cache go to temporary files rather than to memory.
+#define BRENLOC_WRITER_CACHE_PRAGMAS "PRAGMA cache_size = -8192; PRAGMA temp_store = FILE;"
 
 // The writer connection: WAL commits without a sync (the index can be rebuilt from the repository, and
 // WAL keeps the file consistent), freed pages not zeroed (this SQLite is built with secure_delete on,
-// which would make the swap's "DELETE FROM symbols" rewrite every page), a larger page cache for the
-// swap, and a cap on the log file kept after a checkpoint.
+// which would make the swap's "DELETE FROM symbols" rewrite every page), a small page cache (above), and
+// a cap on the log file kept after a checkpoint.
 inline constexpr const char* kWriterPragmas =
     "PRAGMA synchronous = NORMAL; PRAGMA secure_delete = OFF; PRAGMA journal_size_limit = 67108864; "
     BRENLOC_WRITER_CACHE_PRAGMAS;
