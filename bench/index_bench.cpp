@@ -34,6 +34,7 @@
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/repository.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/malloc_policy.h"
 #include "brenloc/utils/path_text.h"
 #include "brenloc/workers/indexer.h"
 #include "brenloc/workers/walker.h"
@@ -171,6 +172,7 @@ int run_exec(char** argv) {
 
 int main(int argc, char** argv) {
   if (argc >= 3 && std::string(argv[1]) == "exec") return run_exec(argv + 2);
+  brenloc::utils::apply_malloc_policy();  // as the brenloc binary does
   if (argc != 4) {
     std::cerr << "usage: index_bench full|parse|extract DIR THREADS | exec CMD ARGS...\n";
     return 2;

@@ -38,6 +38,7 @@
 #include "brenloc/daemon/worker.h"
 #include "brenloc/storage/name_catalog.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/malloc_policy.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -244,6 +245,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: memory_bench TREE DATA_DIR [--brenloc BINARY] [--searches N] [--no-command]\n");
     return 64;
   }
+  brenloc::utils::apply_malloc_policy();  // as the brenloc binary does
   // SQLite counts its memory only when asked before it starts.
   sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1);
   sqlite3_initialize();

@@ -34,6 +34,7 @@
 #include "brenloc/storage/schema.h"
 #include "brenloc/storage/sqlite_util.h"
 #include "brenloc/utils/logging.h"
+#include "brenloc/utils/malloc_policy.h"
 
 namespace fs = std::filesystem;
 using namespace brenloc::storage;
@@ -236,6 +237,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: search_bench DATA_DIR [--repo DIR] [--rounds N] [--no-rebuild]\n");
     return 64;
   }
+  brenloc::utils::apply_malloc_policy();  // as the brenloc binary does
   const fs::path data = fs::absolute(argv[1]);
   fs::path repo_root = "/usr/include";
   int rounds = 200;

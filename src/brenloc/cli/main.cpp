@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "brenloc/app/commands.h"
+#include "brenloc/utils/malloc_policy.h"
 #include "brenloc/utils/path_text.h"
 #include "brenloc/utils/utf8.h"
 
@@ -230,4 +231,7 @@ class CommandLine {
 
 }  // namespace
 
-int main(int argc, char** argv) { return CommandLine().main(argc, argv); }
+int main(int argc, char** argv) {
+  brenloc::utils::apply_malloc_policy();
+  return CommandLine().main(argc, argv);
+}
