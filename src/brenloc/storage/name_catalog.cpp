@@ -254,8 +254,11 @@ std::shared_ptr<const NameCatalog> NameCatalogs::get(Reader& reader, const std::
   if (auto k = in_memory()) return k;  // loaded meanwhile
   auto k = from_changes(stamp);
   if (!k) k = NameCatalog::load(reader.db, file, stamp);
-  std::lock_guard lock(mu_);
-  make_latest(k);
+  std::shared_ptr<const NameCatalog> displaced;  // freed, when nothing else holds it, after the lock
+  {
+    std::lock_guard lock(mu_);
+    displaced = make_latest(k);
+  }
   return k;
 }
 
