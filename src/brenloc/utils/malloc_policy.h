@@ -1,10 +1,11 @@
 // How the process's allocator holds memory: set once at the start of main, before threads start.
 //
-// Blocks of 256 KiB and more (the arrays of the names a search keeps, SQLite's sorter runs and caches'
-// bulk allocations, whole files read for parsing, large answers) are mapped on their own and go back
-// to the system when freed. By default glibc raises that size each time such a block is freed, after
-// which large blocks come from the per-thread arenas, where a rebuild leaves them scattered among live
-// ones that no trim can hand back.
+// The allocator keeps one arena per core at most, instead of glibc's eight per core. A thread takes an
+// arena of its own while there are fewer than that; the daemon's threads (the loop's pool, the lanes,
+// each indexer's parse threads) outnumber the cores, and every arena keeps the blocks freed in it, so
+// that after a rebuild the freed memory lay scattered over as many arenas as threads had run, among
+// live blocks, where no trim could hand it back. No more threads run at once than there are cores, so
+// sharing arenas costs little waiting.
 #pragma once
 
 namespace brenloc::utils {
