@@ -1,11 +1,11 @@
 // How the process's allocator holds memory: set once at the start of main, before threads start.
 //
 // The allocator keeps one arena per core at most, instead of glibc's eight per core. A thread takes an
-// arena of its own while there are fewer than that; the daemon's threads (the loop's pool, the lanes,
-// each indexer's parse threads) outnumber the cores, and every arena keeps the blocks freed in it, so
-// that after a rebuild the freed memory lay scattered over as many arenas as threads had run, among
-// live blocks, where no trim could hand it back. No more threads run at once than there are cores, so
-// sharing arenas costs little waiting.
+// arena of its own while there are fewer than the limit, and every arena keeps the blocks freed in it;
+// the daemon's threads (the loop's pool, the lanes, each indexer's parse threads) outnumber the cores,
+// so by default what a rebuild frees stays scattered over an arena per thread, among live blocks, where
+// no trim can hand it back. No more threads run at once than there are cores, so sharing arenas costs
+// little waiting.
 #pragma once
 
 namespace brenloc::utils {
