@@ -60,7 +60,7 @@ int main() {
   const fs::path data = fs::temp_directory_path() / "brenloc-handler-bench";
   fs::create_directories(data / "small");
   std::printf("%-28s %10s %10s %10s\n", "repository root", "p50 us", "p99 us", "max us");
-  for (const fs::path root : {data / "small", fs::path("/usr/include"), fs::path("/usr/lib/python3")}) {
+  for (const fs::path& root : {data / "small", fs::path("/usr/include"), fs::path("/usr/lib/python3")}) {
     if (!fs::exists(root)) continue;
     fs::remove_all(data / "index");
     aio::EventLoop loop;
