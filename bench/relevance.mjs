@@ -4,7 +4,7 @@
 //
 // Usage: node bench/relevance.mjs BRENLOC_BINARY [--against OTHER_BINARY] [--check] [--tree NAME]...
 //                                 [--set dev|held_out] [--data-root DIR] [--quiet]
-// Each tree is indexed once per binary (`reindex --clear-existing`) into DATA_ROOT/<binary>/<tree>
+// Each tree is indexed once per binary (`reindex --clear-existing`) into DATA_ROOT/<binary name>-<hash>/<tree>
 // (default: relevance/ beside the first binary, in its build directory) and reused while the binary is the
 // same file; every question then goes, pipelined, to one server process per tree, limit 5.
 // --against prints a second binary's rates beside the first's. --check exits 1 when a rate of the first
@@ -13,7 +13,7 @@
 // that no longer holds is an error of the set, reported as such, and fails --check.
 import { spawn, spawnSync } from "node:child_process";
 import { createHash } from "node:crypto";
-import { existsSync, mkdirSync, readdirSync, readFileSync, realpathSync, rmSync, statSync, writeFileSync } from "node:fs";
+import { existsSync, mkdirSync, readdirSync, readFileSync, rmSync, statSync, writeFileSync } from "node:fs";
 import { basename, dirname, join, resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 
