@@ -53,8 +53,12 @@ function usage(message) {
 }
 
 // A tree's root as the set names it: absolute, or relative to this repository; one `*` in a component
-// stands for any name (the Rust sources' directory carries the compiler's version).
-export function resolveRoot(root) {
+// stands for any name (the Rust sources' directory carries the compiler's version). `git:COMMIT:DIR` is
+// DIR of this repository as it was at COMMIT, unpacked once under `snapshots` (this repository's own
+// sources change with every refactoring; the questions about them hold for the commit they were asked of).
+export function resolveRoot(root, dataRoot) {
+  const snapshot = /^git:([0-9a-f]{7,40}):(.+)$/.exec(root);
+  if (snapshot) return unpackSnapshot(snapshot[1], snapshot[2], dataRoot);
   const parts = (root.startsWith("/") ? root : join(repoRoot, root)).split("/");
   let found = [""];
   for (const part of parts.slice(1)) {
@@ -73,6 +77,22 @@ export function resolveRoot(root) {
   }
   found = found.filter((p) => existsSync(p) && statSync(p).isDirectory());
   return found.length ? found[found.length - 1] : null;
+}
+
+function unpackSnapshot(commit, dir, dataRoot) {
+  const target = join(dataRoot, "snapshots", commit);
+  const done = join(target, ".unpacked");
+  if (!existsSync(done)) {
+    rmSync(target, { recursive: true, force: true });
+    mkdirSync(target, { recursive: true });
+    const archive = spawnSync("git", ["-C", repoRoot, "archive", "--format=tar", commit, dir], { maxBuffer: 1 << 30 });
+    if (archive.status !== 0) return null;
+    const tar = spawnSync("tar", ["-x", "-C", target], { input: archive.stdout });
+    if (tar.status !== 0) return null;
+    writeFileSync(done, "");
+  }
+  const root = join(target, dir);
+  return existsSync(root) ? root : null;
 }
 
 // Whether a search hit is one that the entry expects: same path and name, and, when given, the line
@@ -235,7 +255,7 @@ async function main() {
   for (const treeName of wanted) {
     const entries = sets.map((s) => ({ set: s.name, tree: s.trees.find((t) => t.name === treeName) })).filter((e) => e.tree);
     const spec = entries[0].tree;
-    const root = resolveRoot(spec.root);
+    const root = resolveRoot(spec.root, o.dataRoot);
     if (!root) {
       failures.push(`tree ${treeName}: ${spec.root} is missing; it comes from ${spec.setup}`);
       console.log(`${treeName}: MISSING ${spec.root} (from ${spec.setup})`);
