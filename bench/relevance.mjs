@@ -151,6 +151,17 @@ function loadSets(names) {
   return names.map((name) => ({ name, ...JSON.parse(readFileSync(join(repoRoot, "bench", "relevance", `${name}.json`), "utf8")) }));
 }
 
+// `--root` takes a tree as it is where newer binaries would look for a `.git` above it (zod lies in this
+// repository); older binaries know only `--repo`, which took it as it is.
+const rootFlags = new Map();
+function rootFlag(binary) {
+  if (!rootFlags.has(binary)) {
+    const help = spawnSync(binary, ["help", "reindex"], { encoding: "utf8" });
+    rootFlags.set(binary, (help.stdout || "").includes("--root") ? "--root" : "--repo");
+  }
+  return rootFlags.get(binary);
+}
+
 // The index of `root` built by `binary`, reused while the binary is the same file.
 function ensureIndex(binary, root, dataDir) {
   const st = statSync(binary);
@@ -162,7 +173,7 @@ function ensureIndex(binary, root, dataDir) {
   rmSync(dataDir, { recursive: true, force: true });
   mkdirSync(dataDir, { recursive: true });
   const started = process.hrtime.bigint();
-  const run = spawnSync(binary, ["reindex", "--clear-existing", "--quiet", "--repo", root, "--data-dir", dataDir],
+  const run = spawnSync(binary, ["reindex", "--clear-existing", "--quiet", rootFlag(binary), root, "--data-dir", dataDir],
                         { encoding: "utf8", env: { ...process.env, BRENLOC_NO_WATCH: "1" }, maxBuffer: 64 << 20 });
   const seconds = Number(process.hrtime.bigint() - started) / 1e9;
   if (run.status !== 0) {
@@ -174,7 +185,7 @@ function ensureIndex(binary, root, dataDir) {
 
 // One `serve --standalone` process over the tree: every question pipelined, answers by id.
 async function ask(binary, root, dataDir, queries) {
-  const server = spawn(binary, ["serve", "--standalone", "--no-watch", "--repo", root, "--data-dir", dataDir],
+  const server = spawn(binary, ["serve", "--standalone", "--no-watch", rootFlag(binary), root, "--data-dir", dataDir],
                        { stdio: ["pipe", "pipe", "pipe"] });
   let stderr = "";
   server.stderr.setEncoding("utf8");

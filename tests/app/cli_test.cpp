@@ -78,6 +78,9 @@ TEST_F(Cli, EachCommandLineGivesItsExitCodeAndFirstLine) {
       {"search --quiet --verbose x", 64, "brenloc: .*excludes.*"},
       {"status " + never, 1, "brenloc: .* has no index yet \\(data directory .*never\\); run brenloc reindex"},
       {"search " + never + " x", 1, "brenloc: .* has no index yet .*"},
+      {"reindex --repo / --data-dir " + quote(dir_.path() / "never"), 64,
+       "brenloc: / has no index yet and brenloc will not index it unasked: it is the file system's root; pass "
+       "--force to index it anyway"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
@@ -141,7 +144,7 @@ TEST_F(Cli, PathsAreReindexedInTheLiveIndexAndPathsOutsideAreRefusedWithExit2) {
 // outline and source commands, over the demo samples.
 TEST_F(Cli, SearchOutlineAndSourceOverTheSamples) {
   const fs::path source_dir = BRENLOC_SOURCE_DIR;
-  const std::string samples = "--repo " + quote(source_dir / "samples/demo") + " --data-dir " + quote(data_);
+  const std::string samples = "--root " + quote(source_dir / "samples/demo") + " --data-dir " + quote(data_);
   ASSERT_EQ(invoke("reindex " + samples).code, 0);
   std::ifstream in(source_dir / "tests/search_relevance.json");
   const json table = json::parse(in);
@@ -233,6 +236,30 @@ TEST_F(Cli, TheDefaultDataDirectoryLiesUnderXdgDataHome) {
   // The same root gives the same directory again.
   ASSERT_EQ(invoke("status --repo " + quote(repo_), xdg).code, 0);
   EXPECT_EQ(std::distance(fs::directory_iterator(xdg_ / "brenloc"), fs::directory_iterator()), 1);
+}
+
+// Run from a subdirectory with a pared-down environment, a command finds the repository's root and, through
+// the daemon, the index the daemon keeps where its own environment says.
+TEST_F(Cli, FromASubdirectoryTheRootAndTheDaemonsIndexAreFound) {
+  fs::create_directories(repo_ / ".git");
+  const fs::path runtime = dir_.path() / "rt";
+  fs::create_directories(runtime);
+  fs::permissions(runtime, fs::perms::owner_all);
+  const std::string rt = "XDG_RUNTIME_DIR=" + quote(runtime);
+  ASSERT_EQ(invoke("daemon --detach", rt + " XDG_DATA_HOME=" + quote(xdg_)).code, 0);
+  const std::string scrubbed = "cd " + quote(repo_ / "pkg") + " && env -u XDG_DATA_HOME HOME=/nonexistent " + rt;
+  Result r = invoke("reindex --quiet", scrubbed);
+  EXPECT_EQ(r.code, 0) << r.err;
+  r = invoke("status", scrubbed);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err, "brenloc: repository " + repo_.string() + " (found from " + (repo_ / "pkg").string() + ")\n");
+  const json status = json::parse(r.out);
+  EXPECT_EQ(status["repo_root"], repo_.string());
+  EXPECT_EQ(fs::path(status["data_dir"].get<std::string>()).parent_path(), xdg_ / "brenloc");
+  EXPECT_TRUE(fs::exists(fs::path(status["data_dir"].get<std::string>()) / "index.db"));
+  EXPECT_EQ(json::parse(invoke("daemon --status", rt).out)["moved_by"],
+            json::array({"XDG_RUNTIME_DIR", "XDG_DATA_HOME"}));
+  invoke("daemon --stop", rt);
 }
 
 TEST_F(Cli, CtrlCDuringAReindexExits130AndSaysWhatBecameOfTheIndex) {

@@ -7,12 +7,12 @@ here=$(cd "$(dirname "$0")" && pwd)
 inspector=$here/node_modules/.bin/mcp-inspector
 bin=$1 repo=$2 data=$3
 
-tools=$(timeout 120 "$inspector" --cli "$bin" serve --repo "$repo" --data-dir "$data" --method tools/list)
+tools=$(timeout 120 "$inspector" --cli "$bin" serve --root "$repo" --data-dir "$data" --method tools/list)
 for tool in force_reindex index_status search_symbols; do
   grep -q "\"name\": \"$tool\"" <<<"$tools" || { echo "tools/list lacks $tool:"; echo "$tools"; exit 1; }
 done
 
-status=$(timeout 120 "$inspector" --cli "$bin" serve --repo "$repo" --data-dir "$data" \
+status=$(timeout 120 "$inspector" --cli "$bin" serve --root "$repo" --data-dir "$data" \
   --method tools/call --tool-name index_status)
 grep -q '"repo_root"' <<<"$status" || { echo "index_status answered:"; echo "$status"; exit 1; }
 grep -q '"isError": false' <<<"$status" || { echo "index_status failed:"; echo "$status"; exit 1; }

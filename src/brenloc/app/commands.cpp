@@ -17,6 +17,7 @@
 #include "brenloc/app/daemon_client.h"
 #include "brenloc/app/daemon_server.h"
 #include "brenloc/app/data_dir.h"
+#include "brenloc/app/repo_root.h"
 #include "brenloc/app/mcp_bridge.h"
 #include "brenloc/app/worker_tools.h"
 #include "brenloc/daemon/worker.h"
@@ -51,15 +52,31 @@ class CommandError : public std::runtime_error {
 struct Resolved {
   fs::path root;
   fs::path data_dir;
+  bool data_dir_given = false;  // --data-dir; else the default, which a daemon reckons for itself
+  fs::path start;               // where the search for the root began
+  bool marked = false;          // version control marks the tree as a project
+  bool force = false;
 };
 
 Resolved resolve(const Where& where) {
+  const fs::path start = where.repo.empty() ? fs::current_path() : where.repo;
   std::error_code ec;
-  fs::path root = fs::canonical(where.repo.empty() ? fs::current_path() : where.repo, ec);
+  fs::path canonical = fs::canonical(start, ec);
   if (ec) throw UsageError(fmt::format("repository {}: {}", where.repo.string(), ec.message()));
-  if (!fs::is_directory(root)) throw UsageError(fmt::format("repository {} is not a directory", root.string()));
-  fs::path data = where.data_dir ? fs::absolute(*where.data_dir).lexically_normal() : default_data_dir(root);
-  return {root, data};
+  if (!fs::is_directory(canonical)) throw UsageError(fmt::format("repository {} is not a directory", canonical.string()));
+  RepoRoot found = where.exact_root ? RepoRoot{canonical, find_repo_root(canonical).marked} : find_repo_root(canonical);
+  fs::path data = where.data_dir ? fs::absolute(*where.data_dir).lexically_normal() : default_data_dir(found.root);
+  return {found.root, data, where.data_dir.has_value(), canonical, found.marked, where.force};
+}
+
+// Refuses to make a first index of a tree the user more likely named by mistake, unless --force.
+void insist_on_force(const Resolved& r) {
+  if (r.force || fs::exists(r.data_dir / "index.db")) return;
+  if (auto why = reason_to_insist(RepoRoot{r.root, r.marked})) {
+    throw UsageError(fmt::format("{} has no index yet and brenloc will not index it unasked: {}; pass --force to "
+                                 "index it anyway",
+                                 r.root.string(), *why));
+  }
 }
 
 // Runs `body`, turning its failures into a message on stderr and an exit code.
@@ -214,7 +231,7 @@ void catch_interrupts() {
 std::unique_ptr<DaemonClient> attach(const RuntimePaths& paths, const Resolved& r, bool start) {
   int fd = -1;
   try {
-    fd = attach_worker(paths, r.root, r.data_dir, start);
+    fd = attach_worker(paths, r.root, r.data_dir_given ? std::optional<fs::path>(r.data_dir) : std::nullopt, start);
   } catch (const RpcError& e) {
     throw CommandError(kExitRefused, e.what());
   }
@@ -375,6 +392,10 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
       return answer.contains("error") ? kExitFailed : kExitOk;
     };
     auto through = [&](DaemonClient& client) { return print(call_tool(client, name, arguments)); };
+    if (name == "index_status" && r.root != r.start && where.verbosity >= 0) {
+      std::cerr << fmt::format("brenloc: repository {} (found from {})\n", r.root.string(), r.start.string());
+    }
+    insist_on_force(r);
     if (auto client = reach_daemon(r, where.start_daemon)) return through(*client);
     // Looking is no reason to create a data directory and an empty index.
     if (!fs::exists(r.data_dir / "index.db")) {
@@ -407,6 +428,7 @@ aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker
 int run_serve(const Where& where, bool standalone, bool watch) {
   return guarded([&] {
     Resolved r = resolve(where);
+    insist_on_force(r);
     if (!standalone) {
       std::optional<RuntimePaths> paths;
       try {
@@ -415,7 +437,7 @@ int run_serve(const Where& where, bool standalone, bool watch) {
         std::cerr << "brenloc: " << e.what() << "; serving in this process instead\n";
       }
       if (paths) {
-        run_bridge(BridgeTarget{r.root, r.data_dir, *paths, watch}, STDIN_FILENO, STDOUT_FILENO);
+        run_bridge(BridgeTarget{r.root, r.data_dir, r.data_dir_given, *paths, watch}, STDIN_FILENO, STDOUT_FILENO);
         return kExitOk;
       }
     }
@@ -428,6 +450,7 @@ int run_reindex(const Where& where, bool clear_existing, const std::vector<std::
   return guarded([&] {
     apply_verbosity(where.verbosity);
     Resolved r = resolve(where);
+    insist_on_force(r);
     catch_interrupts();
     if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments, where.verbosity);
     try {

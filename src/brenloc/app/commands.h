@@ -24,8 +24,10 @@ inline constexpr int kExitInterrupted = 130;  // SIGINT or SIGTERM
 
 struct Where {
   std::filesystem::path repo;                    // as given; resolved by the command
+  bool exact_root = false;                        // `repo` is the root itself, not a directory in it
   std::optional<std::filesystem::path> data_dir;  // absent: the default for the repository
   bool start_daemon = false;                      // start the user's daemon when none runs, and use it
+  bool force = false;  // make a first index even of the file system's root, a home or a large unmarked tree
   int verbosity = 0;  // -1 quiet (answers and errors only), 0 progress and warnings, 1 the log too
 };
 

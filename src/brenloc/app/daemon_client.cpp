@@ -162,12 +162,13 @@ void wait_for_exit(const RuntimePaths& paths) {
 
 }  // namespace
 
-int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const fs::path& data_dir, bool start) {
+int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const std::optional<fs::path>& data_dir,
+                  bool start) {
   // Paths in their text form: the daemon reads them back as the file system's bytes.
-  const Json params = {{"repo_root", utils::path_text(repo_root.native())},
-                       {"data_dir", utils::path_text(data_dir.native())},
-                       {"build", build_identity().to_json()},
-                       {"waiting", true}};
+  Json params = {{"repo_root", utils::path_text(repo_root.native())}};
+  if (data_dir) params["data_dir"] = utils::path_text(data_dir->native());
+  params["build"] = build_identity().to_json();
+  params["waiting"] = true;
   for (int attempt = 1;; ++attempt) {
     int fd = start ? connect_daemon(paths, true) : connect_socket(paths.socket);
     if (fd < 0) return -1;

@@ -103,12 +103,13 @@ void spawn_daemon(const RuntimePaths& paths);
 // Many callers at once end with one daemon: the others lose the race for its lock and exit.
 int connect_daemon(const RuntimePaths& paths, bool start);
 
-// A socket attached to the worker of (`repo_root`, `data_dir`) in the daemon (started first when none
-// listens and `start` is set), or -1 when none listens and `start` is not set. A daemon that dies while it
+// A socket attached to the worker of (`repo_root`, `data_dir`) in the daemon (without `data_dir`, the
+// default data directory as the daemon reckons it, so that clients of any environment share one index;
+// the daemon is started first when none listens and `start` is set), or -1 when none listens and `start` is not set. A daemon that dies while it
 // is being reached (it closes the connection unanswered) is replaced and tried again. Throws RpcError for
 // the daemon's refusal, DaemonError when no daemon could be reached.
 int attach_worker(const RuntimePaths& paths, const std::filesystem::path& repo_root,
-                  const std::filesystem::path& data_dir, bool start);
+                  const std::optional<std::filesystem::path>& data_dir, bool start);
 
 // Writes one line (a newline is added). Throws DaemonError when the daemon has gone.
 void write_line(int fd, const std::string& line);

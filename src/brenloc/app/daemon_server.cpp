@@ -26,6 +26,7 @@
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
 #include "brenloc/app/daemon_client.h"
+#include "brenloc/app/data_dir.h"
 #include "brenloc/app/runtime_dir.h"
 #include "brenloc/app/worker_tools.h"
 #include "brenloc/daemon/worker.h"
@@ -228,11 +229,14 @@ class Daemon {
     };
     auto root = path_param("repo_root");
     auto data = path_param("data_dir");
-    if (!root || !data) return std::string("\"repo_root\" and \"data_dir\" must be absolute paths");
+    const bool data_given = params.is_object() && params.contains("data_dir");
+    if (!root || (data_given && !data)) {
+      return std::string("\"repo_root\" (and \"data_dir\" when given) must be absolute paths");
+    }
     std::error_code ec;
     fs::path resolved = fs::canonical(*root, ec);
     if (ec || !fs::is_directory(resolved, ec)) return fmt::format("repository {} is not a directory", root->string());
-    return WorkerKey{resolved, *data};
+    return WorkerKey{resolved, data ? *data : default_data_dir(resolved)};
   }
 
   aio::Task<void> attach_and_serve(Session& s, const mcp::Incoming& m) {
@@ -376,6 +380,15 @@ class Daemon {
     }
   }
 
+  // The variables of this daemon's environment that moved its directories from their defaults: a client
+  // started without them would look for another daemon and another index.
+  mcp::Json moved_by() const {
+    mcp::Json moved = mcp::Json::array();
+    if (!paths_.set_by.empty()) moved.push_back(paths_.set_by);
+    if (!data_home_.set_by.empty()) moved.push_back(data_home_.set_by);
+    return moved;
+  }
+
   mcp::Json status() const {
     mcp::Json workers = mcp::Json::array();
     for (const auto& [key, e] : workers_) {
@@ -387,7 +400,8 @@ class Daemon {
     }
     auto uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started_).count();
     return mcp::Json{{"pid", ::getpid()},          {"version", BRENLOC_VERSION}, {"build", build_.to_json()},
-                     {"socket", paths_.socket.string()}, {"uptime_seconds", uptime},
+                     {"socket", paths_.socket.string()}, {"runtime_dir", paths_.dir.string()},
+                     {"data_home", data_home_.dir.string()}, {"moved_by", moved_by()}, {"uptime_seconds", uptime},
                      {"sessions", sessions_.size()}, {"workers", workers}};
   }
 
@@ -419,6 +433,7 @@ class Daemon {
 
   aio::EventLoop& loop_;
   RuntimePaths paths_;
+  DataHome data_home_ = data_home();
   DaemonOptions options_;
   local::acceptor acceptor_;
   asio::signal_set signals_;

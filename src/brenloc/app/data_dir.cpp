@@ -25,20 +25,27 @@ std::uint32_t fnv1a(const std::string& s) {
 
 }  // namespace
 
-std::filesystem::path default_data_dir(const std::filesystem::path& resolved_root) {
-  std::filesystem::path base;
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && *xdg == '/') {
-    base = xdg;
-  } else if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-    base = std::filesystem::path(home) / ".local" / "share";
-  } else if (const passwd* account = ::getpwuid(::getuid()); account != nullptr && account->pw_dir != nullptr) {
-    base = std::filesystem::path(account->pw_dir) / ".local" / "share";  // HOME unset: the account's home
-  } else {
-    base = std::filesystem::temp_directory_path();
+std::filesystem::path account_home() {
+  if (const passwd* account = ::getpwuid(::getuid()); account != nullptr && account->pw_dir != nullptr &&
+                                                      *account->pw_dir == '/') {
+    return account->pw_dir;
   }
+  if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') return home;
+  return std::filesystem::temp_directory_path();
+}
+
+DataHome data_home() {
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && *xdg == '/') {
+    std::filesystem::path dir = xdg;
+    return {dir, dir == account_home() / ".local" / "share" ? "" : "XDG_DATA_HOME"};
+  }
+  return {account_home() / ".local" / "share", ""};
+}
+
+std::filesystem::path default_data_dir(const std::filesystem::path& resolved_root) {
   std::string name = resolved_root.filename().string();
   if (name.empty()) name = "root";
-  return base / "brenloc" / fmt::format("{}-{:08x}", name, fnv1a(resolved_root.string()));
+  return data_home().dir / "brenloc" / fmt::format("{}-{:08x}", name, fnv1a(resolved_root.string()));
 }
 
 }  // namespace brenloc::app

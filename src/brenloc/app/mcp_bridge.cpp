@@ -314,7 +314,8 @@ class Bridge {
   void connect() {
     int fd = -1;
     try {
-      fd = attach_worker(target_.paths, target_.repo_root, target_.data_dir, true);
+      fd = attach_worker(target_.paths, target_.repo_root,
+                         target_.data_dir_given ? std::optional<std::filesystem::path>(target_.data_dir) : std::nullopt, true);
     } catch (const RpcError& e) {
       // The daemon answers but refuses (another process owns the data directory, say): asked again at the
       // next call, at once.

@@ -28,6 +28,7 @@ namespace brenloc::app {
 struct BridgeTarget {
   std::filesystem::path repo_root;  // resolved
   std::filesystem::path data_dir;   // absolute
+  bool data_dir_given = false;      // else the daemon picks its default (data_dir serves this process alone)
   RuntimePaths paths;               // the daemon's, already prepared
   bool watch = true;                // for a worker in this process, when the bridge serves alone
 };

@@ -7,6 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -16,20 +19,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
-fs::path runtime_dir_path() {
-  if (const char* xdg = std::getenv("XDG_RUNTIME_DIR"); xdg != nullptr && *xdg == '/') {
-    return fs::path(xdg) / "brenloc";
-  }
+// The directory, and the variable that moved it from where a pared-down environment would look.
+std::pair<fs::path, std::string> runtime_dir_path() {
   // Assistants often start their servers with a pared-down environment: where the login manager made
   // the user's runtime directory, it is the one a shell of the same user names, so both meet there.
-  const fs::path login = fmt::format("/run/user/{}", ::getuid());
+  std::optional<fs::path> login = fmt::format("/run/user/{}", ::getuid());
   struct stat st {};
-  if (::lstat(login.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == ::getuid() && (st.st_mode & 077) == 0) {
-    return login / "brenloc";
+  if (::lstat(login->c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 077) != 0) {
+    login.reset();
   }
-  const char* tmp = std::getenv("TMPDIR");
-  fs::path base = tmp != nullptr && *tmp == '/' ? fs::path(tmp) : fs::path("/tmp");
-  return base / fmt::format("brenloc-{}", ::getuid());
+  // Without one, /tmp: not $TMPDIR, which such an environment drops as well.
+  const fs::path fallback = login ? *login / "brenloc" : fs::path(fmt::format("/tmp/brenloc-{}", ::getuid()));
+  if (const char* xdg = std::getenv("XDG_RUNTIME_DIR"); xdg != nullptr && *xdg == '/') {
+    fs::path dir = fs::path(xdg) / "brenloc";
+    return {dir, dir == fallback ? "" : "XDG_RUNTIME_DIR"};
+  }
+  return {fallback, ""};
 }
 
 }  // namespace
@@ -57,8 +62,8 @@ void verify_private_dir(const fs::path& dir) {
 }
 
 RuntimePaths runtime_paths() {
-  fs::path dir = runtime_dir_path();
-  return {dir, dir / "daemon.sock", dir / "daemon.lock", dir / "daemon.log"};
+  auto [dir, set_by] = runtime_dir_path();
+  return {dir, dir / "daemon.sock", dir / "daemon.lock", dir / "daemon.log", set_by};
 }
 
 RuntimePaths prepare_runtime_dir() {

@@ -1,12 +1,14 @@
 // Where the user's daemon keeps its socket, its lock and its log: $XDG_RUNTIME_DIR/brenloc, or, where that
 // variable is unset, /run/user/<uid>/brenloc when the login manager made /run/user/<uid> for the user,
-// else $TMPDIR/brenloc-<uid> (TMPDIR defaults to /tmp). The directory is created with mode
-// 0700 and, whether made now or found, must be a directory (not a link) owned by this user that nobody
-// else may enter; anything else is refused with a message that says why, never used.
+// else /tmp/brenloc-<uid> (whatever TMPDIR says: a client's pared-down environment must meet the same
+// daemon). The directory is created with mode 0700 and, whether made now or found, must be a directory
+// (not a link) owned by this user that nobody else may enter; anything else is refused with a message
+// that says why, never used.
 #pragma once
 
 #include <filesystem>
 #include <stdexcept>
+#include <string>
 
 namespace brenloc::app {
 
@@ -15,6 +17,7 @@ struct RuntimePaths {
   std::filesystem::path socket;  // daemon.sock: the daemon's Unix socket
   std::filesystem::path lock;    // daemon.lock: held by the one daemon, with its pid
   std::filesystem::path log;     // daemon.log: the log of a daemon started in the background
+  std::string set_by;            // the variable that moved the directory from its default, or empty
 };
 
 class RuntimeDirError : public std::runtime_error {

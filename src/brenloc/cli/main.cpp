@@ -67,9 +67,19 @@ class CommandLine {
 
  private:
   void add_where(CLI::App* cmd) {
-    cmd->add_option("--repo", where_.repo, "Repository root (default: the current directory)");
+    auto* repo = cmd->add_option("--repo", where_.repo,
+                                 "A directory of the repository (default: the current one); its root is the nearest "
+                                 "directory above it holding .git, else the directory itself");
+    auto* root = cmd->add_option_function<std::string>(
+        "--root", [this](const std::string& dir) { where_.repo = dir, where_.exact_root = true; },
+        "The repository's root, taken as it is (a subtree indexed on its own: no search for .git above it)");
+    repo->excludes(root);
     cmd->add_option("--data-dir", where_.data_dir,
-                    "Where the index lives (default: $XDG_DATA_HOME/brenloc/<name>-<hash of the root>)");
+                    "Where the index lives (default: ~/.local/share/brenloc/<name>-<hash of the root>, or under "
+                    "$XDG_DATA_HOME)");
+    cmd->add_flag("--force", where_.force,
+                  "Index even the file system's root, a home directory, or a tree of more than 50000 files that no "
+                  "version control marks");
   }
 
   void add_daemon_flag(CLI::App* cmd) {
