@@ -222,6 +222,13 @@ test('a data directory owned by another process is refused, never shared', async
     assert.equal(result.isError, true);
     assert.match(result.content[0].text, new RegExp(`data directory ${data} is in use by another brenloc process \\(pid ${owner}\\)`));
     await bridged.client.close();
+    // So does a second server in its own process: it completes the handshake and refuses each call.
+    const second = await session(rt, demo, data, ['--standalone'], false);
+    assert.equal((await second.client.listTools()).tools.length, 5);
+    const refused = await call(second, 'search_symbols', { query: 'Cart' });
+    assert.equal(refused.isError, true);
+    assert.match(refused.content[0].text, new RegExp(`in use by another brenloc process \\(pid ${owner}\\); serve without --standalone`));
+    await second.client.close();
 
     // A daemon of another runtime directory owns a data directory: a command without a daemon of its own
     // is led to the owner through the lock file, and gets its answer there.

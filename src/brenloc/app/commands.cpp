@@ -17,6 +17,7 @@
 #include "brenloc/app/daemon_client.h"
 #include "brenloc/app/daemon_server.h"
 #include "brenloc/app/data_dir.h"
+#include "brenloc/app/refused_tools.h"
 #include "brenloc/app/repo_root.h"
 #include "brenloc/app/mcp_bridge.h"
 #include "brenloc/app/worker_tools.h"
@@ -423,6 +424,20 @@ aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker
   co_return kExitOk;
 }
 
+// Serves a host whose every tool call is refused with `reason`, until the input ends or a signal.
+int serve_refused(const std::string& reason) {
+  aio::EventLoop loop;
+  RefusedTools tools(reason);
+  return aio::run_until_complete(loop, [](aio::EventLoop& loop, RefusedTools& tools) -> aio::Task<int> {
+    mcp::McpServer server(loop, tools, STDIN_FILENO, STDOUT_FILENO);
+    StopSignal signal(loop);
+    server.start();
+    co_await first_of({server.input_ended(), signal.fired()});
+    co_await server.stop();
+    co_return kExitRefused;
+  }(loop, tools));
+}
+
 }  // namespace
 
 int run_serve(const Where& where, bool standalone, bool watch) {
@@ -441,7 +456,13 @@ int run_serve(const Where& where, bool standalone, bool watch) {
         return kExitOk;
       }
     }
-    return with_worker(r, serve_standalone, daemon::FollowOptions{.catch_up = true, .watch = watch});
+    try {
+      return with_worker(r, serve_standalone, daemon::FollowOptions{.catch_up = true, .watch = watch});
+    } catch (const utils::LockBusy& busy) {
+      // The client still gets its handshake, and reads why no tool runs, rather than a closed connection.
+      std::cerr << "brenloc: " << busy.what() << "\n";
+      return serve_refused(std::string(busy.what()) + "; serve without --standalone shares that process's worker");
+    }
   });
 }
 

@@ -1,0 +1,21 @@
+#include "brenloc/app/refused_tools.h"
+
+#include <stdexcept>
+
+#include "brenloc/app/worker_tools.h"
+
+namespace brenloc::app {
+
+std::vector<mcp::ToolDescriptor> RefusedTools::tools() const { return worker_tool_descriptors(); }
+
+std::string RefusedTools::instructions() const { return worker_instructions(); }
+
+aio::Task<nlohmann::ordered_json> RefusedTools::call_tool(std::string name, nlohmann::ordered_json) {
+  bool known = false;
+  for (const auto& tool : worker_tool_descriptors()) known = known || tool.name == name;
+  if (!known) throw UnknownTool(name);
+  throw std::runtime_error(reason_);
+  co_return nlohmann::ordered_json();
+}
+
+}  // namespace brenloc::app
