@@ -67,14 +67,15 @@ TEST_F(Cli, EachCommandLineGivesItsExitCodeAndFirstLine) {
       {"", 0, usage},
       {"help", 0, usage},
       {"--help", 0, usage},
-      {"help search", 0, "Search symbol definitions, best first; JSON on stdout"},
       {"-V", 0, "brenloc " BRENLOC_VERSION},
       {"--version", 0, "brenloc " BRENLOC_VERSION},
       {"bogus", 64, "brenloc: unknown command 'bogus' \\(see brenloc --help\\)"},
       {"help bogus", 64, "brenloc: unknown command 'bogus' .*"},
       {"status --no-such-option", 64, "brenloc: .*--no-such-option.*"},
       {"reindex --repo /no/such/dir", 64, "brenloc: repository /no/such/dir: .*"},
-      {"search", 64, "brenloc: .*query.*"},
+      {"search", 64, "brenloc: QUERY is required \\(see brenloc help search\\)"},
+      {"search --limit abc x", 64, "brenloc: --limit takes a whole number, not 'abc' \\(see brenloc help search\\)"},
+      {"search x y", 64, "brenloc: unexpected argument y \\(see brenloc help search\\)"},
       {"search --quiet --verbose x", 64, "brenloc: .*excludes.*"},
       {"status " + never, 1, "brenloc: .* has no index yet \\(data directory .*never\\); run brenloc reindex"},
       {"search " + never + " x", 1, "brenloc: .* has no index yet .*"},
@@ -109,7 +110,7 @@ TEST_F(Cli, ReindexPrintsTheResponseAndTheOutcomeThenSearchAndStatusSeeTheIndex)
 
   Result bad = invoke("search --limit 0 " + where() + " area");
   EXPECT_EQ(bad.code, 64);
-  EXPECT_EQ(bad.err, "brenloc: argument 'limit' must be between 1 and 1000\n");
+  EXPECT_EQ(bad.err, "brenloc: --limit must be between 1 and 1000\n");
 
   Result s = invoke("search " + where() + " area");
   ASSERT_EQ(s.code, 0) << s.err;
@@ -156,7 +157,7 @@ TEST_F(Cli, SearchOutlineAndSourceOverTheSamples) {
       args += " " + (key == "query" ? "" : "--" + key + " ") + quote(text);
     }
     Result r = invoke(args);
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_EQ(r.code, c["first"].is_null() ? 1 : 0) << r.err;  // as grep: 1 when nothing was found
     const json results = json::parse(r.out)["results"];
     if (c["first"].is_null()) {
       EXPECT_TRUE(results.empty());
@@ -181,6 +182,36 @@ TEST_F(Cli, SearchOutlineAndSourceOverTheSamples) {
   EXPECT_EQ(refused.code, 1);
   EXPECT_EQ(refused.out, "{\n  \"error\": \"Path outside repository\",\n  \"status\": \"failed\"\n}\n");
   EXPECT_EQ(invoke("search " + samples + " --kind klass x").code, 64);
+}
+
+// For a person (lines, as grep and ctags -x print them) and for a program (JSON): the first line of
+// stdout and of stderr, and the exit code, of each command line.
+TEST_F(Cli, LinesForAPersonJsonForAProgramAndExitCodesAsGrepGives) {
+  const std::string s = "--root " + quote(fs::path(BRENLOC_SOURCE_DIR) / "samples/demo") + " --data-dir " + quote(data_);
+  const struct {
+    std::string args;
+    int code;
+    std::string out, err;  // regular expressions for the first lines
+  } cases[] = {
+      {"reindex -q --lines " + s, 0, "reindex complete: files_processed 10, .*", ""},
+      {"search --lines " + s + " Cart", 0, "python/shop/cart.py:12: class Cart  class Cart:", ""},
+      {"search --lines " + s + " --limit 9 --limit 1 add", 0, ".+:\\d+: .+", "brenloc: 1 of \\d+ shown .*"},
+      {"search --lines " + s + " zzzz", 1, "", ""},
+      {"search --json " + s + " zzzz", 1, "\\{", ""},
+      {"search " + s + " --match bogus x", 64, "", "brenloc: --match must be one of: .*"},
+      {"outline --lines " + s + " python/shop/cart.py", 0, "python/shop/cart.py:3: constant TAX_RATE", ""},
+      {"outline " + s + " python", 64, "", "brenloc: python is a directory: outline takes a file .*"},
+      {"source --lines " + s + " Cart.add", 0, "python/shop/cart.py:16-17: method Cart.add", ""},
+      {"help search", 0, "Search symbol definitions, best first; exit 1 when none is found", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    Result r = invoke(c.args);
+    EXPECT_EQ(r.code, c.code) << r.err;
+    EXPECT_TRUE(std::regex_match(r.out.substr(0, r.out.find('\n')), std::regex(c.out))) << r.out;
+    EXPECT_TRUE(std::regex_match(r.err.substr(0, r.err.find('\n')), std::regex(c.err))) << r.err;
+  }
+  EXPECT_NE(invoke("help search").out.find("Usage: brenloc search [OPTIONS] QUERY"), std::string::npos);
 }
 
 // A repository root and file names that are not UTF-8, in the command's own process and through the

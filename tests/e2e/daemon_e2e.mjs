@@ -51,13 +51,18 @@ test('sessions and the command line share one daemon, one worker and one rebuild
     const [a, b] = sessions;
     const seen = sessions.map((s) => s.messages.length);
     assert.equal((await answer(a, 'force_reindex', { clear_existing: true })).status, 'accepted');
-    const [busy, cli] = await Promise.all([
+    const [busy, cli, waited] = await Promise.all([
       answer(b, 'force_reindex', { clear_existing: true }),
       run(['reindex', '--clear-existing', '--repo', tree, '--data-dir', data], rt.env),
+      run(['reindex', '--wait', '--quiet', '--repo', tree, '--data-dir', data], rt.env),
     ]);
     assert.deepEqual(busy, { status: 'in_progress', message: 'Indexing already in progress' });
     assert.equal(cli.code, 2, cli.stderr);
     assert.equal(cli.stdout, '{"status":"in_progress","message":"Indexing already in progress"}\n');
+    // --wait waits for the run under way, then runs its own.
+    assert.equal(waited.code, 0, waited.stderr);
+    assert.equal(JSON.parse(waited.stdout.split('\n')[0]).status, 'accepted');
+    assert.equal(JSON.parse(waited.stdout.split('\n')[1]).type, 'reindex_complete');
     const outcomes = await Promise.all(sessions.map((s, i) => outcomeAfter(s.messages, seen[i])));
     for (const o of outcomes) assert.deepEqual(o, outcomes[0]);
     assert.equal(outcomes[0].type, 'reindex_complete');
@@ -350,8 +355,12 @@ test('the daemon stops when idle, on SIGTERM mid-rebuild and when asked, cleanin
   assert.ok(!fs.existsSync(path.join(rt.dir, 'brenloc', 'daemon.sock')));
   await s.client.close();
 
-  const stopped = await stopDaemon(rt);
-  assert.equal(stopped.stdout, 'no brenloc daemon runs\n');
+  // No daemon: --stop and --status say so alike.
+  const socket = path.join(rt.dir, 'brenloc', 'daemon.sock');
+  for (const flag of ['--stop', '--status']) {
+    assert.deepEqual(await run(['daemon', flag], rt.env),
+                     { code: 1, stdout: '', stderr: `brenloc: no brenloc daemon runs (none listens on ${socket})\n` });
+  }
   assert.equal((await run(['daemon', '--detach'], rt.env)).code, 0);
   assert.equal(daemonPids(rt).length, 1);
   assert.deepEqual(await stopDaemon(rt), { code: 0, stdout: 'brenloc daemon stopped\n', stderr: '' });

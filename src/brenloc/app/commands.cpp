@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <csignal>
 #include <iostream>
 #include <memory>
+#include <regex>
 #include <thread>
 
 #include <boost/asio/signal_set.hpp>
@@ -19,6 +21,7 @@
 #include "brenloc/app/data_dir.h"
 #include "brenloc/app/refused_tools.h"
 #include "brenloc/app/repo_root.h"
+#include "brenloc/app/text_view.h"
 #include "brenloc/app/mcp_bridge.h"
 #include "brenloc/app/worker_tools.h"
 #include "brenloc/daemon/worker.h"
@@ -27,6 +30,7 @@
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/owner_lock.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc::app {
 
@@ -80,16 +84,37 @@ void insist_on_force(const Resolved& r) {
   }
 }
 
+// A refusal of the binder names the tool's argument ("argument 'max_bytes'"); on the command line it
+// names the flag or the operand that the user typed.
+std::string in_command_terms(std::string text) {
+  static const std::regex argument("argument '([a-z_]+)'");
+  std::smatch m;
+  std::string out;
+  while (std::regex_search(text, m, argument)) {
+    std::string name = m[1].str();
+    std::string flag;
+    if (name == "query" || name == "name") {
+      for (char c : name) flag += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    } else {
+      flag = "--" + name;
+      for (char& c : flag) c = c == '_' ? '-' : c;
+    }
+    out += m.prefix().str() + flag;
+    text = m.suffix().str();
+  }
+  return out + text;
+}
+
 // Runs `body`, turning its failures into a message on stderr and an exit code.
 template <class Body>
 int guarded(Body body) {
   try {
     return body();
   } catch (const UsageError& e) {
-    std::cerr << "brenloc: " << e.what() << "\n";
+    std::cerr << "brenloc: " << in_command_terms(e.what()) << "\n";
     return kExitUsage;
   } catch (const ArgumentError& e) {
-    std::cerr << "brenloc: " << e.what() << "\n";
+    std::cerr << "brenloc: " << in_command_terms(e.what()) << "\n";
     return kExitUsage;
   } catch (const utils::LockBusy& e) {
     std::cerr << "brenloc: " << e.what() << "\n";
@@ -198,13 +223,35 @@ std::string printed(const json& j, int indent = -1) {
   return j.dump(indent, ' ', false, json::error_handler_t::replace);
 }
 
+bool lines_wanted(Where::Output output) {
+  return output == Where::Output::lines || (output == Where::Output::automatic && ::isatty(STDOUT_FILENO) == 1);
+}
+
+// A reindex's response: as it came (JSON), or, for a person, nothing when it was accepted (the progress
+// and the outcome follow) and its message when it was not.
+void print_response(const json& response, bool lines) {
+  if (!lines) {
+    std::cout << printed(response) << std::endl;
+  } else if (response.value("status", "") != "accepted") {
+    std::cerr << "brenloc: " << response.value("message", response.value("error", std::string("refused"))) << "\n";
+  }
+}
+
 // Prints the outcome of a reindex and gives the exit code.
-int report_outcome(const std::optional<json>& outcome) {
+int report_outcome(const std::optional<json>& outcome, bool lines) {
   if (!outcome) {
     std::cerr << "brenloc: the reindex ended without an outcome\n";
     return kExitFailed;
   }
-  std::cout << printed(*outcome) << std::endl;
+  if (!lines) {
+    std::cout << printed(*outcome) << std::endl;
+  } else if (outcome->value("type", "") == "reindex_complete") {
+    std::string figures;
+    for (const auto& [key, value] : outcome->items()) {
+      if (key != "type") figures += fmt::format("{}{} {}", figures.empty() ? "" : ", ", key, printed(value));
+    }
+    std::cout << "reindex complete: " << figures << std::endl;
+  }
   if (outcome->value("type", "") == "reindex_complete") return kExitOk;
   std::cerr << "brenloc: " << outcome->value("error", "") << "\n";
   return kExitFailed;
@@ -318,17 +365,35 @@ void wait_for_first_pass(DaemonClient& client, int verbosity) {
   }
 }
 
-int reindex_via_daemon(DaemonClient& client, const json& arguments, int verbosity) {
+// With `wait`, a request answered "in_progress" is asked again once the run under way has ended (as
+// index_status tells), until it is accepted or refused for another reason. Throws Interrupted.
+json ask_reindex(DaemonClient& client, const json& arguments, bool wait, int verbosity) {
+  for (bool told = false;;) {
+    json response = call_tool(client, "force_reindex", arguments);
+    if (!wait || response.value("status", "") != "in_progress") return response;
+    if (!told && verbosity >= 0) std::cerr << "brenloc: a reindex is under way; waiting for it to end\n";
+    told = true;
+    while (call_tool(client, "index_status", json::object()).value("indexing", false)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      if (g_interrupted.load()) throw Interrupted();
+    }
+  }
+}
+
+int reindex_via_daemon(DaemonClient& client, const json& arguments, const Where& where) {
+  const int verbosity = where.verbosity;
+  const bool lines = lines_wanted(where.output);
   ProgressView progress(verbosity);
   std::optional<json> outcome;
+  json response;
   try {
     wait_for_first_pass(client, verbosity);
+    response = ask_reindex(client, arguments, where.wait, verbosity);
   } catch (const Interrupted&) {
     std::cerr << "brenloc: interrupted before the reindex was asked for\n";
     return kExitInterrupted;
   }
-  json response = call_tool(client, "force_reindex", arguments);
-  std::cout << printed(response) << std::endl;
+  print_response(response, lines);
   if (response.value("status", "") != "accepted") return kExitRefused;
   try {
     while (!outcome) {
@@ -347,12 +412,13 @@ int reindex_via_daemon(DaemonClient& client, const json& arguments, int verbosit
     return kExitFailed;
   }
   progress.finish();
-  return report_outcome(outcome);
+  return report_outcome(outcome, lines);
 }
 
 // --- in this process ---
 
-aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& worker, json arguments, int verbosity) {
+aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& worker, json arguments, int verbosity,
+                                  bool lines) {
   ProgressView progress(verbosity);
   std::optional<json> outcome;
   struct Subscription {
@@ -362,7 +428,7 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
   } sub{worker, worker.subscribe([&](const json& m) { progress.take(m, outcome); })};
   StopSignal signal(loop);
   json response = co_await worker.force_reindex(std::move(arguments));
-  std::cout << printed(response) << std::endl;
+  print_response(response, lines);
   if (response.value("status", "") != "accepted") co_return kExitRefused;
   aio::Future<void> run = *worker.last_run();
   const auto swaps = worker.swaps_committed();
@@ -379,7 +445,25 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
     co_return kExitInterrupted;
   }
   progress.finish();
-  co_return report_outcome(outcome);
+  co_return report_outcome(outcome, lines);
+}
+
+// Prints a tool's answer as lines or as JSON; gives the exit code.
+int print_answer(const std::string& name, const json& answer, Where::Output output) {
+  const bool lines = lines_wanted(output);
+  const bool found_nothing = name == "search_symbols" && answer.value("count", 0) == 0;
+  if (!lines || name == "index_status") {
+    std::cout << printed(answer, 2) << std::endl;
+  } else if (answer.contains("error")) {
+    std::cerr << "brenloc: " << in_command_terms(answer.value("error", std::string("the tool failed"))) << "\n";
+  } else {
+    TextView view = name == "search_symbols" ? search_text(answer)
+                    : name == "file_outline" ? outline_text(answer)
+                                             : source_text(answer);
+    std::cout << view.lines << std::flush;
+    for (const std::string& note : view.notes) std::cerr << "brenloc: " << note << "\n";
+  }
+  return answer.contains("error") || found_nothing ? kExitFailed : kExitOk;
 }
 
 // Runs one tool call, through the daemon or in this process, and prints its answer.
@@ -387,11 +471,15 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
   return guarded([&] {
     apply_verbosity(where.verbosity);
     Resolved r = resolve(where);
-    // An answer that is an error (a refused path, a definition not found) exits 1.
-    auto print = [](const json& answer) {
-      std::cout << printed(answer, 2) << std::endl;
-      return answer.contains("error") ? kExitFailed : kExitOk;
-    };
+    if (name == "file_outline" && arguments.contains("path") && arguments["path"].is_string()) {
+      std::error_code ec;
+      if (fs::is_directory(r.root / utils::path_bytes(arguments["path"].get<std::string>()), ec)) {
+        throw UsageError(fmt::format("{} is a directory: outline takes a file (search --path {} QUERY looks in a "
+                                     "directory)",
+                                     arguments["path"].get<std::string>(), arguments["path"].get<std::string>()));
+      }
+    }
+    auto print = [&](const json& answer) { return print_answer(name, answer, where.output); };
     auto through = [&](DaemonClient& client) { return print(call_tool(client, name, arguments)); };
     if (name == "index_status" && r.root != r.start && where.verbosity >= 0) {
       std::cerr << fmt::format("brenloc: repository {} (found from {})\n", r.root.string(), r.start.string());
@@ -442,6 +530,8 @@ int serve_refused(const std::string& reason) {
 
 int run_serve(const Where& where, bool standalone, bool watch) {
   return guarded([&] {
+    // serve logs its work by default: -v adds the details, -q keeps only errors.
+    if (where.verbosity != 0) utils::set_log_level(where.verbosity > 0 ? spdlog::level::debug : spdlog::level::err);
     Resolved r = resolve(where);
     insist_on_force(r);
     if (!standalone) {
@@ -473,17 +563,17 @@ int run_reindex(const Where& where, bool clear_existing, const std::vector<std::
     Resolved r = resolve(where);
     insist_on_force(r);
     catch_interrupts();
-    if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments, where.verbosity);
+    if (auto client = reach_daemon(r, where.start_daemon)) return reindex_via_daemon(*client, arguments, where);
     try {
       // The worker's loop takes the signals in this process.
       std::signal(SIGINT, SIG_DFL);
       std::signal(SIGTERM, SIG_DFL);
       return with_worker(r, [&](aio::EventLoop& loop, daemon::RepoWorker& worker) {
-        return reindex_in_process(loop, worker, arguments, where.verbosity);
+        return reindex_in_process(loop, worker, arguments, where.verbosity, lines_wanted(where.output));
       });
     } catch (const utils::LockBusy& busy) {
       catch_interrupts();
-      if (auto client = reach_owner(r, busy)) return reindex_via_daemon(*client, arguments, where.verbosity);
+      if (auto client = reach_owner(r, busy)) return reindex_via_daemon(*client, arguments, where);
       throw;
     }
   });
@@ -500,6 +590,15 @@ int run_source(const Where& where, const json& arguments) { return print_tool(wh
 int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle, bool watch) {
   return run_daemon(DaemonOptions{idle_exit, worker_idle, watch});
 }
+
+namespace {
+
+// What `daemon --status` and `daemon --stop` say when no daemon listens.
+CommandError no_daemon(const RuntimePaths& paths) {
+  return CommandError(kExitFailed, fmt::format("no brenloc daemon runs (none listens on {})", paths.socket.string()));
+}
+
+}  // namespace
 
 int run_daemon_detach() {
   return guarded([] {
@@ -518,10 +617,7 @@ int run_daemon_stop() {
   return guarded([] {
     RuntimePaths paths = runtime_paths();
     int fd = connect_socket(paths.socket);
-    if (fd < 0) {
-      std::cout << "no brenloc daemon runs" << std::endl;
-      return kExitOk;
-    }
+    if (fd < 0) throw no_daemon(paths);
     Json status = first_request(fd, "brenloc/stop", Json::object());
     ::close(fd);
     // Stopped once its lock is free: the daemon lets it go last, after its workers and its socket.
@@ -542,7 +638,7 @@ int run_daemon_status() {
   return guarded([] {
     RuntimePaths paths = runtime_paths();
     int fd = connect_socket(paths.socket);
-    if (fd < 0) throw CommandError(kExitFailed, "no brenloc daemon runs");
+    if (fd < 0) throw no_daemon(paths);
     Json status = first_request(fd, "brenloc/status", Json::object());
     ::close(fd);
     std::cout << printed(status, 2) << std::endl;

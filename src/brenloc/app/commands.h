@@ -28,7 +28,9 @@ struct Where {
   std::optional<std::filesystem::path> data_dir;  // absent: the default for the repository
   bool start_daemon = false;                      // start the user's daemon when none runs, and use it
   bool force = false;  // make a first index even of the file system's root, a home or a large unmarked tree
-  int verbosity = 0;  // -1 quiet (answers and errors only), 0 progress and warnings, 1 the log too
+  int verbosity = 0;
+  enum class Output { automatic, lines, json } output = Output::automatic;  // automatic: lines on a terminal
+  bool wait = false;  // reindex: wait for a run under way, then run  // -1 quiet (answers and errors only), 0 progress and warnings, 1 the log too
 };
 
 // MCP on stdin/stdout until the input ends or SIGINT/SIGTERM arrives: relayed to the user's daemon, or,
@@ -40,7 +42,8 @@ int run_serve(const Where& where, bool standalone, bool watch);
 int run_reindex(const Where& where, bool clear_existing, const std::vector<std::string>& paths);
 int run_status(const Where& where);
 // The search tools (search_symbols, file_outline, symbol_source): the tool's arguments as given, its
-// answer printed as JSON. Exit 0, or 1 when the answer is a refusal or an error.
+// answer printed as lines on a terminal and as JSON otherwise (`output` chooses). Exit 0, or 1 when the
+// answer is a refusal or an error, or a search found nothing.
 int run_search(const Where& where, const nlohmann::ordered_json& arguments);
 int run_outline(const Where& where, const nlohmann::ordered_json& arguments);
 int run_source(const Where& where, const nlohmann::ordered_json& arguments);

@@ -1,15 +1,18 @@
 // brenloc: a code-indexing daemon for AI coding assistants.
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "brenloc/app/commands.h"
+#include "brenloc/symbol_kinds.h"
 #include "brenloc/utils/malloc_policy.h"
 #include "brenloc/utils/path_text.h"
 #include "brenloc/utils/utf8.h"
@@ -23,6 +26,20 @@ long env_seconds(const char* name, long fallback) {
   char* end = nullptr;
   long n = std::strtol(v, &end, 10);
   return *end == '\0' && n >= 0 ? n : fallback;
+}
+
+// The argument parser's complaint in this program's words, naming what the user typed.
+std::string worded(const CLI::ParseError& e) {
+  const std::string what = e.what();
+  std::smatch m;
+  static const std::regex conversion("Could not convert: (\\S+) = (.*)");
+  static const std::regex extras("The following arguments? (?:was|were) not expected: (.*)");
+  if (std::regex_match(what, m, conversion)) return m[1].str() + " takes a whole number, not '" + m[2].str() + "'";
+  if (std::regex_match(what, m, extras)) {
+    const std::string first = m[1].str().substr(0, m[1].str().find(' '));
+    return (first.starts_with("-") ? "unknown option " : "unexpected argument ") + first;
+  }
+  return what;
 }
 
 std::string one_line(std::string s) {
@@ -42,6 +59,9 @@ class CommandLine {
   CommandLine() {
     app_.set_version_flag("-V,--version", std::string("brenloc ") + BRENLOC_VERSION);
     app_.require_subcommand(1);
+    // As in git and ripgrep, the last of a repeated option wins (an alias may set one the user sets again).
+    app_.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app_.footer(footer());
     add_serve();
     add_index_commands();
     add_search_commands();
@@ -59,7 +79,8 @@ class CommandLine {
     } catch (const CLI::CallForVersion& e) {
       return app_.exit(e);
     } catch (const CLI::ParseError& e) {
-      std::cerr << "brenloc: " << one_line(e.what()) << " (see brenloc --help)\n";
+      const std::string command = argc > 1 && known(argv[1]) ? argv[1] : "";
+      std::cerr << "brenloc: " << worded(e) << " (see brenloc help" << (command.empty() ? "" : " " + command) << ")\n";
       return kExitUsage;
     }
     return run();
@@ -82,14 +103,38 @@ class CommandLine {
                   "version control marks");
   }
 
-  void add_daemon_flag(CLI::App* cmd) {
-    cmd->add_flag("--daemon", where_.start_daemon,
-                  "Go through the user's daemon, starting it when none runs (by default only a running one is used)");
+  static std::string footer() {
+    auto joined = [](const auto& names) {
+      std::string out;
+      for (std::string_view n : names) out += (out.empty() ? "" : ", ") + std::string(n);
+      return out;
+    };
+    return "  help [COMMAND]              Print this help, or a command's\n\nKinds (--kind): " +
+           joined(brenloc::kSymbolKinds) + "\nLanguages (--language): " + joined(brenloc::kLanguages) +
+           "\n\nsearch, outline and source print lines on a terminal and JSON otherwise (--json, --lines choose).";
+  }
+
+  void add_output_flags(CLI::App* cmd) {
+    auto* as_json = cmd->add_flag_callback("--json", [this] { where_.output = Where::Output::json; },
+                                           "Print the answer as JSON (the default when stdout is not a terminal)");
+    auto* as_lines = cmd->add_flag_callback("--lines", [this] { where_.output = Where::Output::lines; },
+                                            "Print the answer as lines, path:line: kind name  signature (the default "
+                                            "on a terminal)");
+    as_json->excludes(as_lines);
+  }
+
+  void add_verbosity(CLI::App* cmd) {
     auto* quiet = cmd->add_flag_callback("-q,--quiet", [this] { where_.verbosity = -1; },
                                          "Print only the answer and errors: no progress, no warnings");
     auto* verbose = cmd->add_flag_callback("-v,--verbose", [this] { where_.verbosity = 1; },
                                            "Also print the log of the work done in this process");
     quiet->excludes(verbose);
+  }
+
+  void add_daemon_flag(CLI::App* cmd) {
+    cmd->add_flag("--daemon", where_.start_daemon,
+                  "Go through the user's daemon, starting it when none runs (by default only a running one is used)");
+    add_verbosity(cmd);
   }
 
   void add_serve() {
@@ -98,6 +143,7 @@ class CommandLine {
     no_watch_ = no_watch_env != nullptr && *no_watch_env != '\0' && std::string(no_watch_env) != "0";
     serve_ = app_.add_subcommand("serve", "Serve the repository's tools over MCP on stdin/stdout");
     add_where(serve_);
+    add_verbosity(serve_);
     serve_->add_flag("--standalone", standalone_,
                      "Serve from a worker in this process instead of the user's shared daemon");
     serve_->add_flag("--no-watch", no_watch_,
@@ -111,10 +157,15 @@ class CommandLine {
     reindex_->add_flag("--clear-existing", clear_existing_,
                        "Rebuild the whole index from scratch; the live index is replaced only when every file was "
                        "indexed");
-    reindex_->add_option("paths", paths_, "Files or directories to reindex (default: the whole repository)");
+    reindex_->add_option("PATH", paths_, "Files or directories to reindex (default: the whole repository)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    reindex_->add_flag("--wait", where_.wait,
+                       "When a reindex is under way (in the daemon), wait for it to end and then run, instead of "
+                       "exiting 2");
+    add_output_flags(reindex_);
     add_daemon_flag(reindex_);
 
-    status_ = app_.add_subcommand("status", "Print the state of the repository's index as JSON");
+    status_ = app_.add_subcommand("status", "Print the state of the repository's index as JSON (and, on stderr, its root when found above)");
     add_where(status_);
     add_daemon_flag(status_);
   }
@@ -126,7 +177,7 @@ class CommandLine {
   // An option that is the tool argument of the same name ("-" spelt "_").
   CLI::Option* argument(CLI::App* cmd, const std::string& flag, const std::string& help, bool integer = false) {
     std::string key = flag.substr(flag.find_first_not_of('-'));
-    for (char& c : key) c = c == '-' ? '_' : c;
+    for (char& c : key) c = c == '-' ? '_' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     if (integer) return cmd->add_option_function<long>(flag, [this, key](long v) { arguments_[key] = v; }, help);
     return cmd->add_option_function<std::string>(
         flag,
@@ -137,9 +188,9 @@ class CommandLine {
   }
 
   void add_search_commands() {
-    search_ = app_.add_subcommand("search", "Search symbol definitions, best first; JSON on stdout");
+    search_ = app_.add_subcommand("search", "Search symbol definitions, best first; exit 1 when none is found");
     add_where(search_);
-    argument(search_, "query", "Name, start of a name, part of one, its letters in order, Scope.name, or a glob")
+    argument(search_, "QUERY", "Name, start of a name, part of one, its letters in order, Scope.name, or a glob")
         ->required();
     argument(search_, "--match", "auto (default), exact, prefix, substring or fuzzy");
     argument(search_, "--kind", "Only symbols of this kind");
@@ -147,20 +198,23 @@ class CommandLine {
     argument(search_, "--language", "Only files of this language");
     argument(search_, "--limit", "Largest number of results", true);
     argument(search_, "--max-bytes", "Largest size of the answer", true);
+    add_output_flags(search_);
     add_daemon_flag(search_);
 
-    outline_ = app_.add_subcommand("outline", "The definitions of a file as a tree; JSON on stdout");
+    outline_ = app_.add_subcommand("outline", "The definitions of a file as a tree");
     add_where(outline_);
-    argument(outline_, "path", "File, relative to the repository root")->required();
+    argument(outline_, "PATH", "File, relative to the repository root")->required();
+    add_output_flags(outline_);
     add_daemon_flag(outline_);
 
-    source_ = app_.add_subcommand("source", "The source of a definition, by name or by --path and --line; JSON");
+    source_ = app_.add_subcommand("source", "The source of a definition, by name or by --path and --line");
     add_where(source_);
-    argument(source_, "name", "Name of the definition (Scope.name also asks for the scope)");
+    argument(source_, "NAME", "Name of the definition (Scope.name also asks for the scope)");
     argument(source_, "--path", "File (or directory) of the definition");
     argument(source_, "--kind", "Kind of the definition");
     argument(source_, "--line", "A line of the definition in --path (instead of a name)", true);
     argument(source_, "--max-lines", "Largest number of lines", true);
+    add_output_flags(source_);
     add_daemon_flag(source_);
   }
 
@@ -182,25 +236,34 @@ class CommandLine {
   }
 
   // What CLI11 would answer with "A subcommand is required": no arguments, "help", an unknown command.
+  bool known(const std::string& name) {
+    for (const auto* sub : app_.get_subcommands({})) {
+      if (sub->get_name() == name) return true;
+    }
+    return false;
+  }
+
+  // A command's help, with the program's name in its usage line.
+  std::string help_of(const std::string& name) {
+    std::string text = app_.get_subcommand(name)->help();
+    const std::string bare = "Usage: " + name;
+    if (auto at = text.find(bare); at != std::string::npos) text.replace(at, bare.size(), "Usage: brenloc " + name);
+    return text;
+  }
+
   std::optional<int> answer_before_parsing(int argc, char** argv) {
     if (argc < 2) {
       std::cout << app_.help();
       return kExitOk;
     }
     const std::string first = argv[1];
-    auto known = [this](const std::string& name) {
-      for (const auto* sub : app_.get_subcommands({})) {
-        if (sub->get_name() == name) return true;
-      }
-      return false;
-    };
     const std::string asked = first == "help" && argc > 2 ? argv[2] : first;
     if ((first == "help" || asked.empty() || asked[0] != '-') && asked != "help" && !known(asked)) {
       std::cerr << "brenloc: unknown command '" << asked << "' (see brenloc --help)\n";
       return kExitUsage;
     }
     if (first == "help") {
-      std::cout << (argc > 2 ? app_.get_subcommand(asked)->help() : app_.help());
+      std::cout << (argc > 2 ? help_of(asked) : app_.help());
       return kExitOk;
     }
     return std::nullopt;
