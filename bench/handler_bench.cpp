@@ -42,7 +42,7 @@ aio::Task<Figures> measure(BenchWorker& w, int n) {
   us.reserve(n);
   for (int i = 0; i < n; ++i) {
     auto t0 = Clock::now();
-    auto response = co_await w.force_reindex(nlohmann::ordered_json::object());
+    auto response = co_await w.force_reindex(json::object());
     us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
     if (response["status"] != "accepted") std::fprintf(stderr, "unexpected: %s\n", response.dump().c_str());
     co_await aio::wait_all({w.last_run()->base()});

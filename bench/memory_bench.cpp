@@ -42,7 +42,7 @@
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-using json = nlohmann::ordered_json;
+using brenloc::json;
 
 namespace {
 

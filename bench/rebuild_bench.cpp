@@ -23,7 +23,6 @@ namespace {
 using namespace brenloc;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-using json = nlohmann::ordered_json;
 
 // Marks when the live store's swap runs.
 struct SwapWindow {

@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "brenloc/symbol_kinds.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc {
 
 namespace {
 
-using json = nlohmann::ordered_json;
 
 enum class Type { string, boolean, integer, string_array };
 
@@ -102,20 +102,6 @@ bool has_type(const json& v, Type t) {
   return false;
 }
 
-// A client's name for an argument as an error message shows it: a NUL byte would end the message early
-// (what() is a C string), so it is spelt \0.
-std::string shown_name(const std::string& name) {
-  std::string shown;
-  for (char c : name) {
-    if (c == '\0') {
-      shown += "\\0";
-    } else {
-      shown += c;
-    }
-  }
-  return shown;
-}
-
 // Whether a string, or a string of an array, holds a NUL byte: no name, path or query has one.
 bool holds_nul(const json& v) {
   if (v.is_string()) return v.get_ref<const std::string&>().find('\0') != std::string::npos;
@@ -133,7 +119,7 @@ json bind_arguments(std::string_view name, const json& params) {
     for (const auto& [key, value] : params.items()) {
       bool known = false;
       for (const auto& a : s.arguments) known = known || a.name == key;
-      if (!known) throw ArgumentError(key, "unknown argument '" + shown_name(key) + "'");
+      if (!known) throw ArgumentError(key, "unknown argument '" + utils::nul_spelt(key) + "'");
     }
   }
   json bound = json::object();

@@ -17,7 +17,7 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 namespace brenloc {
 
@@ -39,10 +39,10 @@ class UnknownTool : public std::runtime_error {
 
 // Throws ArgumentError for bad arguments, std::out_of_range for an unknown schema name. `params` may be
 // null (no arguments given).
-nlohmann::ordered_json bind_arguments(std::string_view name, const nlohmann::ordered_json& params);
+json bind_arguments(std::string_view name, const json& params);
 
 // The JSON Schema ("type": "object", "properties", "required", "additionalProperties": false) of a
 // binding, for a tool listing.
-nlohmann::ordered_json input_schema(std::string_view name);
+json input_schema(std::string_view name);
 
 }  // namespace brenloc

@@ -10,14 +10,14 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "utils/tree_fixtures.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
+using brenloc::json;
 
 struct Result {
   int code;

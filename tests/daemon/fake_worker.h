@@ -17,7 +17,6 @@
 
 namespace brenloc::testing {
 
-using json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
 // A future that the test completes by hand, for parking a coroutine at a known await.

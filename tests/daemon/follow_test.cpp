@@ -16,7 +16,6 @@
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
 using namespace std::chrono_literals;
 using Paths = std::vector<std::string>;
 

@@ -15,7 +15,6 @@
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
 const fs::path kSamples = fs::path(BRENLOC_SOURCE_DIR) / "samples/demo";

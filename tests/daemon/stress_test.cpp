@@ -17,7 +17,6 @@
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
 
 // An index pass that stores one real row set, after a random short wait, and ends as it was told.
 class RandomIndexer : public workers::Indexer {

@@ -29,7 +29,6 @@
 namespace brenloc::app {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -461,7 +460,7 @@ int run_daemon_detach() {
   return guarded([] {
     RuntimePaths paths = prepare_runtime_dir();
     int fd = connect_daemon(paths, true);
-    Json status = first_request(fd, "brenloc/status", Json::object());
+    json status = first_request(fd, "brenloc/status", json::object());
     ::close(fd);
     std::cout << fmt::format("brenloc daemon running (pid {}, socket {})", status.value("pid", 0),
                              paths.socket.string())
@@ -478,7 +477,7 @@ int run_daemon_stop() {
       std::cout << "no brenloc daemon runs" << std::endl;
       return kExitOk;
     }
-    Json status = first_request(fd, "brenloc/stop", Json::object());
+    json status = first_request(fd, "brenloc/stop", json::object());
     ::close(fd);
     // Stopped once its lock is free: the daemon lets it go last, after its workers and its socket.
     for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -499,7 +498,7 @@ int run_daemon_status() {
     RuntimePaths paths = runtime_paths();
     int fd = connect_socket(paths.socket);
     if (fd < 0) throw CommandError(kExitFailed, "no brenloc daemon runs");
-    Json status = first_request(fd, "brenloc/status", Json::object());
+    json status = first_request(fd, "brenloc/status", json::object());
     ::close(fd);
     std::cout << printed(status, 2) << std::endl;
     return kExitOk;

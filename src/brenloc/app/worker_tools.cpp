@@ -4,7 +4,6 @@
 
 namespace brenloc::app {
 
-using json = nlohmann::ordered_json;
 
 std::vector<mcp::ToolDescriptor> WorkerTools::tools() const { return worker_tool_descriptors(); }
 

@@ -19,12 +19,12 @@ class WorkerTools final : public mcp::ToolHost {
 
   std::vector<mcp::ToolDescriptor> tools() const override;
   std::string instructions() const override;
-  aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) override;
+  aio::Task<json> call_tool(std::string name, json arguments) override;
   int subscribe(mcp::BroadcastSink sink) override;
   void unsubscribe(int id) override;
 
   // The MCP log level of a status message.
-  static std::string level_of(const nlohmann::ordered_json& message);
+  static std::string level_of(const json& message);
 
  private:
   daemon::RepoWorker& worker_;

@@ -22,7 +22,6 @@
 namespace brenloc::daemon {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 namespace {
 

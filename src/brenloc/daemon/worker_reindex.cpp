@@ -16,7 +16,6 @@
 namespace brenloc::daemon {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/aio/task.h"
 #include "brenloc/daemon/worker_state.h"
@@ -39,7 +39,6 @@ class WorkerReindex : public WorkerState {
  public:
   using WorkerState::WorkerState;
 
-  using json = nlohmann::ordered_json;
   using Paths = std::vector<std::filesystem::path>;
   using PathResolution = std::pair<Paths, std::optional<std::string>>;
 

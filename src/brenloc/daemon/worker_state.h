@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 #include <spdlog/logger.h>
 
 #include "brenloc/aio/lock.h"
@@ -54,14 +54,14 @@ class WorkerState {
 
   // --- operations used by the force-reindex facility ---
   // A non-empty response dictionary when the worker refuses `tool`; empty (or null) when it may run.
-  virtual nlohmann::ordered_json _check_repository(std::string_view tool) = 0;
+  virtual json _check_repository(std::string_view tool) = 0;
   // Raise and lower the count of indexing passes under way.
   virtual aio::Task<void> _start_indexing() = 0;
   virtual aio::Task<void> _finish_indexing() = 0;
   // A scope entered around an index pass of `indexer`; never declares a failure handled.
   virtual std::unique_ptr<PassScope> _reporting_pass(workers::Indexer& indexer) = 0;
   // Sends a status message to the daemon's clients.
-  virtual aio::Task<void> broadcast_status(nlohmann::ordered_json message) = 0;
+  virtual aio::Task<void> broadcast_status(json message) = 0;
 
   // Builds an indexer (the daemon's real one; tests stand in).
   virtual std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions options);

@@ -24,9 +24,8 @@ std::optional<SymbolHit> definition_at(const FileEntry& file, int line) {
                    best->end_line, best->scope, file.file.language, 0,            first_line(*best)};
 }
 
-nlohmann::ordered_json source_answer(const SymbolHit& d, SourceFiles& sources, int max_lines,
+json source_answer(const SymbolHit& d, SourceFiles& sources, int max_lines,
                                      std::int64_t other_matches) {
-  using json = nlohmann::ordered_json;
   const int first = d.start_line > 0 ? std::min(d.start_line, d.line) : d.line;
   const int last = std::min(std::max(d.end_line, d.line), first + max_lines - 1);
   auto text = sources.lines(d.path, first, last);

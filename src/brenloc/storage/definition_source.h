@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/storage/records.h"
 #include "brenloc/storage/source_text.h"
@@ -19,7 +19,7 @@ std::optional<SymbolHit> definition_at(const FileEntry& file, int line);
 //  "other_matches"}: the definition's lines from its first (a template header or return type above the
 // name included; "start_line"), at most `max_lines` of them
 // ("truncated" when there were more); signature and source are null when the file cannot be read.
-nlohmann::ordered_json source_answer(const SymbolHit& definition, SourceFiles& sources, int max_lines,
+json source_answer(const SymbolHit& definition, SourceFiles& sources, int max_lines,
                                      std::int64_t other_matches);
 
 }  // namespace brenloc::storage

@@ -7,7 +7,6 @@
 
 namespace brenloc::storage {
 
-using json = nlohmann::ordered_json;
 
 namespace {
 

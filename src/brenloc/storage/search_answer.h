@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/storage/records.h"
 #include "brenloc/storage/source_text.h"
@@ -18,13 +18,13 @@ namespace brenloc::storage {
 //  "column", "end_line", "scope", "language", "signature"}]}; the signature is the hit's line as it is
 // on disk now (null when the file cannot be read). At most `max_bytes` of JSON (compact), unless even
 // no hit at all would not fit.
-nlohmann::ordered_json search_answer(const std::string& query, const std::string& match, const SymbolSearch& found,
+json search_answer(const std::string& query, const std::string& match, const SymbolSearch& found,
                                      SourceFiles& sources, std::size_t max_bytes);
 
 // {"path", "language", "total", "count", "truncated", "symbols": [{"name", "kind", "line", "end_line", "children"}]}:
 // the definitions of a file as a tree. A definition is a child of the nearest one before it whose lines
 // hold its line and whose name ends the scope the indexer recorded for it; the rest (a method defined
 // out of its class, say) stand at the top. Entries past `max_bytes` are left out, later ones first.
-nlohmann::ordered_json outline_answer(const FileEntry& file, std::size_t max_bytes);
+json outline_answer(const FileEntry& file, std::size_t max_bytes);
 
 }  // namespace brenloc::storage
