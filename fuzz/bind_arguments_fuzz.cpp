@@ -1,4 +1,4 @@
-// Fuzz target: the argument binder of the tools, for every schema it knows.
+// Fuzz target: the argument binder, for the argument list of every tool.
 //
 // The input is JSON text (anything else is skipped; nesting deeper than the MCP server lets through is skipped
 // too). For each schema the value either binds to a mapping with exactly the schema's keys, in its order, each
@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "brenloc/tool_binding.h"
+#include "brenloc/tools/tool_table.h"
 #include "fuzz_check.h"
 
 namespace {
@@ -24,7 +25,6 @@ using brenloc::fuzz::fail;
 using brenloc::fuzz::shown;
 using brenloc::json;
 
-constexpr std::string_view kSchemas[] = {"status", "search", "none"};
 constexpr std::size_t kMaxDepth = 128;  // what the MCP server lets through to a tool
 
 std::size_t depth(const json& v) {
@@ -125,15 +125,15 @@ void check_bound(std::string_view name, const json& schema, const json& params, 
   }
 }
 
-void check_schema(std::string_view name, const json& value) {
-  const json schema = brenloc::input_schema(name);
+void check_schema(std::string_view name, const brenloc::Arguments& arguments, const json& value) {
+  const json schema = brenloc::input_schema(arguments);
   const bool is_arguments = value.is_null() || value.is_object();
   const json params = value.is_null() ? json::object() : value;
   const auto where = [&] { return std::string(name) + " with " + shown(value.dump()); };
 
   std::optional<json> bound;
   try {
-    bound = brenloc::bind_arguments(name, value);
+    bound = brenloc::bind_arguments(arguments, value);
   } catch (const brenloc::ArgumentError& e) {
     const std::string message = e.what();
     if (!is_arguments) {
@@ -174,6 +174,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const json value = json::parse(data, data + size, nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded() || depth(value) > kMaxDepth) return -1;
-  for (auto name : kSchemas) check_schema(name, value);
+  for (const auto* tool : brenloc::tools::worker_tools()) check_schema(tool->name, tool->arguments, value);
   return 0;
 }

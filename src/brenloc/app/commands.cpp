@@ -23,6 +23,7 @@
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
 #include "brenloc/tool_binding.h"
+#include "brenloc/tools/tool_table.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/owner_lock.h"
 
@@ -382,7 +383,7 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
     }
     try {
       return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
-        co_return print(co_await worker.call_tool(name, arguments));
+        co_return print(co_await tools::call_tool(worker, name, arguments));
       });
     } catch (const utils::LockBusy& busy) {
       if (auto client = reach_owner(r, busy)) return through(*client);

@@ -1,6 +1,6 @@
-// The tools of a repository worker as the MCP server sees them: force_reindex, index_status,
-// search_symbols, file_outline and symbol_source, with their argument schemas, and the worker's status messages as MCP log levels
-// ("error" for a failed reindex, "info" otherwise).
+// The tools of a repository worker as the MCP server sees them (the table of tools/tool_table.h), what the
+// model is told about them, and the worker's status messages as MCP log levels ("error" for a failed
+// reindex, "info" otherwise).
 #pragma once
 
 #include "brenloc/daemon/worker.h"
