@@ -10,14 +10,14 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include "brenloc/json.h"
+#include <nlohmann/json.hpp>
 
 #include "utils/tree_fixtures.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using brenloc::json;
+using json = nlohmann::ordered_json;
 
 struct Result {
   int code;
