@@ -116,6 +116,7 @@ class FakeWorker : private FakeWorkerDirs, public daemon::WorkerReindex {
   std::exception_ptr start_failure, finish_failure, failure_broadcast_failure;
   std::optional<aio::Future<void>> start_gate;  // the worker's start waits for it
   std::vector<json> broadcasts;
+  int releases_running = 0;  // releases of staging databases begun and not yet ended
 
   // The paths of the live files, joined by ";".
   std::string live_files() {
@@ -150,6 +151,15 @@ class FakeWorker : private FakeWorkerDirs, public daemon::WorkerReindex {
       std::rethrow_exception(failure_broadcast_failure);
     }
     co_return;
+  }
+  aio::Task<void> _release_staging(std::optional<aio::Future<storage::Counts>> swap,
+                                   std::shared_ptr<storage::Database> staging_db, Paths sidecars,
+                                   std::shared_ptr<workers::Indexer> staging_indexer) override {
+    ++releases_running;
+    auto ended = co_await aio::outcome_of(WorkerReindex::_release_staging(std::move(swap), std::move(staging_db),
+                                                                          std::move(sidecars), std::move(staging_indexer)));
+    --releases_running;
+    std::move(ended).get();
   }
 };
 
