@@ -24,10 +24,9 @@ class InstantIndexer : public workers::Indexer {
   aio::Task<void> settle() override { co_return; }
 };
 
-class BenchWorker : public daemon::RepoWorker {
+class InstantEnv : public daemon::WorkerEnv {
  public:
-  using daemon::RepoWorker::RepoWorker;
-  std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
+  std::shared_ptr<workers::Indexer> new_indexer(workers::IndexerOptions o) override {
     return std::make_shared<InstantIndexer>(std::move(o));
   }
 };
@@ -36,13 +35,13 @@ struct Figures {
   double p50_us, p99_us, max_us;
 };
 
-aio::Task<Figures> measure(BenchWorker& w, int n) {
+aio::Task<Figures> measure(daemon::RepoWorker& w, int n) {
   co_await w.start();
   std::vector<double> us;
   us.reserve(n);
   for (int i = 0; i < n; ++i) {
     auto t0 = Clock::now();
-    auto response = co_await w.force_reindex(nlohmann::ordered_json::object());
+    auto response = co_await w.force_reindex(json::object());
     us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
     if (response["status"] != "accepted") std::fprintf(stderr, "unexpected: %s\n", response.dump().c_str());
     co_await aio::wait_all({w.last_run()->base()});
@@ -64,7 +63,8 @@ int main() {
     if (!fs::exists(root)) continue;
     fs::remove_all(data / "index");
     aio::EventLoop loop;
-    BenchWorker w(root, data / "index");
+    InstantEnv env;
+    daemon::RepoWorker w(root, data / "index", {}, env);
     Figures f = aio::run_until_complete(loop, measure(w, n));
     std::printf("%-28s %10.1f %10.1f %10.1f\n", root.string().c_str(), f.p50_us, f.p99_us, f.max_us);
   }

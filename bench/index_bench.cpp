@@ -26,7 +26,7 @@
 #include <thread>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/aio/task.h"
 #include "brenloc/daemon/offload.h"
@@ -58,7 +58,7 @@ rusage self_usage() {
 
 void print(const std::string& mode, const std::string& dir, int threads, double seconds, const rusage& ru,
            std::int64_t files, std::int64_t bytes, std::int64_t symbols = 0) {
-  nlohmann::ordered_json j{{"mode", mode},
+  json j{{"mode", mode},
                            {"dir", dir},
                            {"threads", threads},
                            {"seconds", seconds},

@@ -29,8 +29,8 @@
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
+using brenloc::json;
 namespace aio = brenloc::aio;
 namespace mcp = brenloc::mcp;
 
@@ -61,9 +61,9 @@ void write_all(int fd, const char* data, std::size_t size) {
 
 class CheapHost : public mcp::ToolHost {
  public:
-  std::vector<mcp::ToolDescriptor> tools() const override { return {{"index_status", "status", Json{{"type", "object"}}}}; }
-  aio::Task<Json> call_tool(std::string name, Json arguments) override {
-    co_return Json{{"repo_root", "/src/project"}, {"data_dir", "/data/project-0badf00d"}, {"indexing", false},
+  std::vector<mcp::ToolDescriptor> tools() const override { return {{"index_status", "status", json{{"type", "object"}}}}; }
+  aio::Task<json> call_tool(std::string name, json arguments) override {
+    co_return json{{"repo_root", "/src/project"}, {"data_dir", "/data/project-0badf00d"}, {"indexing", false},
                    {"last_reindex_error", nullptr}, {"rebuild_refusal", nullptr}, {"files", 1234},
                    {"symbols", 56789}, {"last_index", nullptr}};
   }
@@ -194,10 +194,10 @@ Batch run_lockstep(Responder& r, const std::vector<std::string>& lines) {
   return {latency[latency.size() / 2], latency[latency.size() * 99 / 100], static_cast<double>(lines.size()) / span};
 }
 
-std::vector<std::string> requests(const std::string& method, const Json& params) {
+std::vector<std::string> requests(const std::string& method, const json& params) {
   std::vector<std::string> out;
   for (int i = 0; i < kRequests; ++i) {
-    Json m = {{"jsonrpc", "2.0"}, {"id", i}, {"method", method}};
+    json m = {{"jsonrpc", "2.0"}, {"id", i}, {"method", method}};
     if (!params.is_null()) m["params"] = params;
     out.push_back(m.dump() + "\n");
   }
@@ -227,7 +227,7 @@ void measure(benchmark::State& state, const std::vector<std::string>& lines, boo
 }
 
 std::vector<std::string> tool_calls() {
-  return requests("tools/call", {{"name", "index_status"}, {"arguments", Json::object()}});
+  return requests("tools/call", {{"name", "index_status"}, {"arguments", json::object()}});
 }
 
 void RawPipeEcho(benchmark::State& state) { measure<EchoResponder>(state, requests("ping", nullptr)); }

@@ -36,13 +36,14 @@
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/passes.h"
 #include "brenloc/daemon/worker.h"
+#include "brenloc/tools/tool_table.h"
 #include "brenloc/storage/name_catalog.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/malloc_policy.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-using json = nlohmann::ordered_json;
+using brenloc::json;
 
 namespace {
 
@@ -172,7 +173,7 @@ class Bench : public brenloc::daemon::RepoWorker {
     const auto calls = search_calls();
     for (int r = 0; until ? !until->load() : r < rounds; ++r) {
       for (const auto& [tool, args] : calls) {
-        json answer = co_await call_tool(tool, args);
+        json answer = co_await brenloc::tools::call_tool(*this, tool, args);
         if (answer.contains("error")) std::fprintf(stderr, "%s %s: %s\n", tool.c_str(), args.dump().c_str(),
                                                    answer.dump().c_str());
       }

@@ -25,13 +25,14 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/engines/languages.h"
 #include "brenloc/engines/symbols.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using brenloc::json;
 using brenloc::engines::extract_symbols;
 using brenloc::engines::language_for_path;
 using brenloc::engines::parse_only;

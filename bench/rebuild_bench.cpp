@@ -23,7 +23,6 @@ namespace {
 using namespace brenloc;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-using json = nlohmann::ordered_json;
 
 // Marks when the live store's swap runs.
 struct SwapWindow {
@@ -44,11 +43,12 @@ class TimedRepository : public storage::Repository {
   SwapWindow& w_;
 };
 
-class BenchWorker : public daemon::RepoWorker {
+// Makes the live store a timed one.
+class TimedEnv : public daemon::WorkerEnv {
  public:
-  BenchWorker(const fs::path& root, const fs::path& data, SwapWindow& w) : RepoWorker(root, data), w_(w) {}
-  std::shared_ptr<storage::Repository> _new_repository(std::shared_ptr<storage::Database> db) override {
-    if (db->path().filename() != "index.db") return RepoWorker::_new_repository(std::move(db));
+  explicit TimedEnv(SwapWindow& w) : w_(w) {}
+  std::shared_ptr<storage::Repository> new_repository(std::shared_ptr<storage::Database> db) override {
+    if (db->path().filename() != "index.db") return WorkerEnv::new_repository(std::move(db));
     live = std::make_shared<TimedRepository>(std::move(db), w_);
     return live;
   }
@@ -58,13 +58,18 @@ class BenchWorker : public daemon::RepoWorker {
   SwapWindow& w_;
 };
 
+class BenchWorker : public TimedEnv, public daemon::RepoWorker {
+ public:
+  BenchWorker(const fs::path& root, const fs::path& data, SwapWindow& w) : TimedEnv(w), RepoWorker(root, data, {}, *this) {}
+};
+
 aio::Task<double> timed_reindex(BenchWorker& w, json params) {
   auto t0 = Clock::now();
   json response = co_await w.force_reindex(std::move(params));
   if (response["status"] != "accepted") std::fprintf(stderr, "not accepted: %s\n", response.dump().c_str());
   co_await aio::wait_all({w.last_run()->base()});
-  json status = co_await w.index_status();
-  if (!status["last_reindex_error"].is_null()) std::fprintf(stderr, "reindex error: %s\n", status["last_reindex_error"].dump().c_str());
+  auto status = co_await w.status();
+  if (status.last_reindex_error) std::fprintf(stderr, "reindex error: %s\n", status.last_reindex_error->c_str());
   co_return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
@@ -95,7 +100,7 @@ struct Round {
 };
 
 aio::Task<double> last_pass_seconds(BenchWorker& w) {
-  json info = (co_await w.index_status())["last_index"];
+  json info = (co_await w.status()).last_index;
   co_return info.is_object() ? info.value("duration_seconds", 0.0) : 0.0;
 }
 

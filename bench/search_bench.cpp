@@ -186,9 +186,20 @@ class TimedRepository : public Repository {
 
 // A worker over the index on a thread of its own, as the daemon's (without following the tree): it
 // rebuilds the index once when asked to.
-class Rebuilder : public brenloc::daemon::RepoWorker {
+// Makes the live store a timed one.
+class TimedEnv : public brenloc::daemon::WorkerEnv {
  public:
-  Rebuilder(const fs::path& root, const fs::path& data) : RepoWorker(root, data) {
+  std::shared_ptr<Repository> new_repository(std::shared_ptr<Database> db) override {
+    if (db->path().filename() != "index.db") return WorkerEnv::new_repository(std::move(db));
+    live = std::make_shared<TimedRepository>(std::move(db));
+    return live;
+  }
+  std::shared_ptr<TimedRepository> live;
+};
+
+class Rebuilder : public TimedEnv, public brenloc::daemon::RepoWorker {
+ public:
+  Rebuilder(const fs::path& root, const fs::path& data) : RepoWorker(root, data, {}, *this) {
     thread_ = std::thread([this] { brenloc::aio::run_until_complete(loop_, body()); });
     while (!ready_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
@@ -197,13 +208,6 @@ class Rebuilder : public brenloc::daemon::RepoWorker {
     thread_.join();
   }
 
-  std::shared_ptr<Repository> _new_repository(std::shared_ptr<Database> db) override {
-    if (db->path().filename() != "index.db") return RepoWorker::_new_repository(std::move(db));
-    live = std::make_shared<TimedRepository>(std::move(db));
-    return live;
-  }
-
-  std::shared_ptr<TimedRepository> live;
   std::atomic<bool> go_{false}, done_{false};
   double seconds = 0;
 

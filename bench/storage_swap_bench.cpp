@@ -45,7 +45,7 @@ const std::vector<std::string> kWords = {
     "cache", "entry",  "table", "record", "open",  "close", "find",   "update", "make",  "visit"};
 const std::vector<std::string> kKinds = {"function", "method", "class", "field", "variable", "macro", "enum"};
 
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+double seconds_of(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 std::string identifier(std::mt19937& rng) {
   std::uniform_int_distribution<std::size_t> word(0, kWords.size() - 1);
@@ -127,10 +127,10 @@ Timed copy_with_sql(Database& live, const fs::path& staging, const std::vector<s
     auto locked = Clock::now();
     for (const auto& sql : body) run(sql);
     run("COMMIT");
-    t.locked = seconds(Clock::now() - locked);
+    t.locked = seconds_of(Clock::now() - locked);
     run("DETACH DATABASE staging");
   });
-  t.total = seconds(Clock::now() - start);
+  t.total = seconds_of(Clock::now() - start);
   return t;
 }
 
@@ -313,7 +313,7 @@ int main(int argc, char** argv) {
       } catch (const std::exception&) {
         ++failures;
       }
-      double ms = seconds(Clock::now() - start) * 1000;
+      double ms = seconds_of(Clock::now() - start) * 1000;
       if (phase == before && before == 0) idle_ms.push_back(ms);
       if (phase == before && before == 1) swap_ms.push_back(ms);
     }
@@ -353,7 +353,7 @@ int main(int argc, char** argv) {
       auto q = random_query(rng, m, names);
       auto start = Clock::now();
       hits += repo->search_symbols(q).size();
-      ms.push_back(seconds(Clock::now() - start) * 1000);
+      ms.push_back(seconds_of(Clock::now() - start) * 1000);
     }
     std::printf("%-22s | %8.3f | %8.3f | %8.1f\n", labels[m], percentile(ms, 0.5), percentile(ms, 0.99),
                 static_cast<double>(hits) / 200);

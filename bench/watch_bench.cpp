@@ -155,9 +155,9 @@ double percentile(std::vector<double> v, double p) {
 
 // Whether search_symbols finds `name` defined in `rel`.
 aio::Task<bool> found(daemon::RepoWorker& w, const std::string& name, const std::string& rel) {
-  auto answer = co_await w.search_symbols({{"query", name}, {"limit", 5}});
-  for (const auto& r : answer["results"]) {
-    if (r["name"] == name && r["path"] == rel) co_return true;
+  auto answer = co_await w.search({.query = name, .limit = 5});
+  for (const auto& hit : answer.found.hits) {
+    if (hit.name == name && hit.path == rel) co_return true;
   }
   co_return false;
 }

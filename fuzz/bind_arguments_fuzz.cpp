@@ -1,4 +1,4 @@
-// Fuzz target: the argument binder of the tools, for every schema it knows.
+// Fuzz target: the argument binder, for the argument list of every tool.
 //
 // The input is JSON text (anything else is skipped; nesting deeper than the MCP server lets through is skipped
 // too). For each schema the value either binds to a mapping with exactly the schema's keys, in its order, each
@@ -8,33 +8,33 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 
 #include "brenloc/tool_binding.h"
+#include "brenloc/tools/tool_table.h"
 #include "fuzz_check.h"
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 using brenloc::fuzz::check;
 using brenloc::fuzz::fail;
 using brenloc::fuzz::shown;
+using brenloc::json;
 
-constexpr std::string_view kSchemas[] = {"status", "search", "none"};
 constexpr std::size_t kMaxDepth = 128;  // what the MCP server lets through to a tool
 
-std::size_t depth(const Json& v) {
+std::size_t depth(const json& v) {
   if (!v.is_structured()) return 0;
   std::size_t deepest = 0;
   for (const auto& child : v) deepest = std::max(deepest, depth(child));
   return deepest + 1;
 }
 
-bool within(const Json& value, const Json& property) {
+bool within(const json& value, const json& property) {
   const bool has_min = property.contains("minimum");
   const bool has_max = property.contains("maximum");
   if (value.is_number_unsigned()) {
@@ -52,7 +52,7 @@ bool within(const Json& value, const Json& property) {
 }
 
 // Whether `value` is what the schema's `property` describes.
-bool conforms(const Json& value, const Json& property) {
+bool conforms(const json& value, const json& property) {
   const std::string type = property.at("type").get<std::string>();
   if (type == "string") {
     return value.is_string() &&
@@ -72,12 +72,12 @@ bool conforms(const Json& value, const Json& property) {
 
 // The arguments that make `params` wrong for `schema`: unknown, missing although required, or of the wrong
 // type or range. Empty when the arguments are right.
-std::set<std::string> wrong_arguments(const Json& schema, const Json& params) {
+std::set<std::string> wrong_arguments(const json& schema, const json& params) {
   std::set<std::string> wrong;
-  const Json& properties = schema.at("properties");
-  const Json required = schema.value("required", Json::array());
+  const json& properties = schema.at("properties");
+  const json required = schema.value("required", json::array());
   for (const auto& [key, value] : params.items()) {
-    const bool optional = std::find(required.begin(), required.end(), Json(key)) == required.end();
+    const bool optional = std::find(required.begin(), required.end(), json(key)) == required.end();
     if (value.is_null() && optional && properties.contains(key)) continue;  // null reads as absent
     if (!properties.contains(key)) {
       check(schema.value("additionalProperties", true) == false, "a schema that allows any argument");
@@ -86,7 +86,7 @@ std::set<std::string> wrong_arguments(const Json& schema, const Json& params) {
       wrong.insert(key);
     }
   }
-  for (const auto& name : schema.value("required", Json::array())) {
+  for (const auto& name : schema.value("required", json::array())) {
     if (!params.contains(name.get<std::string>())) wrong.insert(name.get<std::string>());
   }
   return wrong;
@@ -99,18 +99,18 @@ std::string as_shown(const std::string& name) {
   return out;
 }
 
-void check_bound(std::string_view name, const Json& schema, const Json& params, const Json& bound) {
+void check_bound(std::string_view name, const json& schema, const json& params, const json& bound) {
   const auto where = [&] {
     return std::string(name) + " with " + shown(params.dump()) + ": bound " + shown(bound.dump());
   };
   check(bound.is_object(), [&] { return where() + " is not an object"; });
-  const Json& properties = schema.at("properties");
+  const json& properties = schema.at("properties");
   check(bound.size() == properties.size(), [&] { return where() + " does not have exactly the schema's keys"; });
   auto it = bound.begin();
   for (const auto& [key, property] : properties.items()) {
     check(it.key() == key,
           [&] { return where() + ": key " + shown(it.key()) + " where the schema has " + shown(key); });
-    const Json& value = it.value();
+    const json& value = it.value();
     if (params.contains(key) && !params[key].is_null()) {
       check(value == params[key], [&] { return where() + ": argument '" + key + "' is not the value given"; });
     } else if (property.contains("default")) {
@@ -125,15 +125,15 @@ void check_bound(std::string_view name, const Json& schema, const Json& params, 
   }
 }
 
-void check_schema(std::string_view name, const Json& value) {
-  const Json schema = brenloc::input_schema(name);
+void check_schema(std::string_view name, const brenloc::Arguments& arguments, const json& value) {
+  const json schema = brenloc::input_schema(arguments);
   const bool is_arguments = value.is_null() || value.is_object();
-  const Json params = value.is_null() ? Json::object() : value;
+  const json params = value.is_null() ? json::object() : value;
   const auto where = [&] { return std::string(name) + " with " + shown(value.dump()); };
 
-  std::optional<Json> bound;
+  std::optional<json> bound;
   try {
-    bound = brenloc::bind_arguments(name, value);
+    bound = brenloc::bind_arguments(arguments, value);
   } catch (const brenloc::ArgumentError& e) {
     const std::string message = e.what();
     if (!is_arguments) {
@@ -172,8 +172,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const Json value = Json::parse(data, data + size, nullptr, /*allow_exceptions=*/false);
+  const json value = json::parse(data, data + size, nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded() || depth(value) > kMaxDepth) return -1;
-  for (auto name : kSchemas) check_schema(name, value);
+  for (const auto* tool : brenloc::tools::worker_tools()) check_schema(tool->name, tool->arguments, value);
   return 0;
 }

@@ -26,6 +26,7 @@
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
 #include "brenloc/tool_binding.h"
+#include "brenloc/tools/tool_table.h"
 #include "brenloc/utils/logging.h"
 #include "fuzz_check.h"
 
@@ -46,20 +47,27 @@ constexpr std::size_t kMaxDepth = 128;
 constexpr std::string_view kLevels[] = {"debug", "info",     "notice", "warning",
                                         "error", "critical", "alert",  "emergency"};
 
+// The argument lists of three of the worker's tools, by the names of the stand-in tools that bind them.
+const brenloc::Arguments& arguments_of(std::string_view name) {
+  if (name == "search") return brenloc::tools::find_tool("search_symbols").arguments;
+  if (name == "none") return brenloc::tools::find_tool("index_status").arguments;
+  return brenloc::argument_list("status");
+}
+
 class StandInHost final : public mcp::ToolHost {
  public:
   std::vector<mcp::ToolDescriptor> tools() const override {
     return {{"echo", "Returns its arguments", OJson{{"type", "object"}}},
-            {"search", "Binds its arguments", brenloc::input_schema("search")},
-            {"status", "Binds its arguments", brenloc::input_schema("status")},
-            {"none", "Takes no arguments", brenloc::input_schema("none")},
+            {"search", "Binds its arguments", brenloc::input_schema(arguments_of("search"))},
+            {"status", "Binds its arguments", brenloc::input_schema(arguments_of("status"))},
+            {"none", "Takes no arguments", brenloc::input_schema(arguments_of("none"))},
             {"shout", "Broadcasts its arguments", OJson()},
             {"fail", "Always fails", OJson()}};
   }
 
   aio::Task<OJson> call_tool(std::string name, OJson arguments) override {
     if (name == "echo") co_return arguments.is_null() ? OJson::object() : arguments;
-    if (name == "search" || name == "status" || name == "none") co_return brenloc::bind_arguments(name, arguments);
+    if (name == "search" || name == "status" || name == "none") co_return brenloc::bind_arguments(arguments_of(name), arguments);
     if (name == "shout") {
       std::string level = "info";
       if (arguments.is_object() && arguments.contains("level") && arguments["level"].is_string()) {

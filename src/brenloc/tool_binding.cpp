@@ -1,80 +1,26 @@
 #include "brenloc/tool_binding.h"
 
 #include <algorithm>
-#include <optional>
-#include <span>
 #include <vector>
 
-#include "brenloc/symbol_kinds.h"
+#include "brenloc/utils/path_text.h"
 
 namespace brenloc {
 
 namespace {
 
-using json = nlohmann::ordered_json;
+using Type = ArgumentType;
 
-enum class Type { string, boolean, integer, string_array };
-
-struct Argument {
-  std::string_view name;
-  Type type;
-  bool required;
-  json default_value;  // null: absent when omitted
-  std::string_view description;
-  std::optional<std::int64_t> min, max;  // an integer's range, a string's largest length
-  // A string argument that must be one of these, compared ignoring ASCII case and bound in lower case.
-  std::span<const std::string_view> one_of = {};
-};
-
-constexpr std::string_view kMatchModes[] = {"auto", "exact", "prefix", "substring", "fuzzy"};
-
-struct Schema {
-  std::string_view name;
-  std::vector<Argument> arguments;
-};
-
-const std::vector<Schema>& schemas() {
-  static const std::vector<Schema> all = {
-      {"status",
-       {{"paths", Type::string_array, false, json::array(),
-         "Files or directories to reindex, absolute or relative to the repository root; empty means the "
-         "whole repository",
-         {}, {}},
-        {"clear_existing", Type::boolean, false, false,
-         "Rebuild the whole index from scratch (only when no paths are given)", {}, {}}}},
-      {"search",
-       {{"query", Type::string, true, nullptr,
-         "Name to look for: a whole name, its start, a part of it or its letters in order (\"gSB\" finds "
-         "getStatusBar); \"Cart.add\" also asks for the scope; * and ? are wildcards",
-         {}, 1000},
-        {"match", Type::string, false, "auto",
-         "How the query matches: auto (every way, best first), exact, prefix, substring or fuzzy", {}, {},
-         kMatchModes},
-        {"kind", Type::string, false, nullptr, "Only symbols of this kind", {}, {}, kSymbolKinds},
-        {"path", Type::string, false, nullptr,
-         "Only files under this directory, or matching this glob, relative to the repository root", {}, {}},
-        {"language", Type::string, false, nullptr, "Only files of this language", {}, {}, kLanguages},
-        {"limit", Type::integer, false, 20, "Largest number of results", 1, 1000},
-        {"max_bytes", Type::integer, false, 16384, "Largest size of the answer in bytes of JSON; hits are cut to fit",
-         1024, 1048576}}},
-      {"outline", {{"path", Type::string, true, nullptr, "File, relative to the repository root", {}, {}}}},
-      {"source",
-       {{"name", Type::string, false, nullptr, "Name of the definition (\"Cart.add\" also asks for the scope)", {}, {}},
-        {"path", Type::string, false, nullptr, "File of the definition, relative to the repository root", {}, {}},
-        {"kind", Type::string, false, nullptr, "Kind of the definition", {}, {}, kSymbolKinds},
-        {"line", Type::integer, false, nullptr, "A line of the definition in that file (instead of a name)", 1,
-         100000000},
-        {"max_lines", Type::integer, false, 200, "Largest number of lines of source", 1, 5000}}},
-      {"none", {}},
+// The force_reindex request's arguments: the reindex handler binds them by this list's name.
+const Arguments& status_arguments() {
+  static const Arguments list = {
+      {"paths", Type::string_array, false, json::array(),
+       "Files or directories to reindex, absolute or relative to the repository root; empty means the whole "
+       "repository"},
+      {"clear_existing", Type::boolean, false, false,
+       "Rebuild the whole index from scratch (only when no paths are given)"},
   };
-  return all;
-}
-
-const Schema& schema(std::string_view name) {
-  for (const auto& s : schemas()) {
-    if (s.name == name) return s;
-  }
-  throw std::out_of_range("no argument schema called '" + std::string(name) + "'");
+  return list;
 }
 
 std::string_view type_name(Type t) {
@@ -102,20 +48,6 @@ bool has_type(const json& v, Type t) {
   return false;
 }
 
-// A client's name for an argument as an error message shows it: a NUL byte would end the message early
-// (what() is a C string), so it is spelt \0.
-std::string shown_name(const std::string& name) {
-  std::string shown;
-  for (char c : name) {
-    if (c == '\0') {
-      shown += "\\0";
-    } else {
-      shown += c;
-    }
-  }
-  return shown;
-}
-
 // Whether a string, or a string of an array, holds a NUL byte: no name, path or query has one.
 bool holds_nul(const json& v) {
   if (v.is_string()) return v.get_ref<const std::string&>().find('\0') != std::string::npos;
@@ -124,20 +56,26 @@ bool holds_nul(const json& v) {
 
 }  // namespace
 
-json bind_arguments(std::string_view name, const json& params) {
-  const Schema& s = schema(name);
+const Arguments& argument_list(std::string_view name) {
+  if (name == "status") return status_arguments();
+  throw std::out_of_range("no argument schema called '" + std::string(name) + "'");
+}
+
+json bind_arguments(std::string_view name, const json& params) { return bind_arguments(argument_list(name), params); }
+
+json bind_arguments(const Arguments& arguments, const json& params) {
   if (!params.is_null() && !params.is_object()) {
     throw ArgumentError("", "arguments must be an object");
   }
   if (params.is_object()) {
     for (const auto& [key, value] : params.items()) {
       bool known = false;
-      for (const auto& a : s.arguments) known = known || a.name == key;
-      if (!known) throw ArgumentError(key, "unknown argument '" + shown_name(key) + "'");
+      for (const auto& a : arguments) known = known || a.name == key;
+      if (!known) throw ArgumentError(key, "unknown argument '" + utils::nul_spelt(key) + "'");
     }
   }
   json bound = json::object();
-  for (const auto& a : s.arguments) {
+  for (const auto& a : arguments) {
     std::string key(a.name);
     // An optional argument given as null reads as absent (clients spell "not given" both ways).
     if (!params.is_object() || !params.contains(key) || (params.at(key).is_null() && !a.required)) {
@@ -176,11 +114,12 @@ json bind_arguments(std::string_view name, const json& params) {
   return bound;
 }
 
-json input_schema(std::string_view name) {
-  const Schema& s = schema(name);
+json input_schema(std::string_view name) { return input_schema(argument_list(name)); }
+
+json input_schema(const Arguments& arguments) {
   json properties = json::object();
   json required = json::array();
-  for (const auto& a : s.arguments) {
+  for (const auto& a : arguments) {
     json p = json::object();
     switch (a.type) {
       case Type::string: p["type"] = "string"; break;

@@ -16,7 +16,6 @@
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
 using namespace std::chrono_literals;
 using Paths = std::vector<std::string>;
 
@@ -35,10 +34,10 @@ aio::Task<void> until(const std::function<bool()>& done, const std::string& what
 
 // The files defining `name`, per the worker's search.
 aio::Task<Paths> defined_in(daemon::RepoWorker& w, const std::string& name) {
-  json answer = co_await w.search_symbols(json{{"query", name}, {"limit", 100}});
+  auto answer = co_await w.search({.query = name, .limit = 100});
   Paths out;
-  for (const auto& r : answer["results"]) {
-    if (r["name"] == name) out.push_back(r["path"].get<std::string>());
+  for (const auto& hit : answer.found.hits) {
+    if (hit.name == name) out.push_back(hit.path);
   }
   std::sort(out.begin(), out.end());
   co_return out;
@@ -98,7 +97,7 @@ TEST(Follow, ADirectoryReachedTwiceIsFollowedUnderOnePath) {
     mounted.at = f.at("b");
     auto reindex = [&](json args) -> aio::Task<void> {
       while ((co_await w.force_reindex(args))["status"] == "in_progress") co_await aio::sleep_for(5ms);
-      co_await aio::wait_all({w._indexer_task->base()});
+      co_await aio::wait_all({w.last_run()->base()});
     };
     co_await reindex(json::object());  // a mount sends no event: a whole pass sees it
     co_await expect_defined(w, "alpha", {"a/x.py"});
@@ -109,7 +108,7 @@ TEST(Follow, ADirectoryReachedTwiceIsFollowedUnderOnePath) {
     co_await expect_defined(w, "beta", {"a/y.py"});
     fs::remove(f.at("a/x.py"));
     co_await expect_defined(w, "alpha", {});
-    EXPECT_EQ((co_await w.index_status())["left_out"]["first"][0]["skipped"], "same directory as a");
+    EXPECT_EQ((co_await w.status()).left_out.first.at(0).error, "same directory as a");
   });
   if (!mounted.at) GTEST_SKIP() << "cannot bind-mount (needs root)";
 }
@@ -167,9 +166,9 @@ TEST(Follow, ChangesOfTheTreeReachTheIndex) {
         co_await until([&] { return w.follower()->watches() == want; }, fmt::format("{} watches", want));
       }
     }
-    json status = co_await w.index_status();
-    EXPECT_EQ(status["watch"], "inotify");
-    EXPECT_GE(status["watches"].get<int>(), 4);  // ., d, d/later, .git/info
+    auto status = co_await w.status();
+    EXPECT_EQ(status.watch, daemon::TreeFollower::Mode::inotify);
+    EXPECT_GE(status.watches, 4u);  // ., d, d/later, .git/info
   });
 }
 
@@ -217,7 +216,7 @@ TEST(Follow, ABurstOfChangesEndsInFewPasses) {
     for (int i = 0; i < 2000; ++i) write_file(f.at(fmt::format("s{}/f{}.py", i % 20, i)), py(fmt::format("burst_{}", i)));
     co_await expect_defined(w, "burst_1999", {"s19/f1999.py"});
     co_await until([&] { return !w.busy(); }, "the passes have ended");
-    EXPECT_EQ((co_await w.index_status())["files"], 2000);
+    EXPECT_EQ((co_await w.status()).files, 2000);
     EXPECT_LE(w.follower()->passes() - before, 6);
   });
 }
@@ -236,7 +235,7 @@ TEST(Follow, AQueueOverflowIsAnsweredByAWholePass) {
     for (long i = 0; i < files; ++i) write_file(f.at(fmt::format("o/f{}.py", i)), py(fmt::format("flood_{}", i)));
     co_await expect_defined(w, fmt::format("flood_{}", files - 1), {fmt::format("o/f{}.py", files - 1)});
     co_await until([&] { return !w.busy(); }, "the passes have ended");
-    EXPECT_EQ((co_await w.index_status())["files"], files + 1);
+    EXPECT_EQ((co_await w.status()).files, files + 1);
   });
 }
 
@@ -248,19 +247,18 @@ TEST(Follow, OutOfWatchesTheWorkerPolls) {
   Follow f(o);
   for (int i = 0; i < 5; ++i) write_file(f.at(fmt::format("d{}/f.py", i)), py(fmt::format("polled_{}", i)));
   f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
-    json status = co_await w.index_status();
-    EXPECT_EQ(status["watch"], "polling");
-    EXPECT_EQ(status["watches"], 0);
+    auto status = co_await w.status();
+    EXPECT_EQ(status.watch, daemon::TreeFollower::Mode::polling);
+    EXPECT_EQ(status.watches, 0u);
     co_await expect_defined(w, "polled_4", {"d4/f.py"});
     write_file(f.at("d4/g.py"), py("polled_4"));
     co_await expect_defined(w, "polled_4", {"d4/f.py", "d4/g.py"});
   });
 }
 
-// A worker whose full rebuild lets the test change the tree after the staging pass has read it.
-class EditDuringRebuild : public daemon::RepoWorker {
+// A full rebuild that lets the test change the tree after the staging pass has read it.
+class EditDuringRebuild : public daemon::WorkerEnv {
  public:
-  using RepoWorker::RepoWorker;
   std::function<void()> after_staging_pass;
 
   class Staging : public workers::Indexer {
@@ -276,9 +274,9 @@ class EditDuringRebuild : public daemon::RepoWorker {
    private:
     EditDuringRebuild& w_;
   };
-  std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
-    if (o.repository != _repository) return std::make_shared<Staging>(std::move(o), *this);
-    return RepoWorker::_new_indexer(std::move(o));
+  std::shared_ptr<workers::Indexer> new_indexer(workers::IndexerOptions o) override {
+    if (o.background) return std::make_shared<Staging>(std::move(o), *this);  // a rebuild's staging pass
+    return WorkerEnv::new_indexer(std::move(o));
   }
 };
 
@@ -286,11 +284,12 @@ TEST(Follow, AnEditDuringAFullRebuildIsIndexedAfterTheSwap) {
   TempDir root, data;
   write_file(root.path() / "a.py", py("before"));
   aio::EventLoop loop;
-  EditDuringRebuild w(root.path(), data.path(), watching());
+  EditDuringRebuild env;
+  daemon::RepoWorker w(root.path(), data.path(), watching(), env);
   aio::run_until_complete(loop, [&]() -> aio::Task<void> {
     co_await w.start();
     co_await until([&] { return !w.follower()->first_pass_pending(); }, "the first pass has ended");
-    w.after_staging_pass = [&] { write_file(root.path() / "a.py", py("after")); };
+    env.after_staging_pass = [&] { write_file(root.path() / "a.py", py("after")); };
     json answer = co_await w.force_reindex({{"clear_existing", true}});
     EXPECT_EQ(answer["status"], "accepted");
     const int passes = w.follower()->passes();
@@ -312,8 +311,7 @@ TEST(Follow, ThePassAtStartCatchesUp) {
     daemon::RepoWorker w(root.path(), data.path());  // not following: nothing indexed
     aio::run_until_complete(loop, [&]() -> aio::Task<void> {
       co_await w.start();
-      json answer = co_await w.search_symbols({{"query", "start_1"}});
-      EXPECT_EQ(answer["note"], "the index is empty: call force_reindex");
+      EXPECT_EQ((co_await w.search({.query = "start_1"})).note, "the index is empty: call force_reindex");
       co_await w.stop();
     }());
   }
@@ -328,20 +326,21 @@ TEST(Follow, ThePassAtStartCatchesUp) {
       co_await w.start();
       // Said from the start, while the watches are set up before the pass: a caller that waits for
       // indexing to end must not stop before the pass has begun.
-      EXPECT_EQ((co_await w.index_status())["indexing"], true);
+      EXPECT_TRUE((co_await w.status()).indexing);
       if (!second) {
         co_await until([&] { return w.busy(); }, "the first pass has begun");
         EXPECT_EQ((co_await w.force_reindex(json::object()))["status"], "in_progress");
-        json answer = co_await w.search_symbols({{"query", "start_1"}});
-        EXPECT_TRUE(answer["note"].get<std::string>().starts_with("indexing: ")) << answer.dump();
+        const std::string note = (co_await w.search({.query = "start_1"})).note;
+        EXPECT_TRUE(note.starts_with("indexing: ")) << note;
       }
       co_await until([&] { return !w.follower()->first_pass_pending(); }, "the first pass has ended");
-      EXPECT_EQ((co_await w.index_status())["indexing"], false);
-      json answer = co_await w.search_symbols({{"query", "start_12"}});
-      EXPECT_FALSE(answer.contains("note")) << answer.dump();
+      EXPECT_FALSE((co_await w.status()).indexing);
+      const std::string note = (co_await w.search({.query = "start_12"})).note;
+      EXPECT_TRUE(note.empty()) << note;
       co_await expect_defined(w, "start_0", second ? Paths{} : Paths{"p0.py"});
       EXPECT_EQ(co_await defined_in(w, "start_new"), second ? Paths{"new.py"} : Paths{});
-      EXPECT_EQ((co_await w.index_status())["watch"], second ? "inotify" : "off");
+      EXPECT_EQ((co_await w.status()).watch,
+                second ? daemon::TreeFollower::Mode::inotify : daemon::TreeFollower::Mode::off);
       co_await w.stop();
     }());
   }

@@ -44,7 +44,7 @@ TEST(RunRecord, AnUnfinishedRunIsToldOnceAsInterrupted) {
         << *told;
     EXPECT_TRUE(told->ends_with(c.told)) << *told;
     EXPECT_EQ(after->state, "interrupted");
-    EXPECT_EQ(after->outcome, (nlohmann::ordered_json{{"type", "reindex_failed"}, {"error", *told}}));
+    EXPECT_EQ(after->outcome, (json{{"type", "reindex_failed"}, {"error", *told}}));
     EXPECT_FALSE(settle_interrupted_run(dir.path()));  // told once
   }
 }

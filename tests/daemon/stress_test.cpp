@@ -17,8 +17,6 @@
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
-
 // An index pass that stores one real row set, after a random short wait, and ends as it was told.
 class RandomIndexer : public workers::Indexer {
  public:
@@ -44,25 +42,33 @@ class RandomIndexer : public workers::Indexer {
   int wait_us_;
 };
 
+// Indexers whose passes end at random.
+class RandomEnv : public daemon::WorkerEnv {
+ public:
+  explicit RandomEnv(std::mt19937& rng) : rng_(rng) {}
+  std::shared_ptr<workers::Indexer> new_indexer(workers::IndexerOptions o) override {
+    auto end = static_cast<RandomIndexer::End>(std::uniform_int_distribution<int>(0, 2)(rng_));
+    return std::make_shared<RandomIndexer>(std::move(o), end, std::uniform_int_distribution<int>(0, 3000)(rng_));
+  }
+
+ private:
+  std::mt19937& rng_;
+};
+
 class StressWorker : public daemon::RepoWorker {
  public:
-  StressWorker(const fs::path& root, const fs::path& data, std::mt19937& rng) : RepoWorker(root, data), rng_(rng) {}
+  StressWorker(const fs::path& root, const fs::path& data, RandomEnv& env) : RepoWorker(root, data, {}, env) {}
+  using RepoWorker::_handle_force_reindex;
 
   std::vector<std::string> violations;
   int runs = 0;
 
-  std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions o) override {
-    auto end = static_cast<RandomIndexer::End>(std::uniform_int_distribution<int>(0, 2)(rng_));
-    return std::make_shared<RandomIndexer>(std::move(o), end, std::uniform_int_distribution<int>(0, 3000)(rng_));
-  }
+ protected:
   aio::Task<void> _start_indexing() override {
     co_await RepoWorker::_start_indexing();
     if (_indexing_in_progress != 1) violations.push_back("two runs at once");
     ++runs;
   }
-
- private:
-  std::mt19937& rng_;
 };
 
 aio::Task<void> interleave(StressWorker& w, std::mt19937& rng) {
@@ -77,7 +83,8 @@ aio::Task<void> interleave(StressWorker& w, std::mt19937& rng) {
       // Sent without waiting for the others: several can wait for the handler's lock at once.
       requests.push_back(aio::spawn(w._handle_force_reindex(params)).base());
     } else if (o <= 6) {
-      if (w._indexer_task && !w._indexer_task->done() && w._indexer_task->cancelling() == 0) w._indexer_task->cancel();
+      auto run = w.last_run();
+      if (run && !run->done() && run->cancelling() == 0) run->cancel();
     } else if (o == 7 && i == steps - 1) {
       break;  // stop below, possibly in the middle of a run
     } else {
@@ -98,12 +105,13 @@ TEST(Stress, RandomInterleavingsKeepTheInvariants) {
     std::mt19937 rng(seed);
     fs::remove_all(data.path() / "d");
     aio::EventLoop loop;
-    StressWorker w(root.path(), data.path() / "d", rng);
+    RandomEnv env(rng);
+    StressWorker w(root.path(), data.path() / "d", env);
     aio::run_until_complete(loop, interleave(w, rng));
     runs += w.runs;
     for (const auto& v : w.violations) ADD_FAILURE() << "seed " << seed << ": " << v;
     EXPECT_FALSE(staging_files_left(data.path() / "d")) << "seed " << seed;
-    EXPECT_TRUE(!w._indexer_task || w._indexer_task->done()) << "seed " << seed;
+    EXPECT_TRUE(!w.last_run() || w.last_run()->done()) << "seed " << seed;
     EXPECT_EQ(w.releases_in_flight(), 0) << "seed " << seed;
     EXPECT_EQ(daemon::detached_task_count(), 0u) << "seed " << seed;
     if (HasFailure()) break;

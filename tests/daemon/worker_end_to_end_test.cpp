@@ -29,8 +29,15 @@ void make_repository(const fs::path& root, int files) {
   }
 }
 
+// A worker whose live store the test reads.
+class Worker : public daemon::RepoWorker {
+ public:
+  using RepoWorker::RepoWorker;
+  using RepoWorker::_repository;
+};
+
 // Every row of the live index, for before/after comparisons.
-std::string fingerprint(daemon::RepoWorker& w) {
+std::string fingerprint(Worker& w) {
   std::string out;
   for (const auto& f : w._repository->list_files()) out += f.path + ":" + f.content_hash + ";";
   storage::SymbolQuery all{.text = "", .match = storage::SymbolQuery::Match::prefix, .limit = -1};
@@ -39,9 +46,9 @@ std::string fingerprint(daemon::RepoWorker& w) {
 }
 
 aio::Task<void> reindex(daemon::RepoWorker& w, json params) {
-  json response = co_await w._handle_force_reindex(std::move(params));
+  json response = co_await w.force_reindex(std::move(params));
   EXPECT_EQ(response["status"], "accepted") << response.dump();
-  co_await aio::wait_all({w._indexer_task->base()});
+  co_await aio::wait_all({w.last_run()->base()});
 }
 
 // A staging database that cannot grow past a few pages.
@@ -57,13 +64,12 @@ class SmallStagingDatabase : public storage::Database {
   int pages_;
 };
 
-class FaultyWorker : public daemon::RepoWorker {
+class SmallStagingEnv : public daemon::WorkerEnv {
  public:
-  using RepoWorker::RepoWorker;
   int staging_pages = 0;  // 0: no limit
-  std::shared_ptr<storage::Database> _new_database(const fs::path& p) override {
-    if (staging_pages > 0 && p.filename() != "index.db") return std::make_shared<SmallStagingDatabase>(p, staging_pages);
-    return RepoWorker::_new_database(p);
+  std::shared_ptr<storage::Database> new_database(const fs::path& p, bool live) override {
+    if (staging_pages > 0 && !live) return std::make_shared<SmallStagingDatabase>(p, staging_pages);
+    return WorkerEnv::new_database(p, live);
   }
 };
 
@@ -83,19 +89,21 @@ TEST(RebuildEndToEnd, AStagingDatabaseWithoutRoomKeepsTheLiveIndex) {
     TempDir root, data;
     make_repository(root.path(), 30);
     aio::EventLoop loop;
-    FaultyWorker w(root.path(), data.path());
+    SmallStagingEnv env;
+    Worker w(root.path(), data.path(), {}, env);
     aio::run_until_complete(loop, [&]() -> aio::Task<void> {
       co_await w.start();
       co_await reindex(w, {{"clear_existing", true}});
       const std::string before = fingerprint(w);
       write_file(root.path() / "extra.py", "def added():\n    pass\n");
-      w.staging_pages = c.staging_pages;
+      env.staging_pages = c.staging_pages;
       co_await reindex(w, {{"clear_existing", true}});
-      w.staging_pages = 0;
+      env.staging_pages = 0;
       EXPECT_EQ(fingerprint(w), before);
       EXPECT_FALSE(staging_files_left(data.path()));
-      EXPECT_NE(w._last_reindex_error.value_or("").find(c.error), std::string::npos)
-          << w._last_reindex_error.value_or("(none)");
+      auto status = co_await w.status();
+      EXPECT_NE(status.last_reindex_error.value_or("").find(c.error), std::string::npos)
+          << status.last_reindex_error.value_or("(none)");
       if (!c.detail.empty()) {
         std::ifstream errors(data.path() / "errors.jsonl");
         std::string line;
@@ -103,12 +111,14 @@ TEST(RebuildEndToEnd, AStagingDatabaseWithoutRoomKeepsTheLiveIndex) {
         EXPECT_NE(line.find(c.detail), std::string::npos) << line;
       }
       // Only a rebuild that left files out is refused, and a live reindex keeps reporting the refusal.
-      EXPECT_EQ(w._rebuild_refusal.has_value(), c.error == "Rebuild incomplete");
+      EXPECT_EQ(status.rebuild_refusal.has_value(), c.error == "Rebuild incomplete");
       co_await reindex(w, {{"paths", {"extra.py"}}});
-      EXPECT_EQ(w._last_reindex_error, w._rebuild_refusal);
+      status = co_await w.status();
+      EXPECT_EQ(status.last_reindex_error, status.rebuild_refusal);
       co_await reindex(w, {{"clear_existing", true}});  // room again: the rebuild goes through
-      EXPECT_FALSE(w._last_reindex_error.has_value()) << w._last_reindex_error.value_or("");
-      EXPECT_FALSE(w._rebuild_refusal.has_value());
+      status = co_await w.status();
+      EXPECT_FALSE(status.last_reindex_error.has_value()) << status.last_reindex_error.value_or("");
+      EXPECT_FALSE(status.rebuild_refusal.has_value());
       EXPECT_NE(fingerprint(w), before);
       co_await w.stop();
     }());
@@ -118,34 +128,40 @@ TEST(RebuildEndToEnd, AStagingDatabaseWithoutRoomKeepsTheLiveIndex) {
 // The live index syncs its writes (a crash of the machine must not corrupt it); a staging database, deleted
 // unread after any crash, does not.
 TEST(RebuildEndToEnd, OnlyTheLiveIndexIsSynced) {
-  TempDir root, data;
-  daemon::RepoWorker w(root.path(), data.path());
+  TempDir data;
   const std::pair<const char*, const char*> cases[] = {{"index.db", "1"}, {"index.db.reindex-staging", "0"}};
   for (const auto& [name, synchronous] : cases) {
-    auto db = w._new_database(data.path() / name);
+    auto db = daemon::WorkerEnv::standard().new_database(data.path() / name, name == std::string("index.db"));
     db->connect();
     EXPECT_EQ(storage::testing::query_text(*db, "PRAGMA synchronous"), synchronous) << name;
     db->close();
   }
 }
 
-// A worker whose discard of a staging database waits until the test lets it go.
-class SlowDiscardWorker : public daemon::RepoWorker {
+// Staging databases whose first discard (their close) waits until the test lets it go.
+class SlowDiscardEnv : public daemon::WorkerEnv {
  public:
-  using RepoWorker::RepoWorker;
   std::latch discard_entered{1}, discard_may_go{1};
   std::atomic<int> discards{0}, openings{0};
-  std::shared_ptr<storage::Database> _open_staging_db(const fs::path& p, const Paths& sidecars) override {
-    auto db = RepoWorker::_open_staging_db(p, sidecars);
-    ++openings;
-    return db;
-  }
-  void _discard_staging(const std::shared_ptr<storage::Database>& db, const Paths& sidecars) override {
-    if (discards++ == 0) {
-      discard_entered.count_down();
-      discard_may_go.wait();
+
+  class Staging : public storage::Database {
+   public:
+    Staging(const fs::path& p, SlowDiscardEnv& env) : storage::Database(p), env_(env) {}
+    void close() override {
+      if (env_.discards++ == 0) {
+        env_.discard_entered.count_down();
+        env_.discard_may_go.wait();
+      }
+      storage::Database::close();
     }
-    RepoWorker::_discard_staging(db, sidecars);
+
+   private:
+    SlowDiscardEnv& env_;
+  };
+  std::shared_ptr<storage::Database> new_database(const fs::path& p, bool live) override {
+    if (live) return WorkerEnv::new_database(p, live);
+    ++openings;
+    return std::make_shared<Staging>(p, *this);
   }
 };
 
@@ -153,27 +169,28 @@ TEST(RebuildEndToEnd, ARebuildWaitsForTheReleaseOfOneCancelledBeforeIt) {
   TempDir root, data;
   write_file(root.path() / "app.py", "def alpha():\n    pass\n");
   aio::EventLoop loop;
-  SlowDiscardWorker w(root.path(), data.path());
+  SlowDiscardEnv env;
+  daemon::RepoWorker w(root.path(), data.path(), {}, env);
   std::vector<json> outcomes;
   w.subscribe([&](const json& m) {
     if (m["type"] != "reindex_progress") outcomes.push_back(m);
   });
   aio::run_until_complete(loop, [&]() -> aio::Task<void> {
     co_await w.start();
-    EXPECT_EQ((co_await w._handle_force_reindex({{"clear_existing", true}}))["status"], "accepted");
-    auto first = *w._indexer_task;
-    co_await aio::to_thread([&] { w.discard_entered.wait(); });
+    EXPECT_EQ((co_await w.force_reindex({{"clear_existing", true}}))["status"], "accepted");
+    auto first = *w.last_run();
+    co_await aio::to_thread([&] { env.discard_entered.wait(); });
     first.cancel();  // it waits for its release: the run ends, the release goes on
     co_await aio::wait_all({first.base()});
     EXPECT_EQ(w.releases_in_flight(), 1);
     write_file(root.path() / "app.py", "def beta():\n    pass\n");
-    EXPECT_EQ((co_await w._handle_force_reindex({{"clear_existing", true}}))["status"], "accepted");
+    EXPECT_EQ((co_await w.force_reindex({{"clear_existing", true}}))["status"], "accepted");
     // The second rebuild must not open its staging database while the first one's is being discarded:
     // had it done so, the discard would now delete the files under it.
-    for (int i = 0; i < 200 && w.openings < 2; ++i) co_await aio::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(w.openings, 1);
-    w.discard_may_go.count_down();
-    co_await aio::wait_all({w._indexer_task->base()});
+    for (int i = 0; i < 200 && env.openings < 2; ++i) co_await aio::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(env.openings, 1);
+    env.discard_may_go.count_down();
+    co_await aio::wait_all({w.last_run()->base()});
     co_await w.stop();
   }());
   ASSERT_FALSE(outcomes.empty());
@@ -233,24 +250,25 @@ TEST(HostilePaths, EscapesAreRefusedOrContainedAndTheCanaryIsNeverRead) {
   };
 
   aio::EventLoop loop;
-  daemon::RepoWorker w(root, data.path());
+  Worker w(root, data.path());
   aio::run_until_complete(loop, [&]() -> aio::Task<void> {
     co_await w.start();
     for (const auto& c : cases) {
       SCOPED_TRACE(c.paths.front().substr(0, 60));
       std::string got;
       try {
-        json response = co_await w._handle_force_reindex(json{{"paths", c.paths}});
+        json response = co_await w.force_reindex(json{{"paths", c.paths}});
         got = response.contains("error") ? response["error"].get<std::string>() : response["status"].get<std::string>();
       } catch (const std::exception&) {
         got = "error";
       }
       EXPECT_EQ(got, c.expect);
-      if (w._indexer_task) co_await aio::wait_all({w._indexer_task->base()});
+      if (w.last_run()) co_await aio::wait_all({w.last_run()->base()});
     }
     co_await reindex(w, json::object());
     co_await reindex(w, {{"clear_existing", true}});
-    EXPECT_FALSE(w._last_reindex_error.has_value()) << w._last_reindex_error.value_or("");
+    const auto last_error = (co_await w.status()).last_reindex_error;
+    EXPECT_FALSE(last_error.has_value()) << last_error.value_or("");
     for (const auto& f : w._repository->list_files()) {
       EXPECT_EQ(f.path.find(".."), std::string::npos) << f.path;
       EXPECT_NE(f.path.front(), '/') << f.path;

@@ -69,11 +69,11 @@ struct Pipe {
 // the test opens its gate (or, with the argument "forever", for ever), counting starts and cancellations.
 struct TestHost : ToolHost {
   std::vector<ToolDescriptor> tools() const override {
-    return {{"echo", "Returns its arguments", Json{{"type", "object"}}}, {"wait", "Waits for the test", Json()}};
+    return {{"echo", "Returns its arguments", json{{"type", "object"}}}, {"wait", "Waits for the test", json()}};
   }
 
-  aio::Task<Json> call_tool(std::string name, Json arguments) override {
-    if (name == "echo") co_return arguments.is_null() ? Json::object() : arguments;
+  aio::Task<json> call_tool(std::string name, json arguments) override {
+    if (name == "echo") co_return arguments.is_null() ? json::object() : arguments;
     if (name == "fail") throw std::runtime_error("the index is on fire");
     if (name == "strict") throw ArgumentError("limit", "argument 'limit' must be an integer");
     if (name != "wait") throw UnknownTool(name);
@@ -84,7 +84,7 @@ struct TestHost : ToolHost {
       ++cancelled;
       throw;
     }
-    co_return Json{{"waited", true}};
+    co_return json{{"waited", true}};
   }
 
   int subscribe(BroadcastSink sink) override {
@@ -92,7 +92,7 @@ struct TestHost : ToolHost {
     return next_id++;
   }
   void unsubscribe(int id) override { sinks.erase(id); }
-  void broadcast(const std::string& level, const Json& data) {
+  void broadcast(const std::string& level, const json& data) {
     for (auto& [id, sink] : sinks) sink(level, data);
   }
 
@@ -103,14 +103,14 @@ struct TestHost : ToolHost {
   aio::Future<void> gate{gate_state}, never{std::make_shared<aio::FutureState<void>>()};
 };
 
-inline std::string request(const Json& id, const std::string& method, const Json& params = nullptr) {
-  Json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
+inline std::string request(const json& id, const std::string& method, const json& params = nullptr) {
+  json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
   if (!params.is_null()) m["params"] = params;
   return m.dump();
 }
 
-inline std::string notification(const std::string& method, const Json& params) {
-  return Json{{"jsonrpc", "2.0"}, {"method", method}, {"params", params}}.dump();
+inline std::string notification(const std::string& method, const json& params) {
+  return json{{"jsonrpc", "2.0"}, {"method", method}, {"params", params}}.dump();
 }
 
 struct Harness {
@@ -151,15 +151,15 @@ struct Harness {
 
   void send(const std::string& line) { in.write(line + "\n"); }
   // The next message, which must come within five seconds.
-  Json next() {
+  json next() {
     auto line = out.next_line();
     if (!line) throw std::runtime_error("no message from the server");
-    return Json::parse(*line);
+    return json::parse(*line);
   }
   // Checks that the server still answers, and that nothing else was waiting before the answer.
-  void expect_alive(const Json& id = 999) {
+  void expect_alive(const json& id = 999) {
     send(request(id, "ping"));
-    EXPECT_EQ(next(), (Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", Json::object()}}));
+    EXPECT_EQ(next(), (json{{"jsonrpc", "2.0"}, {"id", id}, {"result", json::object()}}));
   }
 
   Pipe in, out;  // client to server, server to client

@@ -7,30 +7,30 @@
 namespace brenloc::mcp::testing {
 namespace {
 
-Json error_reply(const Json& id, int code, const std::string& message, const Json& data = nullptr) {
-  Json error = {{"code", code}, {"message", message}};
+json error_reply(const json& id, int code, const std::string& message, const json& data = nullptr) {
+  json error = {{"code", code}, {"message", message}};
   if (!data.is_null()) error["data"] = data;
-  return Json{{"jsonrpc", "2.0"}, {"id", id}, {"error", error}};
+  return json{{"jsonrpc", "2.0"}, {"id", id}, {"error", error}};
 }
 
-Json result_reply(const Json& id, const Json& result) { return Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", result}}; }
+json result_reply(const json& id, const json& result) { return json{{"jsonrpc", "2.0"}, {"id", id}, {"result", result}}; }
 
-Json call(const std::string& tool, const Json& arguments = nullptr) {
-  Json params = {{"name", tool}};
+json call(const std::string& tool, const json& arguments = nullptr) {
+  json params = {{"name", tool}};
   if (!arguments.is_null()) params["arguments"] = arguments;
   return params;
 }
 
 TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
-  const auto invalid = [](const Json& id, const std::string& why) {
+  const auto invalid = [](const json& id, const std::string& why) {
     return error_reply(id, kInvalidRequest, "Invalid Request: " + why);
   };
-  const auto invalid_params = [](const Json& id, const std::string& why, const Json& data = nullptr) {
+  const auto invalid_params = [](const json& id, const std::string& why, const json& data = nullptr) {
     return error_reply(id, kInvalidParams, "Invalid params: " + why, data);
   };
   const std::string bad_id = "\"id\" must be a string or an integer", no_method = "\"method\" must be a string";
   const std::string bad_version = "\"jsonrpc\" must be \"2.0\"";
-  std::vector<std::pair<std::string, Json>> cases = {
+  std::vector<std::pair<std::string, json>> cases = {
       {R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])", invalid(nullptr, "batches are not supported")},
       {"42", invalid(nullptr, "a message must be a JSON object")},
       {std::string(129, '[') + std::string(129, ']'), invalid(nullptr, "nesting deeper than 128 levels")},
@@ -43,7 +43,7 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
       {R"({"jsonrpc":"2.0","id":4,"method":"ping","params":"x"})", invalid(4, "\"params\" must be an object")},
       {R"({"jsonrpc":"2.0","id":5,"method":"resources/list"})",
        error_reply(5, kMethodNotFound, "Method not found: resources/list")},
-      {request(7, "tools/call", Json::object()), invalid_params(7, "\"name\" must be a string")},
+      {request(7, "tools/call", json::object()), invalid_params(7, "\"name\" must be a string")},
       {request(8, "tools/call", call("echo", {1, 2})), invalid_params(8, "\"arguments\" must be an object")},
       {request(9, "logging/setLevel", {{"level", "loud"}}),
        invalid_params(9, "\"level\" must be one of debug, info, notice, warning, error, critical, alert, emergency")},
@@ -54,43 +54,43 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
   };
   // Good requests, with ids from 0 (an id like any other) up.
   int id = 0;
-  const auto good = [&](const std::string& method, const Json& params, const Json& result) {
+  const auto good = [&](const std::string& method, const json& params, const json& result) {
     cases.emplace_back(request(id, method, params), result_reply(id, result));
     ++id;
   };
-  const std::vector<std::pair<Json, std::string>> versions = {
+  const std::vector<std::pair<json, std::string>> versions = {
       {"2025-11-25", "2025-11-25"}, {"2025-06-18", "2025-06-18"}, {"2025-03-26", "2025-03-26"},
       {"2024-11-05", "2024-11-05"}, {"2024-10-07", "2025-11-25"}, {42, "2025-11-25"},
       {nullptr, "2025-11-25"},
   };
   for (const auto& [asked, answered] : versions) {
-    Json params = {{"capabilities", Json::object()}, {"clientInfo", {{"name", "t"}, {"version", "1"}}}};
+    json params = {{"capabilities", json::object()}, {"clientInfo", {{"name", "t"}, {"version", "1"}}}};
     if (!asked.is_null()) params["protocolVersion"] = asked;
     good("initialize", params,
          {{"protocolVersion", answered},
-          {"capabilities", {{"tools", Json::object()}, {"logging", Json::object()}}},
+          {"capabilities", {{"tools", json::object()}, {"logging", json::object()}}},
           {"serverInfo", {{"name", "brenloc"}, {"version", BRENLOC_VERSION}}}});
   }
   const auto tool = [](const std::string& name, const std::string& description) {
-    return Json{{"name", name}, {"description", description}, {"inputSchema", {{"type", "object"}}}};
+    return json{{"name", name}, {"description", description}, {"inputSchema", {{"type", "object"}}}};
   };
   // "wait", which has no schema of its own, gets the object schema too.
   good("tools/list", nullptr,
-       {{"tools", Json::array({tool("echo", "Returns its arguments"), tool("wait", "Waits for the test")})}});
+       {{"tools", json::array({tool("echo", "Returns its arguments"), tool("wait", "Waits for the test")})}});
   // A tool's dictionary with an "error" key is an error (that it keeps its key order, the end-to-end tests see).
-  const auto text = [](const std::string& s) { return Json::array({{{"type", "text"}, {"text", s}}}); };
-  const auto dictionary = [&](const Json& d, bool error) {
-    return Json{{"content", text(d.dump())}, {"structuredContent", d}, {"isError", error}};
+  const auto text = [](const std::string& s) { return json::array({{{"type", "text"}, {"text", s}}}); };
+  const auto dictionary = [&](const json& d, bool error) {
+    return json{{"content", text(d.dump())}, {"structuredContent", d}, {"isError", error}};
   };
-  const Json refused = {{"error", "Path outside repository"}, {"status", "failed"}};
+  const json refused = {{"error", "Path outside repository"}, {"status", "failed"}};
   good("tools/call", call("echo", refused), dictionary(refused, true));
   good("tools/call", call("fail"), {{"content", text("the index is on fire")}, {"isError", true}});
-  good("tools/call", call("echo"), dictionary(Json::object(), false));
-  good("logging/setLevel", {{"level", "warning"}}, Json::object());
+  good("tools/call", call("echo"), dictionary(json::object(), false));
+  good("logging/setLevel", {{"level", "warning"}}, json::object());
 
   Harness h;
   h.send("{\"a\":\"\xff\"}");  // not UTF-8; the parser's own words follow the prefix
-  const Json parse_error = h.next();
+  const json parse_error = h.next();
   EXPECT_EQ(parse_error["id"], nullptr);
   EXPECT_EQ(parse_error["error"]["code"], kParseError);
   EXPECT_TRUE(parse_error["error"]["message"].get<std::string>().starts_with("Parse error: ")) << parse_error;
@@ -101,8 +101,8 @@ TEST(McpServer, AnswersEachLineExactlyAndGoesOnSilentlyPastTheRest) {
   }
   // Notifications, responses and blank lines are not answered.
   for (const std::string line : {"", "   \r", R"({"jsonrpc":"2.0","id":77,"result":{}})"}) h.send(line);
-  h.send(notification("notifications/initialized", Json::object()));
-  h.send(notification("notifications/whatever", Json::object()));
+  h.send(notification("notifications/initialized", json::object()));
+  h.send(notification("notifications/whatever", json::object()));
   h.send(notification("notifications/cancelled", {{"requestId", 12345}}));
   h.expect_alive();
 }
@@ -121,9 +121,9 @@ TEST(McpServer, RunsCallsSideBySideAndCancelsOnlyTheNamedOne) {
   h.send(request(0, "tools/call", call("wait")));
   h.send(request("0", "tools/call", call("wait")));
   h.send(request(2, "tools/call", call("echo", {{"q", "x"}})));
-  Json echo = h.next();  // while both wait
+  json echo = h.next();  // while both wait
   EXPECT_EQ(echo["id"], 2);
-  EXPECT_EQ(echo["result"]["structuredContent"], (Json{{"q", "x"}}));
+  EXPECT_EQ(echo["result"]["structuredContent"], (json{{"q", "x"}}));
   h.expect_alive();
   ASSERT_EQ(h.host.started.load(), before + 2);
 
@@ -137,9 +137,9 @@ TEST(McpServer, RunsCallsSideBySideAndCancelsOnlyTheNamedOne) {
   EXPECT_EQ(h.host.cancelled.load(), before + 1);
   EXPECT_EQ(h.running(), 1u);
   h.on_loop([&] { h.host.gate_state->set_result(); });
-  Json reply = h.next();  // the cancelled request is never answered, the other one is
+  json reply = h.next();  // the cancelled request is never answered, the other one is
   EXPECT_EQ(reply["id"], "0");
-  EXPECT_EQ(reply["result"]["structuredContent"], (Json{{"waited", true}}));
+  EXPECT_EQ(reply["result"]["structuredContent"], (json{{"waited", true}}));
   h.expect_alive(0);  // both ids are free again
   h.expect_alive("0");
 }
@@ -157,7 +157,7 @@ TEST(McpServer, RefusesOverlongLinesAndKeepsServingAClientThatDoesNotRead) {
   EXPECT_EQ(h.next(), error_reply(nullptr, kInvalidRequest,
                                   "Invalid Request: line of " + std::to_string(big.size()) +
                                       " bytes is longer than the limit of 102400 bytes"));
-  EXPECT_EQ(h.next(), result_reply(2, Json::object()));
+  EXPECT_EQ(h.next(), result_reply(2, json::object()));
   writer.join();
 
   // Far more output than a pipe holds, with nobody reading it: the server takes in no more requests than
@@ -175,7 +175,7 @@ TEST(McpServer, RefusesOverlongLinesAndKeepsServingAClientThatDoesNotRead) {
 
   int answers = 0, notes = 0;
   while (auto line = h.out.next_line(1000ms)) {
-    const Json m = Json::parse(*line);
+    const json m = json::parse(*line);
     if (m.contains("id")) EXPECT_EQ(m["id"], answers++);  // in order, none lost
     else ++notes;
   }
@@ -211,14 +211,14 @@ TEST(McpServer, TakesInAtMostItsLimitAndDropsAHungUpClientAtOnce) {
 // The host's broadcasts reach the client, filtered by the level it sets, until the server stops.
 TEST(McpServer, ForwardsBroadcastsAnswersAfterTheEndOfInputAndStopCancelsWhatStillRuns) {
   Harness h;
-  const Json done = {{"type", "reindex_complete"}, {"files_processed", 3}, {"symbols_added", 9}, {"errors", 0}};
-  const Json failed = {{"type", "reindex_failed"}, {"error", "disk full"}};
-  const auto message = [](const std::string& level, const Json& data) {
-    return Json{{"jsonrpc", "2.0"},
+  const json done = {{"type", "reindex_complete"}, {"files_processed", 3}, {"symbols_added", 9}, {"errors", 0}};
+  const json failed = {{"type", "reindex_failed"}, {"error", "disk full"}};
+  const auto message = [](const std::string& level, const json& data) {
+    return json{{"jsonrpc", "2.0"},
                 {"method", "notifications/message"},
                 {"params", {{"level", level}, {"logger", "brenloc"}, {"data", data}}}};
   };
-  const auto broadcast = [&](const std::string& level, const Json& data) {
+  const auto broadcast = [&](const std::string& level, const json& data) {
     h.on_loop([&] { h.host.broadcast(level, data); });
   };
   broadcast("info", done);
@@ -229,7 +229,7 @@ TEST(McpServer, ForwardsBroadcastsAnswersAfterTheEndOfInputAndStopCancelsWhatSti
 
   for (const std::string level : {"error", "debug"}) {
     h.send(request(level, "logging/setLevel", {{"level", level}}));
-    EXPECT_EQ(h.next(), result_reply(level, Json::object()));
+    EXPECT_EQ(h.next(), result_reply(level, json::object()));
     broadcast("info", done);
     broadcast(level, failed);
     if (level == "debug") EXPECT_EQ(h.next(), message("info", done));

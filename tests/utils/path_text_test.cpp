@@ -5,7 +5,7 @@
 #include <random>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/utils/utf8.h"
 

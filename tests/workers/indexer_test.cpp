@@ -282,7 +282,7 @@ TEST(IndexerPasses, IndexExactlyWhatChanged) {
     ASSERT_FALSE(progress.empty());
     EXPECT_EQ(progress.back(), std::pair(c.processed, c.processed));
     EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end(), [](auto& a, auto& b) { return a.first < b.first; }));
-    const nlohmann::ordered_json info = stats.get_last_index_info(), expected_info = {
+    const json info = stats.get_last_index_info(), expected_info = {
         {"type", c.listed ? "paths" : "full"}, {"duration_seconds", info["duration_seconds"]},
         {"files_processed", c.processed}, {"errors", 0}};
     EXPECT_EQ(info.dump(), expected_info.dump());

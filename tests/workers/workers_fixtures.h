@@ -6,7 +6,7 @@
 #include <set>
 #include <sstream>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/aio/task.h"
 #include "brenloc/workers/indexer.h"

@@ -57,8 +57,6 @@ class EventLoop {
   // Makes run() return once the handler that is running now has finished. Safe from any thread.
   void stop();
 
-  bool in_loop_thread() const { return current() == this; }
-
   boost::asio::io_context& context() { return io_; }
   boost::asio::thread_pool& default_pool() { return pool_; }
 

@@ -28,6 +28,7 @@
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
 #include "brenloc/tool_binding.h"
+#include "brenloc/tools/tool_table.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/owner_lock.h"
 #include "brenloc/utils/path_text.h"
@@ -35,7 +36,6 @@
 namespace brenloc::app {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -493,7 +493,7 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
     }
     try {
       return with_worker(r, [&](aio::EventLoop&, daemon::RepoWorker& worker) -> aio::Task<int> {
-        co_return print(co_await worker.call_tool(name, arguments));
+        co_return print(co_await tools::call_tool(worker, name, arguments));
       });
     } catch (const utils::LockBusy& busy) {
       if (auto client = reach_owner(r, busy)) return through(*client);
@@ -604,7 +604,7 @@ int run_daemon_detach() {
   return guarded([] {
     RuntimePaths paths = prepare_runtime_dir();
     int fd = connect_daemon(paths, true);
-    Json status = first_request(fd, "brenloc/status", Json::object());
+    json status = first_request(fd, "brenloc/status", json::object());
     ::close(fd);
     std::cout << fmt::format("brenloc daemon running (pid {}, socket {})", status.value("pid", 0),
                              paths.socket.string())
@@ -618,7 +618,7 @@ int run_daemon_stop() {
     RuntimePaths paths = runtime_paths();
     int fd = connect_socket(paths.socket);
     if (fd < 0) throw no_daemon(paths);
-    Json status = first_request(fd, "brenloc/stop", Json::object());
+    json status = first_request(fd, "brenloc/stop", json::object());
     ::close(fd);
     // Stopped once its lock is free: the daemon lets it go last, after its workers and its socket.
     for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -639,7 +639,7 @@ int run_daemon_status() {
     RuntimePaths paths = runtime_paths();
     int fd = connect_socket(paths.socket);
     if (fd < 0) throw no_daemon(paths);
-    Json status = first_request(fd, "brenloc/status", Json::object());
+    json status = first_request(fd, "brenloc/status", json::object());
     ::close(fd);
     std::cout << printed(status, 2) << std::endl;
     return kExitOk;

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 namespace brenloc::app {
 
@@ -44,9 +44,9 @@ int run_status(const Where& where);
 // The search tools (search_symbols, file_outline, symbol_source): the tool's arguments as given, its
 // answer printed as lines on a terminal and as JSON otherwise (`output` chooses). Exit 0, or 1 when the
 // answer is a refusal or an error, or a search found nothing.
-int run_search(const Where& where, const nlohmann::ordered_json& arguments);
-int run_outline(const Where& where, const nlohmann::ordered_json& arguments);
-int run_source(const Where& where, const nlohmann::ordered_json& arguments);
+int run_search(const Where& where, const json& arguments);
+int run_outline(const Where& where, const json& arguments);
+int run_source(const Where& where, const json& arguments);
 
 // The user's daemon in the foreground (until SIGTERM, SIGINT, `--stop` or its idle time).
 int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle, bool watch);

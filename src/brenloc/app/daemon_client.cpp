@@ -128,9 +128,9 @@ int connect_daemon(const RuntimePaths& paths, bool start) {
                                 kDaemonStartTimeout.count(), paths.log.string()));
 }
 
-Json BuildIdentity::to_json() const { return Json{{"version", version}, {"file", file}, {"mtime_ns", mtime_ns}}; }
+json BuildIdentity::to_json() const { return json{{"version", version}, {"file", file}, {"mtime_ns", mtime_ns}}; }
 
-BuildIdentity BuildIdentity::from_json(const Json& j) {
+BuildIdentity BuildIdentity::from_json(const json& j) {
   if (!j.is_object()) return {};
   return {j.value("version", std::string()), j.value("file", std::string()), j.value("mtime_ns", std::int64_t{0})};
 }
@@ -165,7 +165,7 @@ void wait_for_exit(const RuntimePaths& paths) {
 int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const std::optional<fs::path>& data_dir,
                   bool start) {
   // Paths in their text form: the daemon reads them back as the file system's bytes.
-  Json params = {{"repo_root", utils::path_text(repo_root.native())}};
+  json params = {{"repo_root", utils::path_text(repo_root.native())}};
   if (data_dir) params["data_dir"] = utils::path_text(data_dir->native());
   params["build"] = build_identity().to_json();
   params["waiting"] = true;
@@ -231,8 +231,8 @@ std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, s
   }
 }
 
-Json first_request(int fd, const std::string& method, Json params) {
-  write_line(fd, Json{{"jsonrpc", "2.0"}, {"id", 0}, {"method", method}, {"params", std::move(params)}}.dump());
+json first_request(int fd, const std::string& method, json params) {
+  write_line(fd, json{{"jsonrpc", "2.0"}, {"id", 0}, {"method", method}, {"params", std::move(params)}}.dump());
   const auto give_up = Clock::now() + kAttachTimeout;
   for (;;) {
     const auto left = std::min<Clock::duration>(kHandshakeTimeout, give_up - Clock::now());
@@ -249,14 +249,14 @@ Json first_request(int fd, const std::string& method, Json params) {
                                             kHandshakeTimeout.count()));
     }
     if (!line) throw DaemonError("the brenloc daemon closed the connection without answering");
-    Json answer = Json::parse(*line, nullptr, false);
+    json answer = json::parse(*line, nullptr, false);
     if (answer.is_discarded() || !answer.is_object()) throw DaemonError("the brenloc daemon answered nonsense");
     if (answer.value("method", std::string()) == kAttachWaiting) continue;  // at work: the silence starts again
     if (answer.contains("error")) {
-      const Json& e = answer["error"];
+      const json& e = answer["error"];
       throw RpcError(e.value("code", 0), e.value("message", std::string("refused")));
     }
-    return answer.value("result", Json::object());
+    return answer.value("result", json::object());
   }
 }
 
@@ -265,38 +265,38 @@ DaemonClient::~DaemonClient() {
 }
 
 void DaemonClient::initialize() {
-  request("initialize", Json{{"protocolVersion", "2025-11-25"},
-                             {"capabilities", Json::object()},
+  request("initialize", json{{"protocolVersion", "2025-11-25"},
+                             {"capabilities", json::object()},
                              {"clientInfo", {{"name", "brenloc"}, {"version", BRENLOC_VERSION}}}});
-  write_line(fd_, Json{{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}}.dump());
+  write_line(fd_, json{{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}}.dump());
 }
 
-Json DaemonClient::request(const std::string& method, Json params, const OnNotification& on_note) {
+json DaemonClient::request(const std::string& method, json params, const OnNotification& on_note) {
   const long long id = next_id_++;
-  write_line(fd_, Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(params)}}.dump());
+  write_line(fd_, json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(params)}}.dump());
   for (;;) {
-    Json m = read_message();
+    json m = read_message();
     if (m.contains("method")) {
       if (on_note) on_note(m);
       continue;
     }
-    if (m.value("id", Json()) != Json(id)) continue;
+    if (m.value("id", json()) != json(id)) continue;
     if (m.contains("error")) {
-      const Json& e = m["error"];
+      const json& e = m["error"];
       throw RpcError(e.value("code", 0), e.value("message", std::string("error")));
     }
-    return m.value("result", Json::object());
+    return m.value("result", json::object());
   }
 }
 
-Json DaemonClient::next_notification() {
+json DaemonClient::next_notification() {
   for (;;) {
-    Json m = read_message();
+    json m = read_message();
     if (m.contains("method")) return m;
   }
 }
 
-Json DaemonClient::read_message() {
+json DaemonClient::read_message() {
   // A daemon silent for kHandshakeTimeout is pinged; silent as long again, it is taken for stopped.
   auto last_heard = Clock::now();
   std::optional<Clock::time_point> pinged;
@@ -304,14 +304,14 @@ Json DaemonClient::read_message() {
     if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
       std::string line = buffer_.substr(0, nl);
       buffer_.erase(0, nl + 1);
-      Json m = Json::parse(line, nullptr, false);
+      json m = json::parse(line, nullptr, false);
       if (m.is_discarded() || !m.is_object()) throw DaemonError("the brenloc daemon sent a line that is not JSON");
       return m;
     }
     if (interrupted && interrupted()) throw Interrupted();
     const auto now = Clock::now();
     if (!pinged && now - last_heard >= kHandshakeTimeout) {
-      write_line(fd_, Json{{"jsonrpc", "2.0"}, {"id", fmt::format("brenloc-ping-{}", next_id_++)}, {"method", "ping"}}.dump());
+      write_line(fd_, json{{"jsonrpc", "2.0"}, {"id", fmt::format("brenloc-ping-{}", next_id_++)}, {"method", "ping"}}.dump());
       pinged = now;
     } else if (pinged && now - *pinged >= kHandshakeTimeout) {
       throw DaemonTimeout(fmt::format("the brenloc daemon has not answered for {} s (is it stopped?)",

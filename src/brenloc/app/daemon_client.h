@@ -25,13 +25,12 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/app/runtime_dir.h"
 
 namespace brenloc::app {
 
-using Json = nlohmann::ordered_json;
 
 // The daemon could not be reached or started, or it refused (the message says which and why).
 class DaemonError : public std::runtime_error {
@@ -68,8 +67,8 @@ struct BuildIdentity {
   std::string version;
   std::string file;          // "dev:ino:size"
   std::int64_t mtime_ns = 0;
-  nlohmann::ordered_json to_json() const;
-  static BuildIdentity from_json(const nlohmann::ordered_json& j);
+  json to_json() const;
+  static BuildIdentity from_json(const json& j);
   bool operator==(const BuildIdentity&) const = default;
 };
 BuildIdentity build_identity();
@@ -120,14 +119,14 @@ std::optional<std::string> read_line_unbuffered(int fd, std::size_t max_bytes, s
 
 // Sends the first request `method` and returns its result; RpcError for the daemon's refusal, DaemonTimeout
 // when nothing is heard within kHandshakeTimeout (keep-alives count) or no answer within kAttachTimeout.
-Json first_request(int fd, const std::string& method, Json params);
+json first_request(int fd, const std::string& method, json params);
 
 // A blocking JSON-RPC client on a socket attached to a worker (the command line's way to the daemon). A
 // wait in which the daemon says nothing for kHandshakeTimeout has the client ping it; no word for as long
 // again ends the wait with DaemonTimeout.
 class DaemonClient {
  public:
-  using OnNotification = std::function<void(const Json& message)>;
+  using OnNotification = std::function<void(const json& message)>;
 
   explicit DaemonClient(int fd) : fd_(fd) {}
   ~DaemonClient();
@@ -137,15 +136,15 @@ class DaemonClient {
   // The MCP handshake.
   void initialize();
   // A request's result; RpcError for an error answer. Notifications that arrive meanwhile go to `on_note`.
-  Json request(const std::string& method, Json params, const OnNotification& on_note = {});
+  json request(const std::string& method, json params, const OnNotification& on_note = {});
   // Waits for the next notification and returns it; DaemonError when the daemon goes away.
-  Json next_notification();
+  json next_notification();
 
   // Checked while waiting: when it returns true, the wait ends with Interrupted.
   std::function<bool()> interrupted;
 
  private:
-  Json read_message();
+  json read_message();
   int fd_;
   std::string buffer_;
   long long next_id_ = 1;

@@ -69,7 +69,7 @@ struct Session {
   aio::Future<void> task;
 };
 
-void reply(int fd, const mcp::Json& message) {
+void reply(int fd, const json& message) {
   try {
     write_line(fd, mcp::serialize(message));
   } catch (const DaemonError&) {
@@ -111,7 +111,7 @@ aio::Task<std::optional<std::string>> read_first_line(int fd, std::size_t max, C
 aio::Task<void> keep_alive(int fd) {
   for (;;) {
     co_await aio::sleep_for(std::chrono::seconds(1));
-    reply(fd, mcp::make_notification(std::string(kAttachWaiting), mcp::Json::object()));
+    reply(fd, mcp::make_notification(std::string(kAttachWaiting), json::object()));
   }
 }
 
@@ -211,7 +211,7 @@ class Daemon {
     } else if (m.method == "brenloc/status") {
       reply(fd, mcp::make_result(m.id, status()));
     } else if (m.method == "brenloc/stop") {
-      reply(fd, mcp::make_result(m.id, mcp::Json::object()));
+      reply(fd, mcp::make_result(m.id, json::object()));
       request_stop("asked by a client");
     } else {
       reply(fd, mcp::make_error(m.id, mcp::kMethodNotFound,
@@ -220,7 +220,7 @@ class Daemon {
   }
 
   // The key of an attach request, or the reason to refuse it.
-  static std::variant<WorkerKey, std::string> key_of(const mcp::Json& params) {
+  static std::variant<WorkerKey, std::string> key_of(const json& params) {
     auto path_param = [&](const char* name) -> std::optional<fs::path> {
       if (!params.is_object() || !params.contains(name) || !params[name].is_string()) return std::nullopt;
       fs::path p = utils::path_bytes(params[name].get<std::string>());
@@ -275,7 +275,7 @@ class Daemon {
       reply(s.fd, mcp::make_error(m.id, kAttachRefused, e.what()));
       co_return;
     }
-    reply(s.fd, mcp::make_result(m.id, mcp::Json{{"repo_root", utils::path_text(k.first.native())},
+    reply(s.fd, mcp::make_result(m.id, json{{"repo_root", utils::path_text(k.first.native())},
                                                   {"data_dir", utils::path_text(k.second.native())},
                                                   {"pid", ::getpid()},
                                                   {"version", BRENLOC_VERSION}}));
@@ -382,24 +382,24 @@ class Daemon {
 
   // The variables of this daemon's environment that moved its directories from their defaults: a client
   // started without them would look for another daemon and another index.
-  mcp::Json moved_by() const {
-    mcp::Json moved = mcp::Json::array();
+  json moved_by() const {
+    json moved = json::array();
     if (!paths_.set_by.empty()) moved.push_back(paths_.set_by);
     if (!data_home_.set_by.empty()) moved.push_back(data_home_.set_by);
     return moved;
   }
 
-  mcp::Json status() const {
-    mcp::Json workers = mcp::Json::array();
+  json status() const {
+    json workers = json::array();
     for (const auto& [key, e] : workers_) {
-      workers.push_back(mcp::Json{{"repo_root", utils::path_text(key.first.native())},
+      workers.push_back(json{{"repo_root", utils::path_text(key.first.native())},
                                   {"data_dir", utils::path_text(key.second.native())},
                                   {"clients", e->clients},
                                   {"busy", e->started.done() && !e->stopped && e->worker->busy()},
                                   {"stopping", e->stopped.has_value()}});
     }
     auto uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started_).count();
-    return mcp::Json{{"pid", ::getpid()},          {"version", BRENLOC_VERSION}, {"build", build_.to_json()},
+    return json{{"pid", ::getpid()},          {"version", BRENLOC_VERSION}, {"build", build_.to_json()},
                      {"socket", paths_.socket.string()}, {"runtime_dir", paths_.dir.string()},
                      {"data_home", data_home_.dir.string()}, {"moved_by", moved_by()}, {"uptime_seconds", uptime},
                      {"sessions", sessions_.size()}, {"workers", workers}};

@@ -29,7 +29,6 @@
 
 namespace brenloc::app {
 
-using Json = mcp::Json;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
@@ -78,7 +77,7 @@ std::optional<std::string> response_id_key(std::string_view line) {
   } else {
     while (end < rest.size() && rest[end] != ',' && rest[end] != '}') ++end;
   }
-  Json id = Json::parse(rest.substr(0, std::min(end, rest.size())), nullptr, false);
+  json id = json::parse(rest.substr(0, std::min(end, rest.size())), nullptr, false);
   if (id.is_discarded()) return std::nullopt;
   return mcp::id_key(id);
 }
@@ -178,7 +177,7 @@ class ClientOutput {
 };
 
 struct Pending {
-  Json id;
+  json id;
   std::string method;
   std::string tool;  // of a tools/call
 };
@@ -288,7 +287,7 @@ class Bridge {
     if (m.method == "initialize") {
       to_client(mcp::make_result(m.id, mcp::initialize_result(m.params, worker_instructions())));
     } else if (m.method == "ping" || m.method == "logging/setLevel") {
-      to_client(mcp::make_result(m.id, Json::object()));
+      to_client(mcp::make_result(m.id, json::object()));
     } else if (m.method == "tools/list") {
       to_client(mcp::make_result(m.id, mcp::tool_listing(worker_tool_descriptors())));
     } else if (m.method == "tools/call") {
@@ -298,7 +297,7 @@ class Bridge {
     }
   }
 
-  void to_client(const Json& message, bool answer = false) { to_client_.push(mcp::serialize(message), answer); }
+  void to_client(const json& message, bool answer = false) { to_client_.push(mcp::serialize(message), answer); }
 
   void flush_to_client() {
     auto answers = to_client_.flush(out_);
@@ -365,10 +364,10 @@ class Bridge {
     replay_handshake();
   }
 
-  std::string private_request(Private kind, const char* method, const Json& params) {
+  std::string private_request(Private kind, const char* method, const json& params) {
     std::string id = fmt::format("brenloc-bridge-{}", next_private_++);
-    private_[mcp::id_key(Json(id))] = kind;
-    Json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
+    private_[mcp::id_key(json(id))] = kind;
+    json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
     if (!params.is_null()) m["params"] = params;
     to_daemon_ += mcp::serialize(m) + "\n";
     return id;
@@ -379,7 +378,7 @@ class Bridge {
     if (initialized_) to_daemon_ += "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/initialized\"}\n";
     if (level_params_) private_request(Private::handshake, "logging/setLevel", *level_params_);
     // A reindex this session started ended unheard (the daemon went away during it): the new worker says how.
-    if (run_unheard_) private_request(Private::status, "tools/call", Json{{"name", "index_status"}, {"arguments", Json::object()}});
+    if (run_unheard_) private_request(Private::status, "tools/call", json{{"name", "index_status"}, {"arguments", json::object()}});
     flush_to_daemon();
   }
 
@@ -412,10 +411,10 @@ class Bridge {
         return;
       }
       if (it->second.tool == "force_reindex" && line.find("\"accepted\"") != std::string_view::npos) {
-        Json answer = Json::parse(line, nullptr, false);
-        Json content = answer.is_object() && answer.contains("result") && answer["result"].is_object()
-                           ? answer["result"].value("structuredContent", Json::object())
-                           : Json();
+        json answer = json::parse(line, nullptr, false);
+        json content = answer.is_object() && answer.contains("result") && answer["result"].is_object()
+                           ? answer["result"].value("structuredContent", json::object())
+                           : json();
         if (content.is_object() && content.value("status", "") == "accepted") {
           run_unheard_ = true;
         }
@@ -438,16 +437,16 @@ class Bridge {
   // The new worker's index_status, asked for after a reconnection with a reindex unheard: its record of
   // the last reindex tells how that one ended (interrupted, when the daemon died during it).
   void on_status_probe(std::string_view line) {
-    Json answer = Json::parse(line, nullptr, false);
+    json answer = json::parse(line, nullptr, false);
     if (!answer.is_object() || !answer.contains("result") || !answer["result"].is_object()) return;
-    Json status = answer["result"].value("structuredContent", Json::object());
+    json status = answer["result"].value("structuredContent", json::object());
     if (!status.is_object()) return;
-    Json last = status.value("last_reindex", Json());
+    json last = status.value("last_reindex", json());
     if (!last.is_object() || last.value("state", "") == "running") return;  // its outcome is still to come
-    Json outcome = last.value("outcome", Json());
+    json outcome = last.value("outcome", json());
     if (!outcome.is_object()) return;
     run_unheard_ = false;
-    Json params = {{"level", outcome.value("type", "") == "reindex_failed" ? "error" : "info"},
+    json params = {{"level", outcome.value("type", "") == "reindex_failed" ? "error" : "info"},
                    {"logger", "brenloc"},
                    {"data", outcome}};
     to_client(mcp::make_notification("notifications/message", std::move(params)));
@@ -462,7 +461,7 @@ class Bridge {
     const auto now = Clock::now();
     const auto quiet_since = std::max(last_heard_, waiting_since_);
     if (!ping_ && now - quiet_since >= kQuiet) {
-      private_request(Private::ping, "ping", Json());
+      private_request(Private::ping, "ping", json());
       ping_ = now;
       flush_to_daemon();
     } else if (ping_ && now - *ping_ >= kPingTimeout && last_heard_ < *ping_) {
@@ -518,9 +517,9 @@ class Bridge {
   Clock::time_point retry_at_{};
 
   // What the client has said that a new daemon must hear again, and the requests it still waits for.
-  std::optional<Json> initialize_params_;
+  std::optional<json> initialize_params_;
   bool initialized_ = false;
-  std::optional<Json> level_params_;
+  std::optional<json> level_params_;
   std::map<std::string, Pending> pending_;
   std::size_t in_flight_ = 0;  // the client's requests sent on and not yet answered to it
   std::map<std::string, Private> private_;

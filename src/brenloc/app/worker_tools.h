@@ -1,6 +1,6 @@
-// The tools of a repository worker as the MCP server sees them: force_reindex, index_status,
-// search_symbols, file_outline and symbol_source, with their argument schemas, and the worker's status messages as MCP log levels
-// ("error" for a failed reindex, "info" otherwise).
+// The tools of a repository worker as the MCP server sees them (the table of tools/tool_table.h), what the
+// model is told about them, and the worker's status messages as MCP log levels ("error" for a failed
+// reindex, "info" otherwise).
 #pragma once
 
 #include "brenloc/daemon/worker.h"
@@ -19,12 +19,12 @@ class WorkerTools final : public mcp::ToolHost {
 
   std::vector<mcp::ToolDescriptor> tools() const override;
   std::string instructions() const override;
-  aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) override;
+  aio::Task<json> call_tool(std::string name, json arguments) override;
   int subscribe(mcp::BroadcastSink sink) override;
   void unsubscribe(int id) override;
 
   // The MCP log level of a status message.
-  static std::string level_of(const nlohmann::ordered_json& message);
+  static std::string level_of(const json& message);
 
  private:
   daemon::RepoWorker& worker_;

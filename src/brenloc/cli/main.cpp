@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/app/commands.h"
 #include "brenloc/symbol_kinds.h"
@@ -51,7 +51,7 @@ std::string one_line(std::string s) {
 }
 
 using namespace brenloc::app;
-using Json = nlohmann::ordered_json;
+using brenloc::json;
 
 // The command line: the commands and their options, and what parsing them left behind.
 class CommandLine {
@@ -297,7 +297,7 @@ class CommandLine {
   bool standalone_ = false, no_watch_ = false, clear_existing_ = false;
   bool daemon_stop_ = false, daemon_status_ = false, daemon_detach_ = false;
   std::vector<std::string> paths_;
-  Json arguments_ = Json::object();  // the search commands' tool arguments
+  json arguments_ = json::object();  // the search commands' tool arguments
   long idle_exit_ = env_seconds("BRENLOC_DAEMON_IDLE_TIMEOUT", 900);
   long worker_idle_ = env_seconds("BRENLOC_WORKER_IDLE_TIMEOUT", 300);
 };

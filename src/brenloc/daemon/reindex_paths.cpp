@@ -193,25 +193,13 @@ void expand_with(const ExtensionMatcher& matcher, const fs::path& directory, std
 // ---------------------------------------------------------------------------------------------------
 // Resolution steps.
 
-std::string printable(const std::string& text) {
-  std::string shown;
-  for (char c : text) {
-    if (c == '\0') {
-      shown += "\\0";
-    } else {
-      shown += c;
-    }
-  }
-  return shown;
-}
-
 // The path a request string names, read as the text form of a path (utils/path_text.h). Empty and "."
 // components carry no meaning and are dropped, so "", "." and "./" name the directory they are relative
 // to, and "a.py/" names a.py; ".." stays for the guards and the resolution to judge. A relative path is
 // joined onto the root; an absolute one stands.
 fs::path requested_path(const fs::path& repo_root, const std::string& request) {
   if (request.find('\0') != std::string::npos) {
-    throw std::invalid_argument("Path holds a NUL byte: \"" + printable(request) + "\"");
+    throw std::invalid_argument("Path holds a NUL byte: \"" + utils::nul_spelt(request) + "\"");
   }
   const std::string text = utils::path_bytes(request);
   const bool absolute = !text.empty() && text.front() == '/';

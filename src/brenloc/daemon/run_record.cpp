@@ -14,7 +14,6 @@
 namespace brenloc::daemon {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 json RunRecord::to_json() const {
   return json{{"started_at", started_at},

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 namespace brenloc::daemon {
 
@@ -20,10 +20,10 @@ struct RunRecord {
   std::int64_t pid = 0;
   bool clear_existing = false;
   std::string state = "running";    // "running", "ended", or "interrupted" (found running by a later worker)
-  nlohmann::ordered_json outcome;   // the status message that ended it; null while running
+  json outcome;   // the status message that ended it; null while running
 
   // {"started_at", "pid", "clear_existing", "state", "outcome"}
-  nlohmann::ordered_json to_json() const;
+  json to_json() const;
 };
 
 // A record for a run that starts now in this process.

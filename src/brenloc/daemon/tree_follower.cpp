@@ -9,7 +9,7 @@
 #include "brenloc/aio/outcome.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
-#include "brenloc/daemon/worker.h"
+#include "brenloc/daemon/worker_log.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/path_text.h"
 #include "brenloc/workers/gitignore.h"
@@ -20,33 +20,13 @@ namespace brenloc::daemon {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-namespace {
-
-// A pass over fewer files than this sends clients no progress (it ends in moments: a save, a small tree).
-constexpr std::int64_t kQuietPassFiles = 500;
-
-// The worker's reporting scope, with progress sent only for passes large enough to be worth following.
-class FollowerScope {
- public:
-  FollowerScope(RepoWorker& worker, workers::Indexer& indexer)
-      : worker_(worker), indexer_(indexer), inner_(worker._reporting_pass(indexer)) {}
-  void enter() {
-    inner_->enter();
-    indexer_.set_progress([w = &worker_](std::int64_t done, std::int64_t total) {
-      w->notify_progress(done, total, total >= kQuietPassFiles);
-    });
-  }
-  bool exit(const aio::ScopeExit& how) { return inner_->exit(how); }
-
- private:
-  RepoWorker& worker_;
-  workers::Indexer& indexer_;
-  std::unique_ptr<PassScope> inner_;
-};
-
-}  // namespace
-
-TreeFollower::TreeFollower(RepoWorker& worker, FollowOptions options) : worker_(worker), options_(options) {}
+TreeFollower::TreeFollower(fs::path repo_root, fs::path data_dir, std::shared_ptr<workers::Indexer> indexer,
+                           LivePasses passes, FollowOptions options)
+    : repo_root_(std::move(repo_root)),
+      data_dir_(std::move(data_dir)),
+      host_(std::move(passes)),
+      options_(options),
+      indexer_(std::move(indexer)) {}
 
 TreeFollower::~TreeFollower() = default;
 
@@ -63,10 +43,6 @@ const char* TreeFollower::mode_name(Mode m) {
 }
 
 void TreeFollower::start() {
-  indexer_ = worker_._new_indexer({.repository = worker_._repository,
-                                   .repo_root = worker_.repo_root,
-                                   .offload = worker_._passes_lane.run,
-                                   .refresh_report = false});
   first_pass_pending_ = options_.catch_up;
   passes_task_ = aio::spawn(pass_loop(this));
 }
@@ -95,15 +71,15 @@ void TreeFollower::fall_back_to_polling(const std::string& why) {
   mode_ = Mode::polling;
   worker_logger()->warn("Watching {} for changes stopped ({}; {} watches): following it by whole live passes "
                         "every {} s or more instead",
-                        worker_.repo_root.string(), why, had, options_.poll_interval.count() / 1000.0);
+                        repo_root_.string(), why, had, options_.poll_interval.count() / 1000.0);
   changes_.add_everything(Clock::now());
   wake();
 }
 
 aio::Task<bool> TreeFollower::watch_tree(std::string rel) {
   std::error_code ec;
-  fs::path data_dir = fs::weakly_canonical(worker_.data_dir, ec);
-  workers::WalkPolicy policy{worker_.repo_root, ec ? worker_.data_dir : data_dir};
+  fs::path data_dir = fs::weakly_canonical(data_dir_, ec);
+  workers::WalkPolicy policy{repo_root_, ec ? data_dir_ : data_dir};
   auto dirs = co_await aio::to_thread([policy, rel] {
     std::atomic<bool> stop{false};
     return workers::collect_dirs(policy, rel, stop);
@@ -118,7 +94,7 @@ aio::Task<bool> TreeFollower::watch_tree(std::string rel) {
 }
 
 aio::Task<bool> TreeFollower::watch_all() {
-  auto sources = co_await aio::to_thread([root = worker_.repo_root] { return workers::exclude_sources(root); });
+  auto sources = co_await aio::to_thread([root = repo_root_] { return workers::exclude_sources(root); });
   if (!watcher_) co_return false;
   watcher_->watch_files(sources);
   co_return co_await watch_tree("");
@@ -170,7 +146,7 @@ aio::Task<void> TreeFollower::event_loop(TreeFollower* self) {
 aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
   if (self->options_.watch) {
     try {
-      self->watcher_ = std::make_unique<TreeWatcher>(self->worker_.repo_root, self->options_.max_watches);
+      self->watcher_ = std::make_unique<TreeWatcher>(self->repo_root_, self->options_.max_watches);
       self->mode_ = Mode::inotify;
       if (co_await self->watch_all()) self->events_task_ = aio::spawn(event_loop(self));
     } catch (const std::system_error& e) {
@@ -205,28 +181,15 @@ aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
 }
 
 aio::Task<void> TreeFollower::live_pass(bool first) {
-  // Never beside a force_reindex run: wait for it, then count this pass in (under the lock that the
-  // facility's busy test takes, so that no run is accepted in between).
-  for (;;) {
-    std::optional<aio::Future<void>> run;
-    {
-      auto guard = co_await worker_._indexer_lock.scoped();
-      if (!worker_._indexer_task || worker_._indexer_task->done()) {
-        co_await worker_._start_indexing();
-        break;
-      }
-      run = worker_._indexer_task;
-    }
-    co_await aio::wait_all({run->base()});
-  }
-  // Taken only now: what changed during a run is indexed by this pass.
+  co_await host_.start();
+  // Taken only now: what changed during a force_reindex run is indexed by this pass.
   std::optional<std::vector<std::string>> batch = changes_.take();
   if (first) batch.reset();
   auto ended = co_await aio::outcome_of(indexing(std::move(batch)));
-  co_await worker_._finish_indexing();
+  co_await host_.finish();
   if (ended.cancelled()) std::move(ended).get();
   if (ended.failed()) {
-    utils::log_exception(*worker_logger(), fmt::format("A live pass over changes in {} failed", worker_.repo_root.string()),
+    utils::log_exception(*worker_logger(), fmt::format("A live pass over changes in {} failed", repo_root_.string()),
                          ended.error);
   }
 }
@@ -235,15 +198,12 @@ aio::Task<void> TreeFollower::indexing(std::optional<std::vector<std::string>> b
   std::optional<std::vector<fs::path>> paths;
   if (batch) {
     paths.emplace();
-    for (const auto& rel : *batch) paths->push_back(utils::path_under(worker_.repo_root, rel));
+    for (const auto& rel : *batch) paths->push_back(utils::path_under(repo_root_, rel));
   }
   const auto started = Clock::now();
-  FollowerScope scope(worker_, *indexer_);
-  auto stats = co_await aio::within(scope, indexer_->full_index(std::move(paths)));
+  co_await host_.run(*indexer_, std::move(paths));
   last_pass_ = Clock::now() - started;
   ++passes_;
-  if (stats && stats->last_pass && worker_._indexer) worker_._indexer->stats.record_completion(*stats->last_pass);
-  if (!batch && worker_._passes) worker_._passes->trigger(Trigger::REINDEX);
 }
 
 }  // namespace brenloc::daemon

@@ -8,10 +8,13 @@
 // worker's count of passes under way (so force_reindex answers "in_progress" meanwhile), runs inside the
 // worker's reporting scope, and never runs beside a force_reindex run: changes seen during one (a full
 // rebuild) are indexed right after it ends, whatever its outcome. stop() cancels what runs, cleanly.
+// The follower asks its worker through the operations of LivePasses and knows nothing else of it.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,8 +27,6 @@
 
 namespace brenloc::daemon {
 
-class RepoWorker;
-
 struct FollowOptions {
   bool catch_up = false;  // a live whole pass at start
   bool watch = false;     // follow changes with inotify
@@ -35,11 +36,26 @@ struct FollowOptions {
   std::chrono::milliseconds poll_interval{10000};
 };
 
+// What the follower asks of its worker for each live pass.
+struct LivePasses {
+  // Waits until no force_reindex run is under way, then counts a pass in, so that none is accepted
+  // before the pass has been counted out.
+  std::function<aio::Task<void>()> start;
+  // Runs the pass of `indexer` over `paths` (absent: the whole tree) in the worker's reporting scope, and
+  // records it as the worker's last completed pass.
+  std::function<aio::Task<workers::IndexStats>(workers::Indexer& indexer, std::optional<std::vector<std::filesystem::path>> paths)>
+      run;
+  // Counts the pass out.
+  std::function<aio::Task<void>()> finish;
+};
+
 class TreeFollower {
  public:
   enum class Mode { off, inotify, polling };
 
-  TreeFollower(RepoWorker& worker, FollowOptions options);
+  // `indexer` indexes the live passes (over the worker's live store); `data_dir` is left out of watching.
+  TreeFollower(std::filesystem::path repo_root, std::filesystem::path data_dir,
+               std::shared_ptr<workers::Indexer> indexer, LivePasses passes, FollowOptions options);
   ~TreeFollower();
   TreeFollower(const TreeFollower&) = delete;
   TreeFollower& operator=(const TreeFollower&) = delete;
@@ -73,7 +89,8 @@ class TreeFollower {
   aio::Task<void> indexing(std::optional<std::vector<std::string>> batch);
   void wake();
 
-  RepoWorker& worker_;
+  std::filesystem::path repo_root_, data_dir_;
+  LivePasses host_;
   FollowOptions options_;
   Mode mode_ = Mode::off;
   std::shared_ptr<workers::Indexer> indexer_;

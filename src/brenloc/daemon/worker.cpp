@@ -2,27 +2,23 @@
 
 #include <malloc.h>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <system_error>
+#include <variant>
 
 #include "brenloc/aio/outcome.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/daemon/reindex_paths.h"
 #include "brenloc/storage/definition_source.h"
-#include "brenloc/storage/errors.h"
-#include "brenloc/storage/search_answer.h"
-#include "brenloc/tool_binding.h"
+#include "brenloc/storage/source_text.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/path_text.h"
 #include "brenloc/workers/pass_files.h"
-#include "brenloc/workers/report_generator.h"
 
 namespace brenloc::daemon {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -32,18 +28,27 @@ fs::path resolve_root(const fs::path& root) {
   return ec ? fs::absolute(root).lexically_normal() : resolved;
 }
 
+// A pass over fewer files than this, run by the follower, sends clients no progress (it ends in moments: a
+// save, a small tree).
+constexpr std::int64_t kQuietPassFiles = 500;
+
+}  // namespace
+
 // Logs an index pass and carries its progress to the worker's clients.
-class ReportingPass final : public PassScope {
+class RepoWorker::ReportingPass final : public PassScope {
  public:
   ReportingPass(RepoWorker& worker, workers::Indexer& indexer) : worker_(worker), indexer_(indexer) {}
   void enter() override {
     indexer_.set_progress([w = &worker_](std::int64_t done, std::int64_t total) { w->notify_progress(done, total); });
-    worker_.pass_started();
+    if (worker_.progress_) worker_.progress_->phase = "walking";
     worker_logger()->debug("Index pass started");
   }
   bool exit(const aio::ScopeExit& how) override {
     indexer_.set_progress(nullptr);
-    worker_.pass_ended(indexer_, how.kind == aio::ScopeExit::normal);
+    // A pass that does not refresh the report is a rebuild's staging pass: the swap comes next.
+    if (worker_.progress_ && how.kind == aio::ScopeExit::normal && !indexer_.options().refresh_report) {
+      worker_.progress_->phase = "swapping";
+    }
     static const char* names[] = {"finished", "failed", "cancelled"};
     worker_logger()->debug("Index pass {}", names[how.kind]);
     return false;
@@ -54,10 +59,8 @@ class ReportingPass final : public PassScope {
   workers::Indexer& indexer_;
 };
 
-}  // namespace
-
-RepoWorker::RepoWorker(const fs::path& root, fs::path data, FollowOptions follow)
-    : WorkerReindex(resolve_root(root), std::move(data)), follow_(follow) {}
+RepoWorker::RepoWorker(const fs::path& root, fs::path data, FollowOptions follow, WorkerEnv& env)
+    : WorkerReindex(resolve_root(root), std::move(data), env), follow_(follow) {}
 
 RepoWorker::~RepoWorker() = default;
 
@@ -65,7 +68,7 @@ aio::Task<void> RepoWorker::start() {
   fs::create_directories(data_dir);
   owner_lock_ = utils::OwnerLock::acquire(data_dir / kOwnerLockFile, "the data directory " + data_dir.string(),
                                           owner_note_);
-  _database = _new_database(data_dir / "index.db");
+  _database = _env.new_database(data_dir / "index.db", true);
   auto [interrupted, last_run] =
       co_await aio::to_thread([db = _database, dir = data_dir, staging = _staging_db_paths(data_dir / "index.db").second] {
         // With the lock held, staging files here belong to no live process: they are what a rebuild that a
@@ -86,10 +89,10 @@ aio::Task<void> RepoWorker::start() {
     _last_reindex_error = *interrupted;
   }
   last_run_ = std::move(last_run);
-  _repository = _new_repository(_database);
-  _indexer = _new_indexer({.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run});
+  _repository = _env.new_repository(_database);
+  _indexer = _env.new_indexer({.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run});
   std::vector<PassScheduler::Pass> passes = {
-      {"report", [repo = _repository, root = repo_root] { workers::write_report(repo, root, false); }},
+      {"report", [env = &_env, repo = _repository, root = repo_root] { env->write_report(repo, root, false); }},
       {"checkpoint", [db = _database] { db->execute("PRAGMA wal_checkpoint(PASSIVE)"); }},
       {"optimize", [db = _database] { db->execute("PRAGMA optimize"); }},
       // A rebuild frees hundreds of megabytes across the allocator's per-thread arenas; without a trim they
@@ -104,7 +107,9 @@ aio::Task<void> RepoWorker::start() {
   started_ = true;
   started_at_ = std::chrono::system_clock::now();
   if (follow_.catch_up || follow_.watch) {
-    follower_ = std::make_unique<TreeFollower>(*this, follow_);
+    auto indexer = _env.new_indexer(
+        {.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run, .refresh_report = false});
+    follower_ = std::make_unique<TreeFollower>(repo_root, data_dir, std::move(indexer), live_passes(), follow_);
     follower_->start();
   }
 }
@@ -137,23 +142,6 @@ bool RepoWorker::busy() const {
   return (_indexer_task && !_indexer_task->done()) || _indexing_in_progress > 0 || releases_in_flight_ > 0;
 }
 
-aio::Task<json> RepoWorker::call_tool(std::string name, json arguments) {
-  auto answer = co_await aio::outcome_of(dispatch_tool(name, std::move(arguments)));
-  if (answer.failed() && !answer.cancelled()) {
-    try {
-      std::rethrow_exception(answer.error);
-    } catch (const storage::StorageError& e) {
-      // The client hears what failed, not the database's path on this machine: that goes to the log.
-      utils::log_exception(*worker_logger(), fmt::format("Tool {} failed", name), answer.error);
-      throw std::runtime_error(fmt::format("{} failed in the index database (SQLite code {}); the log of brenloc "
-                                           "has the details",
-                                           name, e.code()));
-    } catch (...) {
-    }
-  }
-  co_return std::move(answer).get();
-}
-
 aio::Task<json> RepoWorker::force_reindex(json arguments) {
   json answer = co_await _handle_force_reindex(std::move(arguments));
   if (answer.value("status", "") == "accepted") {
@@ -178,18 +166,6 @@ void RepoWorker::save_run_record() {
   }
 }
 
-aio::Task<json> RepoWorker::dispatch_tool(const std::string& name, json arguments) {
-  if (name == "force_reindex") co_return co_await force_reindex(std::move(arguments));
-  if (name == "index_status") {
-    bind_arguments("none", arguments);
-    co_return co_await index_status();
-  }
-  if (name == "search_symbols") co_return co_await search_symbols(std::move(arguments));
-  if (name == "file_outline") co_return co_await file_outline(std::move(arguments));
-  if (name == "symbol_source") co_return co_await symbol_source(std::move(arguments));
-  throw UnknownTool(name);
-}
-
 json RepoWorker::_check_repository(std::string_view tool) {
   const std::string root = utils::path_text(repo_root.native());
   if (stopping_ || !started_) {
@@ -211,7 +187,7 @@ json RepoWorker::_check_repository(std::string_view tool) {
 aio::Task<void> RepoWorker::_start_indexing() {
   co_await wait_for_releases();  // before the count goes up: a cancelled wait leaves it as it was
   auto guard = co_await _indexing_lock.scoped();
-  if (_indexing_in_progress++ == 0) progress_ = Progress{.started = std::chrono::system_clock::now()};
+  if (_indexing_in_progress++ == 0) progress_ = IndexStatus::Progress{.started = std::chrono::system_clock::now()};
 }
 
 aio::Task<void> RepoWorker::_release_staging(std::optional<aio::Future<storage::Counts>> swap,
@@ -237,13 +213,51 @@ aio::Task<void> RepoWorker::_finish_indexing() {
   if (--_indexing_in_progress == 0) progress_.reset();
 }
 
-void RepoWorker::pass_started() {
-  if (progress_) progress_->phase = "walking";
+LivePasses RepoWorker::live_passes() {
+  return LivePasses{.start = [this] { return start_live_pass(); },
+                    .run = [this](workers::Indexer& indexer, std::optional<std::vector<fs::path>> paths) {
+                      return run_live_pass(indexer, std::move(paths));
+                    },
+                    .finish = [this] { return _finish_indexing(); }};
 }
 
-void RepoWorker::pass_ended(const workers::Indexer& indexer, bool normally) {
-  // A pass that does not refresh the report is a rebuild's staging pass: the swap comes next.
-  if (progress_ && normally && !indexer.options().refresh_report) progress_->phase = "swapping";
+aio::Task<void> RepoWorker::start_live_pass() {
+  // Never beside a force_reindex run: wait for it, then count this pass in (under the lock that the
+  // facility's busy test takes, so that no run is accepted in between).
+  for (;;) {
+    std::optional<aio::Future<void>> run;
+    {
+      auto guard = co_await _indexer_lock.scoped();
+      if (!_indexer_task || _indexer_task->done()) {
+        co_await _start_indexing();
+        co_return;
+      }
+      run = _indexer_task;
+    }
+    co_await aio::wait_all({run->base()});
+  }
+}
+
+aio::Task<workers::IndexStats> RepoWorker::run_live_pass(workers::Indexer& indexer,
+                                                         std::optional<std::vector<fs::path>> paths) {
+  const bool whole = !paths;
+  // The reporting scope, with progress sent only for passes large enough to be worth following.
+  struct QuietScope {
+    RepoWorker& worker;
+    workers::Indexer& indexer;
+    std::unique_ptr<PassScope> inner;
+    void enter() {
+      inner->enter();
+      indexer.set_progress([w = &worker](std::int64_t done, std::int64_t total) {
+        w->notify_progress(done, total, total >= kQuietPassFiles);
+      });
+    }
+    bool exit(const aio::ScopeExit& how) { return inner->exit(how); }
+  } scope{*this, indexer, _reporting_pass(indexer)};
+  auto stats = co_await aio::within(scope, indexer.full_index(std::move(paths)));
+  if (stats && stats->last_pass && _indexer) _indexer->stats.record_completion(*stats->last_pass);
+  if (whole && _passes) _passes->trigger(Trigger::REINDEX);
+  co_return std::move(stats).value();
 }
 
 std::unique_ptr<PassScope> RepoWorker::_reporting_pass(workers::Indexer& indexer) {
@@ -292,95 +306,60 @@ int RepoWorker::subscribe(StatusSink sink) {
 
 void RepoWorker::unsubscribe(int id) { sinks_.erase(id); }
 
-aio::Task<json> RepoWorker::index_status() {
-  auto counts = co_await aio::to_thread([repo = _repository] { return repo->counts(); });
-  const bool task_running = _indexer_task && !_indexer_task->done();
-  auto opt = [](const std::optional<std::string>& s) { return s ? json(*s) : json(); };
-  json last_index;
+aio::Task<IndexStatus> RepoWorker::status() {
+  IndexStatus status;
+  const auto counts = co_await aio::to_thread([repo = _repository] { return repo->counts(); });
+  status.files = counts.files;
+  status.symbols = counts.symbols;
   if (_indexer) {
     json info = _indexer->stats.get_last_index_info();
-    if (!info.is_null() && !info.empty()) last_index = info;
+    if (!info.is_null() && !info.empty()) status.last_index = std::move(info);
   }
-  if (last_index.is_null()) {
+  if (status.last_index.is_null()) {
     // Nothing recorded by this process yet: what the last pass, of any process, left in the data directory.
-    last_index = co_await aio::to_thread([dir = data_dir] { return json(workers::read_last_index(dir)); });
+    status.last_index = co_await aio::to_thread([dir = data_dir] { return workers::read_last_index(dir); });
   }
   constexpr std::size_t kLeftOutShown = 5;
-  json left_out = co_await aio::to_thread(
-      [dir = data_dir] { return workers::left_out_json(workers::read_left_out(dir, kLeftOutShown)); });
+  status.left_out = co_await aio::to_thread([dir = data_dir] { return workers::read_left_out(dir, kLeftOutShown); });
   // Before its first pass the worker walks the tree to set up its watches: the index is not yet what
   // that pass will make it, and a caller waiting for the index to settle must not stop there.
   const bool first_pass = follower_ && follower_->first_pass_pending();
-  std::optional<Progress> shown = progress_;
-  if (!shown && first_pass) shown = Progress{.started = started_at_};
-  json progress;
-  if (shown) {
-    progress = json{{"phase", shown->phase},
-                    {"files_done", shown->done},
-                    {"files_total", shown->total},
-                    {"started_at", fmt::format("{:%Y-%m-%dT%H:%M:%S}Z",
-                                               fmt::gmtime(std::chrono::system_clock::to_time_t(shown->started)))}};
-  }
-  co_return json{{"repo_root", utils::path_text(repo_root.native())},
-                 {"data_dir", utils::path_text(data_dir.native())},
-                 {"indexing", task_running || _indexing_in_progress > 0 || first_pass},
-                 {"progress", progress},
-                 {"last_reindex_error", opt(_last_reindex_error)},
-                 {"rebuild_refusal", opt(_rebuild_refusal)},
-                 {"last_reindex", last_run_ ? last_run_->to_json() : json()},
-                 {"files", counts.files},
-                 {"symbols", counts.symbols},
-                 {"last_index", last_index},
-                 {"left_out", std::move(left_out)},
-                 {"watch", TreeFollower::mode_name(follower_ ? follower_->mode() : TreeFollower::Mode::off)},
-                 {"watches", follower_ ? follower_->watches() : 0}};
+  status.progress = progress_;
+  if (!status.progress && first_pass) status.progress = IndexStatus::Progress{.started = started_at_};
+  status.repo_root = utils::path_text(repo_root.native());
+  status.data_dir = utils::path_text(data_dir.native());
+  status.indexing = (_indexer_task && !_indexer_task->done()) || _indexing_in_progress > 0 || first_pass;
+  status.last_reindex_error = _last_reindex_error;
+  status.rebuild_refusal = _rebuild_refusal;
+  status.last_reindex = last_run_;
+  status.watch = follower_ ? follower_->mode() : TreeFollower::Mode::off;
+  status.watches = follower_ ? follower_->watches() : 0;
+  co_return status;
 }
 
 namespace {
 
-constexpr std::size_t kOutlineBytes = 64 * 1024;
-
-storage::SymbolQuery::Match match_mode(const std::string& name) {
-  using M = storage::SymbolQuery::Match;
-  if (name == "exact") return M::exact;
-  if (name == "prefix") return M::prefix;
-  if (name == "substring") return M::substring;
-  if (name == "fuzzy") return M::fuzzy;
-  return M::automatic;
-}
-
-std::optional<std::string> opt_string(const json& v) {
-  return v.is_null() ? std::nullopt : std::optional<std::string>(v.get<std::string>());
-}
-
-json failed(std::string error) { return json{{"error", std::move(error)}, {"status", "failed"}}; }
-
 // A requested path through the guards of force_reindex, as a path relative to the root (or a refusal).
-std::pair<std::string, std::optional<json>> relative_path(const fs::path& root, const std::string& requested) {
+std::variant<std::string, Refusal> relative_path(const fs::path& root, const std::string& requested) {
   auto [resolved, refusal] = guard_requested_path(root, requested);
-  if (refusal) return {"", failed(*refusal)};
-  return {utils::path_text(resolved.lexically_relative(root).generic_string()), std::nullopt};
+  if (refusal) return Refusal{*refusal};
+  return utils::path_text(resolved.lexically_relative(root).generic_string());
 }
 
 }  // namespace
 
-aio::Task<json> RepoWorker::search_symbols(json params) {
-  json bound = bind_arguments("search", params);
-  storage::SymbolQuery query;
-  query.text = bound["query"].get<std::string>();
-  query.match = match_mode(bound["match"].get<std::string>());
-  query.kind = opt_string(bound["kind"]);
-  query.path_prefix = opt_string(bound["path"]);
-  query.language = opt_string(bound["language"]);
-  query.limit = bound["limit"].get<int>();
-  const auto max_bytes = bound["max_bytes"].get<std::size_t>();
-  json answer = co_await aio::to_thread([repo = _repository, root = repo_root, query, match = bound["match"], max_bytes] {
-    storage::SourceFiles sources(root);
-    return storage::search_answer(query.text, match.get<std::string>(), repo->find_symbols(query), sources, max_bytes);
+aio::Task<SearchAnswer> RepoWorker::search(SearchArgs args) {
+  storage::SymbolQuery query{.text = std::move(args.query),
+                             .match = args.match,
+                             .kind = std::move(args.kind),
+                             .path_prefix = std::move(args.path),
+                             .limit = args.limit,
+                             .language = std::move(args.language)};
+  auto [found, counts] = co_await aio::to_thread([repo = _repository, query] {
+    auto found = repo->find_symbols(query);
+    return std::make_pair(std::move(found), repo->counts());
   });
-  const auto counts = co_await aio::to_thread([repo = _repository] { return repo->counts(); });
-  if (std::string note = search_note(counts.files); !note.empty()) answer["note"] = note;
-  co_return answer;
+  co_return SearchAnswer{.found = std::move(found), .note = search_note(counts.files)};
 }
 
 std::string RepoWorker::search_note(std::int64_t files) const {
@@ -393,45 +372,54 @@ std::string RepoWorker::search_note(std::int64_t files) const {
   return "the index is empty: call force_reindex";
 }
 
-aio::Task<json> RepoWorker::file_outline(json params) {
-  json bound = bind_arguments("outline", params);
-  co_return co_await aio::to_thread([repo = _repository, root = repo_root, path = bound["path"].get<std::string>()] {
-    auto [rel, refusal] = relative_path(root, path);
-    if (refusal) return *refusal;
-    auto file = repo->file_symbols(rel);
-    if (!file) return failed(fmt::format("File not in the index: {}", rel));
-    return storage::outline_answer(*file, kOutlineBytes);
+aio::Task<OutlineAnswer> RepoWorker::outline(std::string path) {
+  co_return co_await aio::to_thread([repo = _repository, root = repo_root, path = std::move(path)]() -> OutlineAnswer {
+    auto rel = relative_path(root, path);
+    if (auto* refusal = std::get_if<Refusal>(&rel)) return *refusal;
+    const std::string& file = std::get<std::string>(rel);
+    auto entry = repo->file_symbols(file);
+    if (!entry) return Refusal{fmt::format("File not in the index: {}", file)};
+    return std::move(*entry);
   });
 }
 
-aio::Task<json> RepoWorker::symbol_source(json params) {
-  json bound = bind_arguments("source", params);
-  const auto name = opt_string(bound["name"]);
-  const auto path = opt_string(bound["path"]);
-  const int line = bound["line"].is_null() ? 0 : bound["line"].get<int>();
-  if (!name && (!path || line == 0)) throw ArgumentError("name", "give a 'name', or a 'path' and a 'line'");
-  const int max_lines = bound["max_lines"].get<int>();
-  co_return co_await aio::to_thread([repo = _repository, root = repo_root, name, path, line, max_lines,
-                                     kind = opt_string(bound["kind"])]() -> json {
+namespace {
+
+// The definition's lines from its first, at most `max_lines` of them.
+DefinitionSource read_source(const storage::SymbolHit& d, storage::SourceFiles& sources, int max_lines,
+                             std::int64_t other_matches) {
+  DefinitionSource out{.definition = d, .other_matches = other_matches};
+  out.first_line = d.start_line > 0 ? std::min(d.start_line, d.line) : d.line;
+  const int last = std::min(std::max(d.end_line, d.line), out.first_line + max_lines - 1);
+  out.text = sources.lines(d.path, out.first_line, last);
+  if (out.text) out.signature = storage::signature_of(*out.text, d.line - out.first_line);
+  out.truncated = d.end_line > last;
+  return out;
+}
+
+}  // namespace
+
+aio::Task<SourceAnswer> RepoWorker::source(SourceArgs args) {
+  co_return co_await aio::to_thread([repo = _repository, root = repo_root, args = std::move(args)]() -> SourceAnswer {
     std::string rel;
-    if (path) {
-      auto [relative, refusal] = relative_path(root, *path);
-      if (refusal) return *refusal;
-      rel = relative;
+    if (args.path) {
+      auto relative = relative_path(root, *args.path);
+      if (auto* refusal = std::get_if<Refusal>(&relative)) return *refusal;
+      rel = std::get<std::string>(relative);
     }
     storage::SourceFiles sources(root);
-    if (!name) {
+    if (!args.name) {
       auto file = repo->file_symbols(rel);
-      if (!file) return failed(fmt::format("File not in the index: {}", rel));
-      auto at = storage::definition_at(*file, line);
-      if (!at) return failed(fmt::format("No definition at {}:{}", rel, line));
-      return storage::source_answer(*at, sources, max_lines, 0);
+      if (!file) return Refusal{fmt::format("File not in the index: {}", rel)};
+      auto at = storage::definition_at(*file, args.line);
+      if (!at) return Refusal{fmt::format("No definition at {}:{}", rel, args.line)};
+      return read_source(*at, sources, args.max_lines, 0);
     }
-    storage::SymbolQuery query{.text = *name, .match = storage::SymbolQuery::Match::exact, .kind = kind, .limit = 1};
-    if (path) query.path_prefix = rel;
+    storage::SymbolQuery query{.text = *args.name, .match = storage::SymbolQuery::Match::exact, .kind = args.kind, .limit = 1};
+    if (args.path) query.path_prefix = rel;
     auto found = repo->find_symbols(query);
-    if (found.hits.empty()) return failed(fmt::format("No definition named '{}'", *name));
-    return storage::source_answer(found.hits.front(), sources, max_lines, found.total - 1);
+    if (found.hits.empty()) return Refusal{fmt::format("No definition named '{}'", *args.name)};
+    return read_source(found.hits.front(), sources, args.max_lines, found.total - 1);
   });
 }
 

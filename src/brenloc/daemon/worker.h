@@ -15,6 +15,7 @@
 
 #include "brenloc/daemon/run_record.h"
 #include "brenloc/daemon/tree_follower.h"
+#include "brenloc/daemon/worker_face.h"
 #include "brenloc/daemon/worker_reindex.h"
 #include "brenloc/utils/owner_lock.h"
 
@@ -27,8 +28,10 @@ class RepoWorker : public WorkerReindex {
   // The lock file that marks the data directory's owner.
   static constexpr const char* kOwnerLockFile = "brenloc.lock";
 
-  // `repo_root` is resolved here (symbolic links followed); `data_dir` is created by start().
-  RepoWorker(const std::filesystem::path& repo_root, std::filesystem::path data_dir, FollowOptions follow = {});
+  // `repo_root` is resolved here (symbolic links followed); `data_dir` is created by start(). `env` makes
+  // the worker's databases, stores and indexers (tests hand one that injects faults).
+  RepoWorker(const std::filesystem::path& repo_root, std::filesystem::path data_dir, FollowOptions follow = {},
+             WorkerEnv& env = WorkerEnv::standard());
   ~RepoWorker() override;
 
   // Throws utils::LockBusy, having written nothing, when another process owns the data directory.
@@ -39,45 +42,38 @@ class RepoWorker : public WorkerReindex {
   aio::Task<void> stop();
   bool stopping() const { return stopping_; }
 
-  // --- the worker's public face ---
-  // Runs the tool `name` ("force_reindex", "index_status", "search_symbols", "file_outline",
-  // "symbol_source") with its arguments and gives
-  // its response dictionary. Throws UnknownTool for another name and ArgumentError for bad arguments.
-  aio::Task<json> call_tool(std::string name, json arguments);
-  // The force_reindex tool: the response at once; an accepted run goes on in the background. An accepted
-  // run is recorded in the data directory (run_record.h) until its outcome is sent.
+  // --- what clients ask (each tool of tools/ over one of these) ---
+  // The force_reindex request: its response dictionary at once; an accepted run goes on in the
+  // background. An accepted run is recorded in the data directory (run_record.h) until its outcome is sent.
   aio::Task<json> force_reindex(json arguments);
+  // The state of the index: counts, indexing under way and how far, outcomes of reindexing, files left
+  // out, how the tree is followed. "last_index" is the completion this worker recorded, else the last
+  // pass's record in the data directory (a pass of an earlier process), else null.
+  aio::Task<IndexStatus> status();
+  // The page of hits, with a note while the index is empty or its first pass runs (so that no result
+  // is not taken for "no such symbol").
+  aio::Task<SearchAnswer> search(SearchArgs args);
+  // The rows of a file, or a refusal for a path that force_reindex would refuse (with the same text) or a
+  // file not in the index.
+  aio::Task<OutlineAnswer> outline(std::string path);
+  // A definition and its lines, or a refusal as for outline or when no definition is found.
+  aio::Task<SourceAnswer> source(SourceArgs args);
+
   // The background run of the last accepted force_reindex, absent before the first; done once it ended.
   std::optional<aio::Future<void>> last_run() const { return _indexer_task; }
   // True while a reindex runs, an index pass is under way or a staging database is being released.
   bool busy() const;
   // Full rebuilds swapped in since start(): a run cancelled after its swap still changed the index.
   std::uint64_t swaps_committed() const { return _repository ? _repository->last_swap_timing().swaps : 0; }
-
-  // --- tools ---
-  // {"repo_root", "data_dir", "indexing", "progress", "last_reindex_error", "rebuild_refusal",
-  //  "last_reindex", "files", "symbols", "last_index", "left_out", "watch", "watches"}; "last_reindex" is
-  //  the record of the last accepted force_reindex (also of an earlier process), else null; "last_index" is
-  //  the completion this worker recorded, else the last pass's record in the data directory (a pass of an
-  //  earlier process), else null; "left_out" is {"count", "first"}: how many files errors.jsonl names and
-  //  the first few of its entries; "watch" is how the worker follows the tree: "inotify", "polling" or
-  //  "off". Paths are in their text form (utils/path_text.h).
-  aio::Task<json> index_status();
-  // Arguments bound with the "search" schema; the answer of storage::search_answer, with a "note" while the
-  // index is empty or its first pass runs (so that no result is not taken for "no such symbol").
-  aio::Task<json> search_symbols(json params);
-  // Arguments bound with the "outline" schema; storage::outline_answer, or {"error", "status": "failed"}
-  // for a path that force_reindex would refuse (with the same text) or a file not in the index.
-  aio::Task<json> file_outline(json params);
-  // Arguments bound with the "source" schema: a name (the best exact match, within "path" when given) or
-  // a path and a line; storage::source_answer, or {"error", "status": "failed"} as for file_outline or
-  // when no definition is found.
-  aio::Task<json> symbol_source(json params);
+  // Staging databases whose release is still running.
+  int releases_in_flight() const { return releases_in_flight_; }
+  const TreeFollower* follower() const { return follower_.get(); }
 
   // Status messages (broadcasts and progress) go to every subscribed sink, on the loop thread.
   int subscribe(StatusSink sink);
   void unsubscribe(int id);
 
+ protected:
   // --- worker operations ---
   json _check_repository(std::string_view tool) override;
   aio::Task<void> _start_indexing() override;
@@ -89,18 +85,18 @@ class RepoWorker : public WorkerReindex {
   aio::Task<void> _release_staging(std::optional<aio::Future<storage::Counts>> swap,
                                    std::shared_ptr<storage::Database> staging_db,
                                    Paths sidecars, std::shared_ptr<workers::Indexer> staging_indexer) override;
-  int releases_in_flight() const { return releases_in_flight_; }
-
-  // Sends {"type": "reindex_progress", "files_done", "files_total"}, at most twice a second (and always
-  // when the last file is done), and keeps the figures for index_status; with `send` false, only keeps them.
-  void notify_progress(std::int64_t done, std::int64_t total, bool send = true);
-  // Told by the scope of each index pass when it starts and ends.
-  void pass_started();
-  void pass_ended(const workers::Indexer& indexer, bool normally);
-  const TreeFollower* follower() const { return follower_.get(); }
 
  private:
-  aio::Task<json> dispatch_tool(const std::string& name, json arguments);
+  class ReportingPass;
+
+  // Sends {"type": "reindex_progress", "files_done", "files_total"}, at most twice a second (and always
+  // when the last file is done), and keeps the figures for status; with `send` false, only keeps them.
+  void notify_progress(std::int64_t done, std::int64_t total, bool send = true);
+  // The follower's live passes: after any force_reindex run, in the reporting scope, recorded.
+  LivePasses live_passes();
+  aio::Task<void> start_live_pass();
+  aio::Task<workers::IndexStats> run_live_pass(workers::Indexer& indexer,
+                                               std::optional<std::vector<std::filesystem::path>> paths);
   // Writes the run record on the maintenance lane (in order, best effort).
   void save_run_record();
   void send(const json& message);
@@ -118,13 +114,8 @@ class RepoWorker : public WorkerReindex {
   std::map<int, StatusSink> sinks_;
   int next_sink_ = 1;
   std::chrono::steady_clock::time_point last_progress_{};
-  // What the indexing under way is doing, for index_status; absent when none runs.
-  struct Progress {
-    const char* phase = "walking";  // walking, indexing, swapping (the swap and the report after it)
-    std::int64_t done = 0, total = 0;
-    std::chrono::system_clock::time_point started;
-  };
-  std::optional<Progress> progress_;
+  // What the indexing under way is doing, for status; absent when none runs.
+  std::optional<IndexStatus::Progress> progress_;
   std::chrono::system_clock::time_point started_at_;
   FollowOptions follow_;
   std::unique_ptr<TreeFollower> follower_;

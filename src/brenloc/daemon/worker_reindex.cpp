@@ -11,12 +11,10 @@
 #include "brenloc/tool_binding.h"
 #include "brenloc/utils/best_effort.h"
 #include "brenloc/utils/logging.h"
-#include "brenloc/workers/report_generator.h"
 
 namespace brenloc::daemon {
 
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -64,7 +62,7 @@ aio::Task<json> WorkerReindex::_handle_force_reindex(json params) {
                        !truthy(paths_param);
   _last_reindex_error = _rebuild_refusal;
 
-  auto indexer = _new_indexer({.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run});
+  auto indexer = _env.new_indexer({.repository = _repository, .repo_root = repo_root, .offload = _passes_lane.run});
 
   std::optional<Paths> index_paths;
   if (truthy(paths_param)) {
@@ -154,7 +152,7 @@ std::pair<fs::path, WorkerReindex::Paths> WorkerReindex::_staging_db_paths(const
 
 std::shared_ptr<storage::Database> WorkerReindex::_open_staging_db(const fs::path& staging_path, const Paths& sidecars) {
   _remove_files(sidecars);
-  auto db = _new_database(staging_path);
+  auto db = _env.new_database(staging_path, false);
   try {
     db->connect();
     db->create_schema();
@@ -211,8 +209,8 @@ aio::Task<workers::IndexStats> WorkerReindex::stage_and_swap(StagingRebuild& sta
                                                              fs::path staging_path,
                                                              aio::Future<std::shared_ptr<storage::Database>> opening) {
   staging.db = co_await aio::shield(opening);
-  auto staging_repo = _new_repository(staging.db);
-  staging.indexer = _new_indexer({.repository = staging_repo,
+  auto staging_repo = _env.new_repository(staging.db);
+  staging.indexer = _env.new_indexer({.repository = staging_repo,
                                   .repo_root = repo_root,
                                   .offload = _rebuild_lane.run,
                                   .refresh_report = false,
@@ -227,7 +225,7 @@ aio::Task<workers::IndexStats> WorkerReindex::stage_and_swap(StagingRebuild& sta
   staging.swap = _passes_lane.run(&WorkerReindex::_swap_in_staged_index, repository, staging.db, staging_path);
   storage::Counts counts = co_await aio::shield(*staging.swap);
   log_info(fmt::sprintf("Force-reindex swap committed (rows: %s)", storage::to_string(counts)));
-  co_await _passes_lane.run(&WorkerReindex::_write_report, this, repository, repo_root, true);
+  co_await _passes_lane.run([env = &_env, repository, root = repo_root] { env->write_report(repository, root, true); });
   co_return *stats;
 }
 
@@ -247,10 +245,6 @@ aio::Task<void> WorkerReindex::_release_staging(std::optional<aio::Future<storag
   if (swap) co_await aio::wait_all({swap->base()});
   if (swap && !swap->cancelled()) (void)swap->exception();  // the rebuild reports the swap's failure
   co_await aio::to_thread([this, staging_db, sidecars] { _discard_staging(staging_db, sidecars); });
-}
-
-void WorkerReindex::_write_report(std::shared_ptr<storage::Repository> repository, fs::path root, bool force) {
-  workers::write_report(repository, root, force);
 }
 
 }  // namespace brenloc::daemon

@@ -18,7 +18,6 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
 
 #include "brenloc/aio/task.h"
 #include "brenloc/daemon/worker_state.h"
@@ -39,10 +38,10 @@ class WorkerReindex : public WorkerState {
  public:
   using WorkerState::WorkerState;
 
-  using json = nlohmann::ordered_json;
   using Paths = std::vector<std::filesystem::path>;
   using PathResolution = std::pair<Paths, std::optional<std::string>>;
 
+ protected:
   // The text of the last full rebuild refused for leaving files out; absent once a rebuild succeeds.
   std::optional<std::string> _rebuild_refusal = std::nullopt;
 
@@ -50,33 +49,28 @@ class WorkerReindex : public WorkerState {
   aio::Task<json> _handle_force_reindex(json params);
 
   // Turns requested path strings into the files to index, or a refusal reason. Blocking; runs on the
-  // maintenance lane (virtual so that tests can see where).
-  virtual PathResolution _resolve_reindex_paths(const std::vector<std::string>& paths_param) const;
+  // maintenance lane.
+  PathResolution _resolve_reindex_paths(const std::vector<std::string>& paths_param) const;
 
   // --- the staging database's files ---
   static std::pair<std::filesystem::path, Paths> _staging_db_paths(const std::filesystem::path& db_path);
   // Opens a fresh staging database (over any leftovers) with its schema. Blocking.
-  virtual std::shared_ptr<storage::Database> _open_staging_db(const std::filesystem::path& staging_path,
-                                                              const Paths& sidecars);
+  std::shared_ptr<storage::Database> _open_staging_db(const std::filesystem::path& staging_path, const Paths& sidecars);
   // Closes the staging database and deletes its files. Blocking.
-  virtual void _discard_staging(const std::shared_ptr<storage::Database>& staging_db, const Paths& sidecars);
+  void _discard_staging(const std::shared_ptr<storage::Database>& staging_db, const Paths& sidecars);
   // Deletes those of `paths` that exist; file-system errors are swallowed path by path. Blocking.
   static void _remove_files(const Paths& paths);
 
   // --- the full rebuild ---
-  virtual aio::Task<workers::IndexStats> _full_reindex_via_staging();
+  aio::Task<workers::IndexStats> _full_reindex_via_staging();
   // Makes the staged index the live one. Blocking; runs on the passes' lane.
   static storage::Counts _swap_in_staged_index(const std::shared_ptr<storage::Repository>& repository,
-                                    const std::shared_ptr<storage::Database>& staging_db,
-                                    const std::filesystem::path& staging_path);
+                                               const std::shared_ptr<storage::Database>& staging_db,
+                                               const std::filesystem::path& staging_path);
   // Discards the staging database once the staging indexer has settled and a started swap has ended.
   virtual aio::Task<void> _release_staging(std::optional<aio::Future<storage::Counts>> swap,
                                            std::shared_ptr<storage::Database> staging_db, Paths sidecars,
                                            std::shared_ptr<workers::Indexer> staging_indexer = nullptr);
-
-  // Writes the report after a swap; runs on the passes' lane (a seam for tests).
-  virtual void _write_report(std::shared_ptr<storage::Repository> repository, std::filesystem::path repo_root,
-                             bool force);
 
  private:
   // The background run of an accepted request, in three layers: run_indexing brackets the run with the

@@ -4,9 +4,8 @@
 // live repository store, its own indexer, the pass scheduler and three lanes (the passes' lane, where the
 // swap, the report and the live indexer's storage work run; the maintenance lane, for path resolution;
 // the rebuild lane, for a full rebuild's work on its staging database).
-// Everything here is touched on the event loop only.
-//
-// The operations are virtual: RepoWorker gives the real ones; tests stand in where a fault is injected.
+// Everything here is touched on the event loop only. The state is the mixin chain's own (WorkerState,
+// WorkerReindex, RepoWorker): others go through RepoWorker's public operations.
 #pragma once
 
 #include <cstdint>
@@ -16,22 +15,19 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
-#include <spdlog/logger.h>
-
 #include "brenloc/aio/lock.h"
 #include "brenloc/aio/scope.h"
 #include "brenloc/aio/task.h"
 #include "brenloc/daemon/offload.h"
 #include "brenloc/daemon/passes.h"
+#include "brenloc/daemon/worker_env.h"
+#include "brenloc/daemon/worker_log.h"
+#include "brenloc/json.h"
 #include "brenloc/storage/database.h"
 #include "brenloc/storage/repository.h"
 #include "brenloc/workers/indexer.h"
 
 namespace brenloc::daemon {
-
-// The worker's logger, "brenloc.daemon.worker".
-const std::shared_ptr<spdlog::logger>& worker_logger();
 
 // The scope of one index pass (see _reporting_pass).
 class PassScope {
@@ -44,7 +40,9 @@ class PassScope {
 
 class WorkerState {
  public:
-  WorkerState(std::filesystem::path repo_root, std::filesystem::path data_dir);
+  // `env` makes the worker's databases, stores and indexers and writes its report; it outlives the worker.
+  WorkerState(std::filesystem::path repo_root, std::filesystem::path data_dir,
+              WorkerEnv& env = WorkerEnv::standard());
   virtual ~WorkerState();
   WorkerState(const WorkerState&) = delete;
   WorkerState& operator=(const WorkerState&) = delete;
@@ -52,25 +50,20 @@ class WorkerState {
   std::filesystem::path repo_root;  // absolute, resolved
   std::filesystem::path data_dir;   // holds index.db
 
+ protected:
   // --- operations used by the force-reindex facility ---
   // A non-empty response dictionary when the worker refuses `tool`; empty (or null) when it may run.
-  virtual nlohmann::ordered_json _check_repository(std::string_view tool) = 0;
+  virtual json _check_repository(std::string_view tool) = 0;
   // Raise and lower the count of indexing passes under way.
   virtual aio::Task<void> _start_indexing() = 0;
   virtual aio::Task<void> _finish_indexing() = 0;
   // A scope entered around an index pass of `indexer`; never declares a failure handled.
   virtual std::unique_ptr<PassScope> _reporting_pass(workers::Indexer& indexer) = 0;
   // Sends a status message to the daemon's clients.
-  virtual aio::Task<void> broadcast_status(nlohmann::ordered_json message) = 0;
+  virtual aio::Task<void> broadcast_status(json message) = 0;
 
-  // Builds an indexer (the daemon's real one; tests stand in).
-  virtual std::shared_ptr<workers::Indexer> _new_indexer(workers::IndexerOptions options);
-  // Builds a database object over a file (not yet connected).
-  virtual std::shared_ptr<storage::Database> _new_database(const std::filesystem::path& path);
-  // Builds a repository store over a database.
-  virtual std::shared_ptr<storage::Repository> _new_repository(std::shared_ptr<storage::Database> database);
-
-  // --- fields (public so that status and tests can read them; changed on the event loop only) ---
+  // --- fields (changed on the event loop only) ---
+  WorkerEnv& _env;
   aio::Lock _indexer_lock;    // serialises force-reindex requests
   aio::Lock _indexing_lock;   // guards _indexing_in_progress
   std::optional<aio::Future<void>> _indexer_task;  // the last accepted request's background run

@@ -12,7 +12,7 @@ constexpr std::array<std::string_view, 8> kLevels = {"debug",    "info",  "notic
 // Parser messages quote what they last read, which for an unterminated string is the rest of the line.
 constexpr std::size_t kMaxDetail = 200;
 
-Incoming invalid(Json id, int code, std::string message) {
+Incoming invalid(json id, int code, std::string message) {
   Incoming m;
   m.kind = Incoming::Kind::invalid;
   m.id = std::move(id);
@@ -21,7 +21,7 @@ Incoming invalid(Json id, int code, std::string message) {
   return m;
 }
 
-bool usable_id(const Json& id) { return id.is_string() || id.is_number_integer(); }
+bool usable_id(const json& id) { return id.is_string() || id.is_number_integer(); }
 
 // "[json.exception.parse_error.101] parse error at ...": the part after the tag, shortened.
 std::string parser_detail(const char* what) {
@@ -43,7 +43,7 @@ const std::vector<std::string_view>& supported_protocol_versions() {
   return versions;
 }
 
-std::string negotiate_protocol_version(const Json& requested) {
+std::string negotiate_protocol_version(const json& requested) {
   if (requested.is_string()) {
     const auto& wanted = requested.get_ref<const std::string&>();
     for (auto v : supported_protocol_versions()) {
@@ -101,9 +101,9 @@ Incoming parse_message(std::string_view line, const ShapeLimits& limits) {
 
   // Parsed into std::map objects and converted: an insertion-ordered object looks each new key up
   // linearly, which a line of a million keys would turn into minutes of work.
-  Json msg;
+  json msg;
   try {
-    msg = Json(nlohmann::json::parse(line.begin(), line.end()));
+    msg = json(nlohmann::json::parse(line.begin(), line.end()));
   } catch (const nlohmann::json::exception& e) {
     return invalid(nullptr, kParseError, "Parse error: " + parser_detail(e.what()));
   }
@@ -111,7 +111,7 @@ Incoming parse_message(std::string_view line, const ShapeLimits& limits) {
   if (msg.is_array()) return invalid(nullptr, kInvalidRequest, "Invalid Request: batches are not supported");
   if (!msg.is_object()) return invalid(nullptr, kInvalidRequest, "Invalid Request: a message must be a JSON object");
 
-  Json id = nullptr;
+  json id = nullptr;
   bool has_id = msg.contains("id");
   if (has_id) {
     if (!usable_id(msg["id"])) {
@@ -135,7 +135,7 @@ Incoming parse_message(std::string_view line, const ShapeLimits& limits) {
   }
   if (!method->is_string()) return invalid(id, kInvalidRequest, "Invalid Request: \"method\" must be a string");
 
-  Json params = nullptr;
+  json params = nullptr;
   if (auto p = msg.find("params"); p != msg.end()) {
     if (!p->is_object() && !p->is_array() && !p->is_null()) {
       return invalid(id, kInvalidRequest, "Invalid Request: \"params\" must be an object");
@@ -151,42 +151,42 @@ Incoming parse_message(std::string_view line, const ShapeLimits& limits) {
   return m;
 }
 
-std::string id_key(const Json& id) { return serialize(id); }
+std::string id_key(const json& id) { return serialize(id); }
 
-Json make_result(const Json& id, Json result) {
-  Json m = Json::object();
+json make_result(const json& id, json result) {
+  json m = json::object();
   m["jsonrpc"] = "2.0";
   m["id"] = id;
   m["result"] = std::move(result);
   return m;
 }
 
-Json make_error(const Json& id, int code, std::string message, Json data) {
-  Json error = Json::object();
+json make_error(const json& id, int code, std::string message, json data) {
+  json error = json::object();
   error["code"] = code;
   error["message"] = std::move(message);
   if (!data.is_null()) error["data"] = std::move(data);
-  Json m = Json::object();
+  json m = json::object();
   m["jsonrpc"] = "2.0";
   m["id"] = id;
   m["error"] = std::move(error);
   return m;
 }
 
-Json make_notification(std::string method, Json params) {
-  Json m = Json::object();
+json make_notification(std::string method, json params) {
+  json m = json::object();
   m["jsonrpc"] = "2.0";
   m["method"] = std::move(method);
   m["params"] = std::move(params);
   return m;
 }
 
-Json tool_call_result(Json dictionary) {
-  Json text = Json::object();
+json tool_call_result(json dictionary) {
+  json text = json::object();
   text["type"] = "text";
   text["text"] = serialize(dictionary);
-  Json r = Json::object();
-  r["content"] = Json::array({std::move(text)});
+  json r = json::object();
+  r["content"] = json::array({std::move(text)});
   bool is_error = false;
   if (dictionary.is_object()) {
     is_error = dictionary.contains("error");
@@ -196,42 +196,42 @@ Json tool_call_result(Json dictionary) {
   return r;
 }
 
-Json tool_failure_result(const std::string& text) {
-  Json item = Json::object();
+json tool_failure_result(const std::string& text) {
+  json item = json::object();
   item["type"] = "text";
   item["text"] = text;
-  Json r = Json::object();
-  r["content"] = Json::array({std::move(item)});
+  json r = json::object();
+  r["content"] = json::array({std::move(item)});
   r["isError"] = true;
   return r;
 }
 
-Json tool_listing(const std::vector<ToolDescriptor>& tools) {
-  Json list = Json::array();
+json tool_listing(const std::vector<ToolDescriptor>& tools) {
+  json list = json::array();
   for (const auto& t : tools) {
-    Json entry = Json::object();
+    json entry = json::object();
     entry["name"] = t.name;
     if (!t.title.empty()) entry["title"] = t.title;
     entry["description"] = t.description;
-    entry["inputSchema"] = t.input_schema.is_object() ? t.input_schema : Json{{"type", "object"}};
+    entry["inputSchema"] = t.input_schema.is_object() ? t.input_schema : json{{"type", "object"}};
     if (t.output_schema.is_object()) entry["outputSchema"] = t.output_schema;
     if (t.annotations.is_object()) entry["annotations"] = t.annotations;
     list.push_back(std::move(entry));
   }
-  Json r = Json::object();
+  json r = json::object();
   r["tools"] = std::move(list);
   return r;
 }
 
-Json initialize_result(const Json& params, const std::string& instructions) {
-  Json requested = params.is_object() && params.contains("protocolVersion") ? params["protocolVersion"] : Json();
-  Json capabilities = Json::object();
-  capabilities["tools"] = Json::object();
-  capabilities["logging"] = Json::object();
-  Json info = Json::object();
+json initialize_result(const json& params, const std::string& instructions) {
+  json requested = params.is_object() && params.contains("protocolVersion") ? params["protocolVersion"] : json();
+  json capabilities = json::object();
+  capabilities["tools"] = json::object();
+  capabilities["logging"] = json::object();
+  json info = json::object();
   info["name"] = "brenloc";
   info["version"] = BRENLOC_VERSION;
-  Json r = Json::object();
+  json r = json::object();
   r["protocolVersion"] = negotiate_protocol_version(requested);
   r["capabilities"] = std::move(capabilities);
   r["serverInfo"] = std::move(info);
@@ -239,6 +239,6 @@ Json initialize_result(const Json& params, const std::string& instructions) {
   return r;
 }
 
-std::string serialize(const Json& message) { return message.dump(-1, ' ', false, Json::error_handler_t::replace); }
+std::string serialize(const json& message) { return message.dump(-1, ' ', false, json::error_handler_t::replace); }
 
 }  // namespace brenloc::mcp

@@ -12,13 +12,12 @@
 #include <string_view>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/mcp/tool_host.h"
 
 namespace brenloc::mcp {
 
-using Json = nlohmann::ordered_json;
 
 // JSON-RPC error codes.
 enum ErrorCode : int {
@@ -36,7 +35,7 @@ inline constexpr std::string_view kLatestProtocolVersion = "2025-11-25";
 const std::vector<std::string_view>& supported_protocol_versions();
 
 // The version to answer in `initialize`: the client's when this server speaks it, else the latest.
-std::string negotiate_protocol_version(const Json& requested);
+std::string negotiate_protocol_version(const json& requested);
 
 // MCP logging levels, in rising severity: debug, info, notice, warning, error, critical, alert,
 // emergency. The rank of an unknown name is nullopt.
@@ -61,9 +60,9 @@ struct Incoming {
     invalid,       // answered with `error_code` and `error_message`, under `id` (null when unknown)
   };
   Kind kind = Kind::invalid;
-  Json id;             // null when absent or unusable
+  json id;             // null when absent or unusable
   std::string method;  // request and notification
-  Json params;         // null when absent
+  json params;         // null when absent
   int error_code = 0;
   std::string error_message;
 };
@@ -72,25 +71,25 @@ struct Incoming {
 Incoming parse_message(std::string_view line, const ShapeLimits& limits = {});
 
 // A string key for an id: ids 1 and "1" are different requests, and id 0 is an id like any other.
-std::string id_key(const Json& id);
+std::string id_key(const json& id);
 
 // Outgoing messages.
-Json make_result(const Json& id, Json result);
-Json make_error(const Json& id, int code, std::string message, Json data = nullptr);
-Json make_notification(std::string method, Json params);
+json make_result(const json& id, json result);
+json make_error(const json& id, int code, std::string message, json data = nullptr);
+json make_notification(std::string method, json params);
 
 // The result of `tools/call` for a tool's response dictionary: the dictionary itself as
 // structuredContent, the same JSON as the one text item of content, and isError when the dictionary
 // has an "error" key.
-Json tool_call_result(Json dictionary);
+json tool_call_result(json dictionary);
 // The result of `tools/call` when the tool failed with an error: its text, flagged as an error.
-Json tool_failure_result(const std::string& text);
+json tool_failure_result(const std::string& text);
 // The result of `tools/list`.
-Json tool_listing(const std::vector<ToolDescriptor>& tools);
+json tool_listing(const std::vector<ToolDescriptor>& tools);
 // The result of `initialize`, with `instructions` for the model when not empty.
-Json initialize_result(const Json& params, const std::string& instructions = {});
+json initialize_result(const json& params, const std::string& instructions = {});
 
 // One line of output, without the newline: compact JSON, bytes that are not UTF-8 replaced.
-std::string serialize(const Json& message);
+std::string serialize(const json& message);
 
 }  // namespace brenloc::mcp

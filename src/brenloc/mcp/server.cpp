@@ -28,7 +28,7 @@ std::string_view trim_line(std::string_view line) {
   return line;
 }
 
-Json invalid_params(const Json& id, const std::string& what, Json data = nullptr) {
+json invalid_params(const json& id, const std::string& what, json data = nullptr) {
   return make_error(id, kInvalidParams, "Invalid params: " + what, std::move(data));
 }
 
@@ -43,7 +43,7 @@ struct Outbox {
 
 // The answers to the requests of one JSON-RPC batch, sent together once the last of them is in.
 struct Batch {
-  Json answers = Json::array();
+  json answers = json::array();
   int outstanding = 1;    // the dispatch of the batch itself counts until all its members are seen
   std::size_t slots = 0;  // of the requests in flight: one per member that is answered
 };
@@ -113,7 +113,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
 
   // Sends an answer that holds `slots` places in flight; they are given back once it is written (or lost
   // with the client).
-  void send_answer(const Json& message, std::size_t slots) {
+  void send_answer(const json& message, std::size_t slots) {
     std::weak_ptr<Core> weak = weak_from_this();
     aio::EventLoop* l = loop;
     out->writer.send(serialize(message), false, [weak, l, slots] {
@@ -125,7 +125,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
 
   // An answer goes to the client, or into its batch; a null one (the client cancelled the request) only
   // gives its place back.
-  void answer_to(const std::shared_ptr<Batch>& batch, Json reply) {
+  void answer_to(const std::shared_ptr<Batch>& batch, json reply) {
     if (!batch) {
       if (reply.is_null()) {
         release_slots(1);
@@ -144,7 +144,7 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   }
 
   // An answer to a line as a whole (not to one of its requests).
-  void answer_line(const Json& reply) {
+  void answer_line(const json& reply) {
     take_slot(nullptr);
     send_answer(reply, 1);
   }
@@ -161,11 +161,11 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
                                               if (auto c = weak.lock()) c->on_input(std::move(ev));
                                             });
                                           });
-    subscription = host->subscribe([out = out](const std::string& level, const Json& data) {
+    subscription = host->subscribe([out = out](const std::string& level, const json& data) {
       // A level the protocol does not know would make clients drop the message: it goes out as info.
       auto rank = level_rank(level);
       if (rank.value_or(kDefaultLevel) < out->min_level.load()) return;
-      Json params = Json::object();
+      json params = json::object();
       params["level"] = rank ? level : "info";
       params["logger"] = "brenloc";
       params["data"] = data;
@@ -235,13 +235,13 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   }
 
   void on_batch(std::string_view line) {
-    Json members;
+    json members;
     if (auto why = check_shape(line, ShapeLimits{})) {
       answer_line(make_error(nullptr, kInvalidRequest, "Invalid Request: " + *why));
       return;
     }
     try {
-      members = Json(nlohmann::json::parse(line.begin(), line.end()));
+      members = json(nlohmann::json::parse(line.begin(), line.end()));
     } catch (const nlohmann::json::exception&) {
       on_message(parse_message(line), nullptr);  // the parse error, worded as for any line
       return;
@@ -333,11 +333,11 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     return it != running.end() && it->second.cancelled;
   }
 
-  static aio::Task<void> run_request(std::shared_ptr<Core> self, Json id, std::string key, std::string method,
-                                     Json params, std::shared_ptr<Batch> batch) {
+  static aio::Task<void> run_request(std::shared_ptr<Core> self, json id, std::string key, std::string method,
+                                     json params, std::shared_ptr<Batch> batch) {
     auto ended = co_await aio::outcome_of(self->answer(id, method, std::move(params)));
     if (ended.cancelled()) std::rethrow_exception(ended.error);
-    Json reply;
+    json reply;
     if (!ended.failed()) {
       reply = std::move(ended).get();
     } else {
@@ -345,18 +345,18 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
       reply = make_error(id, kInternalError, "Internal error: " + utils::error_text(ended.error));
     }
     // A batch is still answered (without this request) when the client cancelled one of its members.
-    self->answer_to(batch, self->cancelled_by_client(key) ? Json() : std::move(reply));
+    self->answer_to(batch, self->cancelled_by_client(key) ? json() : std::move(reply));
   }
 
-  aio::Task<Json> answer(Json id, std::string method, Json params) {
+  aio::Task<json> answer(json id, std::string method, json params) {
     if (method == "tools/call") co_return co_await call_tool(std::move(id), std::move(params));
     if (method == "initialize") {
       log_client(params);
-      Json result = initialize_result(params, host->instructions());
+      json result = initialize_result(params, host->instructions());
       protocol_version = result["protocolVersion"].get<std::string>();
       co_return make_result(id, std::move(result));
     }
-    if (method == "ping") co_return make_result(id, Json::object());
+    if (method == "ping") co_return make_result(id, json::object());
     if (method == "tools/list") {
       // Every tool fits in one page: no cursor was ever handed out, so any cursor is unknown.
       if (params.is_object() && params.contains("cursor") && !params["cursor"].is_null()) {
@@ -368,16 +368,16 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     co_return make_error(id, kMethodNotFound, "Method not found: " + method);
   }
 
-  static void log_client(const Json& params) {
+  static void log_client(const json& params) {
     if (!params.is_object()) return;
-    auto info = params.value("clientInfo", Json::object());
+    auto info = params.value("clientInfo", json::object());
     if (!info.is_object()) return;
-    auto text = [](const Json& v) { return v.is_string() ? v.get<std::string>() : std::string("?"); };
-    logger()->info("MCP client {} {} connected", text(info.value("name", Json())),
-                   text(info.value("version", Json())));
+    auto text = [](const json& v) { return v.is_string() ? v.get<std::string>() : std::string("?"); };
+    logger()->info("MCP client {} {} connected", text(info.value("name", json())),
+                   text(info.value("version", json())));
   }
 
-  Json set_level(const Json& id, const Json& params) {
+  json set_level(const json& id, const json& params) {
     std::optional<int> rank;
     if (params.is_object() && params.contains("level") && params["level"].is_string()) {
       rank = level_rank(params["level"].get<std::string>());
@@ -387,15 +387,15 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
           id, "\"level\" must be one of debug, info, notice, warning, error, critical, alert, emergency");
     }
     out->min_level.store(*rank);
-    return make_result(id, Json::object());
+    return make_result(id, json::object());
   }
 
-  aio::Task<Json> call_tool(Json id, Json params) {
+  aio::Task<json> call_tool(json id, json params) {
     if (!params.is_object() || !params.contains("name") || !params["name"].is_string()) {
       co_return invalid_params(id, "\"name\" must be a string");
     }
     std::string name = params["name"].get<std::string>();
-    Json arguments = params.contains("arguments") ? params["arguments"] : Json();
+    json arguments = params.contains("arguments") ? params["arguments"] : json();
     if (!arguments.is_null() && !arguments.is_object()) co_return invalid_params(id, "\"arguments\" must be an object");
 
     aio::Turn turn;

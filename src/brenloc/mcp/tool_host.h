@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/aio/task.h"
 #include "brenloc/tool_binding.h"
@@ -17,15 +17,15 @@ namespace brenloc::mcp {
 struct ToolDescriptor {
   std::string name;
   std::string description;
-  nlohmann::ordered_json input_schema;
+  json input_schema;
   std::string title;                    // a human-readable name; left out when empty
-  nlohmann::ordered_json output_schema;  // the schema of the tool's structuredContent; left out when null
-  nlohmann::ordered_json annotations;    // hints such as readOnlyHint; left out when null
+  json output_schema;  // the schema of the tool's structuredContent; left out when null
+  json annotations;    // hints such as readOnlyHint; left out when null
 };
 
 // A status message for the clients: `level` is an MCP logging level ("info", "error", ...), `data` the
 // message as the daemon made it.
-using BroadcastSink = std::function<void(const std::string& level, const nlohmann::ordered_json& data)>;
+using BroadcastSink = std::function<void(const std::string& level, const json& data)>;
 
 class ToolHost {
  public:
@@ -35,7 +35,7 @@ class ToolHost {
   virtual std::string instructions() const { return {}; }
   // Runs on the event loop. Throws brenloc::ArgumentError for arguments the binder rejects, and
   // UnknownTool for a name it does not serve; any other error is the tool's own failure.
-  virtual aio::Task<nlohmann::ordered_json> call_tool(std::string name, nlohmann::ordered_json arguments) = 0;
+  virtual aio::Task<json> call_tool(std::string name, json arguments) = 0;
   // Registers the sink that receives every broadcast; returns an id for unsubscribe().
   virtual int subscribe(BroadcastSink sink) = 0;
   virtual void unsubscribe(int id) = 0;

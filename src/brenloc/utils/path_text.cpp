@@ -88,4 +88,16 @@ std::filesystem::path path_under(const std::filesystem::path& root, std::string_
   return root / path_bytes(rel);
 }
 
+std::string nul_spelt(std::string_view text) {
+  std::string shown;
+  for (char c : text) {
+    if (c == '\0') {
+      shown += "\\0";
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
 }  // namespace brenloc::utils

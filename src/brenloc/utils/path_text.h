@@ -22,4 +22,8 @@ std::string path_bytes(std::string_view text);
 // for an empty `rel`.
 std::filesystem::path path_under(const std::filesystem::path& root, std::string_view rel);
 
+// Text as an error message shows it: a NUL byte would end the message early (what() is a C string), so it
+// is spelt \0.
+std::string nul_spelt(std::string_view text);
+
 }  // namespace brenloc::utils

@@ -4,9 +4,9 @@ namespace brenloc::workers {
 
 const char* pass_type_name(PassType type) { return type == PassType::full ? "full" : "paths"; }
 
-nlohmann::ordered_json pass_info(const std::optional<PassRecord>& record) {
+json pass_info(const std::optional<PassRecord>& record) {
   if (!record) return nullptr;
-  return nlohmann::ordered_json{{"type", pass_type_name(record->index_type)},
+  return json{{"type", pass_type_name(record->index_type)},
                                 {"duration_seconds", record->duration_seconds},
                                 {"files_processed", record->files_processed},
                                 {"errors", record->errors}};

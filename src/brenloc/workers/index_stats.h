@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <optional>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 namespace brenloc::workers {
 
@@ -21,7 +21,7 @@ struct PassRecord {
 };
 
 // The dictionary of a record: {"type", "duration_seconds", "files_processed", "errors"}; null for none.
-nlohmann::ordered_json pass_info(const std::optional<PassRecord>& record);
+json pass_info(const std::optional<PassRecord>& record);
 
 struct IndexStats {
   std::int64_t files_processed = 0;  // files the pass indexed: stored anew, or found up to date
@@ -34,7 +34,7 @@ struct IndexStats {
   std::optional<PassRecord> last_pass;  // absent when there is nothing to record
 
   // The design's dictionary of last_pass (pass_info), or null.
-  nlohmann::ordered_json get_last_index_info() const { return pass_info(last_pass); }
+  json get_last_index_info() const { return pass_info(last_pass); }
   // Records a completed pass: it becomes last_pass.
   void record_completion(const PassRecord& completion) { last_pass = completion; }
 };

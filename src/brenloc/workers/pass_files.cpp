@@ -19,9 +19,9 @@ namespace brenloc::workers {
 
 namespace {
 
-std::string dump(const nlohmann::ordered_json& j) {
+std::string dump(const json& j) {
   // Paths need not be UTF-8: replace what is not rather than fail.
-  return j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  return j.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -51,12 +51,12 @@ void replace_file(const std::filesystem::path& path, std::string_view content) {
   }
 }
 
-nlohmann::ordered_json left_out_json(const LeftOut& e) {
+json left_out_json(const LeftOut& e) {
   return {{"path", e.path}, {"stage", e.stage}, {e.failed ? "error" : "skipped", e.error}};
 }
 
-nlohmann::ordered_json left_out_json(const LeftOutList& list) {
-  nlohmann::ordered_json first = nlohmann::ordered_json::array();
+json left_out_json(const LeftOutList& list) {
+  json first = json::array();
   for (const LeftOut& e : list.first) first.push_back(left_out_json(e));
   return {{"count", list.count}, {"first", std::move(first)}};
 }
@@ -103,18 +103,18 @@ void write_pass_files(const std::filesystem::path& data_dir, const std::vector<L
     lines += '\n';
   }
   replace_file(data_dir / kErrorsFile, lines);
-  nlohmann::ordered_json last = pass_info(record);
+  json last = pass_info(record);
   last["finished_at"] = fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(
                                                      std::chrono::system_clock::now())));
   replace_file(data_dir / kLastIndexFile, dump(last) + "\n");
 }
 
-nlohmann::ordered_json read_last_index(const std::filesystem::path& data_dir) {
+json read_last_index(const std::filesystem::path& data_dir) {
   std::ifstream in(data_dir / kLastIndexFile);
   if (!in) return nullptr;
   std::stringstream ss;
   ss << in.rdbuf();
-  auto j = nlohmann::ordered_json::parse(ss.str(), nullptr, false);
+  auto j = json::parse(ss.str(), nullptr, false);
   if (j.is_discarded() || !j.is_object()) return nullptr;
   return j;
 }

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "brenloc/json.h"
 
 #include "brenloc/workers/index_stats.h"
 #include "brenloc/workers/walker.h"
@@ -36,11 +36,11 @@ struct LeftOutList {
 LeftOutList read_left_out(const std::filesystem::path& data_dir, std::size_t first);
 
 // An entry as errors.jsonl writes it; and {"count", "first": [entries]}.
-nlohmann::ordered_json left_out_json(const LeftOut& entry);
-nlohmann::ordered_json left_out_json(const LeftOutList& list);
+json left_out_json(const LeftOut& entry);
+json left_out_json(const LeftOutList& list);
 
 // The last pass's info with "finished_at" (UTC, ISO 8601), or null when there is none to read.
-nlohmann::ordered_json read_last_index(const std::filesystem::path& data_dir);
+json read_last_index(const std::filesystem::path& data_dir);
 
 // Replaces `path` by a file holding `content` (written beside it, then renamed over it).
 void replace_file(const std::filesystem::path& path, std::string_view content);

@@ -69,7 +69,7 @@ std::string column_text(sqlite3_stmt* s, int i) {
 
 // A digest of what the report shows: every file with its content hash, the symbol count and the last
 // pass. The report is up to date when the digest it was written for is this one.
-std::string fingerprint(sqlite3* c, const nlohmann::ordered_json& last_index, const nlohmann::ordered_json& left_out) {
+std::string fingerprint(sqlite3* c, const json& last_index, const json& left_out) {
   XXH3_state_t* st = XXH3_createState();
   XXH3_128bits_reset(st);
   each_row(c, "SELECT path, content_hash FROM files ORDER BY path", [&](sqlite3_stmt* s) {
@@ -82,7 +82,7 @@ std::string fingerprint(sqlite3* c, const nlohmann::ordered_json& last_index, co
     XXH3_128bits_update(st, &n, sizeof n);
   });
   for (const auto* j : {&last_index, &left_out}) {
-    const std::string text = j->dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    const std::string text = j->dump(-1, ' ', false, json::error_handler_t::replace);
     XXH3_128bits_update(st, text.data(), text.size());
   }
   XXH128_hash_t h = XXH3_128bits_digest(st);
@@ -136,7 +136,7 @@ std::vector<std::pair<std::string, Tally>> ranked(const std::map<std::string, Ta
   return v;
 }
 
-nlohmann::ordered_json tally_json(const std::string& key, const std::string& name, const Tally& t) {
+json tally_json(const std::string& key, const std::string& name, const Tally& t) {
   return {{key, name}, {"files", t.files}, {"symbols", t.symbols}, {"bytes", t.bytes}};
 }
 
@@ -152,7 +152,7 @@ std::string cell(std::string s) {
 }
 
 std::string markdown(const std::filesystem::path& repo_root, const std::string& generated_at,
-                     const IndexSummary& sum, const nlohmann::ordered_json& last_index, const LeftOutList& left_out) {
+                     const IndexSummary& sum, const json& last_index, const LeftOutList& left_out) {
   std::string md;
   auto line = [&](std::string s) {
     md += s;
@@ -253,7 +253,7 @@ std::string read_fingerprint(const std::filesystem::path& report_json) {
   if (!in) return {};
   std::stringstream ss;
   ss << in.rdbuf();
-  auto j = nlohmann::ordered_json::parse(ss.str(), nullptr, false);
+  auto j = json::parse(ss.str(), nullptr, false);
   if (j.is_discarded() || !j.is_object()) return {};
   auto it = j.find("index_fingerprint");
   return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
@@ -266,9 +266,9 @@ void write_report(const std::shared_ptr<storage::Repository>& repository, const 
   const std::filesystem::path data_dir = repository->database()->path().parent_path();
   const std::filesystem::path json_path = data_dir / kReportJson;
   const std::filesystem::path md_path = data_dir / kReportMd;
-  const nlohmann::ordered_json last_index = read_last_index(data_dir);
+  const json last_index = read_last_index(data_dir);
   const LeftOutList left_out = read_left_out(data_dir, kLeftOutShown);
-  const nlohmann::ordered_json left_out_info = left_out_json(left_out);
+  const json left_out_info = left_out_json(left_out);
 
   std::string print;
   IndexSummary sum;
@@ -283,16 +283,16 @@ void write_report(const std::shared_ptr<storage::Repository>& repository, const 
 
   const std::string generated_at = fmt::format(
       "{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())));
-  nlohmann::ordered_json languages = nlohmann::ordered_json::array();
+  json languages = json::array();
   for (const auto& [name, t] : ranked(sum.languages)) languages.push_back(tally_json("language", name, t));
-  nlohmann::ordered_json dirs = nlohmann::ordered_json::array();
+  json dirs = json::array();
   auto ranked_dirs = ranked(sum.directories);
   if (ranked_dirs.size() > kLargestDirectories) ranked_dirs.resize(kLargestDirectories);
   for (const auto& [name, t] : ranked_dirs) dirs.push_back(tally_json("path", name, t));
-  nlohmann::ordered_json kinds = nlohmann::ordered_json::object();
+  json kinds = json::object();
   for (const auto& [kind, n] : sum.kinds) kinds[kind] = n;
 
-  nlohmann::ordered_json report{
+  json report{
       {"repository", utils::path_text(repo_root.native())},
       {"generated_at", generated_at},
       {"index_fingerprint", print},
@@ -305,7 +305,7 @@ void write_report(const std::shared_ptr<storage::Repository>& repository, const 
   };
   // The markdown first: report.json carries the fingerprint, so a report cut short is rewritten.
   replace_file(md_path, markdown(repo_root, generated_at, sum, last_index, left_out));
-  replace_file(json_path, report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
+  replace_file(json_path, report.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
 }
 
 }  // namespace brenloc::workers

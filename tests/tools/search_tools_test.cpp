@@ -10,15 +10,26 @@
 
 #include "brenloc/daemon/worker.h"
 #include "brenloc/tool_binding.h"
+#include "brenloc/tools/tool_table.h"
 #include "utils/tree_fixtures.h"
 
 namespace brenloc::testing {
 namespace {
 
-using json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
 const fs::path kSamples = fs::path(BRENLOC_SOURCE_DIR) / "samples/demo";
+
+// A worker whose live store the test reads.
+class Worker : public daemon::RepoWorker {
+ public:
+  using RepoWorker::RepoWorker;
+  using RepoWorker::_repository;
+};
+
+aio::Task<json> call(daemon::RepoWorker& w, const std::string& tool, json arguments) {
+  return tools::call_tool(w, tool, std::move(arguments));
+}
 
 json read_json(const fs::path& p) {
   std::ifstream in(p);
@@ -36,12 +47,12 @@ void with_samples(const std::vector<std::pair<std::string, std::string>>& extra,
   fs::copy(kSamples, root.path(), fs::copy_options::recursive);
   for (const auto& [path, text] : extra) write_file(root.path() / path, text);
   aio::EventLoop loop;
-  daemon::RepoWorker w(root.path(), data.path());
+  Worker w(root.path(), data.path());
   aio::run_until_complete(loop, [&]() -> aio::Task<void> {
     co_await w.start();
-    json response = co_await w._handle_force_reindex(json{{"clear_existing", true}});
+    json response = co_await w.force_reindex(json{{"clear_existing", true}});
     EXPECT_EQ(response["status"], "accepted");
-    co_await aio::wait_all({w._indexer_task->base()});
+    co_await aio::wait_all({w.last_run()->base()});
     std::exception_ptr failure;
     try {
       co_await body(w, root.path());
@@ -76,10 +87,10 @@ TEST(SearchTools, TheRelevanceTableHolds) {
   cases.push_back({{"args", {{"query", "CONNECT_4"}, {"match", "Prefix"}}},
                    {"first", "connect_4 function crowd/a.py"},
                    {"absent", {"aconnect_4 function crowd/a.py"}}});
-  with_samples(crowd(), [&](daemon::RepoWorker& w, const fs::path&) -> aio::Task<void> {
+  with_samples(crowd(), [&](Worker& w, const fs::path&) -> aio::Task<void> {
     for (const auto& c : cases) {
       SCOPED_TRACE(c["args"].dump());
-      json answer = co_await w.search_symbols(c["args"]);
+      json answer = co_await call(w, "search_symbols", c["args"]);
       const json& results = answer["results"];
       if (c["first"].is_null()) {
         EXPECT_EQ(answer["total"], 0);
@@ -99,7 +110,7 @@ TEST(SearchTools, TheRelevanceTableHolds) {
 // Whatever the query, limit and cap, the answer stays within the cap, has every key, and cuts hits only
 // when it says so.
 TEST(SearchTools, AnswersStayUnderTheSizeCap) {
-  with_samples(crowd(), [&](daemon::RepoWorker& w, const fs::path&) -> aio::Task<void> {
+  with_samples(crowd(), [&](Worker& w, const fs::path&) -> aio::Task<void> {
     std::mt19937 rng(19);
     const std::vector<std::string> stems = {"", "c", "co", "connect", "a", "_", "get", "x*", "*t?", "r", "Cart.a"};
     const std::vector<std::string> keys = {"query", "match", "total", "more", "count", "truncated", "results"};
@@ -108,7 +119,7 @@ TEST(SearchTools, AnswersStayUnderTheSizeCap) {
       const int limit = 1 + static_cast<int>(rng() % 1000);
       const int max_bytes = 1024 + static_cast<int>(rng() % 30000);
       SCOPED_TRACE(fmt::format("{} {} {}", query, limit, max_bytes));
-      json answer = co_await w.search_symbols({{"query", query}, {"limit", limit}, {"max_bytes", max_bytes}});
+      json answer = co_await call(w, "search_symbols", {{"query", query}, {"limit", limit}, {"max_bytes", max_bytes}});
       EXPECT_LE(answer.dump().size(), static_cast<std::size_t>(max_bytes));
       std::vector<std::string> got;
       for (const auto& [k, v] : answer.items()) got.push_back(k);
@@ -124,10 +135,10 @@ TEST(SearchTools, AnswersStayUnderTheSizeCap) {
 // Every file's outline holds each of its definitions once; a definition's parent in the tree is the one
 // its recorded scope ends with, and its lines hold the child's.
 TEST(SearchTools, OutlinesFollowTheRecordedScopes) {
-  with_samples({}, [&](daemon::RepoWorker& w, const fs::path&) -> aio::Task<void> {
+  with_samples({}, [&](Worker& w, const fs::path&) -> aio::Task<void> {
     for (const auto& file : w._repository->list_files()) {
       SCOPED_TRACE(file.path);
-      json outline = co_await w.file_outline({{"path", file.path}});
+      json outline = co_await call(w, "file_outline", {{"path", file.path}});
       auto rows = w._repository->file_symbols(file.path)->symbols;
       EXPECT_EQ(outline["total"], rows.size());
       EXPECT_EQ(outline["count"], rows.size());
@@ -151,7 +162,7 @@ TEST(SearchTools, OutlinesFollowTheRecordedScopes) {
       EXPECT_EQ(seen, rows.size());
     }
     // The classes of the samples hold their members.
-    json cart = co_await w.file_outline({{"path", "./python/shop/cart.py"}});
+    json cart = co_await call(w, "file_outline", {{"path", "./python/shop/cart.py"}});
     EXPECT_EQ(cart["symbols"][2]["name"], "Cart");
     EXPECT_EQ(cart["symbols"][2]["children"].size(), 3u);
   });
@@ -161,7 +172,7 @@ TEST(SearchTools, OutlinesFollowTheRecordedScopes) {
 // starts (a template header or return type above the name included), and its signature runs from there
 // to the name; asked by name within its file and kind, the same definition comes back.
 TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
-  with_samples({}, [&](daemon::RepoWorker& w, const fs::path& root) -> aio::Task<void> {
+  with_samples({}, [&](Worker& w, const fs::path& root) -> aio::Task<void> {
     int checked = 0, headed = 0;
     for (const auto& file : w._repository->list_files()) {
       std::ifstream in(root / file.path);
@@ -170,7 +181,7 @@ TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
       const auto rows = w._repository->file_symbols(file.path)->symbols;
       for (const auto& s : rows) {
         SCOPED_TRACE(fmt::format("{} {}:{}", s.name, file.path, s.line));
-        json by_line = co_await w.symbol_source({{"path", file.path}, {"line", s.line}});
+        json by_line = co_await call(w, "symbol_source", {{"path", file.path}, {"line", s.line}});
         const std::string source = by_line["source"];
         const int first = s.start_line > 0 ? s.start_line : s.line;
         headed += first < s.line;
@@ -180,7 +191,7 @@ TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
         EXPECT_NE(signature.find(s.name), std::string::npos);
         EXPECT_EQ(by_line["line"], s.line);
         EXPECT_EQ(by_line["start_line"], first);
-        json by_name = co_await w.symbol_source({{"name", s.name}, {"path", file.path}, {"kind", s.kind}});
+        json by_name = co_await call(w, "symbol_source", {{"name", s.name}, {"path", file.path}, {"kind", s.kind}});
         if (by_name["other_matches"] == 0) {
           EXPECT_EQ(by_name["source"], by_line["source"]);
           ++checked;
@@ -189,9 +200,9 @@ TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
     }
     EXPECT_GT(checked, 50);
     EXPECT_GT(headed, 0);
-    json templated = co_await w.symbol_source({{"name", "clamped"}});
+    json templated = co_await call(w, "symbol_source", {{"name", "clamped"}});
     EXPECT_EQ(templated["signature"], "template <typename T> static T clamped(T value, T low, T high) {");
-    json capped = co_await w.symbol_source({{"name", "Cart"}, {"max_lines", 2}});
+    json capped = co_await call(w, "symbol_source", {{"name", "Cart"}, {"max_lines", 2}});
     EXPECT_EQ(capped["source"], "class Cart:\n    def __init__(self):");
     EXPECT_TRUE(capped["truncated"].get<bool>());
   });
@@ -200,7 +211,7 @@ TEST(SearchTools, SymbolSourceStartsAtTheSignature) {
 // Bad arguments are errors naming what is wrong; paths that force_reindex refuses are refused with its
 // texts; what is not there is an error answer.
 TEST(SearchTools, RefusalsAndErrors) {
-  with_samples({}, [&](daemon::RepoWorker& w, const fs::path& root) -> aio::Task<void> {
+  with_samples({}, [&](Worker& w, const fs::path& root) -> aio::Task<void> {
     fs::create_directory_symlink(root / "python", root / "linked");
     const std::vector<std::pair<json, std::string>> errors = {
         {{{"query", "x"}, {"kind", "klass"}}, "must be one of: function, method, class,"},
@@ -212,17 +223,17 @@ TEST(SearchTools, RefusalsAndErrors) {
     };
     for (const auto& [args, message] : errors) {
       try {
-        co_await w.search_symbols(args);
+        co_await call(w, "search_symbols", args);
         ADD_FAILURE() << args.dump();
       } catch (const ArgumentError& e) {
         EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
       }
     }
-    EXPECT_THROW(co_await w.symbol_source({{"path", "c/ring.c"}}), ArgumentError);
-    EXPECT_THROW(co_await w.file_outline({{"path", std::string("c/ring.c\0", 9)}}), ArgumentError);
-    EXPECT_THROW(co_await w.symbol_source({{"name", std::string("\0", 1)}}), ArgumentError);
+    EXPECT_THROW(co_await call(w, "symbol_source", {{"path", "c/ring.c"}}), ArgumentError);
+    EXPECT_THROW(co_await call(w, "file_outline", {{"path", std::string("c/ring.c\0", 9)}}), ArgumentError);
+    EXPECT_THROW(co_await call(w, "symbol_source", {{"name", std::string("\0", 1)}}), ArgumentError);
     EXPECT_THROW(co_await w.force_reindex({{"paths", {"c", std::string("\0", 1)}}}), ArgumentError);
-    EXPECT_EQ((co_await w.search_symbols({{"query", "ring"}, {"kind", "STRUCT"}}))["total"], 1);
+    EXPECT_EQ((co_await call(w, "search_symbols", {{"query", "ring"}, {"kind", "STRUCT"}}))["total"], 1);
 
     auto failed = [](const std::string& error) { return json{{"error", error}, {"status", "failed"}}; };
     const std::vector<std::pair<json, json>> answers = {
@@ -232,13 +243,13 @@ TEST(SearchTools, RefusalsAndErrors) {
         {{{"path", "no/such.py"}}, failed("File not in the index: no/such.py")},
     };
     for (const auto& [args, answer] : answers) {
-      EXPECT_EQ(co_await w.file_outline(args), answer) << args.dump();
+      EXPECT_EQ(co_await call(w, "file_outline", args), answer) << args.dump();
       json source_args = args;
       source_args["line"] = 1;
-      EXPECT_EQ(co_await w.symbol_source(source_args), answer) << args.dump();
+      EXPECT_EQ(co_await call(w, "symbol_source", source_args), answer) << args.dump();
     }
-    EXPECT_EQ(co_await w.symbol_source({{"name", "nowhere"}}), failed("No definition named 'nowhere'"));
-    EXPECT_EQ(co_await w.symbol_source({{"path", "c/ring.c"}, {"line", 2}}), failed("No definition at c/ring.c:2"));
+    EXPECT_EQ(co_await call(w, "symbol_source", {{"name", "nowhere"}}), failed("No definition named 'nowhere'"));
+    EXPECT_EQ(co_await call(w, "symbol_source", {{"path", "c/ring.c"}, {"line", 2}}), failed("No definition at c/ring.c:2"));
   });
 }
 

@@ -1,0 +1,43 @@
+// A tool of a repository worker, whole: its name, title and description, the JSON Schemas of its
+// arguments and of its answer, the hints that clients read, and how it runs on a worker (its arguments
+// bound into the tool's own struct, the worker asked, the answer rendered as JSON). Each tool is one file
+// of this folder; tool_table.h lists them for the MCP server, the daemon and the command line.
+#pragma once
+
+#include <string>
+
+#include "brenloc/aio/task.h"
+#include "brenloc/daemon/worker_face.h"
+#include "brenloc/json.h"
+#include "brenloc/tool_binding.h"
+
+namespace brenloc::daemon {
+class RepoWorker;
+}
+
+namespace brenloc::tools {
+
+struct Tool {
+  std::string name;
+  std::string title;
+  std::string description;
+  Arguments arguments;  // what the tool takes (its input schema is made from these)
+  json output_schema;  // the schema of the answer (the MCP result's structuredContent)
+  json annotations;    // readOnlyHint and the like
+  // Runs the tool on the event loop. Throws ArgumentError for arguments that do not bind.
+  aio::Task<json> (*call)(daemon::RepoWorker& worker, json arguments);
+};
+
+// --- pieces that several tools' schemas and answers share ---
+// {"type": "object", "properties", "required", "additionalProperties": false}
+json object_schema(json properties, json required);
+json string_schema();
+json count_schema();  // a non-negative integer
+json string_or_null_schema();
+// {"error", "status": "failed"}: a request turned down by the worker.
+json refusal_schema();
+json refusal_json(const daemon::Refusal& refusal);
+// The hints of a tool that only reads the index.
+json read_only();
+
+}  // namespace brenloc::tools
