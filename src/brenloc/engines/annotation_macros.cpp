@@ -80,7 +80,7 @@ bool is_macro_line(std::string_view line) {
 }
 
 // An upper-case name with an underscore: how export and attribute macros are spelled
-// (BOOST_SYMBOL_VISIBLE, LLVM_ABI, G_GNUC_CONST).
+// (BOOST_SYMBOL_VISIBLE, LLVM_ABI, G_GNUC_CONST, GTEST_API_).
 bool is_macro_like(std::string_view word) {
   if (word.size() < 4) return false;
   bool underscore = false, letter = false;
@@ -89,7 +89,7 @@ bool is_macro_like(std::string_view word) {
     underscore |= c == '_';
     letter |= c >= 'A' && c <= 'Z';
   }
-  return underscore && letter && word.back() != '_' && word.front() != '_';
+  return underscore && letter && word.front() != '_';
 }
 
 constexpr std::array<std::string_view, 29> declaration_keywords = {
@@ -144,6 +144,42 @@ std::string_view word_after(const std::string& text, std::size_t i) {
 
 bool is_class_key(std::string_view word) { return word == "class" || word == "struct" || word == "union"; }
 
+// Past the macro-like words (each with its parenthesised arguments) from `i` on: where the first other
+// word starts.
+std::size_t past_macro_words(const std::string& text, std::size_t i) {
+  for (int guard = 0; guard < 8; ++guard) {
+    const std::string_view w = word_after(text, i);
+    if (!is_macro_like(w)) break;
+    i = static_cast<std::size_t>(w.data() - text.data()) + w.size();
+    const std::size_t next = skip_spaces(text, i);
+    if (next < text.size() && text[next] == '(') {
+      const std::size_t close = balanced_end(text, next);
+      if (close == std::string::npos) break;
+      i = close;
+    }
+  }
+  return skip_spaces(text, i);
+}
+
+// Whether the word at `i` is followed, as a type is, by a declared name or a part of the type (`::`, `<`,
+// `*`, `&`): `GTEST_API_ std::string f();`, `DECL impl_type& add();`, `API Result Check(bool);`.
+bool starts_a_type(const std::string& text, std::string_view word) {
+  if (word.empty() || (word[0] >= '0' && word[0] <= '9')) return false;
+  const std::size_t k = skip_spaces(text, static_cast<std::size_t>(word.data() - text.data()) + word.size());
+  if (k >= text.size()) return false;
+  const char c = text[k];
+  return c == '*' || c == '&' || c == '<' || (c == ':' && k + 1 < text.size() && text[k + 1] == ':') ||
+         is_ident_start(c);
+}
+
+// Whether only white space lies between `from` and `to` on one line.
+bool only_blanks(const std::string& text, std::size_t from, std::size_t to) {
+  for (std::size_t k = from; k < to; ++k) {
+    if (!is_space(text[k])) return false;
+  }
+  return true;
+}
+
 // Where a word spelled like a macro at [i, j) ends as a decoration to blank (with its arguments when a
 // parameter list's decoration takes some), or npos when it is no decoration there: between a class key and
 // the class's name, at the start of a declaration, or after a parameter list.
@@ -153,17 +189,21 @@ std::size_t macro_decoration_end(const std::string& text, std::size_t line_begin
   const std::size_t next = skip_spaces(text, j);
   const char next_char = next < text.size() ? text[next] : ';';
   bool drop = false;
-  if (is_class_key(before)) {
-    // class EXPORT_MACRO Name {   (but not: typedef struct TAG name;)
-    if (!after.empty() && !is_macro_like(after) && after != "final") {
-      const std::size_t k = skip_spaces(text, static_cast<std::size_t>(after.data() - text.data()) + after.size());
+  const bool class_head = is_class_key(before);
+  if (class_head) {
+    // class EXPORT_MACRO Name {, class API_A API_B(x) Name : Base   (but not: typedef struct TAG name;)
+    const std::string_view name = word_after(text, past_macro_words(text, i));
+    if (!name.empty() && name != "final") {
+      const std::size_t k = skip_spaces(text, static_cast<std::size_t>(name.data() - text.data()) + name.size());
       const char c = k < text.size() ? text[k] : ';';
       drop = c == '{' || (c == ':' && (k + 1 >= text.size() || text[k + 1] != ':')) || c == '<' ||
              word_after(text, k) == "final";
     }
-  } else if (i == line_begin) {
-    // EXPORT_MACRO static int f();
-    drop = listed(declaration_keywords, after);
+  } else if (only_blanks(text, line_begin, i)) {
+    // EXPORT_MACRO static int f();  INLINE_MACRO CONSTEXPR_MACRO Name();  API_MACRO ~Name();
+    // API_MACRO std::string f();
+    drop = listed(declaration_keywords, after) || is_macro_like(after) || next_char == '~' ||
+           (!listed(trailing_keywords, after) && starts_a_type(text, after));
   } else if (follows_parameter_list(text, i)) {
     // void f() const NOEXCEPT_MACRO;
     drop = next_char == '{' || next_char == ';' || next_char == '=' || next_char == ':' || next_char == '(' ||
@@ -171,7 +211,7 @@ std::size_t macro_decoration_end(const std::string& text, std::size_t line_begin
   }
   if (!drop) return std::string::npos;
   std::size_t stop = j;
-  if (next_char == '(' && !is_class_key(before)) {
+  if (next_char == '(') {
     const std::size_t close = balanced_end(text, next);
     if (close != std::string::npos && text.find('\n', j) >= close) stop = close;
   }

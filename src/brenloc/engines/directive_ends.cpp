@@ -1,5 +1,9 @@
 #include "brenloc/engines/directive_ends.h"
 
+#include <string_view>
+#include <utility>
+#include <vector>
+
 namespace brenloc::engines {
 
 namespace {
@@ -34,6 +38,192 @@ bool end_directive_lines(std::string& text) {
       changed = true;
     }
     pos = eol + 1;
+  }
+  return changed;
+}
+
+}  // namespace brenloc::engines
+
+namespace brenloc::engines {
+
+namespace {
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
+bool is_word(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; }
+
+void blank(std::string& text, std::size_t from, std::size_t to) {
+  for (std::size_t i = from; i < to; ++i) {
+    if (text[i] != '\n') text[i] = ' ';
+  }
+}
+
+// What the code of a section adds up to.
+struct Code {
+  int braces = 0, parens = 0;
+  std::size_t last = std::string::npos;  // the offset of its last significant character
+};
+
+struct Section {
+  std::size_t begin = 0, end = 0;  // the text between the directive that opens it and the next one
+  Code code;
+  bool dead = false;  // under `#if 0`
+};
+
+struct Group {
+  std::vector<std::pair<std::size_t, std::size_t>> directives;  // #if, #elif, #else, #endif lines
+  std::vector<Section> sections;
+};
+
+// Whether code ending at `last` ends a declaration, or an item of a list: after `;`, `}`, `,` or an access
+// label (`public:`).
+bool ends_whole(const std::string& text, std::size_t last) {
+  const char c = text[last];
+  if (c == ';' || c == '}' || c == ',') return true;
+  if (c != ':') return false;
+  std::size_t i = last;
+  while (i > 0 && is_space(text[i - 1])) --i;
+  std::size_t start = i;
+  while (start > 0 && is_word(text[start - 1])) --start;
+  const std::string_view word(text.data() + start, i - start);
+  return word == "public" || word == "private" || word == "protected";
+}
+
+// Scans the code of [from, to), which holds no directive: braces, parentheses and the last significant
+// character, outside comments and literals. `in_comment` carries a block comment across lines.
+void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& in_comment, Code& code) {
+  for (std::size_t i = from; i < to; ++i) {
+    const char c = text[i];
+    if (in_comment) {
+      if (c == '*' && i + 1 < to && text[i + 1] == '/') {
+        in_comment = false;
+        ++i;
+      }
+      continue;
+    }
+    if (c == '/' && i + 1 < to && text[i + 1] == '/') return;
+    if (c == '/' && i + 1 < to && text[i + 1] == '*') {
+      in_comment = true;
+      ++i;
+      continue;
+    }
+    if (is_space(c) || c == '\n') continue;
+    if (c == '"' || (c == '\'' && !(i > from && is_word(text[i - 1])))) {  // not a digit separator
+      const std::size_t open = i;
+      for (++i; i < to && text[i] != c; ++i) {
+        if (text[i] == '\\') ++i;
+      }
+      code.last = i < to ? i : open;
+      continue;
+    }
+    if (c == '{') ++code.braces;
+    else if (c == '}') --code.braces;
+    else if (c == '(') ++code.parens;
+    else if (c == ')') --code.parens;
+    code.last = i;
+  }
+}
+
+// The directive's name (`if`, `ifdef`, `else`...) and whether it is `#if 0`, from its first line.
+std::pair<std::string_view, bool> directive_word(const std::string& text, std::size_t hash, std::size_t eol) {
+  std::size_t i = hash + 1;
+  while (i < eol && is_space(text[i])) ++i;
+  std::size_t j = i;
+  while (j < eol && is_word(text[j])) ++j;
+  const std::string_view word(text.data() + i, j - i);
+  std::size_t k = j;
+  while (k < eol && is_space(text[k])) ++k;
+  const bool zero = word == "if" && k < eol && text[k] == '0' && (k + 1 == eol || !is_word(text[k + 1]));
+  return {word, zero};
+}
+
+void add(Code& into, const Code& code) {
+  into.braces += code.braces;
+  into.parens += code.parens;
+  if (code.last != std::string::npos) into.last = code.last;
+}
+
+// Judges a closed group: blanks it down to one section when its sections are not whole declarations.
+// Returns what the group adds to the code of the section around it.
+Code close_group(std::string& text, const Group& g, bool& changed) {
+  bool split = false;
+  for (const Section& s : g.sections) {
+    if (s.code.braces != 0 || s.code.parens != 0 ||
+        (s.code.last != std::string::npos && !ends_whole(text, s.code.last))) {
+      split = true;
+    }
+  }
+  Code out;
+  if (!split) {
+    for (const Section& s : g.sections) add(out, s.code);
+    return out;
+  }
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < g.sections.size(); ++i) {
+    if (!g.sections[i].dead && g.sections[i].code.last != std::string::npos) {
+      kept = i;
+      break;
+    }
+  }
+  for (const auto& [from, to] : g.directives) blank(text, from, to);
+  for (std::size_t i = 0; i < g.sections.size(); ++i) {
+    if (i != kept) blank(text, g.sections[i].begin, g.sections[i].end);
+  }
+  changed = true;
+  return g.sections.empty() ? out : g.sections[kept].code;
+}
+
+}  // namespace
+
+bool keep_one_section_of_split_groups(std::string& text) {
+  bool changed = false;
+  bool in_comment = false;
+  std::vector<Group> open;
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t eol = text.find('\n', pos);
+    if (eol == std::string::npos) eol = text.size();
+    std::size_t first = pos;
+    while (first < eol && is_space(text[first])) ++first;
+    if (in_comment || first == eol || text[first] != '#') {
+      if (!open.empty() && !open.back().sections.empty()) {
+        scan_code(text, pos, eol, in_comment, open.back().sections.back().code);
+      } else {
+        Code ignored;
+        scan_code(text, pos, eol, in_comment, ignored);
+      }
+      pos = eol + 1;
+      continue;
+    }
+    // A directive, with its continuation lines.
+    std::size_t end = eol;
+    while (end < text.size()) {
+      std::size_t last = end;
+      while (last > first && is_space(text[last - 1])) --last;
+      if (last == first || text[last - 1] != '\\') break;
+      const std::size_t next = text.find('\n', end + 1);
+      end = next == std::string::npos ? text.size() : next;
+    }
+    const auto [word, zero] = directive_word(text, first, eol);
+    const std::size_t after = std::min(end + 1, text.size());
+    if (word == "if" || word == "ifdef" || word == "ifndef") {
+      Group g;
+      g.directives.emplace_back(pos, end);
+      g.sections.push_back({after, after, {}, zero});
+      open.push_back(std::move(g));
+    } else if (!open.empty() && (word == "elif" || word == "else" || word == "elifdef" || word == "elifndef")) {
+      Group& g = open.back();
+      g.sections.back().end = pos;
+      g.directives.emplace_back(pos, end);
+      g.sections.push_back({after, after, {}, false});
+    } else if (!open.empty() && word == "endif") {
+      Group g = std::move(open.back());
+      open.pop_back();
+      g.sections.back().end = pos;
+      g.directives.emplace_back(pos, end);
+      const Code code = close_group(text, g, changed);
+      if (!open.empty()) add(open.back().sections.back().code, code);
+    }
+    pos = end + 1;
   }
   return changed;
 }
