@@ -20,6 +20,7 @@
 
 #include "brenloc/engines/annotation_macros.h"
 #include "brenloc/engines/code_matchers.h"
+#include "brenloc/engines/directive_ends.h"
 #include "brenloc/engines/languages.h"
 #include "brenloc/engines/symbols.h"
 
@@ -252,6 +253,8 @@ class Socket {
   friend bool operator==(const Socket&, const Socket&);
   friend void swap(Socket& a, Socket& b);
   static int open_count;
+  explicit operator bool() const;
+  operator int() const { return 1; }
 };
 extern "C" int c_entry(void);
 template <typename T>
@@ -261,8 +264,9 @@ int connect(const char* host, int port);
 )",
    {{"Socket", "function_declaration", 4, "net::Socket"}, {"~Socket", "function_declaration", 5, "net::Socket"},
     {"send", "function_declaration", 6, "net::Socket"}, {"close", "function_declaration", 7, "net::Socket"},
-    {"open_count", "field", 10, "net::Socket"}, {"c_entry", "function_declaration", 12, "net"},
-    {"parse", "function_declaration", 14, "net", 0, 0, 0, 13}, {"connect", "function_declaration", 15, "net"}},
+    {"open_count", "field", 10, "net::Socket"}, {"operator bool", "function_declaration", 11, "net::Socket"},
+    {"operator int", "method", 12, "net::Socket"}, {"c_entry", "function_declaration", 14, "net"},
+    {"parse", "function_declaration", 16, "net", 0, 0, 0, 15}, {"connect", "function_declaration", 17, "net"}},
    {"operator==", "swap", "fd", "data", "text", "host", "a"}},
   // Export and attribute macros in the heads of classes and functions.
   {"cpp_export_macros_in_heads", "cpp", R"(class GTEST_API_ Test {
@@ -647,6 +651,21 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     {"lone macro line between declarations", "int a;\nG_BEGIN_DECLS\nint b;\n", "int a;\n             \nint b;\n"},
     {"enumerators on their own lines are kept", "enum e {\n  FIRST_VALUE,\n  LAST_VALUE\n};\n"},
     {"plain code is untouched", "int main(void) { return MAX_SIZE; }\n"},
+    {"export macros ending in an underscore, chained, with arguments",
+     "class GTEST_API_ Test {};\nclass A_API B_DECL(x) Name : public Base {};\n",
+     "class            Test {};\nclass                 Name : public Base {};\n"},
+    {"macros before a type, a constructor, a destructor",
+     "  LIB_DECL impl_type& add();\n  static A_CONSTEXPR ns::type q();\n  A_CONSTEXPR state(int s) : s_(s) {}\n"
+     "  A_INLINE ~state() {}\n",
+     "           impl_type& add();\n  static             ns::type q();\n              state(int s) : s_(s) {}\n"
+     "           ~state() {}\n"},
+    {"a macro that makes a parameter's type keeps its argument",
+     "void f(BOOST_ASIO_MOVE_ARG(T) t,\n       BOOST_FWD_REF(U) u = U());\n",
+     "void f(                    T  t,\n                     U  u = U());\n"},
+    {"a type spelled like a macro is kept", "EFI_STATUS EfiMain(int a);\nMY_TYPE_T value = 0;\n"},
+    {"a suffix macro's arguments over lines",
+     "  auto f(int a)\n    RESULT_SUFFIX((\n      decltype(a)))\n  { return a; }\n",
+     "  auto f(int a)\n" + std::string(19, ' ') + "\n" + std::string(19, ' ') + "\n  { return a; }\n"},
     // clang-format on
   };
   for (const auto& c : cases) {
@@ -655,6 +674,52 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     ASSERT_EQ(c.input.size(), expected.size()) << "the table must keep lengths";
     std::string text = c.input;
     EXPECT_EQ(blank_annotation_macros(text), !c.expected.empty());
+    EXPECT_EQ(text, expected);
+  }
+}
+
+// Of an `#if` group whose sections each hold a piece of a declaration, one section is kept; the others and
+// the group's directives become spaces. Groups of whole declarations or list items are left alone.
+TEST(SplitGroups, KeepOneSectionOfAGroupThatSplitsADeclaration) {
+  // Each line, and whether it stays (false: it becomes spaces).
+  using Lines = std::vector<std::pair<std::string, bool>>;
+  const struct {
+    std::string label;
+    Lines lines;
+  } cases[] = {
+    // clang-format off
+    {"sections of whole declarations", {{"#ifdef A", true}, {"int a;", true}, {"#else", true}, {"long a;", true},
+                                        {"#endif", true}}},
+    {"a return type in two sections", {{"#if DOC", false}, {"unspecified", true}, {"#else", false},
+                                       {"handler<T>", false}, {"#endif", false}, {"wrap(T);", true}}},
+    {"a function head opened in both", {{"#if LEGACY", false}, {"void run() {", true}, {"#elif X", false},
+                                        {"void run() noexcept {", false}, {"#endif", false}, {"}", true}}},
+    {"the section under #if 0 is passed over", {{"#if 0", false}, {"old(", false}, {"#else", false}, {"new(", true},
+                                                {"#endif", false}, {"int x);", true}}},
+    {"a lone attribute goes", {{"#if defined(_MSC_VER)", false}, {"__declspec(deprecated(\"no\"))", false},
+                               {"#endif", false}, {"void f();", true}}},
+    {"a lone base class goes", {{"class X", true}, {"#ifdef HAS_BASE", false}, {"  : public Base", false},
+                                {"#endif", false}, {"{};", true}}},
+    {"extern C braces stay", {{"#ifdef __cplusplus", false}, {"extern \"C\" {", true}, {"#endif", false},
+                              {"int f(void);", true}, {"#ifdef __cplusplus", false}, {"}", true}, {"#endif", false}}},
+    {"enumerators", {{"enum e {", true}, {"#ifdef A", true}, {"  a,", true}, {"#else", true}, {"  b,", true},
+                     {"#endif", true}, {"  c", true}, {"};", true}}},
+    {"a split group inside a whole one", {{"#if A", true}, {"#if B", false}, {"int f(", true}, {"#else", false},
+                                          {"int g(", false}, {"#endif", false}, {"int x);", true}, {"#endif", true}}},
+    {"braces in comments and literals count for nothing",
+     {{"#ifdef A", true}, {"char c = '{'; /* { */", true}, {"#else", true}, {"const char* s = \"}\"; // }", true},
+      {"#endif", true}}},
+    // clang-format on
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    std::string input, expected;
+    for (const auto& [line, stays] : c.lines) {
+      input += line + "\n";
+      expected += (stays ? line : std::string(line.size(), ' ')) + "\n";
+    }
+    std::string text = input;
+    EXPECT_EQ(keep_one_section_of_split_groups(text), input != expected);
     EXPECT_EQ(text, expected);
   }
 }

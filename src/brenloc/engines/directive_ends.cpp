@@ -60,6 +60,7 @@ void blank(std::string& text, std::size_t from, std::size_t to) {
 // What the code of a section adds up to.
 struct Code {
   int braces = 0, parens = 0;
+  bool statements = false;  // it holds a `;`, `{` or `}`
   std::size_t last = std::string::npos;  // the offset of its last significant character
 };
 
@@ -115,6 +116,7 @@ void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& 
       code.last = i < to ? i : open;
       continue;
     }
+    code.statements |= c == ';' || c == '{' || c == '}';
     if (c == '{') ++code.braces;
     else if (c == '}') --code.braces;
     else if (c == '(') ++code.parens;
@@ -139,6 +141,7 @@ std::pair<std::string_view, bool> directive_word(const std::string& text, std::s
 void add(Code& into, const Code& code) {
   into.braces += code.braces;
   into.parens += code.parens;
+  into.statements |= code.statements;
   if (code.last != std::string::npos) into.last = code.last;
 }
 
@@ -157,6 +160,15 @@ Code close_group(std::string& text, const Group& g, bool& changed) {
     for (const Section& s : g.sections) add(out, s.code);
     return out;
   }
+  for (const auto& [from, to] : g.directives) blank(text, from, to);
+  changed = true;
+  // A lone section that is a mere piece of a declaration (an attribute, a base class) goes: the
+  // declaration does without it. One that holds statements stays (`extern "C" {` has its partner in
+  // another group, judged alike).
+  if (g.sections.size() == 1 && !g.sections[0].code.statements && g.sections[0].code.parens == 0) {
+    blank(text, g.sections[0].begin, g.sections[0].end);
+    return out;
+  }
   std::size_t kept = 0;
   for (std::size_t i = 0; i < g.sections.size(); ++i) {
     if (!g.sections[i].dead && g.sections[i].code.last != std::string::npos) {
@@ -164,11 +176,9 @@ Code close_group(std::string& text, const Group& g, bool& changed) {
       break;
     }
   }
-  for (const auto& [from, to] : g.directives) blank(text, from, to);
   for (std::size_t i = 0; i < g.sections.size(); ++i) {
     if (i != kept) blank(text, g.sections[i].begin, g.sections[i].end);
   }
-  changed = true;
   return g.sections.empty() ? out : g.sections[kept].code;
 }
 

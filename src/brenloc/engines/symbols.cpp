@@ -200,9 +200,12 @@ ResolvedName resolve_declarator(TSNode node, std::string_view source) {
     const char* type = ts_node_type(node);
     if (std::strcmp(type, "identifier") == 0 || std::strcmp(type, "field_identifier") == 0 ||
         std::strcmp(type, "type_identifier") == 0 || std::strcmp(type, "destructor_name") == 0 ||
-        std::strcmp(type, "operator_name") == 0 || std::strcmp(type, "primitive_type") == 0) {
+        std::strcmp(type, "operator_name") == 0 || std::strcmp(type, "primitive_type") == 0 ||
+        std::strcmp(type, "operator_cast") == 0) {
       out.node = node;
       out.found = true;
+      // A conversion operator's parameters are inside its name's node.
+      if (std::strcmp(type, "operator_cast") == 0) out.function_declarator = true;
       return out;
     }
     if (std::strcmp(type, "qualified_identifier") == 0) {
@@ -357,6 +360,10 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
 
   std::string_view text = text_of(name, source);
   if (type_is(name, "template_type")) text = text.substr(0, text.find('<'));
+  if (type_is(name, "operator_cast")) {  // `operator bool() const`: the name ends before its parameters
+    text = text.substr(0, text.find('('));
+    while (!text.empty() && std::strchr(" \t\r\n", text.back()) != nullptr) text.remove_suffix(1);
+  }
   c.name = std::string(text);
   // Strings name TypeScript modules ("declare module 'x'"): keep the text inside the quotes.
   if (c.name.size() >= 2 && (c.name.front() == '"' || c.name.front() == '\'')) {
