@@ -420,8 +420,8 @@ Chosen chosen_language(const Language& lang, std::string_view source) {
 }
 
 // The text the parser sees: C and C++ without their decoration macros, with one section of each `#if`
-// group that splits a declaration and with their directives ended cleanly (same offsets), else the source itself. The buffer is the thread's own and lives until its
-// next use.
+// group that splits a declaration and with their directives ended cleanly (same offsets), else the
+// source itself. The buffer is the thread's own and lives until its next use.
 std::string_view parser_input(const Language& lang, std::string_view source) {
   if (!lang.c_family) return source;
   thread_local std::string buffer;
