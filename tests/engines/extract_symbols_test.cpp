@@ -229,6 +229,9 @@ template <typename T> T cos_like(T x);
 #endif
 )",
    {{"cos_like", "function_declaration", 4}, {"cos_like", "function_declaration", 7}}, {"x"}},
+  // C may use C++ keywords as names.
+  {"c_names_that_are_cpp_keywords", "c", "int class, friend;\nvoid set(void) {\n  class = 3;\n  friend = 4;\n}\n",
+   {{"class", "variable", 1}, {"set", "function", 2}}, {}},
   // Declarations of what is defined elsewhere: prototypes and extern variables, not those inside a body.
   {"c_declarations_of_what_is_defined_elsewhere", "c", R"(extern int errno_like;
 extern const char *names[], *other;
