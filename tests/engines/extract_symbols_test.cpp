@@ -666,6 +666,8 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
      "void f(BOOST_ASIO_MOVE_ARG(T) t,\n       BOOST_FWD_REF(U) u = U());\n",
      "void f(                    T  t,\n                     U  u = U());\n"},
     {"a type spelled like a macro is kept", "EFI_STATUS EfiMain(int a);\nMY_TYPE_T value = 0;\n"},
+    {"the last of a run of macros before a name is its type", "CONSTEXPR_OR_CONST DWORD_ DELETE_ = 1;\n",
+     "                   DWORD_ DELETE_ = 1;\n"},
     {"a suffix macro's arguments over lines",
      "  auto f(int a)\n    RESULT_SUFFIX((\n      decltype(a)))\n  { return a; }\n",
      "  auto f(int a)\n" + std::string(19, ' ') + "\n" + std::string(19, ' ') + "\n  { return a; }\n"},

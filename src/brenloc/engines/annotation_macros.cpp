@@ -236,7 +236,7 @@ std::size_t macro_decoration_end(const std::string& text, std::size_t line_begin
              word_after(text, k) == "final";
     }
   } else if (starts_declaration(text, line_begin, i) &&
-             (listed(declaration_keywords, after) || is_macro_like(after) || next_char == '~' ||
+             (listed(declaration_keywords, after) || next_char == '~' ||
               (!listed(trailing_keywords, after) && (starts_a_type(text, after) || names_constructor(text, after))))) {
     // EXPORT_MACRO static int f();  INLINE_MACRO CONSTEXPR_MACRO Name();  API_MACRO ~Name();
     // API_MACRO std::string f();  static CONSTEXPR_MACRO ns::type f();  CONSTEXPR_MACRO Name(int a) : a_(a)
