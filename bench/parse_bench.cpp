@@ -1,14 +1,15 @@
 // Throughput of parsing and definition extraction on one core, and definition coverage against
 // universal-ctags, on real source trees (by default /usr/include and /usr/lib/python3).
 //
-//   parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [--no-ctags] [DIR...]
+//   parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [--no-ctags] [--h-as-cpp] [DIR...]
 //
 // For each tree: the files of the languages we parse are read into memory, then each file is
 // parsed alone (the floor) and parsed with extraction, in alternating order, for R rounds (the best
 // round of each counts), so that both are measured side by side on the same, noisy, machine. ctags is timed on
 // the whole tree (`ctags -R --links=no --output-format=json -f - DIR > /dev/null`) and run again to
 // read its definitions: the coverage is the share of ctags' definitions, of the kinds we claim, in
-// the files we parse, that we find too (same file, name and line).
+// the files we parse, that we find too (same file, name and line). --h-as-cpp parses every `.h` with the
+// C++ grammar instead of choosing by what the file holds (to compare the two choices).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -27,6 +29,7 @@
 #include <fmt/format.h>
 #include "brenloc/json.h"
 
+#include "brenloc/engines/content_language.h"
 #include "brenloc/engines/languages.h"
 #include "brenloc/engines/symbols.h"
 
@@ -53,12 +56,26 @@ struct Options {
   std::string miss_kind;  // print only the misses of this ctags kind
   std::string tags_from;  // read ctags' output from this file (of the first tree) instead of running it
   bool ctags = true;      // false: throughput only
+  bool headers_as_cpp = false;  // parse every .h with the C++ grammar instead of choosing by content
   std::vector<std::string> dirs;
 };
 
-std::vector<SourceFile> load_tree(const std::string& dir, int sample) {
+// The language a file is given to the extraction as: by its extension, or, without one, by what its first
+// lines name (as the indexer's walk does).
+std::optional<std::string> file_language(const fs::path& path) {
+  if (auto by_name = language_for_path(path)) return std::string(*by_name);
+  if (path.has_extension()) return std::nullopt;
+  std::ifstream in(path, std::ios::binary);
+  std::string head(brenloc::engines::kLanguageHeadBytes, '\0');
+  in.read(head.data(), static_cast<std::streamsize>(head.size()));
+  head.resize(static_cast<std::size_t>(in.gcount()));
+  if (auto named = brenloc::engines::language_named_in(head)) return std::string(*named);
+  return std::nullopt;
+}
+
+std::vector<SourceFile> load_tree(const std::string& dir, int sample, bool headers_as_cpp) {
   std::vector<SourceFile> files;
-  std::vector<fs::path> paths;
+  std::vector<std::pair<fs::path, std::string>> paths;
   std::error_code ec;
   for (fs::recursive_directory_iterator it(dir, fs::directory_options::skip_permission_denied, ec), end;
        it != end; it.increment(ec)) {
@@ -68,15 +85,17 @@ std::vector<SourceFile> load_tree(const std::string& dir, int sample) {
       continue;
     }
     if (!it->is_regular_file()) continue;
-    if (!language_for_path(it->path())) continue;
-    paths.push_back(it->path());
+    auto language = file_language(it->path());
+    if (!language) continue;
+    if (headers_as_cpp && it->path().extension() == ".h") language = "cpp";
+    paths.emplace_back(it->path(), *language);
   }
   std::sort(paths.begin(), paths.end());
   for (std::size_t i = 0; i < paths.size(); i += static_cast<std::size_t>(sample)) {
-    std::ifstream in(paths[i], std::ios::binary);
+    std::ifstream in(paths[i].first, std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
-    files.push_back({paths[i].string(), std::string(*language_for_path(paths[i])), ss.str()});
+    files.push_back({paths[i].first.string(), paths[i].second, ss.str()});
   }
   return files;
 }
@@ -166,8 +185,9 @@ int main(int argc, char** argv) {
     else if (a == "--miss-kind" && i + 1 < argc) opt.miss_kind = argv[++i];
     else if (a == "--tags-from" && i + 1 < argc) opt.tags_from = argv[++i];
     else if (a == "--no-ctags") opt.ctags = false;
+    else if (a == "--h-as-cpp") opt.headers_as_cpp = true;
     else if (a == "--help" || a == "-h") {
-      std::cout << "usage: parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [--no-ctags] [DIR...]\n";
+      std::cout << "usage: parse_bench [--sample K] [--rounds R] [--misses N] [--miss-kind KIND] [--errors N] [--tags-from FILE] [--no-ctags] [--h-as-cpp] [DIR...]\n";
       return 0;
     } else opt.dirs.push_back(a);
   }
@@ -177,7 +197,7 @@ int main(int argc, char** argv) {
   std::vector<std::vector<std::string>> rows;
   std::vector<std::string> notes;
   for (const std::string& dir : opt.dirs) {
-    const std::vector<SourceFile> files = load_tree(dir, opt.sample);
+    const std::vector<SourceFile> files = load_tree(dir, opt.sample, opt.headers_as_cpp);
     double bytes = 0;
     for (const auto& f : files) bytes += static_cast<double>(f.content.size());
     const double mb = bytes / 1e6;

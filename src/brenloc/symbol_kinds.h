@@ -7,9 +7,10 @@
 
 namespace brenloc {
 
-inline constexpr std::array<std::string_view, 18> kSymbolKinds = {
+inline constexpr std::array<std::string_view, 20> kSymbolKinds = {
     "function", "method", "class", "struct", "union", "enum", "enumerator", "interface", "trait",
     "type", "field", "variable", "constant", "macro", "namespace", "module", "constructor", "property",
+    "function_declaration", "variable_declaration",
 };
 
 inline constexpr std::array<std::string_view, 9> kLanguages = {

@@ -20,6 +20,7 @@
 
 #include "brenloc/engines/annotation_macros.h"
 #include "brenloc/engines/code_matchers.h"
+#include "brenloc/engines/directive_ends.h"
 #include "brenloc/engines/languages.h"
 #include "brenloc/engines/symbols.h"
 
@@ -43,6 +44,7 @@ struct Case {
   std::vector<Def> expected;        // each must be found exactly so
   std::vector<std::string> absent;  // names that must not be found at all
   bool syntax_errors = false;       // the sample is not valid syntax
+  std::string recorded = {};        // the language the file is taken to be in; empty: the one given
 };
 
 std::string describe(const std::vector<storage::SymbolRow>& rows) {
@@ -133,8 +135,9 @@ __END_DECLS
     {"pointer_var", "variable", 15}, {"array_var", "variable", 15}, {"handler", "variable", 18},
     {"add", "function", 19, "", 19, 22, 1}, {"make", "function", 23}, {"feature_flag", "variable", 25},
     {"with_local_type", "function", 27}, {"local_t", "type", 27, "with_local_type"}, {"status", "enum", 29},
-    {"STATUS_BAD", "enumerator", 32, "status"}},
-   {"declared_elsewhere", "prototype", "local", "b", "check"}},
+    {"STATUS_BAD", "enumerator", 32, "status"}, {"declared_elsewhere", "variable_declaration", 16},
+    {"prototype", "function_declaration", 17, "", 5, 17, 21}, {"check", "function_declaration", 34}},
+   {"local", "b", "__s"}},
   {"cpp_namespaces_classes_out_of_class", "cpp", R"(#define VERSION 3
 namespace outer {
 namespace inner {
@@ -175,7 +178,10 @@ namespace a::b { int nested_value = 1; }
     {"draw", "method", 19, "outer::inner::Widget"}, {"count", "variable", 23, "outer::inner::Widget"},
     {"free_function", "function", 24, "outer"}, {"helper", "function", 25, "outer::inner"},
     {"Alias", "type", 26, "outer"}, {"Box", "class", 28, "outer", 0, 0, 0, 27}, {"value", "field", 28, "outer::Box"},
-    {"a::b", "namespace", 30}, {"nested_value", "variable", 30, "a::b"}}, {"local", "lambda", "in_lambda", "v"}},
+    {"a::b", "namespace", 30}, {"nested_value", "variable", 30, "a::b"},
+    {"Widget", "function_declaration", 6, "outer::inner::Widget"},
+    {"~Widget", "function_declaration", 7, "outer::inner::Widget"},
+    {"draw", "function_declaration", 9, "outer::inner::Widget"}}, {"local", "lambda", "in_lambda", "v"}},
   {"cpp_definitions_start_above_their_names", "cpp",
    "template <typename K,\n          typename V>\nstatic inline\nV lookup(K key) { return V(); }\nint\nplain() { return 0; }\n"
    "template <> struct Box<int> {};\nint template_free = 1;\n",
@@ -202,7 +208,137 @@ class Parser {
 };
 }
 )",
-   {{"lib", "namespace", 2}, {"Parser", "class", 3, "lib"}, {"parse", "method", 5, "lib::Parser"}}, {}},
+   {{"lib", "namespace", 2}, {"Parser", "class", 3, "lib"}, {"parse", "method", 5, "lib::Parser"}}, {}, false,
+   "cpp"},
+  // A C++ header given as C that says what it is on its first line, and one with nothing else to tell it.
+  {"cpp_header_given_as_c_says_so", "c", R"(// unique_ptr implementation -*- C++ -*-
+#pragma once
+struct default_delete { void operator()(int* p) const { delete p; } };
+)",
+   {{"default_delete", "struct", 3}}, {}, false, "cpp"},
+  {"cpp_header_given_as_c_with_access_only", "c", "struct Pimpl {\n  virtual ~Pimpl();\n};\n",
+   {{"Pimpl", "struct", 1}, {"~Pimpl", "function_declaration", 2, "Pimpl"}}, {}, false, "cpp"},
+  // A C header with C++ only for C++ callers stays C.
+  {"c_header_with_cpp_for_cpp_callers", "c", R"(#ifdef __cplusplus
+extern "C" {
+#endif
+double cos_like(double x);
+#ifdef __cplusplus
+}
+template <typename T> T cos_like(T x);
+#endif
+)",
+   {{"cos_like", "function_declaration", 4}, {"cos_like", "function_declaration", 7}}, {"x"}},
+  // C may use C++ keywords as names.
+  {"c_names_that_are_cpp_keywords", "c", "int class, friend;\nvoid set(void) {\n  class = 3;\n  friend = 4;\n}\n",
+   {{"class", "variable", 1}, {"set", "function", 2}}, {}},
+  // Declarations of what is defined elsewhere: prototypes and extern variables, not those inside a body.
+  {"c_declarations_of_what_is_defined_elsewhere", "c", R"(extern int errno_like;
+extern const char *names[], *other;
+int prototype(int a);
+extern void *alloc(unsigned long n) __attribute__((malloc));
+int (*signal_like(int sig, void (*fn)(int)))(int);
+void (*handler)(int);
+int defined(void) { int local_proto(void); extern int local_ext; return 0; }
+)",
+   {{"errno_like", "variable_declaration", 1}, {"names", "variable_declaration", 2},
+    {"other", "variable_declaration", 2}, {"prototype", "function_declaration", 3},
+    {"alloc", "function_declaration", 4}, {"signal_like", "function_declaration", 5}, {"handler", "variable", 6},
+    {"defined", "function", 7}},
+   {"local_proto", "local_ext", "sig", "fn", "a", "n"}},
+  {"cpp_member_and_namespace_declarations", "cpp", R"(namespace net {
+class Socket {
+ public:
+  Socket(int fd);
+  virtual ~Socket();
+  int send(const char* data, int size) const;
+  virtual void close() = 0;
+  friend bool operator==(const Socket&, const Socket&);
+  friend void swap(Socket& a, Socket& b);
+  static int open_count;
+  explicit operator bool() const;
+  operator int() const { return 1; }
+};
+extern "C" int c_entry(void);
+template <typename T>
+T parse(const char* text);
+int connect(const char* host, int port);
+}
+)",
+   {{"Socket", "function_declaration", 4, "net::Socket"}, {"~Socket", "function_declaration", 5, "net::Socket"},
+    {"send", "function_declaration", 6, "net::Socket"}, {"close", "function_declaration", 7, "net::Socket"},
+    {"open_count", "field", 10, "net::Socket"}, {"operator bool", "function_declaration", 11, "net::Socket"},
+    {"operator int", "method", 12, "net::Socket"}, {"c_entry", "function_declaration", 14, "net"},
+    {"parse", "function_declaration", 16, "net", 0, 0, 0, 15}, {"connect", "function_declaration", 17, "net"}},
+   {"operator==", "swap", "fd", "data", "text", "host", "a"}},
+  // Export and attribute macros in the heads of classes and functions.
+  {"cpp_export_macros_in_heads", "cpp", R"(class GTEST_API_ Test {
+ public:
+  GTEST_API_ static void SetUpTestSuite();
+};
+class BOOST_SYMBOL_VISIBLE LIB_DECL(cfg) error : public std::exception {
+  int code_;
+};
+struct LIB_API final_type final {
+  int x;
+};
+class holder {
+  BOOST_FORCEINLINE BOOST_CONSTEXPR holder() BOOST_NOEXCEPT {}
+  BOOST_FORCEINLINE ~holder() {}
+  LIB_DECL impl_type& add_impl(impl_type* impl);
+  GTEST_API_ std::string describe() const;
+};
+)",
+   {{"Test", "class", 1}, {"SetUpTestSuite", "function_declaration", 3, "Test"}, {"error", "class", 5},
+    {"code_", "field", 6, "error"}, {"final_type", "struct", 8}, {"x", "field", 9, "final_type"},
+    {"holder", "class", 11}, {"holder", "constructor", 12, "holder"}, {"~holder", "method", 13, "holder"},
+    {"add_impl", "function_declaration", 14, "holder"}, {"describe", "function_declaration", 15, "holder"}},
+   {"GTEST_API_", "BOOST_SYMBOL_VISIBLE", "LIB_DECL", "LIB_API", "BOOST_CONSTEXPR", "impl"}},
+  // `#if` sections that each hold a piece of one declaration: one of them is read.
+  {"cpp_if_sections_that_split_a_declaration", "cpp", R"(class io_context
+  : public execution_context
+{
+public:
+  template <typename Handler>
+#if defined(GENERATING_DOCUMENTATION)
+  unspecified
+#else
+  detail::wrapped_handler<io_context&, Handler>
+#endif
+  wrap(Handler handler);
+#if defined(LEGACY)
+  void run() {
+#else
+  void run() noexcept {
+#endif
+    poll();
+  }
+  int count() const { return 0; }
+};
+#if defined(_WIN32)
+class endpoint : public win_base
+#else
+class endpoint : public posix_base
+#endif
+{
+  int port;
+};
+enum flags {
+  read_flag,
+#if defined(HAS_WRITE)
+  write_flag,
+#else
+  no_write_flag,
+#endif
+  last_flag
+};
+)",
+   {{"io_context", "class", 1}, {"wrap", "function_declaration", 11, "io_context"},
+    {"run", "method", 13, "io_context"}, {"count", "method", 19, "io_context"}, {"endpoint", "class", 22},
+    {"port", "field", 27, "endpoint"}, {"flags", "enum", 29}, {"read_flag", "enumerator", 30, "flags"},
+    {"write_flag", "enumerator", 32, "flags"}, {"no_write_flag", "enumerator", 34, "flags"},
+    {"last_flag", "enumerator", 36, "flags"}},
+   {"handler", "poll"}},
   {"javascript_functions_classes_consts", "javascript", R"(const LIMIT = 5;
 let mutable = 1;
 var old = 2;
@@ -350,6 +486,7 @@ TEST_P(ExtractSymbols, FindsTheDefinitions) {
   const ParseResult r = extract_symbols(c.language, c.source);
   ASSERT_TRUE(r.ok) << r.error;
   EXPECT_EQ(r.syntax_errors, c.syntax_errors);
+  EXPECT_EQ(r.language, c.recorded.empty() ? c.language : c.recorded);
   for (const Def& d : c.expected) {
     EXPECT_TRUE(std::any_of(r.symbols.begin(), r.symbols.end(), [&](const storage::SymbolRow& s) {
       return s.name == d.name && s.kind == d.kind && s.line == d.line && s.scope == d.scope &&
@@ -517,6 +654,23 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     {"lone macro line between declarations", "int a;\nG_BEGIN_DECLS\nint b;\n", "int a;\n             \nint b;\n"},
     {"enumerators on their own lines are kept", "enum e {\n  FIRST_VALUE,\n  LAST_VALUE\n};\n"},
     {"plain code is untouched", "int main(void) { return MAX_SIZE; }\n"},
+    {"export macros ending in an underscore, chained, with arguments",
+     "class GTEST_API_ Test {};\nclass A_API B_DECL(x) Name : public Base {};\n",
+     "class            Test {};\nclass                 Name : public Base {};\n"},
+    {"macros before a type, a constructor, a destructor",
+     "  LIB_DECL impl_type& add();\n  static A_CONSTEXPR ns::type q();\n  A_CONSTEXPR state(int s) : s_(s) {}\n"
+     "  A_INLINE ~state() {}\n",
+     "           impl_type& add();\n  static             ns::type q();\n              state(int s) : s_(s) {}\n"
+     "           ~state() {}\n"},
+    {"a macro that makes a parameter's type keeps its argument",
+     "void f(BOOST_ASIO_MOVE_ARG(T) t,\n       BOOST_FWD_REF(U) u = U());\n",
+     "void f(                    T  t,\n                     U  u = U());\n"},
+    {"a type spelled like a macro is kept", "EFI_STATUS EfiMain(int a);\nMY_TYPE_T value = 0;\n"},
+    {"the last of a run of macros before a name is its type", "CONSTEXPR_OR_CONST DWORD_ DELETE_ = 1;\n",
+     "                   DWORD_ DELETE_ = 1;\n"},
+    {"a suffix macro's arguments over lines",
+     "  auto f(int a)\n    RESULT_SUFFIX((\n      decltype(a)))\n  { return a; }\n",
+     "  auto f(int a)\n" + std::string(19, ' ') + "\n" + std::string(19, ' ') + "\n  { return a; }\n"},
     // clang-format on
   };
   for (const auto& c : cases) {
@@ -525,6 +679,57 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     ASSERT_EQ(c.input.size(), expected.size()) << "the table must keep lengths";
     std::string text = c.input;
     EXPECT_EQ(blank_annotation_macros(text), !c.expected.empty());
+    EXPECT_EQ(text, expected);
+  }
+}
+
+// Of an `#if` group whose sections each hold a piece of a declaration, one section is kept; the others and
+// the group's directives become spaces. Groups of whole declarations or list items are left alone.
+TEST(SplitGroups, KeepOneSectionOfAGroupThatSplitsADeclaration) {
+  // Each line, and whether it stays (false: it becomes spaces).
+  using Lines = std::vector<std::pair<std::string, bool>>;
+  const struct {
+    std::string label;
+    Lines lines;
+  } cases[] = {
+    // clang-format off
+    {"sections of whole declarations", {{"#ifdef A", true}, {"int a;", true}, {"#else", true}, {"long a;", true},
+                                        {"#endif", true}}},
+    {"a return type in two sections", {{"#if DOC", false}, {"unspecified", true}, {"#else", false},
+                                       {"handler<T>", false}, {"#endif", false}, {"wrap(T);", true}}},
+    {"a function head opened in both", {{"#if LEGACY", false}, {"void run() {", true}, {"#elif X", false},
+                                        {"void run() noexcept {", false}, {"#endif", false}, {"}", true}}},
+    {"the section under #if 0 is passed over", {{"#if 0", false}, {"old(", false}, {"#else", false}, {"new(", true},
+                                                {"#endif", false}, {"int x);", true}}},
+    {"a lone attribute goes", {{"#if defined(_MSC_VER)", false}, {"__declspec(deprecated(\"no\"))", false},
+                               {"#endif", false}, {"void f();", true}}},
+    {"a lone base class goes", {{"class X", true}, {"#ifdef HAS_BASE", false}, {"  : public Base", false},
+                                {"#endif", false}, {"{};", true}}},
+    {"extern C braces stay", {{"#ifdef __cplusplus", false}, {"extern \"C\" {", true}, {"#endif", false},
+                              {"int f(void);", true}, {"#ifdef __cplusplus", false}, {"}", true}, {"#endif", false}}},
+    {"enumerators", {{"enum e {", true}, {"#ifdef A", true}, {"  a,", true}, {"#else", true}, {"  b,", true},
+                     {"#endif", true}, {"  c", true}, {"};", true}}},
+    {"a split group inside a whole one", {{"#if A", true}, {"#if B", false}, {"int f(", true}, {"#else", false},
+                                          {"int g(", false}, {"#endif", false}, {"int x);", true}, {"#endif", true}}},
+    {"a comment opened on a directive's line", {{"#ifndef GUARD_H", true}, {"#define A 1 /* runs", true},
+                                                 {"   on. */", true}, {"#endif", true}}},
+    {"the macros of a section not kept stay", {{"#if X", false}, {"#define M 1", true}, {"int f(", true},
+                                               {"#else", false}, {"#define M 2", true}, {"int g(", false},
+                                               {"#endif", false}, {"int x);", true}}},
+    {"braces in comments and literals count for nothing",
+     {{"#ifdef A", true}, {"char c = '{'; /* { */", true}, {"#else", true}, {"const char* s = \"}\"; // }", true},
+      {"#endif", true}}},
+    // clang-format on
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    std::string input, expected;
+    for (const auto& [line, stays] : c.lines) {
+      input += line + "\n";
+      expected += (stays ? line : std::string(line.size(), ' ')) + "\n";
+    }
+    std::string text = input;
+    EXPECT_EQ(keep_one_section_of_split_groups(text), input != expected);
     EXPECT_EQ(text, expected);
   }
 }

@@ -112,6 +112,31 @@ TEST_F(RepositoryTest, StoresReplacesAndRemovesFiles) {
   EXPECT_EQ(repo.counts().symbols, 1);
 }
 
+// A declaration ranks after the definitions of its match tier, whatever the paths, so the best exact hit
+// (what symbol_source takes) is a definition where there is one; it still ranks before the next tier.
+TEST_F(RepositoryTest, DeclarationsRankAfterTheDefinitionsOfTheirTier) {
+  repo.store_files({file_entry("a/api.h", {{"open_session", "function_declaration", 3, 5, 3, 30, ""},
+                                           {"session_count", "variable_declaration", 4, 12, 4, 30, ""},
+                                           {"close_session", "function_declaration", 5, 5, 5, 30, ""}}),
+                    file_entry("z/api.c", {{"open_session", "function", 10, 5, 12, 1, ""},
+                                           {"session_count", "variable", 2, 5, 2, 20, ""},
+                                           {"open_session_later", "function", 20, 5, 22, 1, ""}})});
+  using M = SymbolQuery::Match;
+  EXPECT_EQ(found({.text = "open_session"}),
+            (std::vector<std::string>{"open_session function z/api.c:10:5-12 ",
+                                      "open_session function_declaration a/api.h:3:5-3 ",
+                                      "open_session_later function z/api.c:20:5-22 "}));
+  EXPECT_EQ(found({.text = "session_count", .match = M::exact}),
+            (std::vector<std::string>{"session_count variable z/api.c:2:5-2 ",
+                                      "session_count variable_declaration a/api.h:4:12-4 "}));
+  // Where there is no definition, the declaration is the hit; and the kind filter finds declarations.
+  EXPECT_EQ(found({.text = "close_session", .match = M::exact}),
+            (std::vector<std::string>{"close_session function_declaration a/api.h:5:5-5 "}));
+  EXPECT_EQ(found({.text = "session", .match = M::substring, .kind = "function_declaration"}),
+            (std::vector<std::string>{"open_session function_declaration a/api.h:3:5-3 ",
+                                      "close_session function_declaration a/api.h:5:5-5 "}));
+}
+
 // Every way a search runs (by name, with or without the name index, from summaries that a rebuild made
 // exact or that later changes left wider than the rows; by the rows of the files a path selects) finds
 // what ranking every row finds: the same best hits in order and the same total, or, when it stopped

@@ -70,7 +70,8 @@ std::vector<std::pair<std::string, std::string>> crowd() {
   for (int i = 0; i < 400; ++i) text += "def aconnect_" + std::to_string(i) + "():\n    pass\n";
   for (int i = 0; i < 50; ++i) text += "def connect_" + std::to_string(i) + "():\n    pass\n";
   text += "class getStatusBar:\n    pass\n\ndef get_sb():\n    pass\n";
-  return {{"crowd/a.py", text}, {"zzz/last.py", "def connect(host):\n    pass\n"}};
+  return {{"crowd/a.py", text}, {"zzz/last.py", "def connect(host):\n    pass\n"},
+          {"decl/api.h", "int open_session(int fd);\n"}, {"src/api.c", "int open_session(int fd) { return fd; }\n"}};
 }
 
 TEST(SearchTools, TheRelevanceTableHolds) {
@@ -87,7 +88,14 @@ TEST(SearchTools, TheRelevanceTableHolds) {
   cases.push_back({{"args", {{"query", "CONNECT_4"}, {"match", "Prefix"}}},
                    {"first", "connect_4 function crowd/a.py"},
                    {"absent", {"aconnect_4 function crowd/a.py"}}});
+  // A definition before the declaration of the same name, though its path sorts after.
+  cases.push_back({{"args", {{"query", "open_session"}}}, {"first", "open_session function src/api.c"},
+                   {"absent", json::array()}});
   with_samples(crowd(), [&](Worker& w, const fs::path&) -> aio::Task<void> {
+    json source = co_await call(w, "symbol_source", {{"name", "open_session"}});
+    EXPECT_EQ(source["path"], "src/api.c");
+    EXPECT_EQ(source["kind"], "function");
+    EXPECT_EQ(source["other_matches"], 1);
     for (const auto& c : cases) {
       SCOPED_TRACE(c["args"].dump());
       json answer = co_await call(w, "search_symbols", c["args"]);

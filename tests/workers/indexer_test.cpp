@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <latch>
+#include <map>
 
 #include <gtest/gtest.h>
 
@@ -105,6 +106,57 @@ TEST(IndexerWalk, LeavesOutByPolicyWithoutErrors) {
       EXPECT_GE(stats.files_skipped, 1);
       EXPECT_EQ(h.left_out(), LeftOut{});
       EXPECT_EQ(h.skipped(), c.named);
+    }
+  }
+}
+
+// The language each file is recorded with: by its name's extension, by what a `.h` holds, or, for a name
+// without an extension, by what its first lines name; a file whose first lines name nothing stays out
+// unnamed. The same in a whole pass and when the files are listed.
+TEST(IndexerLanguages, ByTheExtensionOrWhatTheFileSays) {
+  const struct {
+    const char* path;
+    std::string content;
+    const char* language;  // null: not indexed
+    const char* symbol = nullptr;  // a definition it must yield
+  } files[] = {
+      {"lib/vector", "// <vector> -*- C++ -*-\n#pragma once\nnamespace std {\ntemplate <class T> class vector {};\n}\n",
+       "cpp", "vector"},
+      {"lib/memory", "// vim: set ft=cpp :\nclass unique_ptr {};\n", "cpp", "unique_ptr"},
+      {"bin/tool", "#!/usr/bin/env python3\ndef tool_main():\n    pass\n", "python", "tool_main"},
+      {"bin/serve", "#!/usr/bin/node\nfunction serve() {}\n", "javascript", "serve"},
+      {"bin/run.sh.in", "#!/usr/bin/env python3\ndef skipped():\n    pass\n", nullptr},  // it has an extension
+      {"Makefile", "all:\n\tcc -o x x.c\n", nullptr},
+      {"notes", "plain words\n// -*- C++ -*- (a mode line counts on the first line only)\nclass NotCode {};\n", nullptr},
+      {"bits/list.h", "namespace lib {\nclass List {};\n}\n", "cpp", "List"},
+      {"bits/plain.h", "int plain_prototype(void);\n", "c", "plain_prototype"},
+      {"bits/guarded.h", "#ifdef __cplusplus\ntemplate <class T> T pick(T);\n#endif\nint pick_c(int);\n", "c",
+       "pick_c"},
+      {"main.c", "int main(void) { return 0; }\n", "c", "main"},
+  };
+  for (bool listed : {false, true}) {
+    SCOPED_TRACE(listed ? "listed" : "whole pass");
+    Harness h;
+    Paths paths;
+    for (const auto& f : files) {
+      h.write(f.path, f.content);
+      paths.push_back(f.path);
+    }
+    const IndexStats stats = h.index(listed ? std::optional(under(h.root, paths)) : std::nullopt);
+    EXPECT_EQ(stats.errors, 0);
+    EXPECT_EQ(h.skipped(), LeftOut{});
+    std::map<std::string, std::string> recorded;
+    for (const auto& row : h.repo->list_files()) recorded[row.path] = row.language;
+    for (const auto& f : files) {
+      SCOPED_TRACE(f.path);
+      const auto it = recorded.find(f.path);
+      if (f.language == nullptr) {
+        EXPECT_EQ(it, recorded.end());
+        continue;
+      }
+      ASSERT_NE(it, recorded.end());
+      EXPECT_EQ(it->second, f.language);
+      if (f.symbol) EXPECT_EQ(h.defined_in(f.symbol), Paths{f.path});
     }
   }
 }

@@ -180,7 +180,9 @@ void TreeWatcher::take(int wd, std::uint32_t mask, const std::string& name, std:
     out.push_back({Kind::rules, d->second});
     return;
   }
-  if (engines::language_for_path(name)) out.push_back({Kind::file, rel});
+  // A name without an extension may be of a language that its first lines name: the pass reads them.
+  const std::size_t dot = name.rfind('.');
+  if (engines::language_for_path(name) || dot == std::string::npos || dot == 0) out.push_back({Kind::file, rel});
 }
 
 }  // namespace brenloc::daemon

@@ -4,7 +4,7 @@
 // nothing under .git, the data directory or an ignored tree is watched) and follows the files that decide
 // the exclude rules (info/exclude, the user's excludes file, the git configuration). next() waits for
 // events and turns them into changes relative to the root (paths in text form, utils/path_text.h): files
-// of a known language, directories that appeared or went (whose watches the owner adds or forgets), a
+// of a known language (or without an extension, whose first lines may name one), directories that appeared or went (whose watches the owner adds or forgets), a
 // .gitignore changed, an exclude file changed, or the kernel's queue overflowed (events were lost). add()
 // stops at `max_watches` (0: the system's limit only) and then says so; the watches made stay until
 // close().

@@ -22,7 +22,8 @@ constexpr std::array<std::string_view, 44> plain_macros = {
 };
 
 // Decorations followed by a parenthesised argument list, blanked with it.
-constexpr std::array<std::string_view, 15> call_macros = {
+constexpr std::array<std::string_view, 16> call_macros = {
+    "__declspec",
     "__nonnull", "__attr_access", "__attr_dealloc", "__attribute_alloc_size__", "__attribute_alloc_align__",
     "__attribute_format_arg__", "__attribute_format_strfmon__", "__attribute_deprecated_msg__",
     "__attribute_copy__", "__glibc_macro_warning", "_GLIBCXX_VISIBILITY", "_GLIBCXX_THROW",
@@ -80,7 +81,7 @@ bool is_macro_line(std::string_view line) {
 }
 
 // An upper-case name with an underscore: how export and attribute macros are spelled
-// (BOOST_SYMBOL_VISIBLE, LLVM_ABI, G_GNUC_CONST).
+// (BOOST_SYMBOL_VISIBLE, LLVM_ABI, G_GNUC_CONST, GTEST_API_).
 bool is_macro_like(std::string_view word) {
   if (word.size() < 4) return false;
   bool underscore = false, letter = false;
@@ -89,7 +90,7 @@ bool is_macro_like(std::string_view word) {
     underscore |= c == '_';
     letter |= c >= 'A' && c <= 'Z';
   }
-  return underscore && letter && word.back() != '_' && word.front() != '_';
+  return underscore && letter && word.front() != '_';
 }
 
 constexpr std::array<std::string_view, 29> declaration_keywords = {
@@ -144,6 +145,76 @@ std::string_view word_after(const std::string& text, std::size_t i) {
 
 bool is_class_key(std::string_view word) { return word == "class" || word == "struct" || word == "union"; }
 
+// Past the macro-like words (each with its parenthesised arguments) from `i` on: where the first other
+// word starts.
+std::size_t past_macro_words(const std::string& text, std::size_t i) {
+  for (int guard = 0; guard < 8; ++guard) {
+    const std::string_view w = word_after(text, i);
+    if (!is_macro_like(w)) break;
+    i = static_cast<std::size_t>(w.data() - text.data()) + w.size();
+    const std::size_t next = skip_spaces(text, i);
+    if (next < text.size() && text[next] == '(') {
+      const std::size_t close = balanced_end(text, next);
+      if (close == std::string::npos) break;
+      i = close;
+    }
+  }
+  return skip_spaces(text, i);
+}
+
+// Whether the word at `i` is followed, as a type is, by a declared name or a part of the type (`::`, `<`,
+// `*`, `&`): `GTEST_API_ std::string f();`, `DECL impl_type& add();`, `API Result Check(bool);`.
+bool starts_a_type(const std::string& text, std::string_view word) {
+  if (word.empty() || (word[0] >= '0' && word[0] <= '9')) return false;
+  const std::size_t k = skip_spaces(text, static_cast<std::size_t>(word.data() - text.data()) + word.size());
+  if (k >= text.size()) return false;
+  const char c = text[k];
+  return c == '*' || c == '&' || c == '<' || (c == ':' && k + 1 < text.size() && text[k + 1] == ':') ||
+         is_ident_start(c);
+}
+
+// Past white space and whole preprocessor lines from `i` on (the `#if` sections around a class's base).
+std::size_t skip_spaces_and_directives(const std::string& text, std::size_t i) {
+  for (i = skip_spaces(text, i); i < text.size() && text[i] == '#';) {
+    std::size_t eol = text.find('\n', i);
+    while (eol != std::string::npos && eol > 0 && text[eol - 1] == '\\') eol = text.find('\n', eol + 1);
+    if (eol == std::string::npos) return text.size();
+    i = skip_spaces(text, eol + 1);
+  }
+  return i;
+}
+
+constexpr std::array<std::string_view, 8> leading_specifiers = {
+    "static", "inline", "constexpr", "consteval", "virtual", "explicit", "friend", "extern"};
+
+// Whether only white space and specifiers that may come before a declaration's type lie between `from`
+// and `to` on one line: the start of a declaration.
+bool starts_declaration(const std::string& text, std::size_t from, std::size_t to) {
+  for (std::size_t k = from; k < to;) {
+    if (is_space(text[k])) {
+      ++k;
+      continue;
+    }
+    std::size_t e = k;
+    while (e < to && is_ident_char(text[e])) ++e;
+    if (e == k || !listed(leading_specifiers, std::string_view(text.data() + k, e - k))) return false;
+    k = e;
+  }
+  return true;
+}
+
+// Whether `word` names a constructor: a name whose parameter list is followed by a member initializer
+// list (`Name(int a) : a_(a)`).
+bool names_constructor(const std::string& text, std::string_view word) {
+  if (word.empty()) return false;
+  const std::size_t open = skip_spaces(text, static_cast<std::size_t>(word.data() - text.data()) + word.size());
+  if (open >= text.size() || text[open] != '(') return false;
+  const std::size_t close = balanced_end(text, open);
+  if (close == std::string::npos) return false;
+  const std::size_t k = skip_spaces(text, close);
+  return k < text.size() && text[k] == ':' && (k + 1 >= text.size() || text[k + 1] != ':');
+}
+
 // Where a word spelled like a macro at [i, j) ends as a decoration to blank (with its arguments when a
 // parameter list's decoration takes some), or npos when it is no decoration there: between a class key and
 // the class's name, at the start of a declaration, or after a parameter list.
@@ -153,29 +224,60 @@ std::size_t macro_decoration_end(const std::string& text, std::size_t line_begin
   const std::size_t next = skip_spaces(text, j);
   const char next_char = next < text.size() ? text[next] : ';';
   bool drop = false;
-  if (is_class_key(before)) {
-    // class EXPORT_MACRO Name {   (but not: typedef struct TAG name;)
-    if (!after.empty() && !is_macro_like(after) && after != "final") {
-      const std::size_t k = skip_spaces(text, static_cast<std::size_t>(after.data() - text.data()) + after.size());
+  const bool class_head = is_class_key(before);
+  if (class_head) {
+    // class EXPORT_MACRO Name {, class API_A API_B(x) Name : Base   (but not: typedef struct TAG name;)
+    const std::string_view name = word_after(text, past_macro_words(text, i));
+    if (!name.empty() && name != "final") {
+      const std::size_t k =
+          skip_spaces_and_directives(text, static_cast<std::size_t>(name.data() - text.data()) + name.size());
       const char c = k < text.size() ? text[k] : ';';
       drop = c == '{' || (c == ':' && (k + 1 >= text.size() || text[k + 1] != ':')) || c == '<' ||
              word_after(text, k) == "final";
     }
-  } else if (i == line_begin) {
-    // EXPORT_MACRO static int f();
-    drop = listed(declaration_keywords, after);
+  } else if (starts_declaration(text, line_begin, i) &&
+             (listed(declaration_keywords, after) || next_char == '~' ||
+              (!listed(trailing_keywords, after) && (starts_a_type(text, after) || names_constructor(text, after))))) {
+    // EXPORT_MACRO static int f();  INLINE_MACRO CONSTEXPR_MACRO Name();  API_MACRO ~Name();
+    // API_MACRO std::string f();  static CONSTEXPR_MACRO ns::type f();  CONSTEXPR_MACRO Name(int a) : a_(a)
+    drop = true;
   } else if (follows_parameter_list(text, i)) {
-    // void f() const NOEXCEPT_MACRO;
+    // void f() const NOEXCEPT_MACRO;  auto f(int a) RESULT_SUFFIX_MACRO((decltype(a))) { ... }
     drop = next_char == '{' || next_char == ';' || next_char == '=' || next_char == ':' || next_char == '(' ||
            is_macro_like(after) || listed(trailing_keywords, after);
+    if (drop && next_char == '(') {
+      // Its arguments, over as many lines as they take, when a body or the declaration's end follows.
+      const std::size_t close = balanced_end(text, next);
+      const std::size_t k = close == std::string::npos ? close : skip_spaces(text, close);
+      if (k != std::string::npos && k < text.size() && (text[k] == '{' || text[k] == ';')) return close;
+    }
   }
   if (!drop) return std::string::npos;
   std::size_t stop = j;
-  if (next_char == '(' && !is_class_key(before)) {
+  if (next_char == '(') {
     const std::size_t close = balanced_end(text, next);
     if (close != std::string::npos && text.find('\n', j) >= close) stop = close;
   }
   return stop;
+}
+
+// Where the argument list of the macro at [i, j) ends when the macro stands for a parameter's type: it
+// opens a parameter (after `(` or `,`), takes one argument (on its line), and a parameter's name and the
+// end of the parameter follow. npos otherwise.
+std::size_t type_macro_end(const std::string& text, std::size_t i, std::size_t j) {
+  if (j >= text.size() || text[j] != '(') return std::string::npos;
+  std::size_t b = i;
+  while (b > 0 && (is_space(text[b - 1]) || text[b - 1] == '\n')) --b;
+  if (b == 0 || (text[b - 1] != '(' && text[b - 1] != ',')) return std::string::npos;
+  const std::size_t close = balanced_end(text, j);
+  if (close == std::string::npos || close - j < 3) return std::string::npos;
+  const std::string_view args(text.data() + j + 1, close - j - 2);
+  if (args.find(',') != std::string_view::npos || args.find('\n') != std::string_view::npos) return std::string::npos;
+  const std::string_view name = word_after(text, close);
+  if (name.empty() || (name[0] >= '0' && name[0] <= '9')) return std::string::npos;
+  const std::size_t k = skip_spaces(text, static_cast<std::size_t>(name.data() - text.data()) + name.size());
+  const char c = k < text.size() ? text[k] : ';';
+  return c == ',' || c == ')' || c == '=' || c == '[' ? close : std::string::npos;
 }
 
 // Blanks the decorations among the words of the line that starts at `begin` and ends at `eol`. Returns
@@ -191,9 +293,22 @@ std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t 
     const std::string_view word(text.data() + i, j - i);
     if (is_macro_like(word)) {
       const std::size_t stop = macro_decoration_end(text, begin, i, j);
+      if (const std::size_t close = type_macro_end(text, i, j); close != std::string::npos) {
+        // A macro that makes a parameter's type of its argument (`BOOST_ASIO_MOVE_ARG(T) t`): its argument
+        // stays in its place (`T t`).
+        blank(text, i, j + 1);
+        blank(text, close - 1, close);
+        changed = true;
+        i = close;
+        continue;
+      }
       if (stop != std::string::npos) {
         blank(text, i, stop);
         changed = true;
+        if (stop > eol) {
+          eol = text.find('\n', stop);
+          if (eol == std::string::npos) eol = text.size();
+        }
         i = stop;
         continue;
       }

@@ -14,11 +14,14 @@ namespace brenloc::engines {
 enum class Kind : std::uint8_t {
   function, method, class_, struct_, union_, enum_, enumerator, interface, trait, type, field,
   variable, constant, macro, namespace_, module, constructor, property,
+  // Declared here, defined elsewhere: a function's prototype, an `extern` variable.
+  function_declaration, variable_declaration,
 };
 
-inline constexpr std::array<std::string_view, 18> kind_names = {
+inline constexpr std::array<std::string_view, 20> kind_names = {
     "function", "method", "class", "struct", "union", "enum", "enumerator", "interface", "trait",
     "type", "field", "variable", "constant", "macro", "namespace", "module", "constructor", "property",
+    "function_declaration", "variable_declaration",
 };
 
 // A symbol; a scope that is no symbol itself (a Rust impl block, a typedef'd anonymous struct); or a

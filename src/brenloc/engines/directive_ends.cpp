@@ -1,5 +1,9 @@
 #include "brenloc/engines/directive_ends.h"
 
+#include <string_view>
+#include <utility>
+#include <vector>
+
 namespace brenloc::engines {
 
 namespace {
@@ -34,6 +38,228 @@ bool end_directive_lines(std::string& text) {
       changed = true;
     }
     pos = eol + 1;
+  }
+  return changed;
+}
+
+}  // namespace brenloc::engines
+
+namespace brenloc::engines {
+
+namespace {
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
+bool is_word(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; }
+
+void blank(std::string& text, std::size_t from, std::size_t to) {
+  for (std::size_t i = from; i < to; ++i) {
+    if (text[i] != '\n') text[i] = ' ';
+  }
+}
+
+// What the code of a section adds up to.
+struct Code {
+  int braces = 0, parens = 0;
+  bool statements = false;  // it holds a `;`, `{` or `}`
+  std::size_t last = std::string::npos;  // the offset of its last significant character
+};
+
+struct Section {
+  std::size_t begin = 0, end = 0;  // the text between the directive that opens it and the next one
+  Code code;
+  bool dead = false;  // under `#if 0`
+  bool directives = false;  // it holds preprocessor lines (a definition, a nested group)
+  std::vector<std::pair<std::size_t, std::size_t>> definitions;  // its `#define` and `#undef` lines
+};
+
+struct Group {
+  std::vector<std::pair<std::size_t, std::size_t>> directives;  // #if, #elif, #else, #endif lines
+  std::vector<Section> sections;
+};
+
+// Whether code ending at `last` ends a declaration, or an item of a list: after `;`, `}`, `,` or an access
+// label (`public:`).
+bool ends_whole(const std::string& text, std::size_t last) {
+  const char c = text[last];
+  if (c == ';' || c == '}' || c == ',') return true;
+  if (c != ':') return false;
+  std::size_t i = last;
+  while (i > 0 && is_space(text[i - 1])) --i;
+  std::size_t start = i;
+  while (start > 0 && is_word(text[start - 1])) --start;
+  const std::string_view word(text.data() + start, i - start);
+  return word == "public" || word == "private" || word == "protected";
+}
+
+// Scans the code of [from, to), which holds no directive: braces, parentheses and the last significant
+// character, outside comments and literals. `in_comment` carries a block comment across lines.
+void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& in_comment, Code& code) {
+  for (std::size_t i = from; i < to; ++i) {
+    const char c = text[i];
+    if (in_comment) {
+      if (c == '*' && i + 1 < to && text[i + 1] == '/') {
+        in_comment = false;
+        ++i;
+      }
+      continue;
+    }
+    if (c == '/' && i + 1 < to && text[i + 1] == '/') return;
+    if (c == '/' && i + 1 < to && text[i + 1] == '*') {
+      in_comment = true;
+      ++i;
+      continue;
+    }
+    if (is_space(c) || c == '\n') continue;
+    if (c == '"' || (c == '\'' && !(i > from && is_word(text[i - 1])))) {  // not a digit separator
+      const std::size_t open = i;
+      for (++i; i < to && text[i] != c; ++i) {
+        if (text[i] == '\\') ++i;
+      }
+      code.last = i < to ? i : open;
+      continue;
+    }
+    code.statements |= c == ';' || c == '{' || c == '}';
+    if (c == '{') ++code.braces;
+    else if (c == '}') --code.braces;
+    else if (c == '(') ++code.parens;
+    else if (c == ')') --code.parens;
+    code.last = i;
+  }
+}
+
+// The directive's name (`if`, `ifdef`, `else`...) and whether it is `#if 0`, from its first line.
+std::pair<std::string_view, bool> directive_word(const std::string& text, std::size_t hash, std::size_t eol) {
+  std::size_t i = hash + 1;
+  while (i < eol && is_space(text[i])) ++i;
+  std::size_t j = i;
+  while (j < eol && is_word(text[j])) ++j;
+  const std::string_view word(text.data() + i, j - i);
+  std::size_t k = j;
+  while (k < eol && is_space(text[k])) ++k;
+  const bool zero = word == "if" && k < eol && text[k] == '0' && (k + 1 == eol || !is_word(text[k + 1]));
+  return {word, zero};
+}
+
+void add(Code& into, const Code& code) {
+  into.braces += code.braces;
+  into.parens += code.parens;
+  into.statements |= code.statements;
+  if (code.last != std::string::npos) into.last = code.last;
+}
+
+// Judges a closed group: blanks it down to one section when its sections are not whole declarations.
+// Returns what the group adds to the code of the section around it.
+Code close_group(std::string& text, const Group& g, bool& changed) {
+  bool split = false;
+  for (const Section& s : g.sections) {
+    if (s.code.braces != 0 || s.code.parens != 0 ||
+        (s.code.last != std::string::npos && !ends_whole(text, s.code.last))) {
+      split = true;
+    }
+  }
+  Code out;
+  if (!split) {
+    for (const Section& s : g.sections) add(out, s.code);
+    return out;
+  }
+  for (const auto& [from, to] : g.directives) blank(text, from, to);
+  changed = true;
+  // A lone section that is a mere piece of a declaration (an attribute, a base class) goes: the
+  // declaration does without it. One that holds statements stays (`extern "C" {` has its partner in
+  // another group, judged alike), and so does one with preprocessor lines (a header's guard).
+  const Section& lone = g.sections[0];
+  if (g.sections.size() == 1 && !lone.code.statements && lone.code.parens == 0 && !lone.directives) {
+    blank(text, g.sections[0].begin, g.sections[0].end);
+    return out;
+  }
+  // The macros of a section not kept stay defined (`#define X 1` in both, or in one only).
+  const auto blank_section = [&](const Section& s) {
+    std::size_t from = s.begin;
+    for (const auto& [begin, end] : s.definitions) {
+      blank(text, from, begin);
+      from = end;
+    }
+    blank(text, from, s.end);
+  };
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < g.sections.size(); ++i) {
+    if (!g.sections[i].dead && g.sections[i].code.last != std::string::npos) {
+      kept = i;
+      break;
+    }
+  }
+  for (std::size_t i = 0; i < g.sections.size(); ++i) {
+    if (i != kept) blank_section(g.sections[i]);
+  }
+  return g.sections.empty() ? out : g.sections[kept].code;
+}
+
+}  // namespace
+
+bool keep_one_section_of_split_groups(std::string& text) {
+  bool changed = false;
+  bool in_comment = false;
+  std::vector<Group> open;
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t eol = text.find('\n', pos);
+    if (eol == std::string::npos) eol = text.size();
+    std::size_t first = pos;
+    while (first < eol && is_space(text[first])) ++first;
+    if (in_comment || first == eol || text[first] != '#') {
+      if (!open.empty() && !open.back().sections.empty()) {
+        scan_code(text, pos, eol, in_comment, open.back().sections.back().code);
+      } else {
+        Code ignored;
+        scan_code(text, pos, eol, in_comment, ignored);
+      }
+      pos = eol + 1;
+      continue;
+    }
+    // A directive, with its continuation lines.
+    std::size_t end = eol;
+    while (end < text.size()) {
+      std::size_t last = end;
+      while (last > first && is_space(text[last - 1])) --last;
+      if (last == first || text[last - 1] != '\\') break;
+      const std::size_t next = text.find('\n', end + 1);
+      end = next == std::string::npos ? text.size() : next;
+    }
+    const auto [word, zero] = directive_word(text, first, eol);
+    // A comment opened on the directive's line runs on over the next lines.
+    Code ignored;
+    scan_code(text, first, end, in_comment, ignored);
+    const std::size_t after = std::min(end + 1, text.size());
+    const bool opens = word == "if" || word == "ifdef" || word == "ifndef";
+    const bool continues = word == "elif" || word == "else" || word == "elifdef" || word == "elifndef" || word == "endif";
+    if (!open.empty() && !continues) {
+      Section& s = open.back().sections.back();
+      s.directives = true;
+      if (word == "define" || word == "undef") s.definitions.emplace_back(pos, end);
+    }
+    if (opens) {
+      Group g;
+      g.directives.emplace_back(pos, end);
+      g.sections.push_back({after, after, {}, zero});
+      open.push_back(std::move(g));
+    } else if (!open.empty() && continues && word != "endif") {
+      Group& g = open.back();
+      g.sections.back().end = pos;
+      g.directives.emplace_back(pos, end);
+      g.sections.push_back({after, after, {}, false});
+    } else if (!open.empty() && word == "endif") {
+      Group g = std::move(open.back());
+      open.pop_back();
+      g.sections.back().end = pos;
+      g.directives.emplace_back(pos, end);
+      const Code code = close_group(text, g, changed);
+      if (!open.empty()) {
+        Section& around = open.back().sections.back();
+        add(around.code, code);
+        for (const Section& s : g.sections) around.definitions.insert(around.definitions.end(), s.definitions.begin(), s.definitions.end());
+      }
+    }
+    pos = end + 1;
   }
   return changed;
 }

@@ -16,6 +16,7 @@
 #include <fmt/format.h>
 
 #include "brenloc/engines/annotation_macros.h"
+#include "brenloc/engines/content_language.h"
 #include "brenloc/engines/directive_ends.h"
 #include "brenloc/engines/compiled_query.h"
 #include "brenloc/engines/languages.h"
@@ -166,30 +167,6 @@ TreePtr parse_tree(const Language& lang, std::string_view source, const Deadline
   return tree;
 }
 
-// C headers are often C++ (a `.h` file says nothing): a file given as C that declares namespaces,
-// templates, classes or access sections at the start of a line is parsed as C++.
-bool looks_like_cpp(std::string_view src) {
-  static constexpr std::array<std::string_view, 9> markers = {
-      "namespace ", "namespace{", "template<", "template <", "class ", "public:", "private:",
-      "protected:", "using namespace "};
-  std::size_t pos = 0;
-  while (pos < src.size()) {
-    std::size_t eol = src.find('\n', pos);
-    if (eol == std::string_view::npos) eol = src.size();
-    std::size_t i = pos;
-    while (i < eol && (src[i] == ' ' || src[i] == '\t')) ++i;
-    const std::string_view line = src.substr(i, eol - i);
-    if (!line.empty() && (line[0] == 'n' || line[0] == 't' || line[0] == 'c' || line[0] == 'p' ||
-                          line[0] == 'u')) {
-      for (auto m : markers) {
-        if (line.starts_with(m)) return true;
-      }
-    }
-    pos = eol + 1;
-  }
-  return false;
-}
-
 // ---------------------------------------------------------------------------------------------
 // Candidate definitions
 
@@ -223,9 +200,12 @@ ResolvedName resolve_declarator(TSNode node, std::string_view source) {
     const char* type = ts_node_type(node);
     if (std::strcmp(type, "identifier") == 0 || std::strcmp(type, "field_identifier") == 0 ||
         std::strcmp(type, "type_identifier") == 0 || std::strcmp(type, "destructor_name") == 0 ||
-        std::strcmp(type, "operator_name") == 0 || std::strcmp(type, "primitive_type") == 0) {
+        std::strcmp(type, "operator_name") == 0 || std::strcmp(type, "primitive_type") == 0 ||
+        std::strcmp(type, "operator_cast") == 0) {
       out.node = node;
       out.found = true;
+      // A conversion operator's parameters are inside its name's node.
+      if (std::strcmp(type, "operator_cast") == 0) out.function_declarator = true;
       return out;
     }
     if (std::strcmp(type, "qualified_identifier") == 0) {
@@ -280,6 +260,14 @@ bool has_extern_storage(TSNode decl, std::string_view source) {
     if (type_is(child, "storage_class_specifier") && text_of(child, source) == "extern") return true;
   }
   return false;
+}
+
+// Whether the word before byte `at` is `friend`.
+bool follows_friend(std::string_view src, std::uint32_t at) {
+  std::size_t i = std::min<std::size_t>(at, src.size());
+  while (i > 0 && std::strchr(" \t\r\n", src[i - 1]) != nullptr) --i;
+  return i >= 6 && src.substr(i - 6, 6) == "friend" &&
+         (i == 6 || !(std::isalnum(static_cast<unsigned char>(src[i - 7])) || src[i - 7] == '_'));
 }
 
 // The lines that `template <...>` headers right before byte `at` take up (C++ puts them outside the
@@ -349,10 +337,15 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
   if (!ts_node_is_null(m.declarator)) {
     ResolvedName r = resolve_declarator(m.declarator, source);
     if (!r.found) return std::nullopt;
-    // A declaration or member that declares a function is a prototype, not a definition.
-    if ((c.kind == Kind::variable || c.kind == Kind::field) && r.function_declarator) return std::nullopt;
     if (c.kind == Kind::function && !r.function_declarator) return std::nullopt;
-    if (c.kind == Kind::variable && has_extern_storage(m.def, source)) return std::nullopt;
+    // A declaration or member that declares a function is a prototype; an `extern` variable is defined
+    // elsewhere. A friend's declaration declares nothing of its class.
+    if ((c.kind == Kind::variable || c.kind == Kind::field) && r.function_declarator) {
+      if (follows_friend(source, c.start_byte)) return std::nullopt;
+      c.kind = Kind::function_declaration;
+    } else if (c.kind == Kind::variable && has_extern_storage(m.def, source)) {
+      c.kind = Kind::variable_declaration;
+    }
     name = r.node;
     c.qualifier = std::move(r.scope);
   } else if (!ts_node_is_null(name) && lang.c_family &&
@@ -367,6 +360,10 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
 
   std::string_view text = text_of(name, source);
   if (type_is(name, "template_type")) text = text.substr(0, text.find('<'));
+  if (type_is(name, "operator_cast")) {  // `operator bool() const`: the name ends before its parameters
+    text = text.substr(0, text.find('('));
+    while (!text.empty() && std::strchr(" \t\r\n", text.back()) != nullptr) text.remove_suffix(1);
+  }
   c.name = std::string(text);
   // Strings name TypeScript modules ("declare module 'x'"): keep the text inside the quotes.
   if (c.name.size() >= 2 && (c.name.front() == '"' || c.name.front() == '\'')) {
@@ -402,21 +399,37 @@ std::string join_scope(const std::string& outer, std::string_view part, std::str
   return out;
 }
 
-// The language a file is parsed as: its own, or C++ for a C file that looks like C++.
-const Language& parsed_language(const Language& lang, std::string_view source) {
-  if (lang.name == "c" && looks_like_cpp(source)) return *find_language("cpp");
-  return lang;
+// The grammar a file is parsed with and the language it is labelled with. A file given as C may be C++
+// (a `.h` file says nothing): one whose first lines say so, or that holds C++ outside `#ifdef __cplusplus`
+// sections, is C++; one that holds C++ only inside such sections is C parsed as C++, which reads C too.
+struct Chosen {
+  const Language* grammar;
+  std::string_view label;
+};
+
+Chosen chosen_language(const Language& lang, std::string_view source) {
+  if (lang.name != "c") return {&lang, lang.name};
+  const Language* cpp = find_language("cpp");
+  if (language_named_in(source.substr(0, kLanguageHeadBytes)) == "cpp") return {cpp, cpp->name};
+  switch (cpp_marks(source)) {
+    case CppMarks::plain: return {cpp, cpp->name};
+    case CppMarks::guarded: return {cpp, lang.name};
+    case CppMarks::none: break;
+  }
+  return {&lang, lang.name};
 }
 
-// The text the parser sees: C and C++ without their decoration macros and with their directives ended
-// cleanly (same offsets), else the source itself. The buffer is the thread's own and lives until its
-// next use.
+// The text the parser sees: C and C++ without their decoration macros, with one section of each `#if`
+// group that splits a declaration and with their directives ended cleanly (same offsets), else the
+// source itself. The buffer is the thread's own and lives until its next use.
 std::string_view parser_input(const Language& lang, std::string_view source) {
   if (!lang.c_family) return source;
   thread_local std::string buffer;
   buffer.assign(source);
-  const bool blanked = blank_annotation_macros(buffer);
-  if (!end_directive_lines(buffer) && !blanked) return source;
+  bool changed = blank_annotation_macros(buffer);
+  changed |= keep_one_section_of_split_groups(buffer);
+  changed |= end_directive_lines(buffer);
+  if (!changed) return source;
   return buffer;
 }
 
@@ -614,9 +627,10 @@ std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, 
       stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), true, false, c.name});
       continue;
     }
-    // Variables inside functions are locals.
-    if ((c.kind == Kind::variable || c.kind == Kind::constant) && container && container->function_like &&
-        c.qualifier.empty()) {
+    // Variables inside functions are locals, and so are the declarations there.
+    if ((c.kind == Kind::variable || c.kind == Kind::constant || c.kind == Kind::function_declaration ||
+         c.kind == Kind::variable_declaration) &&
+        container && container->function_like && c.qualifier.empty()) {
       continue;
     }
     refine_kind(c, container, namespaces, lang.name);
@@ -646,7 +660,9 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     result.error = "file too large for the parser";
     return result;
   }
-  const Language& lang = parsed_language(*named, source);
+  const Chosen chosen = chosen_language(*named, source);
+  const Language& lang = *chosen.grammar;
+  result.language = chosen.label;
   const Deadline deadline = Deadline::after(time_limit);
   const auto limit_error = [&] {
     return fmt::format("parsing took longer than the time limit of {} ms", time_limit.count());
@@ -689,7 +705,7 @@ ParseResult extract_symbols(std::string_view language, std::string_view source,
 bool parse_only(std::string_view language, std::string_view source) {
   const Language* named = find_language(language);
   if (named == nullptr) return false;
-  const Language& lang = parsed_language(*named, source);
+  const Language& lang = *chosen_language(*named, source).grammar;
   try {
     TreePtr tree = parse_tree(lang, parser_input(lang, source), Deadline{});
     return tree != nullptr;

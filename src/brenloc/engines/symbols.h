@@ -18,6 +18,9 @@ struct ParseResult {
   bool ok = false;            // false: the parser failed; `error` says why
   std::string error;
   bool syntax_errors = false;  // the tree has error nodes (the symbols come from the partial parse)
+  // The language the file is written in: the one asked for, or "cpp" for a file given as C that holds
+  // C++ outside `#ifdef __cplusplus` sections.
+  std::string language;
   std::vector<storage::SymbolRow> symbols;
 };
 

@@ -213,6 +213,7 @@ int kind_class(std::string_view kind) {
   static constexpr std::string_view kValues[] = {"variable", "constant", "macro"};
   if (std::ranges::find(kTypesAndFunctions, kind) != std::end(kTypesAndFunctions)) return 0;
   if (std::ranges::find(kValues, kind) != std::end(kValues)) return 2;
+  if (kind == "function_declaration" || kind == "variable_declaration") return 3;
   return 1;
 }
 

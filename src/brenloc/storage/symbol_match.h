@@ -48,7 +48,8 @@ Tier match_tier(const NamePattern& pattern, std::string_view name, std::string_v
 // word).
 int tier_rank(Tier tier, SymbolQuery::Match match);
 
-// Types and functions 0, namespaces, members and enumerators 1, variables, constants and macros 2.
+// Types and functions 0, namespaces, members and enumerators 1, variables, constants and macros 2,
+// declarations (of a function or variable defined elsewhere) 3.
 int kind_class(std::string_view kind);
 
 // The ranking: tier rank, kind class, shorter name, path, line, column (and name and kind, so that the

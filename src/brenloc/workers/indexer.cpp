@@ -96,6 +96,7 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const S
     return out;
   }
   out.kind = Outcome::Kind::indexed;
+  if (!parsed.language.empty()) row.language = std::move(parsed.language);  // a C header may hold C++
   out.entry.file = std::move(row);
   out.entry.symbols = std::move(parsed.symbols);
   return out;

@@ -18,6 +18,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include "brenloc/engines/content_language.h"
 #include "brenloc/engines/languages.h"
 #include "brenloc/utils/path_text.h"
 #include "brenloc/workers/gitignore.h"
@@ -49,6 +50,24 @@ const char* kind_name(unsigned char type) {
 }
 
 // The walk works on the file system's bytes; what it hands out is in text form.
+// Whether a file name has no extension (a leading dot starts none): its language may be named inside.
+bool without_extension(std::string_view name) {
+  const std::size_t dot = name.rfind('.');
+  return dot == std::string_view::npos || dot == 0;
+}
+
+// The language that the first lines of the regular file `name` under directory `dir_fd` name (an editor's
+// mode line, an interpreter line); absent when they name none or the file cannot be read.
+std::optional<std::string_view> language_inside(int dir_fd, const char* name) {
+  const int fd = ::openat(dir_fd, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return std::nullopt;
+  char head[engines::kLanguageHeadBytes];
+  const ssize_t n = ::read(fd, head, sizeof head);
+  ::close(fd);
+  if (n <= 0) return std::nullopt;
+  return engines::language_named_in(std::string_view(head, static_cast<std::size_t>(n)));
+}
+
 void to_text(std::string& rel) { rel = utils::path_text(rel); }
 void to_text(std::vector<std::string>& rels) {
   for (auto& rel : rels) to_text(rel);
@@ -151,11 +170,13 @@ class Walker {
       } else if (type == DT_REG) {
         if (e.name == ".git" || dirs_only_) continue;
         auto language = engines::language_for_path(e.name);
-        if (!language) continue;
+        if (!language && !without_extension(e.name)) continue;
         if (decide(lists, &ignore_.exclude(), child, false) == IgnoreVerdict::ignored) {
-          ++out_.skipped;
+          if (language) ++out_.skipped;
           continue;
         }
+        if (!language) language = language_inside(dfd, e.name.c_str());
+        if (!language) continue;
         // The status lets a pass skip the file unread; one that cannot be looked at now is read.
         FileStatus status;
         struct stat st {};
@@ -303,6 +324,9 @@ Collected collect_files(const WalkPolicy& policy, const std::optional<std::vecto
     }
     auto language = engines::language_for_path(abs.filename());
     const bool ignored = walker.ignore().ignored(rel, false);
+    if (!language && !ignored && S_ISREG(st.st_mode) && without_extension(abs.filename().native())) {
+      language = language_inside(AT_FDCWD, abs.c_str());
+    }
     if (!S_ISREG(st.st_mode) && !ignored) {
       walker.name_skipped(rel, kind_name(IFTODT(st.st_mode)));
       out.drop.push_back(rel);

@@ -2,7 +2,8 @@
 //
 // The walk leaves out, by policy and without counting an error: ".git" at any depth, the data
 // directory, what the ignore rules exclude, symbolic links, anything that is not a regular file or a
-// directory, files of no known language, and a directory it has entered already under another path (a
+// directory, files of no known language (by the name's extension or, for a name without one, by an
+// editor's mode line or an interpreter line in the first lines), and a directory it has entered already under another path (a
 // bind mount: same device and inode). Reading leaves out, by policy as well, binary files (a NUL byte
 // near the start, as git decides) and files over the size limit. Of these, the links, special files,
 // directories reached twice, binary and oversized files are named (what the user or the layout of the
