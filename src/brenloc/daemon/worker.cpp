@@ -2,6 +2,8 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -427,11 +429,15 @@ aio::Task<json> RepoWorker::symbol_source(json params) {
       if (!at) return failed(fmt::format("No definition at {}:{}", rel, line));
       return storage::source_answer(*at, sources, max_lines, 0);
     }
-    storage::SymbolQuery query{.text = *name, .match = storage::SymbolQuery::Match::exact, .kind = kind, .limit = 1};
+    // The best exact match that is not a declaration, where one ranks among the first hits (a header's
+    // prototype may rank before the definition it declares).
+    storage::SymbolQuery query{.text = *name, .match = storage::SymbolQuery::Match::exact, .kind = kind, .limit = 50};
     if (path) query.path_prefix = rel;
     auto found = repo->find_symbols(query);
     if (found.hits.empty()) return failed(fmt::format("No definition named '{}'", *name));
-    return storage::source_answer(found.hits.front(), sources, max_lines, found.total - 1);
+    auto best = std::ranges::find_if(found.hits, [](const storage::SymbolHit& h) { return !h.kind.ends_with("_declaration"); });
+    if (best == found.hits.end()) best = found.hits.begin();
+    return storage::source_answer(*best, sources, max_lines, found.total - 1);
   });
 }
 
