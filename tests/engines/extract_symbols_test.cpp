@@ -229,6 +229,9 @@ template <typename T> T cos_like(T x);
 #endif
 )",
    {{"cos_like", "function_declaration", 4}, {"cos_like", "function_declaration", 7}}, {"x"}},
+  // C may use C++ keywords as names.
+  {"c_names_that_are_cpp_keywords", "c", "int class, friend;\nvoid set(void) {\n  class = 3;\n  friend = 4;\n}\n",
+   {{"class", "variable", 1}, {"set", "function", 2}}, {}},
   // Declarations of what is defined elsewhere: prototypes and extern variables, not those inside a body.
   {"c_declarations_of_what_is_defined_elsewhere", "c", R"(extern int errno_like;
 extern const char *names[], *other;
@@ -706,6 +709,11 @@ TEST(SplitGroups, KeepOneSectionOfAGroupThatSplitsADeclaration) {
                      {"#endif", true}, {"  c", true}, {"};", true}}},
     {"a split group inside a whole one", {{"#if A", true}, {"#if B", false}, {"int f(", true}, {"#else", false},
                                           {"int g(", false}, {"#endif", false}, {"int x);", true}, {"#endif", true}}},
+    {"a comment opened on a directive's line", {{"#ifndef GUARD_H", true}, {"#define A 1 /* runs", true},
+                                                 {"   on. */", true}, {"#endif", true}}},
+    {"the macros of a section not kept stay", {{"#if X", false}, {"#define M 1", true}, {"int f(", true},
+                                               {"#else", false}, {"#define M 2", true}, {"int g(", false},
+                                               {"#endif", false}, {"int x);", true}}},
     {"braces in comments and literals count for nothing",
      {{"#ifdef A", true}, {"char c = '{'; /* { */", true}, {"#else", true}, {"const char* s = \"}\"; // }", true},
       {"#endif", true}}},

@@ -135,8 +135,8 @@ TEST_F(RepositoryTest, DeclarationsRankAfterTheDefinitionsOfTheirTier) {
   EXPECT_EQ(found({.text = "close_session", .match = M::exact}),
             (std::vector<std::string>{"close_session function_declaration a/api.h:5:5-5 "}));
   EXPECT_EQ(found({.text = "session", .match = M::substring, .kind = "function_declaration"}),
-            (std::vector<std::string>{"close_session function_declaration a/api.h:5:5-5 ",
-                                      "open_session function_declaration a/api.h:3:5-3 "}));
+            (std::vector<std::string>{"open_session function_declaration a/api.h:3:5-3 ",
+                                      "close_session function_declaration a/api.h:5:5-5 "}));
 }
 
 // Which hit comes first: a qualifier names a module (from the file's path) or a scope; within a tier of

@@ -23,11 +23,23 @@ bool starts_with_word(std::string_view line, std::string_view word) {
   return line.starts_with(word) && (line.size() == word.size() || !is_word_char(line[word.size()]));
 }
 
-// Lines that only C++ starts so (after leading white space).
-constexpr std::array<std::string_view, 16> kCppLineStarts = {
+// Lines that only C++ starts so (after leading white space). A keyword followed by a space must be
+// followed by a name, as C++ has it: C may use these words as names (`class = 3;`), and C23 has
+// `constexpr`.
+constexpr std::array<std::string_view, 15> kCppLineStarts = {
     "namespace ", "namespace{", "template<", "template <", "class ", "public:", "private:", "protected:",
     "using namespace ", "extern \"C++\"", "virtual ", "explicit ", "friend ", "inline namespace ",
-    "constexpr ", "typename "};
+    "typename "};
+
+bool starts_as_cpp(std::string_view line) {
+  for (std::string_view start : kCppLineStarts) {
+    if (!line.starts_with(start)) continue;
+    if (start.back() != ' ') return true;
+    const std::string_view rest = trim(line.substr(start.size()));
+    return !rest.empty() && (is_word_char(rest[0]) || rest[0] == '~' || rest[0] == ':');
+  }
+  return false;
+}
 
 // `#include <vector>`: a standard header without extension is a C++ one.
 bool includes_cpp_header(std::string_view directive) {
@@ -211,11 +223,9 @@ CppMarks cpp_marks(std::string_view src) {
       if (includes_cpp_header(line) && !sections.inside()) return CppMarks::plain;
       continue;
     }
-    for (std::string_view start : kCppLineStarts) {
-      if (!line.starts_with(start)) continue;
+    if (starts_as_cpp(line)) {
       if (!sections.inside()) return CppMarks::plain;
       found = CppMarks::guarded;
-      break;
     }
   }
   return found;

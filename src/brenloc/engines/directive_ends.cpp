@@ -68,6 +68,8 @@ struct Section {
   std::size_t begin = 0, end = 0;  // the text between the directive that opens it and the next one
   Code code;
   bool dead = false;  // under `#if 0`
+  bool directives = false;  // it holds preprocessor lines (a definition, a nested group)
+  std::vector<std::pair<std::size_t, std::size_t>> definitions;  // its `#define` and `#undef` lines
 };
 
 struct Group {
@@ -164,11 +166,21 @@ Code close_group(std::string& text, const Group& g, bool& changed) {
   changed = true;
   // A lone section that is a mere piece of a declaration (an attribute, a base class) goes: the
   // declaration does without it. One that holds statements stays (`extern "C" {` has its partner in
-  // another group, judged alike).
-  if (g.sections.size() == 1 && !g.sections[0].code.statements && g.sections[0].code.parens == 0) {
+  // another group, judged alike), and so does one with preprocessor lines (a header's guard).
+  const Section& lone = g.sections[0];
+  if (g.sections.size() == 1 && !lone.code.statements && lone.code.parens == 0 && !lone.directives) {
     blank(text, g.sections[0].begin, g.sections[0].end);
     return out;
   }
+  // The macros of a section not kept stay defined (`#define X 1` in both, or in one only).
+  const auto blank_section = [&](const Section& s) {
+    std::size_t from = s.begin;
+    for (const auto& [begin, end] : s.definitions) {
+      blank(text, from, begin);
+      from = end;
+    }
+    blank(text, from, s.end);
+  };
   std::size_t kept = 0;
   for (std::size_t i = 0; i < g.sections.size(); ++i) {
     if (!g.sections[i].dead && g.sections[i].code.last != std::string::npos) {
@@ -177,7 +189,7 @@ Code close_group(std::string& text, const Group& g, bool& changed) {
     }
   }
   for (std::size_t i = 0; i < g.sections.size(); ++i) {
-    if (i != kept) blank(text, g.sections[i].begin, g.sections[i].end);
+    if (i != kept) blank_section(g.sections[i]);
   }
   return g.sections.empty() ? out : g.sections[kept].code;
 }
@@ -214,13 +226,23 @@ bool keep_one_section_of_split_groups(std::string& text) {
       end = next == std::string::npos ? text.size() : next;
     }
     const auto [word, zero] = directive_word(text, first, eol);
+    // A comment opened on the directive's line runs on over the next lines.
+    Code ignored;
+    scan_code(text, first, end, in_comment, ignored);
     const std::size_t after = std::min(end + 1, text.size());
-    if (word == "if" || word == "ifdef" || word == "ifndef") {
+    const bool opens = word == "if" || word == "ifdef" || word == "ifndef";
+    const bool continues = word == "elif" || word == "else" || word == "elifdef" || word == "elifndef" || word == "endif";
+    if (!open.empty() && !continues) {
+      Section& s = open.back().sections.back();
+      s.directives = true;
+      if (word == "define" || word == "undef") s.definitions.emplace_back(pos, end);
+    }
+    if (opens) {
       Group g;
       g.directives.emplace_back(pos, end);
       g.sections.push_back({after, after, {}, zero});
       open.push_back(std::move(g));
-    } else if (!open.empty() && (word == "elif" || word == "else" || word == "elifdef" || word == "elifndef")) {
+    } else if (!open.empty() && continues && word != "endif") {
       Group& g = open.back();
       g.sections.back().end = pos;
       g.directives.emplace_back(pos, end);
@@ -231,7 +253,11 @@ bool keep_one_section_of_split_groups(std::string& text) {
       g.sections.back().end = pos;
       g.directives.emplace_back(pos, end);
       const Code code = close_group(text, g, changed);
-      if (!open.empty()) add(open.back().sections.back().code, code);
+      if (!open.empty()) {
+        Section& around = open.back().sections.back();
+        add(around.code, code);
+        for (const Section& s : g.sections) around.definitions.insert(around.definitions.end(), s.definitions.begin(), s.definitions.end());
+      }
     }
     pos = end + 1;
   }

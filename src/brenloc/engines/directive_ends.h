@@ -19,9 +19,9 @@ bool end_directive_lines(std::string& text);
 // Blanks, in place, the `#if` groups whose sections are not whole declarations: a section whose braces or
 // parentheses do not balance, or whose code ends elsewhere than after a `;`, a `}`, a `,` or an access label.
 // Of such a group, the first section that holds code (not under `#if 0`) is kept and the group's other
-// sections and its directive lines become spaces; a group of one section that holds no `;` nor brace
-// and whose parentheses balance (an attribute, a base class) is blanked whole. Groups inside a group are judged first. Returns whether
-// anything changed.
+// sections (but their `#define` and `#undef` lines) and its directive lines become spaces; a group of one
+// section that holds no `;`, brace nor preprocessor line and whose parentheses balance (an attribute, a
+// base class) is blanked whole. Groups inside a group are judged first. Returns whether anything changed.
 bool keep_one_section_of_split_groups(std::string& text);
 
 }  // namespace brenloc::engines
