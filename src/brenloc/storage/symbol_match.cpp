@@ -9,6 +9,8 @@ namespace brenloc::storage {
 
 namespace {
 
+constexpr int kDepthBits = 16;  // the low bits of an importance: the path's depth
+
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
 bool is_lower(char c) { return c >= 'a' && c <= 'z'; }
@@ -310,7 +312,7 @@ int importance(const NamePattern& p, const SymbolPlace& place) {
   const int scope_depth = static_cast<int>(scope.size());
   const bool in_std = scope_depth > 0 && scope[0] == "std";
   return std::min(slack, 63) << 24 | int{set_aside} << 23 | int{!in_src} << 22 | int{!in_std} << 21 |
-         std::min(scope_depth, 31) << 16 | std::min(path_depth, 0xFFFF);
+         std::min(scope_depth, 31) << kDepthBits | std::min(path_depth, (1 << kDepthBits) - 1);
 }
 
 Tier match_tier(const NamePattern& p, std::string_view name, const SymbolPlace& place) {
@@ -340,7 +342,8 @@ std::tuple<int, int, int, std::size_t> rank_head(int rank, int importance, int k
   // Exact names are all of one length: which of them is meant comes first. Among the others a shorter
   // name is the closer match, and importance only orders the rows of a name and its equals in length.
   constexpr int kLastExact = static_cast<int>(Tier::exact);
-  return rank <= kLastExact ? std::tuple(rank, importance, kind_class, name_size)
+  // The path's depth, importance's last part, weighs less than the kind.
+  return rank <= kLastExact ? std::tuple(rank, importance >> kDepthBits, kind_class, name_size)
                             : std::tuple(rank, 0, kind_class, name_size);
 }
 

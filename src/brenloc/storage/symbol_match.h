@@ -54,7 +54,7 @@ struct SymbolPlace {
 // In order of weight: how many parts of module and scope lie past the first part the qualifier names;
 // a file or scope of tests, examples, vendored code, internals ("detail", "impl", "internal",
 // "experimental", a name starting with "_"), or generated declarations (".d.ts"); a file outside any
-// "src" directory; a scope outside "std"; a deeper scope; a deeper path.
+// "src" directory; a scope outside "std"; a deeper scope; a deeper path (which ranks after the kind).
 int importance(const NamePattern& pattern, const SymbolPlace& place);
 // The tier of a name whose symbol importance() admits; `none` otherwise.
 Tier match_tier(const NamePattern& pattern, std::string_view name, const SymbolPlace& place);
@@ -69,7 +69,8 @@ int tier_rank(Tier tier, SymbolQuery::Match match);
 // function's name mostly stands in for it).
 int kind_class(std::string_view kind);
 
-// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, kind class, path, line;
+// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance but the path's depth,
+// kind class, the path's depth, path, line;
 // among the others kind class, shorter name, importance, path, line (then column, name and kind, so that
 // the order is total).
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
