@@ -64,6 +64,7 @@ std::vector<Form> forms() {
       {"auto, none", {.text = "qqzzxw", .limit = 20}},
       {"glob", {.text = "Inv*", .limit = 20}},
       {"scoped", {.text = "vector.push_back", .limit = 20}},
+      {"scoped, nothing under it", {.text = "nowhere.push_back", .limit = 20}},
       {"kind filter", {.text = "lock", .kind = "function", .limit = 20}},
       {"path filter (dir)", {.text = "connect", .path_prefix = "boost/asio", .limit = 20}},
       {"path filter (few files)", {.text = "s", .path_prefix = "boost/asio/ip", .limit = 20}},

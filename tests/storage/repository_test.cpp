@@ -9,6 +9,8 @@
 #include <cctype>
 #include <cstdio>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <future>
 
 #include <gmock/gmock.h>
@@ -137,6 +139,81 @@ TEST_F(RepositoryTest, DeclarationsRankAfterTheDefinitionsOfTheirTier) {
                                       "close_session function_declaration a/api.h:5:5-5 "}));
 }
 
+// Which hit comes first: a qualifier names a module (from the file's path) or a scope; within a tier of
+// exact names the symbol more likely meant goes first, whatever the paths' order; a qualifier that
+// nothing lives under leaves the name alone.
+TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
+  struct Row {
+    std::string path, language, name, kind, scope;
+  };
+  const std::vector<Row> rows = {
+      {"json/__init__.py", "python", "loads", "function", ""},
+      {"json/decoder.py", "python", "loads", "method", "JSONDecoder"},
+      {"pickle.py", "python", "loads", "function", ""},
+      {"http/server.py", "python", "HTTPServer", "class", ""},
+      {"http/client.py", "python", "HTTPServer", "variable", ""},
+      {"_boot.py", "python", "Popen", "class", ""},
+      {"subprocess.py", "python", "Popen", "class", ""},
+      {"test/test_request.py", "python", "urlopen", "function", ""},
+      {"urllib/request.py", "python", "urlopen", "function", ""},
+      {"net/http/client.go", "go", "Client", "struct", ""},
+      {"net/rpc/client.go", "go", "Client", "struct", ""},
+      {"net/http/all_test.go", "go", "Do", "method", "Client"},
+      {"net/http/client.go", "go", "Do", "method", "Client"},
+      {"std/src/collections/hash/map.rs", "rust", "HashMap", "struct", ""},
+      {"core/src/lib.rs", "rust", "HashMap", "type", "bench"},
+      {"src/schemas.ts", "typescript", "object", "function", ""},
+      {"boost/nowide/convert.hpp", "cpp", "strlen", "function", "boost::nowide"},
+      {"string.h", "c", "strlen", "function_declaration", ""},
+      {"repository.cpp", "cpp", "Repository", "constructor", "Repository"},
+      {"repository.h", "cpp", "Repository", "class", ""},
+      {"sqlite3ext.h", "c", "sqlite3_exec", "macro", ""},
+      {"sqlite3.h", "c", "sqlite3_exec", "function_declaration", ""},
+      {"absl/core.h", "cpp", "string_view", "type", ""},
+      {"c++/string_view", "cpp", "string_view", "class", "std"},
+      {"asio/detail/thread.hpp", "cpp", "thread", "class", "asio::detail"},
+      {"asio/thread.hpp", "cpp", "thread", "class", "asio"},
+  };
+  std::map<std::string, FileEntry> files;
+  int line = 0;
+  for (const Row& r : rows) {
+    auto [at, added] = files.try_emplace(r.path, file_entry(r.path, {}));
+    at->second.file.language = r.language;
+    ++line;
+    at->second.symbols.push_back({r.name, r.kind, line, 1, line, 1, r.scope});
+  }
+  std::vector<FileEntry> entries;
+  for (auto& [path, e] : files) entries.push_back(std::move(e));
+  repo.store_files(entries);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"json.loads", "loads json/__init__.py"},
+      {"decoder.JSONDecoder.loads", "loads json/decoder.py"},
+      {"loads", "loads pickle.py"},  // the shallower scope, then the shallower path
+      {"http.server.HTTPServer", "HTTPServer http/server.py"},
+      {"Popen", "Popen subprocess.py"},         // a private module after a public one
+      {"urlopen", "urlopen urllib/request.py"},  // tests after the code they test
+      {"http.Client", "Client net/http/client.go"},
+      {"rpc.Client", "Client net/rpc/client.go"},
+      {"http.Client.Do", "Do net/http/client.go"},
+      {"Do", "Do net/http/client.go"},
+      {"std::collections::HashMap", "HashMap std/src/collections/hash/map.rs"},
+      {"z.object", "object src/schemas.ts"},     // nothing under "z": the name alone
+      {"strlen", "strlen string.h"},             // the global name before a library's wrapper
+      {"Repository", "Repository repository.h"},  // the class before its constructor
+      {"sqlite3_exec", "sqlite3_exec sqlite3.h"},  // the declaration before a macro standing in for it
+      {"string_view", "string_view c++/string_view"},
+      {"thread", "thread asio/thread.hpp"},      // a detail namespace after the public one
+  };
+  for (const auto& [query, first] : cases) {
+    SCOPED_TRACE(query);
+    const auto hits = repo.search_symbols({.text = query});
+    EXPECT_EQ(hits.empty() ? "nothing" : hits.front().name + " " + hits.front().path, first);
+  }
+  // A qualifier that names nothing here finds nothing, unless the name alone does.
+  EXPECT_TRUE(repo.search_symbols({.text = "nowhere.nothing"}).empty());
+  EXPECT_EQ(repo.search_symbols({.text = "xml.loads"}).size(), 3u);
+}
+
 // Every way a search runs (by name, with or without the name index, from summaries that a rebuild made
 // exact or that later changes left wider than the rows; by the rows of the files a path selects) finds
 // what ranking every row finds: the same best hits in order and the same total, or, when it stopped
@@ -182,7 +259,7 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
     repo.remove_files(removed);
   };
 
-  auto reference = [&](const SymbolQuery& q) {
+  std::function<std::vector<SymbolHit>(const SymbolQuery&)> reference = [&](const SymbolQuery& q) {
     const NamePattern pattern = parse_pattern(q.text, q.match);
     const std::string dir = q.path_prefix.value_or("");
     const bool glob = dir.find('*') != std::string::npos;
@@ -192,11 +269,17 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
       if (glob ? !glob_match(dir, p) : !dir.empty() && p != dir && !p.starts_with(dir + "/")) continue;
       if (q.language && *q.language != e.file.language) continue;
       for (const auto& s : e.symbols) {
-        const Tier tier = match_tier(pattern, s.name, s.scope);
+        const SymbolPlace place{p, e.file.language, s.scope};
+        const Tier tier = match_tier(pattern, s.name, place);
         if (tier == Tier::none || (q.kind && *q.kind != s.kind)) continue;
         hits.push_back({s.name, s.kind, p, s.line, s.column, s.end_line, s.scope, e.file.language,
-                        tier_rank(tier, q.match)});
+                        tier_rank(tier, q.match), 0, importance(pattern, place)});
       }
+    }
+    if (hits.empty() && !pattern.scope.empty() && !pattern.text.empty()) {
+      SymbolQuery bare = q;
+      bare.text = pattern.text;
+      return reference(bare);
     }
     std::sort(hits.begin(), hits.end(), ranks_before);
     return hits;
@@ -217,7 +300,7 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
     if (phase != "without the name index") ASSERT_EQ(testing::search_tables_problem(*db), "");
     for (auto match : {M::automatic, M::exact, M::prefix, M::substring, M::fuzzy}) {
       for (std::string text : {"", "get", "Get", "value1", "_v", "%x", "Parser0", "zzz", "gv", "gtv", "etv", "K.get",
-                               "ns::k::parse", "*value?", "get*", "ta", "xv", "sgv"}) {
+                               "ns::k::parse", "*value?", "get*", "ta", "xv", "sgv", "big.get", "x.target"}) {
         for (auto [kind, language] : {std::pair{Opt(), Opt()}, {Opt("class"), Opt()}, {Opt(), Opt("c")}}) {
           for (Opt dir : {Opt(), Opt("big"), Opt("./big/"), Opt("small"), Opt("a.cpp"), Opt("a"), Opt("big*/f1*"),
                           Opt("bigger"), Opt("b*")}) {

@@ -2,6 +2,8 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include <system_error>
@@ -415,11 +417,15 @@ aio::Task<SourceAnswer> RepoWorker::source(SourceArgs args) {
       if (!at) return Refusal{fmt::format("No definition at {}:{}", rel, args.line)};
       return read_source(*at, sources, args.max_lines, 0);
     }
-    storage::SymbolQuery query{.text = *args.name, .match = storage::SymbolQuery::Match::exact, .kind = args.kind, .limit = 1};
+    // The best exact match that is not a declaration, where one ranks among the first hits (a header's
+    // prototype may rank before the definition it declares).
+    storage::SymbolQuery query{.text = *args.name, .match = storage::SymbolQuery::Match::exact, .kind = args.kind, .limit = 50};
     if (args.path) query.path_prefix = rel;
     auto found = repo->find_symbols(query);
     if (found.hits.empty()) return Refusal{fmt::format("No definition named '{}'", *args.name)};
-    return read_source(found.hits.front(), sources, args.max_lines, found.total - 1);
+    auto best = std::ranges::find_if(found.hits, [](const storage::SymbolHit& h) { return !h.kind.ends_with("_declaration"); });
+    if (best == found.hits.end()) best = found.hits.begin();
+    return read_source(*best, sources, args.max_lines, found.total - 1);
   });
 }
 

@@ -15,8 +15,9 @@ bool SearchResults::page_takes(int rank, int kind_class_of, std::size_t name_siz
   if (limit_ < 0 || page_.size() < static_cast<std::size_t>(limit_)) return true;
   if (limit_ == 0) return false;
   const SymbolHit& worst = page_.front();
-  // Equal in all three, the path and line decide.
-  return std::tuple(rank, kind_class_of, name_size) <= std::tuple(worst.tier, kind_class(worst.kind), worst.name.size());
+  // With the best importance, and equal in the rest, importance, path and line decide.
+  return rank_head(rank, 0, kind_class_of, name_size) <=
+         rank_head(worst.tier, worst.importance, kind_class(worst.kind), worst.name.size());
 }
 
 void SearchResults::offer(SymbolHit hit) {

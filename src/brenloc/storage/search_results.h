@@ -14,8 +14,8 @@ class SearchResults {
   // A negative limit keeps every hit and counts without a cap.
   SearchResults(int limit, std::int64_t cap);
 
-  // Whether a hit of this tier rank, kind class and name length, or a worse one in path and line, could
-  // still make the page.
+  // Whether a hit of this tier rank, kind class and name length, or a worse one in importance, path and
+  // line, could still make the page.
   bool page_takes(int rank, int kind_class, std::size_t name_size) const;
   // Whether the count has not yet passed the cap.
   bool counting() const { return counted_ <= cap_; }

@@ -9,6 +9,8 @@ namespace brenloc::storage {
 
 namespace {
 
+constexpr int kDepthBits = 16;  // the low bits of an importance: the path's depth
+
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
 bool is_lower(char c) { return c >= 'a' && c <= 'z'; }
@@ -177,26 +179,144 @@ Tier words_or_fuzzy(const NamePattern& p, std::string_view name) {
   return word_runs(p.folded, name) ? Tier::words : Tier::fuzzy;
 }
 
-bool scope_matches(const NamePattern& p, std::string_view scope) {
-  if (p.scope.empty()) return true;
-  // The scope normalised from its end, as far as the wanted one goes, without a copy.
-  std::size_t i = scope.size();
-  auto previous = [&] {
-    if (i >= 2 && scope[i - 1] == ':' && scope[i - 2] == ':') {
-      i -= 2;
-      return '.';
-    }
-    --i;
-    return scope[i] == '/' ? '.' : lower(scope[i]);
-  };
-  for (std::size_t w = p.scope.size(); w-- > 0;) {
-    if (i == 0 || previous() != p.scope[w]) return false;
+namespace {
+
+// The parts of where a symbol lives, in order (see SymbolPlace), as views into its path and scope.
+class Parts {
+ public:
+  explicit Parts(const SymbolPlace& at) {
+    add_module(at.path, at.language);
+    add_scope(at.scope);
   }
-  return i == 0 || previous() == '.';
+  std::size_t size() const { return n_; }
+  std::string_view operator[](std::size_t i) const { return part_[i]; }
+
+ private:
+  void push(std::string_view part) {
+    if (!part.empty() && n_ < part_.size()) part_[n_++] = part;
+  }
+
+  void add_module(std::string_view path, std::string_view language) {
+    const bool python = language == "python", rust = language == "rust";
+    const bool script = language == "typescript" || language == "tsx" || language == "javascript";
+    if (!python && !rust && !script && language != "go" && language != "java") return;
+    const std::size_t slash = path.rfind('/');
+    const std::string_view dirs = slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+    for (std::size_t at = 0; at < dirs.size();) {
+      const std::size_t end = std::min(dirs.find('/', at), dirs.size());
+      if (const std::string_view d = dirs.substr(at, end - at); !(rust && d == "src")) push(d);
+      at = end + 1;
+    }
+    if (!python && !rust && !script) return;  // a Go or Java package is its directory
+    std::string_view stem = path.substr(slash == std::string_view::npos ? 0 : slash + 1);
+    stem = stem.substr(0, stem.find('.'));
+    if ((python && stem == "__init__") || (rust && (stem == "mod" || stem == "lib" || stem == "main")) ||
+        (script && stem == "index")) {
+      return;
+    }
+    push(stem);
+  }
+
+  void add_scope(std::string_view scope) {
+    std::size_t at = 0;
+    for (std::size_t i = 0; i <= scope.size(); ++i) {
+      const bool colons = scope.substr(i, 2) == "::";
+      if (i < scope.size() && !colons && scope[i] != '.' && scope[i] != '/') continue;
+      push(scope.substr(at, i - at));
+      at = i + (colons ? 2 : 1);
+      i += colons;
+    }
+  }
+
+  std::array<std::string_view, 48> part_;
+  std::size_t n_ = 0;
+};
+
+bool same_folded(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
 }
 
-Tier match_tier(const NamePattern& p, std::string_view name, std::string_view scope) {
-  return scope_matches(p, scope) ? name_tier(p, name) : Tier::none;
+// How many parts of `parts` lie past the first that the qualifier (folded, parts split by ".") names,
+// beyond the qualifier's own: its parts are matched to the latest parts that hold them in order, which
+// leaves the fewest; -1 when they do not hold them.
+int qualifier_slack(std::string_view qualifier, const Parts& parts) {
+  std::size_t at = parts.size();
+  std::size_t wanted = 0;
+  for (std::size_t end = qualifier.size(); end != std::string_view::npos;) {
+    const std::size_t dot = end == 0 ? std::string_view::npos : qualifier.rfind('.', end - 1);
+    const std::size_t begin = dot == std::string_view::npos ? 0 : dot + 1;
+    const std::string_view want = qualifier.substr(begin, end - begin);
+    ++wanted;
+    while (at > 0 && !same_folded(parts[at - 1], want)) --at;
+    if (at == 0) return -1;
+    --at;
+    end = dot;
+  }
+  return static_cast<int>(parts.size() - at - wanted);
+}
+
+enum class PartOf { directory, file, scope };
+
+// Whether a directory, file or scope part marks code that a search does not mean first: tests, examples,
+// vendored code, internals, generated declarations.
+bool aside(std::string_view part, PartOf of) {
+  static constexpr std::string_view kInternals[] = {"internal", "detail", "details", "impl", "experimental"};
+  static constexpr std::string_view kAsideTrees[] = {"example", "examples", "sample",   "samples",     "demo",
+                                                     "demos",   "vendor",   "vendored", "third_party", "thirdparty",
+                                                     "private", "__tests__"};
+  auto listed = [](std::string_view text, const auto& list) {
+    return std::ranges::any_of(list, [&](std::string_view a) { return same_folded(text, a); });
+  };
+  if (of == PartOf::scope) {
+    const std::size_t letters = part.find_first_not_of('_');  // "__detail" is "detail"
+    return letters != std::string_view::npos && listed(part.substr(letters), kInternals);
+  }
+  std::string_view bare = part;
+  if (of == PartOf::file) {
+    if (part.ends_with(".d.ts") || part.ends_with(".d.mts") || part.ends_with(".d.cts")) return true;
+    if (part.find(".test.") != std::string_view::npos || part.find(".spec.") != std::string_view::npos) return true;
+    bare = part.substr(0, part.find('.'));
+    if (bare.starts_with("test_") || bare.ends_with("_test") || bare.ends_with("_tests") || bare == "test" ||
+        bare == "tests" || bare == "conftest") {
+      return true;
+    }
+  }
+  // A leading "_" marks a private module or package ("_bootsubprocess.py"); "__init__" and its kind
+  // are public.
+  if (bare.size() > 1 && bare[0] == '_' && !(bare.starts_with("__") && bare.ends_with("__"))) return true;
+  if (of == PartOf::directory && bare.size() >= 4 && same_folded(bare.substr(0, 4), "test")) return true;
+  return listed(bare, kInternals) || listed(bare, kAsideTrees);
+}
+
+}  // namespace
+
+int importance(const NamePattern& p, const SymbolPlace& place) {
+  int slack = 0;
+  if (!p.scope.empty()) {
+    slack = qualifier_slack(p.scope, Parts(place));
+    if (slack < 0) return -1;
+  }
+  bool set_aside = false, in_src = false;
+  int path_depth = 0;
+  for (std::size_t at = 0; at <= place.path.size();) {
+    const std::size_t end = std::min(place.path.find('/', at), place.path.size());
+    const bool is_file = end == place.path.size();
+    const std::string_view part = place.path.substr(at, end - at);
+    set_aside = set_aside || aside(part, is_file ? PartOf::file : PartOf::directory);
+    in_src = in_src || (!is_file && part == "src");
+    path_depth += !is_file;
+    at = end + 1;
+  }
+  const Parts scope(SymbolPlace{{}, {}, place.scope});
+  for (std::size_t i = 0; i < scope.size(); ++i) set_aside = set_aside || aside(scope[i], PartOf::scope);
+  const int scope_depth = static_cast<int>(scope.size());
+  const bool in_std = scope_depth > 0 && scope[0] == "std";
+  return std::min(slack, 63) << 24 | int{set_aside} << 23 | int{!in_src} << 22 | int{!in_std} << 21 |
+         std::min(scope_depth, 31) << kDepthBits | std::min(path_depth, (1 << kDepthBits) - 1);
+}
+
+Tier match_tier(const NamePattern& p, std::string_view name, const SymbolPlace& place) {
+  return importance(p, place) >= 0 ? name_tier(p, name) : Tier::none;
 }
 
 int tier_rank(Tier tier, SymbolQuery::Match match) {
@@ -208,19 +328,29 @@ int tier_rank(Tier tier, SymbolQuery::Match match) {
 }
 
 int kind_class(std::string_view kind) {
-  static constexpr std::string_view kTypesAndFunctions[] = {"class", "struct",   "union",  "enum",   "interface",
-                                                           "trait", "type",     "function", "method", "constructor"};
-  static constexpr std::string_view kValues[] = {"variable", "constant", "macro"};
+  static constexpr std::string_view kTypesAndFunctions[] = {"class", "struct", "union",    "enum",  "interface",
+                                                           "trait", "type",   "function", "method"};
+  static constexpr std::string_view kValues[] = {"variable", "constant"};
   if (std::ranges::find(kTypesAndFunctions, kind) != std::end(kTypesAndFunctions)) return 0;
   if (std::ranges::find(kValues, kind) != std::end(kValues)) return 2;
   if (kind == "function_declaration" || kind == "variable_declaration") return 3;
+  if (kind == "macro") return 4;
   return 1;
+}
+
+std::tuple<int, int, int, std::size_t> rank_head(int rank, int importance, int kind_class, std::size_t name_size) {
+  // Exact names are all of one length: which of them is meant comes first. Among the others a shorter
+  // name is the closer match, and importance only orders the rows of a name and its equals in length.
+  constexpr int kLastExact = static_cast<int>(Tier::exact);
+  // The path's depth, importance's last part, weighs less than the kind.
+  return rank <= kLastExact ? std::tuple(rank, importance >> kDepthBits, kind_class, name_size)
+                            : std::tuple(rank, 0, kind_class, name_size);
 }
 
 bool ranks_before(const SymbolHit& a, const SymbolHit& b) {
   auto key = [](const SymbolHit& h) {
-    return std::tuple(h.tier, kind_class(h.kind), h.name.size(), std::string_view(h.path), h.line, h.column,
-                      std::string_view(h.name), std::string_view(h.kind));
+    return std::tuple(rank_head(h.tier, h.importance, kind_class(h.kind), h.name.size()), h.importance,
+                      std::string_view(h.path), h.line, h.column, std::string_view(h.name), std::string_view(h.kind));
   };
   return key(a) < key(b);
 }

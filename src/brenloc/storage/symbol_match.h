@@ -1,13 +1,15 @@
 // How a symbol's name matches a search, and the order of the hits.
 //
 // A query is parsed once into a NamePattern; name_tier() then places a name in a tier, the best reason
-// it matches, or says that it does not match, and scope_matches() checks the scope a query names. Names
-// compare ignoring ASCII case. None of these allocate: searches call them on every name of an index.
+// it matches, or says that it does not match, and importance() checks the qualifier a query names
+// against the symbol's module and scope and says how likely the symbol is the one meant. Names compare
+// ignoring ASCII case. None of these allocate: searches call them on every name of an index.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "brenloc/storage/records.h"
 
@@ -38,23 +40,42 @@ Tier name_tier(const NamePattern& pattern, std::string_view name);
 Tier name_tier_up_to_words(const NamePattern& pattern, std::string_view name);
 // Which of the two a name that name_tier_up_to_words() placed in `words` is in.
 Tier words_or_fuzzy(const NamePattern& pattern, std::string_view name);
-// Whether a symbol's scope ends with the scope the pattern names (always, when it names none).
-bool scope_matches(const NamePattern& pattern, std::string_view scope);
-// Both: `none` unless the scope matches.
-Tier match_tier(const NamePattern& pattern, std::string_view name, std::string_view scope);
+// Where a symbol lives: the module its file makes (Python: the path without ".py" and "__init__.py";
+// Go and Java: the directory; Rust: the path without "src", "mod.rs", "lib.rs" and "main.rs";
+// TypeScript and JavaScript: the path without the extension and "index"; none for C and C++, whose
+// namespaces are in the scope), then its scope.
+struct SymbolPlace {
+  std::string_view path, language, scope;
+};
+
+// How likely a symbol is the one a query means, lower first; -1 when the query names a qualifier that
+// the symbol's module and scope do not hold (its parts, in order, among theirs: "json.loads" is `loads`
+// of json/__init__.py, "std::collections::HashMap" is `HashMap` of std/src/collections/hash/map.rs).
+// In order of weight: how many parts of module and scope lie past the first part the qualifier names;
+// a file or scope of tests, examples, vendored code, internals ("detail", "impl", "internal",
+// "experimental", a name starting with "_"), or generated declarations (".d.ts"); a file outside any
+// "src" directory; a scope outside "std"; a deeper scope; a deeper path (which ranks after the kind).
+int importance(const NamePattern& pattern, const SymbolPlace& place);
+// The tier of a name whose symbol importance() admits; `none` otherwise.
+Tier match_tier(const NamePattern& pattern, std::string_view name, const SymbolPlace& place);
 
 // Where a tier ranks under a match mode, best first: the tiers' order, except that `fuzzy` mode ranks
 // `initials` and `words` before `substring` (an abbreviation is a better fuzzy match than text inside a
 // word).
 int tier_rank(Tier tier, SymbolQuery::Match match);
 
-// Types and functions 0, namespaces, members and enumerators 1, variables, constants and macros 2,
-// declarations (of a function or variable defined elsewhere) 3.
+// Types and functions 0, namespaces, members, constructors and enumerators 1, variables and constants
+// 2, declarations (of a function or variable defined elsewhere) 3, macros 4 (a macro that shares a
+// function's name mostly stands in for it).
 int kind_class(std::string_view kind);
 
-// The ranking: tier rank, kind class, shorter name, path, line, column (and name and kind, so that the
-// order is total).
+// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance but the path's depth,
+// kind class, the path's depth, path, line;
+// among the others kind class, shorter name, importance, path, line (then column, name and kind, so that
+// the order is total).
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
+// The part of the ranking that a name's rows share, or that bounds them from below (importance 0).
+std::tuple<int, int, int, std::size_t> rank_head(int tier_rank, int importance, int kind_class, std::size_t name_size);
 
 std::string fold_case(std::string_view text);
 

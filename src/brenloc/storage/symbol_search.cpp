@@ -41,7 +41,7 @@ int best_class(std::uint32_t kinds) {
     for (std::size_t i = 0; i < kSymbolKinds.size(); ++i) out[i] = kind_class(kSymbolKinds[i]);
     return out;
   }();
-  int best = 2;
+  int best = kind_class("macro");  // the worst class
   for (std::uint32_t k = kinds; k != 0; k &= k - 1) best = std::min(best, by_bit[static_cast<std::size_t>(__builtin_ctz(k))]);
   return best;
 }
@@ -166,12 +166,13 @@ class Search {
   void take_row(Statement& stmt, Tier tier, bool offer) {
     if (filters_.by_path && !filters_.rows.holds(stmt.integer(0))) return;
     const std::string_view scope = stmt.text_view(6);
-    if (!scope_matches(pattern_, scope)) return;
+    const int importance_of = importance(pattern_, {stmt.text_view(8), stmt.text_view(9), scope});
+    if (importance_of < 0) return;
     results_.count(1);
     if (!offer) return;
     results_.offer(SymbolHit{stmt.text(1), stmt.text(2), stmt.text(8), static_cast<int>(stmt.integer(3)),
                              static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
-                             stmt.text(9), tier_rank(tier, q_.match), static_cast<int>(stmt.integer(7))});
+                             stmt.text(9), tier_rank(tier, q_.match), static_cast<int>(stmt.integer(7)), importance_of});
   }
 
   // --- by file: every row of the ranges (or of the whole index), each checked here.
@@ -382,17 +383,21 @@ class Search {
 
   // Counts the rows of a name that pass the filters, reading only what they look at.
   void count_rows(const Candidate& c) {
+    // A qualifier is checked against the file's module too.
+    const bool place = !pattern_.scope.empty();
     Statement& stmt = r_.statement(
-        fmt::format("SELECT s.id, s.scope FROM symbols s INDEXED BY symbols_by_name{} "
+        fmt::format("SELECT s.id, s.scope{} FROM symbols s INDEXED BY symbols_by_name{} "
                     "WHERE s.name = :name COLLATE NOCASE AND s.name = :name{}",
-                    filters_.language ? " CROSS JOIN files f ON f.id = s.file_id" : "", filters_.sql()),
+                    place ? ", f.path, f.language" : "",
+                    filters_.language || place ? " CROSS JOIN files f ON f.id = s.file_id" : "", filters_.sql()),
         file_);
     ResetOnExit done{stmt};
     stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), catalog_->name(c.entry));
     filters_.bind(stmt);
     std::int64_t n = 0;
     while (stmt.step(file_, kOperation)) {
-      n += (!filters_.by_path || filters_.rows.holds(stmt.integer(0))) && scope_matches(pattern_, stmt.text_view(1));
+      n += (!filters_.by_path || filters_.rows.holds(stmt.integer(0))) &&
+           (!place || importance(pattern_, {stmt.text_view(2), stmt.text_view(3), stmt.text_view(1)}) >= 0);
     }
     results_.count(n);
   }
@@ -435,7 +440,15 @@ std::string prefix_upper_bound(std::string prefix) {
 
 SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query,
                                NameCatalogs& catalogs) {
-  return Search(reader, file, query, catalogs).run();
+  SymbolSearch found = Search(reader, file, query, catalogs).run();
+  if (found.total > 0 || found.more) return found;
+  // A qualifier that nothing lives under (a namespace object re-exported under another name, a module
+  // that imports its names from another) leaves the name alone.
+  const NamePattern pattern = parse_pattern(query.text, query.match);
+  if (pattern.scope.empty() || pattern.text.empty()) return found;
+  SymbolQuery bare = query;
+  bare.text = pattern.text;
+  return Search(reader, file, bare, catalogs).run();
 }
 
 }  // namespace brenloc::storage::detail

@@ -7,7 +7,8 @@
 // first until no later name can, and the rest are only counted (from the summaries where they say
 // enough, else from the rows) until the count passes a cap, when the search says that more matched.
 // By file: every row of the files a path filter selects, when they hold few rows (or of all files while
-// the name index is missing), checked one by one.
+// the name index is missing), checked one by one. A qualified name that matches nothing is searched
+// again without its qualifier.
 #pragma once
 
 #include <cstdint>
