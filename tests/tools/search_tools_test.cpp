@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -140,6 +141,39 @@ TEST(SearchTools, AnswersStayUnderTheSizeCap) {
   });
 }
 
+// A file too large for one answer comes in pages, each under the cap, that together hold every definition
+// once, in file order; a cursor that no answer gave is refused.
+TEST(SearchTools, AnOutlineTooLargeForOneAnswerComesInPages) {
+  std::string text;
+  for (int i = 0; i < 1500; ++i) text += fmt::format("class Shape{}:\n    def area_of_shape_{}(self):\n        pass\n", i, i);
+  with_samples({{"big.py", text}}, [&](Worker& w, const fs::path&) -> aio::Task<void> {
+    std::vector<std::string> names;
+    json args = {{"path", "big.py"}};
+    int pages = 0;
+    for (;; ++pages) {
+      json page = co_await call(w, "file_outline", args);
+      EXPECT_LE(page.dump().size(), 64u * 1024);
+      EXPECT_EQ(page["total"], 3000);
+      std::function<void(const json&)> walk = [&](const json& nodes) {
+        for (const auto& n : nodes) names.push_back(n["name"].get<std::string>()), walk(n["children"]);
+      };
+      walk(page["symbols"]);
+      EXPECT_EQ(page["truncated"], page.contains("next_cursor"));
+      if (!page.contains("next_cursor")) break;
+      args["cursor"] = page["next_cursor"];
+    }
+    EXPECT_GT(pages, 1);
+    ASSERT_EQ(names.size(), 3000u);
+    for (int i = 0; i < 1500; ++i) {
+      EXPECT_EQ(names[2 * i], fmt::format("Shape{}", i));
+      EXPECT_EQ(names[2 * i + 1], fmt::format("area_of_shape_{}", i));
+    }
+    for (const std::string bad : {"x", "-1", "99999"}) {
+      EXPECT_THROW(co_await call(w, "file_outline", {{"path", "big.py"}, {"cursor", bad}}), ArgumentError) << bad;
+    }
+  });
+}
+
 // Every file's outline holds each of its definitions once; a definition's parent in the tree is the one
 // its recorded scope ends with, and its lines hold the child's.
 TEST(SearchTools, OutlinesFollowTheRecordedScopes) {
@@ -256,6 +290,12 @@ TEST(SearchTools, RefusalsAndErrors) {
       source_args["line"] = 1;
       EXPECT_EQ(co_await call(w, "symbol_source", source_args), answer) << args.dump();
     }
+    // A search's path is guarded as the other tools guard theirs (a glob included), not answered empty.
+    for (const std::string path : {"../..", "/etc", "python/../../x", "../*.py"}) {
+      EXPECT_EQ(co_await call(w, "search_symbols", {{"query", "x"}, {"path", path}}), failed("Path outside repository"))
+          << path;
+    }
+    EXPECT_EQ((co_await call(w, "search_symbols", {{"query", "Cart"}, {"path", "python/../python"}}))["total"], 1);
     EXPECT_EQ(co_await call(w, "symbol_source", {{"name", "nowhere"}}), failed("No definition named 'nowhere'"));
     EXPECT_EQ(co_await call(w, "symbol_source", {{"path", "c/ring.c"}, {"line", 2}}), failed("No definition at c/ring.c:2"));
   });

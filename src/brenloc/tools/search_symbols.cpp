@@ -1,5 +1,7 @@
 // search_symbols: symbol definitions by name, best first, in an answer that stays within its size cap.
 #include <algorithm>
+#include <filesystem>
+#include <optional>
 
 #include "brenloc/aio/thread.h"
 #include "brenloc/daemon/worker.h"
@@ -7,12 +9,14 @@
 #include "brenloc/symbol_kinds.h"
 #include "brenloc/tool_binding.h"
 #include "brenloc/tools/tool.h"
+#include "brenloc/utils/path_text.h"
 #include "brenloc/utils/utf8.h"
 
 namespace brenloc::tools {
 
 namespace {
 
+namespace fs = std::filesystem;
 using Match = storage::SymbolQuery::Match;
 
 struct Arguments {
@@ -70,15 +74,26 @@ json output_schema() {
                             {"language", string_schema()},
                             {"signature", string_or_null_schema()}},
                            {"name", "kind", "path", "line", "column", "end_line", "scope", "language", "signature"});
-  return object_schema({{"query", string_schema()},
-                        {"match", {{"enum", {"auto", "exact", "prefix", "substring", "fuzzy"}}}},
-                        {"total", count},
-                        {"more", {{"type", "boolean"}}},
-                        {"count", count},
-                        {"truncated", {{"type", "boolean"}}},
-                        {"results", {{"type", "array"}, {"items", hit}}},
-                        {"note", string_schema()}},  // while the index is empty or its first pass runs
-                       {"query", "match", "total", "more", "count", "truncated", "results"});
+  json answer = object_schema({{"query", string_schema()},
+                               {"match", {{"enum", {"auto", "exact", "prefix", "substring", "fuzzy"}}}},
+                               {"total", count},
+                               {"more", {{"type", "boolean"}}},
+                               {"count", count},
+                               {"truncated", {{"type", "boolean"}}},
+                               {"results", {{"type", "array"}, {"items", hit}}},
+                               {"note", string_schema()}},  // while the index is empty or its first pass runs
+                              {"query", "match", "total", "more", "count", "truncated", "results"});
+  return json{{"type", "object"}, {"oneOf", {answer, refusal_schema()}}};  // a path outside is refused
+}
+
+// The `path` filter as a path relative to the root (a directory or a glob), or nothing when it reaches
+// outside the repository: climbing above the root, or absolute and elsewhere.
+std::optional<std::string> within_root(const fs::path& root, const std::string& path) {
+  if (path.empty()) return path;
+  fs::path p = fs::path(utils::path_bytes(path)).lexically_normal();
+  if (p.is_absolute()) p = p.lexically_relative(root);
+  if (p.empty() || *p.begin() == "..") return std::nullopt;
+  return p == "." ? std::string() : utils::path_text(p.generic_string());
 }
 
 std::size_t json_size(const json& j) { return j.dump().size(); }
@@ -134,6 +149,10 @@ json render(const std::string& query, Match match, const daemon::SearchAnswer& a
 
 aio::Task<json> call(daemon::RepoWorker& worker, json arguments) {
   Arguments a = binding().bind(arguments);
+  if (a.search.path) {
+    a.search.path = within_root(worker.repo_root, *a.search.path);
+    if (!a.search.path) co_return refusal_json(daemon::Refusal{"Path outside repository"});
+  }
   const std::string query = a.search.query;
   const Match match = a.search.match;
   daemon::SearchAnswer answer = co_await worker.search(std::move(a.search));
