@@ -163,7 +163,8 @@ TEST(SearchTools, AnOutlineTooLargeForOneAnswerComesInPages) {
       args["cursor"] = page["next_cursor"];
     }
     EXPECT_GT(pages, 1);
-    ASSERT_EQ(names.size(), 3000u);
+    EXPECT_EQ(names.size(), 3000u);
+    if (names.size() != 3000u) co_return;
     for (int i = 0; i < 1500; ++i) {
       EXPECT_EQ(names[2 * i], fmt::format("Shape{}", i));
       EXPECT_EQ(names[2 * i + 1], fmt::format("area_of_shape_{}", i));
