@@ -243,14 +243,15 @@ TEST_F(Cli, NamesThatAreNotUtf8WorkEndToEnd) {
     r = invoke("source " + at + " --path " + quote("d\xfe/x.py") + " --line 1", env);
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(json::parse(r.out)["signature"], "def in_odd_dir():  # caf\xef\xbf\xbd");
-    r = invoke("reindex " + at + " " + quote("d\xfe"), env);
+    // --wait: through the daemon, a live pass over the files just written may still run.
+    r = invoke("reindex --wait " + at + " " + quote("d\xfe"), env);
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_NE(r.out.find(R"("files_processed":1)"), std::string::npos) << r.out;
     r = invoke("status " + at, env);
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(json::parse(r.out)["repo_root"], (dir_.path() / "r\\xe9po").string());
     fs::remove(root / "b\xff.py");
-    ASSERT_EQ(invoke("reindex " + at, env).code, 0);
+    ASSERT_EQ(invoke("reindex --wait " + at, env).code, 0);
     EXPECT_EQ(json::parse(invoke("search " + at + " odd_name", env).out)["count"], 0);
     brenloc::testing::write_file(root / "b\xff.py", "def odd_name():\n    pass\n");
   }
