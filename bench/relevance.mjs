@@ -265,16 +265,16 @@ async function main() {
   const rows = [];
   for (const treeName of wanted) {
     const entries = sets.map((s) => ({ set: s.name, tree: s.trees.find((t) => t.name === treeName) })).filter((e) => e.tree);
-    const spec = entries[0].tree;
-    const root = resolveRoot(spec.root, o.dataRoot);
-    if (!root && spec.root.startsWith("git:")) {
+    const tree = entries[0].tree;
+    const root = resolveRoot(tree.root, o.dataRoot);
+    if (!root && tree.root.startsWith("git:")) {
       // A shallow clone lacks the commit: the other trees still judge the binary.
-      console.log(`${treeName}: SKIPPED ${spec.root} (this clone lacks that commit: git fetch --unshallow)`);
+      console.log(`${treeName}: SKIPPED ${tree.root} (this clone lacks that commit: git fetch --unshallow)`);
       continue;
     }
     if (!root) {
-      failures.push(`tree ${treeName}: ${spec.root} is missing; it comes from ${spec.setup}`);
-      console.log(`${treeName}: MISSING ${spec.root} (from ${spec.setup})`);
+      failures.push(`tree ${treeName}: ${tree.root} is missing; it comes from ${tree.setup}`);
+      console.log(`${treeName}: MISSING ${tree.root} (from ${tree.setup})`);
       continue;
     }
     for (const e of entries) {

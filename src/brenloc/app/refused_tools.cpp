@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "brenloc/app/worker_tools.h"
+#include "brenloc/tools/tool_table.h"
 
 namespace brenloc::app {
 
@@ -11,9 +12,7 @@ std::vector<mcp::ToolDescriptor> RefusedTools::tools() const { return worker_too
 std::string RefusedTools::instructions() const { return worker_instructions(); }
 
 aio::Task<nlohmann::ordered_json> RefusedTools::call_tool(std::string name, nlohmann::ordered_json) {
-  bool known = false;
-  for (const auto& tool : worker_tool_descriptors()) known = known || tool.name == name;
-  if (!known) throw UnknownTool(name);
+  tools::find_tool(name);  // an unknown name is the protocol's error, as from a serving worker
   throw std::runtime_error(reason_);
   co_return nlohmann::ordered_json();
 }

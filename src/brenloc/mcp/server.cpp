@@ -321,7 +321,10 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     bool cancellable = m.method != "initialize";
     // The revision is settled as the initialize is read, not when its answer is written: a batch in the
     // same write is read under it.
-    if (m.method == "initialize") protocol_version = initialize_result(m.params, host->instructions())["protocolVersion"];
+    if (m.method == "initialize") {
+      const bool asked = m.params.is_object() && m.params.contains("protocolVersion");
+      protocol_version = negotiate_protocol_version(asked ? m.params["protocolVersion"] : json());
+    }
     auto task = aio::spawn(
         run_request(shared_from_this(), m.id, key, std::move(m.method), std::move(m.params), std::move(batch)), loop);
     running.emplace(key, Running{task, cancellable});
