@@ -23,7 +23,7 @@
 #include "brenloc/app/repo_root.h"
 #include "brenloc/app/text_view.h"
 #include "brenloc/app/mcp_bridge.h"
-#include "brenloc/app/worker_tools.h"
+#include "brenloc/app/session_tools.h"
 #include "brenloc/daemon/worker.h"
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
@@ -502,13 +502,19 @@ int print_tool(const Where& where, const std::string& name, json arguments) {
   });
 }
 
-aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker) {
-  WorkerTools tools(worker);
-  mcp::McpServer server(loop, tools, STDIN_FILENO, STDOUT_FILENO);
-  StopSignal signal(loop);
-  server.start();
-  co_await first_of({server.input_ended(), signal.fired()});
-  co_await server.stop();
+// Serves the session's repositories from workers of this process: the first one's is `worker`.
+aio::Task<int> serve_standalone(aio::EventLoop& loop, daemon::RepoWorker& worker, std::vector<fs::path> repos,
+                                daemon::FollowOptions follow) {
+  ProcessWorkers others(follow);
+  SessionTools tools(SessionRepos(std::move(repos)), worker, others);
+  {
+    mcp::McpServer server(loop, tools, STDIN_FILENO, STDOUT_FILENO);
+    StopSignal signal(loop);
+    server.start();
+    co_await first_of({server.input_ended(), signal.fired()});
+    co_await server.stop();
+  }
+  co_await tools.close();
   co_return kExitOk;
 }
 
@@ -534,6 +540,17 @@ int run_serve(const Where& where, bool standalone, bool watch) {
     if (where.verbosity != 0) utils::set_log_level(where.verbosity > 0 ? spdlog::level::debug : spdlog::level::err);
     Resolved r = resolve(where);
     insist_on_force(r);
+    // The other --repo, each found as the first is and in its default data directory.
+    std::vector<fs::path> more;
+    for (const fs::path& repo : where.more_repos) {
+      Where other = where;
+      other.repo = repo;
+      other.data_dir.reset();
+      Resolved o = resolve(other);
+      insist_on_force(o);
+      more.push_back(o.root);
+    }
+    const daemon::FollowOptions follow{.catch_up = true, .watch = watch};
     if (!standalone) {
       std::optional<RuntimePaths> paths;
       try {
@@ -542,12 +559,15 @@ int run_serve(const Where& where, bool standalone, bool watch) {
         std::cerr << "brenloc: " << e.what() << "; serving in this process instead\n";
       }
       if (paths) {
-        run_bridge(BridgeTarget{r.root, r.data_dir, r.data_dir_given, *paths, watch}, STDIN_FILENO, STDOUT_FILENO);
+        run_bridge(BridgeTarget{r.root, r.data_dir, r.data_dir_given, *paths, watch, more}, STDIN_FILENO, STDOUT_FILENO);
         return kExitOk;
       }
     }
     try {
-      return with_worker(r, serve_standalone, daemon::FollowOptions{.catch_up = true, .watch = watch});
+      more.insert(more.begin(), r.root);
+      return with_worker(
+          r, [&](aio::EventLoop& loop, daemon::RepoWorker& worker) { return serve_standalone(loop, worker, more, follow); },
+          follow);
     } catch (const utils::LockBusy& busy) {
       // The client still gets its handshake, and reads why no tool runs, rather than a closed connection.
       std::cerr << "brenloc: " << busy.what() << "\n";

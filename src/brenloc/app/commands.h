@@ -24,6 +24,7 @@ inline constexpr int kExitInterrupted = 130;  // SIGINT or SIGTERM
 
 struct Where {
   std::filesystem::path repo;                    // as given; resolved by the command
+  std::vector<std::filesystem::path> more_repos;  // serve: the other --repo, after the first
   bool exact_root = false;                        // `repo` is the root itself, not a directory in it
   std::optional<std::filesystem::path> data_dir;  // absent: the default for the repository
   bool start_daemon = false;                      // start the user's daemon when none runs, and use it
@@ -34,7 +35,8 @@ struct Where {
 };
 
 // MCP on stdin/stdout until the input ends or SIGINT/SIGTERM arrives: relayed to the user's daemon, or,
-// `standalone`, served by a worker in this process.
+// `standalone`, served by workers in this process. The session's repositories are `repo` (the default, in
+// `data_dir`), `more_repos` (each in its default data directory) and the client's roots.
 // `watch`: the worker follows the tree's changes (in the daemon that serve starts, through
 // BRENLOC_NO_WATCH in its environment).
 int run_serve(const Where& where, bool standalone, bool watch);

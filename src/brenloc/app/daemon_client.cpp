@@ -163,10 +163,14 @@ void wait_for_exit(const RuntimePaths& paths) {
 }  // namespace
 
 int attach_worker(const RuntimePaths& paths, const fs::path& repo_root, const std::optional<fs::path>& data_dir,
-                  bool start) {
+                  bool start, const std::vector<fs::path>& more_repos) {
   // Paths in their text form: the daemon reads them back as the file system's bytes.
   json params = {{"repo_root", utils::path_text(repo_root.native())}};
   if (data_dir) params["data_dir"] = utils::path_text(data_dir->native());
+  if (!more_repos.empty()) {
+    params["repos"] = json::array();
+    for (const auto& root : more_repos) params["repos"].push_back(utils::path_text(root.native()));
+  }
   params["build"] = build_identity().to_json();
   params["waiting"] = true;
   for (int attempt = 1;; ++attempt) {

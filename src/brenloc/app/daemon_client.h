@@ -4,6 +4,7 @@
 //
 // The socket speaks MCP, one JSON-RPC message per line, after a first request that names the repository:
 //   {"jsonrpc": "2.0", "id": 0, "method": "brenloc/attach", "params": {"repo_root": R, "data_dir": D}}
+// ("repos": the session's other repositories, served from their default data directories, when it has some)
 // answered with {"repo_root", "data_dir", "pid", "version"} or an error whose message says why (the data
 // directory owned by another process, a root that is not a directory, a daemon that is stopping). With
 // "waiting": true among the params, the daemon says {"method": "brenloc/waiting"} every second until it
@@ -24,6 +25,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "brenloc/json.h"
 
@@ -108,7 +110,8 @@ int connect_daemon(const RuntimePaths& paths, bool start);
 // is being reached (it closes the connection unanswered) is replaced and tried again. Throws RpcError for
 // the daemon's refusal, DaemonError when no daemon could be reached.
 int attach_worker(const RuntimePaths& paths, const std::filesystem::path& repo_root,
-                  const std::optional<std::filesystem::path>& data_dir, bool start);
+                  const std::optional<std::filesystem::path>& data_dir, bool start,
+                  const std::vector<std::filesystem::path>& more_repos = {});
 
 // Writes one line (a newline is added). Throws DaemonError when the daemon has gone.
 void write_line(int fd, const std::string& line);

@@ -28,7 +28,7 @@
 #include "brenloc/app/daemon_client.h"
 #include "brenloc/app/data_dir.h"
 #include "brenloc/app/runtime_dir.h"
-#include "brenloc/app/worker_tools.h"
+#include "brenloc/app/session_tools.h"
 #include "brenloc/daemon/worker.h"
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
@@ -280,20 +280,71 @@ class Daemon {
                                                   {"pid", ::getpid()},
                                                   {"version", BRENLOC_VERSION}}));
     s.attached = true;
-    auto ended = co_await aio::outcome_of(serve_mcp(s, *entry->worker));
+    auto ended = co_await aio::outcome_of(serve_mcp(s, k.first, *entry->worker, more_repos(m.params)));
     release(entry);
     std::move(ended).get();
   }
 
+  // The session's other repositories ("repos" of the attach, absolute): those that are directories, resolved.
+  static std::vector<fs::path> more_repos(const json& params) {
+    std::vector<fs::path> roots;
+    if (!params.is_object() || !params.contains("repos") || !params["repos"].is_array()) return roots;
+    for (const json& r : params["repos"]) {
+      if (!r.is_string()) continue;
+      std::error_code ec;
+      fs::path root = fs::canonical(fs::path(utils::path_bytes(r.get<std::string>())), ec);
+      if (!ec && root.is_absolute() && fs::is_directory(root, ec)) roots.push_back(root);
+    }
+    return roots;
+  }
+
+  // The workers a session opens besides its first: shared in the daemon's table, counted as clients until
+  // the session ends.
+  class SharedWorkers final : public WorkerPool {
+   public:
+    explicit SharedWorkers(Daemon& daemon) : daemon_(daemon) {}
+    aio::Task<daemon::RepoWorker*> open(fs::path root, bool start) override {
+      WorkerKey key{root, default_data_dir(root)};
+      if (!start) {
+        auto it = daemon_.workers_.find(key);
+        if (it == daemon_.workers_.end() || it->second->stopped || !it->second->started.done() ||
+            it->second->started.state()->state() != aio::FutureBase::State::finished) {
+          co_return nullptr;
+        }
+        ++it->second->clients;
+        it->second->idle_since.reset();
+        held_.push_back(it->second);
+        co_return it->second->worker.get();
+      }
+      std::shared_ptr<Entry> e = co_await daemon_.acquire(key);
+      held_.push_back(e);
+      co_return e->worker.get();
+    }
+    aio::Task<void> close() override {
+      for (auto& e : held_) daemon_.release(e);
+      held_.clear();
+      co_return;
+    }
+
+   private:
+    Daemon& daemon_;
+    std::vector<std::shared_ptr<Entry>> held_;
+  };
+
   // MCP on the session's socket until the client leaves or the daemon stops.
-  aio::Task<void> serve_mcp(Session& s, daemon::RepoWorker& worker) {
-    WorkerTools tools(worker);
-    mcp::McpServer server(loop_, tools, s.fd, s.fd, mcp::ServerOptions{.turns = turns_});
-    server.start();
-    auto watcher = aio::spawn(set_when_done(server.input_ended(), s.end));
-    co_await aio::shield(aio::Future<void>(s.end));
-    watcher.cancel();
-    co_await server.stop();
+  aio::Task<void> serve_mcp(Session& s, const fs::path& root, daemon::RepoWorker& worker, std::vector<fs::path> more) {
+    more.insert(more.begin(), root);
+    SharedWorkers pool(*this);
+    SessionTools tools(SessionRepos(std::move(more)), worker, pool);
+    {
+      mcp::McpServer server(loop_, tools, s.fd, s.fd, mcp::ServerOptions{.turns = turns_});
+      server.start();
+      auto watcher = aio::spawn(set_when_done(server.input_ended(), s.end));
+      co_await aio::shield(aio::Future<void>(s.end));
+      watcher.cancel();
+      co_await server.stop();
+    }
+    co_await tools.close();
   }
 
   // The started worker of `key`, created when there is none; counts the caller as a client.

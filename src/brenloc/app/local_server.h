@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 #include "brenloc/daemon/tree_follower.h"
 
@@ -17,9 +18,11 @@ namespace brenloc::app {
 class LocalServer {
  public:
   // Starts the worker and its server. Throws utils::LockBusy (having written nothing) when another process
-  // owns the data directory, or the worker's own failure to start.
+  // owns the data directory, or the worker's own failure to start. The session's other repositories
+  // (`more_repos`) have workers of this process too, each started at the first call that names it.
   static std::unique_ptr<LocalServer> start(const std::filesystem::path& repo_root,
-                                            const std::filesystem::path& data_dir, daemon::FollowOptions follow);
+                                            const std::filesystem::path& data_dir, daemon::FollowOptions follow,
+                                            std::vector<std::filesystem::path> more_repos = {});
   ~LocalServer();  // closes the bridge's end if still open, and waits for the thread
   LocalServer(const LocalServer&) = delete;
   LocalServer& operator=(const LocalServer&) = delete;

@@ -21,7 +21,7 @@
 
 #include "brenloc/app/daemon_client.h"
 #include "brenloc/app/local_server.h"
-#include "brenloc/app/worker_tools.h"
+#include "brenloc/app/session_tools.h"
 #include "brenloc/mcp/protocol.h"
 #include "brenloc/mcp/server.h"
 #include "brenloc/utils/logging.h"
@@ -285,11 +285,11 @@ class Bridge {
     }
     if (m.kind != mcp::Incoming::Kind::request) return;
     if (m.method == "initialize") {
-      to_client(mcp::make_result(m.id, mcp::initialize_result(m.params, worker_instructions())));
+      to_client(mcp::make_result(m.id, mcp::initialize_result(m.params, session_instructions())));
     } else if (m.method == "ping" || m.method == "logging/setLevel") {
       to_client(mcp::make_result(m.id, json::object()));
     } else if (m.method == "tools/list") {
-      to_client(mcp::make_result(m.id, mcp::tool_listing(worker_tool_descriptors())));
+      to_client(mcp::make_result(m.id, mcp::tool_listing(session_tool_descriptors())));
     } else if (m.method == "tools/call") {
       to_client(mcp::make_result(m.id, mcp::tool_failure_result("The brenloc daemon cannot be reached: " + unreachable_)));
     } else {
@@ -314,7 +314,8 @@ class Bridge {
     int fd = -1;
     try {
       fd = attach_worker(target_.paths, target_.repo_root,
-                         target_.data_dir_given ? std::optional<std::filesystem::path>(target_.data_dir) : std::nullopt, true);
+                         target_.data_dir_given ? std::optional<std::filesystem::path>(target_.data_dir) : std::nullopt, true,
+                         target_.more_repos);
     } catch (const RpcError& e) {
       // The daemon answers but refuses (another process owns the data directory, say): asked again at the
       // next call, at once.
@@ -338,7 +339,7 @@ class Bridge {
   bool serve_alone(const std::string& why) {
     try {
       local_ = LocalServer::start(target_.repo_root, target_.data_dir,
-                                  daemon::FollowOptions{.catch_up = true, .watch = target_.watch});
+                                  daemon::FollowOptions{.catch_up = true, .watch = target_.watch}, target_.more_repos);
     } catch (const utils::LockBusy& busy) {
       unreachable(why + "; and " + busy.what(), Clock::now() + kRetryAfter);
       return false;

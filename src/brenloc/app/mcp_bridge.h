@@ -1,5 +1,6 @@
 // `brenloc serve` as an assistant launches it: MCP on stdin/stdout, relayed line by line to the user's
-// daemon, attached to one repository's worker (the daemon is started when none runs).
+// daemon, attached to the session's first repository's worker (the daemon is started when none runs); the
+// daemon's session routes each call to its repository's worker and asks the client for its roots.
 //
 // The session outlives the daemon. Requests pending when the daemon goes away are answered at once (a
 // tool call with a tool error that says to call again, anything else with a JSON-RPC error); the next
@@ -20,6 +21,7 @@
 #pragma once
 
 #include <filesystem>
+#include <vector>
 
 #include "brenloc/app/runtime_dir.h"
 
@@ -31,6 +33,8 @@ struct BridgeTarget {
   bool data_dir_given = false;      // else the daemon picks its default (data_dir serves this process alone)
   RuntimePaths paths;               // the daemon's, already prepared
   bool watch = true;                // for a worker in this process, when the bridge serves alone
+  std::vector<std::filesystem::path> more_repos;  // the session's other repositories (resolved), each in its
+                                                  // default data directory
 };
 
 // Relays until the client's input ends, its output breaks, or SIGINT or SIGTERM arrives. Blocks.

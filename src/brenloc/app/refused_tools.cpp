@@ -1,18 +1,20 @@
 #include "brenloc/app/refused_tools.h"
 
+#include <algorithm>
 #include <stdexcept>
 
-#include "brenloc/app/worker_tools.h"
-#include "brenloc/tools/tool_table.h"
+#include "brenloc/app/session_tools.h"
 
 namespace brenloc::app {
 
-std::vector<mcp::ToolDescriptor> RefusedTools::tools() const { return worker_tool_descriptors(); }
+std::vector<mcp::ToolDescriptor> RefusedTools::tools() const { return session_tool_descriptors(); }
 
-std::string RefusedTools::instructions() const { return worker_instructions(); }
+std::string RefusedTools::instructions() const { return session_instructions(); }
 
 aio::Task<nlohmann::ordered_json> RefusedTools::call_tool(std::string name, nlohmann::ordered_json) {
-  tools::find_tool(name);  // an unknown name is the protocol's error, as from a serving worker
+  // An unknown name is the protocol's error, as from a serving worker.
+  const auto listed = tools();
+  if (std::none_of(listed.begin(), listed.end(), [&](const auto& t) { return t.name == name; })) throw UnknownTool(name);
   throw std::runtime_error(reason_);
   co_return nlohmann::ordered_json();
 }

@@ -87,17 +87,23 @@ class CommandLine {
   }
 
  private:
-  void add_where(CLI::App* cmd) {
-    auto* repo = cmd->add_option("--repo", where_.repo,
-                                 "A directory of the repository (default: the current one); its root is the nearest "
-                                 "directory above it holding .git, else the directory itself");
+  // `many`: --repo may be repeated, for a session over several repositories (the first is the default).
+  void add_where(CLI::App* cmd, bool many = false) {
+    const std::string help =
+        "A directory of the repository (default: the current one); its root is the nearest directory above it "
+        "holding .git, else the directory itself";
+    auto* repo = many ? cmd->add_option("--repo", serve_repos_,
+                                        help + "; repeat it to serve several repositories, the first the default")
+                            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+                      : cmd->add_option("--repo", where_.repo, help);
     auto* root = cmd->add_option_function<std::string>(
         "--root", [this](const std::string& dir) { where_.repo = dir, where_.exact_root = true; },
         "The repository's root, taken as it is (a subtree indexed on its own: no search for .git above it)");
     repo->excludes(root);
     cmd->add_option("--data-dir", where_.data_dir,
-                    "Where the index lives (default: ~/.local/share/brenloc/<name>-<hash of the root>, or under "
-                    "$XDG_DATA_HOME)");
+                    std::string("Where the index lives (default: ~/.local/share/brenloc/<name>-<hash of the root>, or "
+                                "under $XDG_DATA_HOME)") +
+                        (many ? "; of the first repository only" : ""));
     cmd->add_flag("--force", where_.force,
                   "Index even the file system's root, a home directory, or a tree of more than 50000 files that no "
                   "version control marks");
@@ -142,7 +148,7 @@ class CommandLine {
     const char* no_watch_env = std::getenv("BRENLOC_NO_WATCH");
     no_watch_ = no_watch_env != nullptr && *no_watch_env != '\0' && std::string(no_watch_env) != "0";
     serve_ = app_.add_subcommand("serve", "Serve the repository's tools over MCP on stdin/stdout");
-    add_where(serve_);
+    add_where(serve_, true);
     add_verbosity(serve_);
     serve_->add_flag("--standalone", standalone_,
                      "Serve from a worker in this process instead of the user's shared daemon");
@@ -272,6 +278,10 @@ class CommandLine {
   int run() {
     if (serve_->parsed()) {
       if (no_watch_) ::setenv("BRENLOC_NO_WATCH", "1", 1);
+      if (!serve_repos_.empty()) {
+        where_.repo = serve_repos_.front();
+        where_.more_repos.assign(serve_repos_.begin() + 1, serve_repos_.end());
+      }
       return run_serve(where_, standalone_, !no_watch_);
     }
     if (daemon_->parsed()) {
@@ -297,6 +307,7 @@ class CommandLine {
   bool standalone_ = false, no_watch_ = false, clear_existing_ = false;
   bool daemon_stop_ = false, daemon_status_ = false, daemon_detach_ = false;
   std::vector<std::string> paths_;
+  std::vector<std::string> serve_repos_;  // serve's --repo, in order
   json arguments_ = json::object();  // the search commands' tool arguments
   long idle_exit_ = env_seconds("BRENLOC_DAEMON_IDLE_TIMEOUT", 900);
   long worker_idle_ = env_seconds("BRENLOC_WORKER_IDLE_TIMEOUT", 300);

@@ -129,6 +129,7 @@ Incoming parse_message(std::string_view line, const ShapeLimits& limits) {
       Incoming m;
       m.kind = Incoming::Kind::response;
       m.id = std::move(id);
+      if (msg.contains("result")) m.result = std::move(msg["result"]);
       return m;
     }
     return invalid(id, kInvalidRequest, "Invalid Request: \"method\" must be a string");

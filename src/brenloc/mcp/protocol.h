@@ -63,6 +63,7 @@ struct Incoming {
   json id;             // null when absent or unusable
   std::string method;  // request and notification
   json params;         // null when absent
+  json result;         // a response's result; null for an error
   int error_code = 0;
   std::string error_message;
 };

@@ -92,6 +92,9 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
   std::shared_ptr<aio::FutureState<void>> ended;
   std::optional<int> subscription;
   std::string protocol_version;  // negotiated by initialize
+  bool client_roots = false;     // the client offers its roots (capabilities.roots in its initialize)
+  std::string roots_request;     // the id key of the last roots/list sent, until its answer
+  long long roots_asked = 0;
   aio::Future<void> stopping_task;
   bool stopping = false;
 
@@ -280,7 +283,12 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
         answer_to(batch, make_error(m.id, m.error_code, std::move(m.error_message)));
         break;
       case Incoming::Kind::response:
-        logger()->debug("Dropped an MCP response to id {}: this server sends no requests", id_key(m.id));
+        if (!roots_request.empty() && id_key(m.id) == roots_request) {
+          roots_request.clear();
+          host->roots_known(m.result);
+        } else {
+          logger()->debug("Dropped an MCP response to id {}: no request of this server waits for it", id_key(m.id));
+        }
         if (batch) answer_to(batch, nullptr);
         break;
       case Incoming::Kind::notification:
@@ -306,8 +314,19 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
       task.cancel();
     } else if (m.method == "notifications/initialized") {
       logger()->debug("MCP client initialised");
+      if (client_roots) ask_roots();
+    } else if (m.method == "notifications/roots/list_changed") {
+      if (client_roots) ask_roots();
     }
     // Any other notification needs nothing from this server.
+  }
+
+  // Asks the client for its roots; an answer to an earlier request still unanswered is not waited for.
+  void ask_roots() {
+    const json id = "brenloc-roots-" + std::to_string(++roots_asked);
+    roots_request = id_key(id);
+    host->roots_asked();
+    out->writer.send(serialize(json{{"jsonrpc", "2.0"}, {"id", id}, {"method", "roots/list"}}));
   }
 
   void begin_request(Incoming m, std::shared_ptr<Batch> batch) {
@@ -324,6 +343,8 @@ struct McpServer::Core : std::enable_shared_from_this<Core> {
     if (m.method == "initialize") {
       const bool asked = m.params.is_object() && m.params.contains("protocolVersion");
       protocol_version = negotiate_protocol_version(asked ? m.params["protocolVersion"] : json());
+      const json capabilities = m.params.is_object() ? m.params.value("capabilities", json::object()) : json();
+      client_roots = capabilities.is_object() && capabilities.contains("roots") && capabilities["roots"].is_object();
     }
     auto task = aio::spawn(
         run_request(shared_from_this(), m.id, key, std::move(m.method), std::move(m.params), std::move(batch)), loop);

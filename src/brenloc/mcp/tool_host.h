@@ -1,5 +1,5 @@
-// What the MCP server needs from the daemon: the tools it offers, a way to call them, and the status
-// messages it is to pass on to every client.
+// What the MCP server needs from the daemon: the tools it offers, a way to call them, the status messages
+// it is to pass on to every client, and where the client's roots go.
 #pragma once
 
 #include <functional>
@@ -39,6 +39,11 @@ class ToolHost {
   // Registers the sink that receives every broadcast; returns an id for unsubscribe().
   virtual int subscribe(BroadcastSink sink) = 0;
   virtual void unsubscribe(int id) = 0;
+  // The client's roots, for a client that offers them: the server asks for them after the handshake and
+  // whenever the client says they changed. `roots_asked` as it asks, `roots_known` with the answer's result
+  // (null when the client answered with an error).
+  virtual void roots_asked() {}
+  virtual void roots_known(const json& /*result*/) {}
 };
 
 using brenloc::UnknownTool;

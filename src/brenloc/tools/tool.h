@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "brenloc/aio/task.h"
 #include "brenloc/daemon/worker_face.h"
@@ -17,6 +18,15 @@ class RepoWorker;
 
 namespace brenloc::tools {
 
+// One of a session's repositories, as a tool about the session sees it.
+struct SessionRepo {
+  std::string name;  // what the `repo` argument of a call may say instead of the root
+  std::string root;  // in text form
+  bool is_default = false;
+  std::string source;                      // "--repo" or "roots" (the client's)
+  daemon::RepoWorker* worker = nullptr;  // the worker that serves it, when one runs
+};
+
 struct Tool {
   std::string name;
   std::string title;
@@ -25,7 +35,9 @@ struct Tool {
   json output_schema;  // the schema of the answer (the MCP result's structuredContent)
   json annotations;    // readOnlyHint and the like
   // Runs the tool on the event loop. Throws ArgumentError for arguments that do not bind.
-  aio::Task<json> (*call)(daemon::RepoWorker& worker, json arguments);
+  aio::Task<json> (*call)(daemon::RepoWorker& worker, json arguments) = nullptr;
+  // For a tool about the session rather than one repository, in place of `call`.
+  aio::Task<json> (*call_on_session)(std::vector<SessionRepo> repos, json arguments) = nullptr;
 };
 
 // --- pieces that several tools' schemas and answers share ---

@@ -16,11 +16,17 @@ const Tool& index_status();
 const Tool& search_symbols();
 const Tool& file_outline();
 const Tool& symbol_source();
+const Tool& list_repos();
 
 const std::vector<const Tool*>& worker_tools() {
   static const std::vector<const Tool*> all = {
       &force_reindex(), &index_status(), &search_symbols(), &file_outline(), &symbol_source(),
   };
+  return all;
+}
+
+const std::vector<const Tool*>& session_tools() {
+  static const std::vector<const Tool*> all = {&list_repos()};
   return all;
 }
 

@@ -1,5 +1,6 @@
 // The tools of a repository worker, in the order of their listing: what the MCP server lists and calls,
-// what the daemon serves and what the command line runs in its own process, all from this one table.
+// what the daemon serves and what the command line runs in its own process, all from this one table;
+// and the tools a session answers about its repositories.
 #pragma once
 
 #include <string>
@@ -11,8 +12,10 @@
 namespace brenloc::tools {
 
 const std::vector<const Tool*>& worker_tools();
+// The tools about a session's repositories as a whole (list_repos), listed after the worker's.
+const std::vector<const Tool*>& session_tools();
 
-// The tool called `name`; throws UnknownTool when there is none.
+// The worker's tool called `name`; throws UnknownTool when there is none.
 const Tool& find_tool(std::string_view name);
 
 // Runs the tool `name` with its arguments on `worker` and gives its answer. Throws UnknownTool for another
