@@ -12,6 +12,10 @@ import { execFile, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
 import path from 'node:path';
+import { pathToFileURL } from 'node:url';
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { ListRootsRequestSchema } from '@modelcontextprotocol/sdk/types.js';
 import { daemonWorld, sleep } from './daemon_world.mjs';
 
 const [bin, sourceTree] = process.argv.slice(2);
@@ -158,6 +162,71 @@ test('two repositories in one daemon do not hear each other', async () => {
     await stopDaemon(rt);
   }
 });
+
+for (const mode of ['daemon', 'standalone']) {
+  test(`one session over several repositories (${mode}): --repo twice, the client's roots and their change`, async () => {
+    const rt = runtime({ XDG_DATA_HOME: fresh('xdg') });
+    // A root announced below its work tree's top stands for the top.
+    const lib = fresh('lib');
+    fs.mkdirSync(path.join(lib, '.git'), { recursive: true });
+    fs.mkdirSync(path.join(lib, 'sub'));
+    fs.writeFileSync(path.join(lib, 'sub', 'lib.py'), 'def only_in_lib():\n    pass\n');
+    const extra = fresh('extra');
+    fs.mkdirSync(extra);
+    fs.writeFileSync(path.join(extra, 'extra.py'), 'def only_in_extra():\n    pass\n');
+    let roots = [{ uri: pathToFileURL(path.join(lib, 'sub')).href, name: 'lib' }];
+    const client = new Client({ name: 'brenloc-repos-e2e', version: '1.0.0' }, { capabilities: { roots: { listChanged: true } } });
+    client.setRequestHandler(ListRootsRequestSchema, async () => ({ roots }));
+    await client.connect(new StdioClientTransport({
+      command: bin,
+      args: ['serve', ...(mode === 'standalone' ? ['--standalone'] : []), '--repo', demo, '--repo', tree],
+      env: rt.env,
+      stderr: 'ignore',
+    }));
+    const find = (query, repo) =>
+      client.callTool({ name: 'search_symbols', arguments: repo ? { query, repo, match: 'exact' } : { query, match: 'exact' } });
+    const finds = async (query, repo) => {
+      await until(`${query} is found in ${repo}`, async () => (await find(query, repo)).structuredContent?.count > 0, 60_000);
+    };
+    try {
+      const listed = await client.listTools();
+      assert.ok(listed.tools.filter((t) => t.name !== 'list_repos').every((t) => t.inputSchema.properties.repo?.type === 'string'));
+      assert.ok(listed.tools.find((t) => t.name === 'list_repos').outputSchema);
+
+      // The default, then the other --repo by name and by a path in it, then the client's root by name.
+      await finds('Circle');
+      await finds('io_context', 'tree');
+      await finds('io_context', path.join(tree, 'ip'));
+      await finds('only_in_lib', path.basename(lib));
+      assert.equal((await find('io_context')).structuredContent.count, 0);
+      assert.equal((await find('Circle', 'tree')).structuredContent.count, 0);
+      const repos = (await client.callTool({ name: 'list_repos', arguments: {} })).structuredContent.repos;
+      assert.deepEqual(repos.map((r) => [r.name, r.root, r.default, r.source, r.state !== 'not started']), [
+        ['demo', demo, true, '--repo', true],
+        ['tree', tree, false, '--repo', true],
+        [path.basename(lib), lib, false, 'roots', true],
+      ]);
+      assert.equal(repos[0].files, 1);
+
+      // A repository outside the session is refused, and the refusal lists the session's.
+      for (const repo of [extra, 'nowhere', 'demo/..']) {
+        const refused = await find('x', repo);
+        assert.equal(refused.isError, true, repo);
+        assert.match(refused.content[0].text, new RegExp(`'repo'.*demo \\(${demo}, the default\\), tree \\(${tree}\\), ${path.basename(lib)} \\(`));
+      }
+
+      // The roots change: the new one is usable at once, the one gone is refused.
+      roots = [{ uri: pathToFileURL(extra).href }];
+      await client.sendRootsListChanged();
+      await finds('only_in_extra', extra);
+      assert.equal((await find('only_in_lib', path.basename(lib))).isError, true);
+      if (mode === 'daemon') assert.equal((await daemonStatus(rt)).workers.length, 4);
+    } finally {
+      await client.close();
+      if (mode === 'daemon') await stopDaemon(rt);
+    }
+  });
+}
 
 test('a killed daemon: the pending call fails clearly, the next one starts a new daemon, the index is whole', async () => {
   const rt = runtime();
