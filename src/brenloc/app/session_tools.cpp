@@ -141,9 +141,12 @@ void SessionTools::roots_known(const json& result) {
 aio::Task<SessionRepoEntry> SessionTools::named(json repo) {
   auto found = repos_.find(repo);
   if (!found && roots_ && !roots_->done()) {
+    std::shared_ptr<aio::FutureState<void>> asked = roots_;
     auto timer = aio::spawn(nap(kRootsWait));
-    co_await aio::wait_any({roots_, timer.base()});
+    co_await aio::wait_any({asked, timer.base()});
     timer.cancel();
+    // A client that does not answer in time is not waited for again (its answer still counts when it comes).
+    asked->set_result();
     found = repos_.find(repo);
   }
   if (!found) throw ArgumentError("repo", repos_.refusal(repo));
