@@ -118,7 +118,7 @@ test('handshake, ping and tool listing', async () => {
     const search = byName.search_symbols.inputSchema;
     assert.deepEqual([search.required, search.properties.kind.type, search.properties.limit.type],
       [['query'], 'string', 'integer']);
-    assert.deepEqual(Object.keys(byName.index_status.inputSchema.properties ?? {}), []);
+    assert.deepEqual(Object.keys(byName.index_status.inputSchema.properties ?? {}), ['repo']);
   } finally {
     await client.close();
   }
