@@ -180,6 +180,7 @@ struct Pending {
   json id;
   std::string method;
   std::string tool;  // of a tools/call
+  json repo;         // the repository it names, when it names one
 };
 
 enum class Private { handshake, ping, status };
@@ -254,11 +255,14 @@ class Bridge {
         return;
       }
       std::string tool;
+      json repo;
       if (m.method == "tools/call" && m.params.is_object() && m.params.contains("name") && m.params["name"].is_string()) {
         tool = m.params["name"].get<std::string>();
+        const json arguments = m.params.value("arguments", json());
+        if (arguments.is_object() && arguments.contains("repo")) repo = arguments["repo"];
       }
       if (pending_.empty()) waiting_since_ = Clock::now();
-      pending_[key] = Pending{m.id, m.method, std::move(tool)};
+      pending_[key] = Pending{m.id, m.method, std::move(tool), std::move(repo)};
       ++in_flight_;
     } else if (m.kind == mcp::Incoming::Kind::notification && m.method == "notifications/cancelled" &&
                m.params.is_object() && m.params.contains("requestId")) {
@@ -379,7 +383,11 @@ class Bridge {
     if (initialized_) to_daemon_ += "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/initialized\"}\n";
     if (level_params_) private_request(Private::handshake, "logging/setLevel", *level_params_);
     // A reindex this session started ended unheard (the daemon went away during it): the new worker says how.
-    if (run_unheard_) private_request(Private::status, "tools/call", json{{"name", "index_status"}, {"arguments", json::object()}});
+    if (run_unheard_) {
+      json arguments = json::object();
+      if (!run_unheard_repo_.is_null()) arguments["repo"] = run_unheard_repo_;
+      private_request(Private::status, "tools/call", json{{"name", "index_status"}, {"arguments", arguments}});
+    }
     flush_to_daemon();
   }
 
@@ -418,6 +426,7 @@ class Bridge {
                            : json();
         if (content.is_object() && content.value("status", "") == "accepted") {
           run_unheard_ = true;
+          run_unheard_repo_ = it->second.repo;
         }
       }
       pending_.erase(it);
@@ -526,6 +535,7 @@ class Bridge {
   std::map<std::string, Private> private_;
   long long next_private_ = 1;
   bool run_unheard_ = false;  // a reindex the client started whose outcome it has not heard
+  json run_unheard_repo_;     // the repository it named (null: the default)
 
   // The daemon's liveness: when it was last heard, since when requests wait, and the ping in flight.
   Clock::time_point last_heard_{};
