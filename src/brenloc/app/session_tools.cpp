@@ -143,8 +143,11 @@ aio::Task<SessionRepoEntry> SessionTools::named(json repo) {
   if (!found && roots_ && !roots_->done()) {
     std::shared_ptr<aio::FutureState<void>> asked = roots_;
     auto timer = aio::spawn(nap(kRootsWait));
-    co_await aio::wait_any({asked, timer.base()});
-    timer.cancel();
+    auto waited = co_await aio::outcome_of([](auto asked, auto timer) -> aio::Task<void> {
+      co_await aio::wait_any({asked, timer});
+    }(asked, timer.base()));
+    timer.cancel();  // also when this call is cancelled: the timer's task ends with it
+    if (waited.cancelled()) std::rethrow_exception(waited.error);
     // A client that does not answer in time is not waited for again (its answer still counts when it comes).
     asked->set_result();
     found = repos_.find(repo);
