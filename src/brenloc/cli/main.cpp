@@ -147,7 +147,7 @@ class CommandLine {
     // BRENLOC_NO_WATCH: the default of --no-watch (serve sets it for the daemon it starts).
     const char* no_watch_env = std::getenv("BRENLOC_NO_WATCH");
     no_watch_ = no_watch_env != nullptr && *no_watch_env != '\0' && std::string(no_watch_env) != "0";
-    serve_ = app_.add_subcommand("serve", "Serve the repository's tools over MCP on stdin/stdout");
+    serve_ = app_.add_subcommand("serve", "Serve the tools of one or more repositories over MCP on stdin/stdout");
     add_where(serve_, true);
     add_verbosity(serve_);
     serve_->add_flag("--standalone", standalone_,
