@@ -273,7 +273,7 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
         const Tier tier = match_tier(pattern, s.name, place);
         if (tier == Tier::none || (q.kind && *q.kind != s.kind)) continue;
         hits.push_back({s.name, s.kind, p, s.line, s.column, s.end_line, s.scope, e.file.language,
-                        tier_rank(tier, q.match), 0, importance(pattern, place)});
+                        tier_rank(tier, q.match), 0, importance(pattern, place, s.kind)});
       }
     }
     if (hits.empty() && !pattern.scope.empty() && !pattern.text.empty()) {
