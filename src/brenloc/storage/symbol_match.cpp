@@ -263,7 +263,7 @@ bool aside(std::string_view part, PartOf of) {
   static constexpr std::string_view kInternals[] = {"internal", "detail", "details", "impl", "experimental"};
   static constexpr std::string_view kAsideTrees[] = {"example", "examples", "sample",   "samples",     "demo",
                                                      "demos",   "vendor",   "vendored", "third_party", "thirdparty",
-                                                     "private", "__tests__"};
+                                                     "private", "__tests__", "bench", "benchmark", "benchmarks"};
   auto listed = [](std::string_view text, const auto& list) {
     return std::ranges::any_of(list, [&](std::string_view a) { return same_folded(text, a); });
   };
@@ -314,10 +314,19 @@ int place_rank(const SymbolPlace& place, std::string_view kind) {
   const Parts scope(SymbolPlace{{}, {}, place.scope});
   for (std::size_t i = 0; i < scope.size(); ++i) set_aside = set_aside || aside(scope[i], PartOf::scope);
   const int scope_depth = static_cast<int>(scope.size());
-  const bool in_std = scope_depth > 0 && scope[0] == "std";
+  // In a scope that is not the standard library's; or in none, but for C and the declarations of a ".h"
+  // header (a C API's prototypes, in a header that also serves C++): a C++ library's namespace is often
+  // opened by a macro, which leaves its names at the top.
+  const bool c_api = place.language == "c" ||
+                     (place.path.ends_with(".h") && kind_class(kind) == kind_class("function_declaration"));
+  const bool elsewhere = scope_depth > 0 ? scope[0] != "std" : !c_api;
+  // A function defined in a C header is an inline helper or a wrapper (a fortified `snprintf`) of the
+  // function the header's family declares: it ranks as a declaration.
+  const bool c_header = place.language == "c" && place.path.ends_with(".h");
+  const int kind_rank = c_header && kind == "function" ? kind_class("function_declaration") : kind_class(kind);
   // 1 + 1 + 1 + 4 + 3 + 4 bits: kPlaceRankBits.
-  return int{set_aside} << 13 | int{!in_src} << 12 | int{!in_std} << 11 | std::min(scope_depth, 15) << 7 |
-         kind_class(kind) << kKindShift | std::min(path_depth, 15);
+  return int{set_aside} << 13 | int{!in_src} << 12 | int{elsewhere} << 11 | std::min(scope_depth, 15) << 7 |
+         kind_rank << kKindShift | std::min(path_depth, 15);
 }
 
 Tier match_tier(const NamePattern& p, std::string_view name, const SymbolPlace& place) {
