@@ -44,7 +44,7 @@ CREATE TABLE IF NOT EXISTS symbols (
   -- name); almost always 0, which SQLite stores in no bytes.
   lead INTEGER NOT NULL,
   -- How the symbol ranks among the hits of its name, lower first, as far as the query does not change it
-  -- (place_rank of symbol_match.h): under 2^14, two bytes.
+  -- (place_rank of symbol_match.h): under 2^15, two bytes.
   rank INTEGER NOT NULL
 );
 -- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows best first.

@@ -188,6 +188,15 @@ class Parts {
     add_module(at.path, at.language);
     add_scope(at.scope);
   }
+  // The directories of a path and its file name without extensions.
+  explicit Parts(std::string_view path) {
+    for (std::size_t at = 0; at < path.size();) {
+      const std::size_t end = std::min(path.find('/', at), path.size());
+      const std::string_view part = path.substr(at, end - at);
+      push(end == path.size() ? part.substr(0, part.find('.')) : part);
+      at = end + 1;
+    }
+  }
   std::size_t size() const { return n_; }
   std::string_view operator[](std::size_t i) const { return part_[i]; }
 
@@ -295,11 +304,15 @@ bool makes_modules(std::string_view language) {
          language == "javascript" || language == "go" || language == "java";
 }
 
+bool path_holds_qualifier(std::string_view qualifier, std::string_view path) {
+  return qualifier_slack(qualifier, Parts(path)) >= 0;
+}
+
 int qualifier_distance(const NamePattern& p, const SymbolPlace& place) {
   return p.scope.empty() ? 0 : qualifier_slack(p.scope, Parts(place));
 }
 
-int place_rank(const SymbolPlace& place, std::string_view kind) {
+int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization) {
   bool set_aside = false, in_src = false;
   int path_depth = 0;
   for (std::size_t at = 0; at <= place.path.size();) {
@@ -324,9 +337,9 @@ int place_rank(const SymbolPlace& place, std::string_view kind) {
   // function the header's family declares: it ranks as a declaration.
   const bool c_header = place.language == "c" && place.path.ends_with(".h");
   const int kind_rank = c_header && kind == "function" ? kind_class("function_declaration") : kind_class(kind);
-  // 1 + 1 + 1 + 4 + 3 + 4 bits: kPlaceRankBits.
-  return int{set_aside} << 13 | int{!in_src} << 12 | int{elsewhere} << 11 | std::min(scope_depth, 15) << 7 |
-         kind_rank << kKindShift | std::min(path_depth, 15);
+  // 1 + 1 + 1 + 1 + 4 + 3 + 4 bits: kPlaceRankBits.
+  return int{set_aside} << 14 | int{!in_src} << 13 | int{elsewhere} << 12 | int{specialization} << 11 |
+         std::min(scope_depth, 15) << 7 | kind_rank << kKindShift | std::min(path_depth, 15);
 }
 
 Tier match_tier(const NamePattern& p, std::string_view name, const SymbolPlace& place) {

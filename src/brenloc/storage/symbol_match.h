@@ -55,17 +55,23 @@ bool makes_modules(std::string_view language);
 // How a symbol ranks among the hits of one tier, lower first, as far as the query does not change it:
 // in order of weight, a file or scope of tests, examples, vendored code, internals ("detail", "impl",
 // "internal", "experimental", a name starting with "_"), or generated declarations (".d.ts"); a file
-// outside any "src" directory; a scope outside "std"; a deeper scope; the kind (kind_class); a deeper
-// path. At most kPlaceRankLimit - 1. Each symbol row keeps it (the `rank` column), so that the rows of a
-// name can be read best first: a change here is a change of kSchemaVersion.
-int place_rank(const SymbolPlace& place, std::string_view kind);
-inline constexpr int kPlaceRankBits = 14, kPlaceRankLimit = 1 << kPlaceRankBits;
+// outside any "src" directory; a scope outside "std" (or, but for a C API, none); a template's
+// specialization or a member of one, after the template itself; a deeper scope; the kind (kind_class,
+// a function defined in a C header as a declaration); a deeper path. At most kPlaceRankLimit - 1. Each
+// symbol row keeps it (the `rank` column), so that the rows of a name can be read best first: a change
+// here is a change of kSchemaVersion.
+int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization = false);
+inline constexpr int kPlaceRankBits = 15, kPlaceRankLimit = 1 << kPlaceRankBits;
 
 // How many parts of a symbol's module and scope lie past the first part that the query's qualifier
 // names (its parts, in order, among theirs: "json.loads" is `loads` of json/__init__.py,
 // "std::collections::HashMap" is `HashMap` of std/src/collections/hash/map.rs); 0 without a qualifier,
 // -1 when they do not hold it.
 int qualifier_distance(const NamePattern& pattern, const SymbolPlace& place);
+
+// Whether the directories and file name (without its extensions) of a path hold the parts of a
+// qualifier (folded, parts split by "."), in order.
+bool path_holds_qualifier(std::string_view qualifier, std::string_view path);
 
 // How likely a symbol is the one a query means, lower first: the qualifier's distance, then the place
 // rank; -1 when the symbol is not under the qualifier.

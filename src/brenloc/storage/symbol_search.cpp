@@ -126,11 +126,14 @@ enum class Stage { start, inside, loose, glob };
 
 class Search {
  public:
-  Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q, NameCatalogs& catalogs)
+  // `hint`: a qualifier that nothing lives under, dropped from the query: paths that hold it rank first.
+  Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q, NameCatalogs& catalogs,
+         std::string hint = {})
       : r_(r),
         file_(file),
         q_(q),
         pattern_(parse_pattern(q.text, q.match)),
+        hint_(std::move(hint)),
         catalogs_(catalogs),
         results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap)) {}
 
@@ -183,13 +186,15 @@ class Search {
   // Whether a qualifier is checked against the modules of the files of a name's rows, of these languages
   // (its summary's bits).
   bool need_files(std::uint32_t languages) const {
-    return !pattern_.scope.empty() && (languages & module_languages_) != 0;
+    return !hint_.empty() || (!pattern_.scope.empty() && (languages & module_languages_) != 0);
   }
 
-  // The qualifier distance of a row of file `file_id` and scope `scope`.
+  // The qualifier distance of a row of file `file_id` and scope `scope` (with a hint, 1 when its path
+  // does not hold it).
   int distance_of(std::int64_t file_id, std::string_view scope, bool need_file) {
     if (!need_file) return qualifier_distance(pattern_, {{}, {}, scope});
     const FileFacts& f = file_facts(file_id);
+    if (!hint_.empty()) return path_holds_qualifier(hint_, f.path) ? 0 : 1;
     return qualifier_distance(pattern_, {f.path, f.language, scope});
   }
 
@@ -414,7 +419,7 @@ class Search {
   // their count, reading stops at the first that the page cannot take.
   void read_rows(const Candidate& c, bool offer) {
     const NameCatalog& k = *catalog_;
-    const bool best_first = offer && c.tier <= Tier::exact && every_row_passes(c.entry) &&
+    const bool best_first = offer && c.tier <= Tier::exact && hint_.empty() && every_row_passes(c.entry) &&
                             (!filters_.by_path || filters_.rows.holds_all(k.first_row(c.entry), k.last_row(c.entry)));
     Statement& stmt = r_.statement(
         fmt::format("SELECT {} FROM symbols s INDEXED BY symbols_by_name{} "
@@ -465,6 +470,7 @@ class Search {
   const std::filesystem::path& file_;
   const SymbolQuery& q_;
   const NamePattern pattern_;
+  const std::string hint_;
   NameCatalogs& catalogs_;
   std::shared_ptr<const NameCatalog> catalog_;
   Filters filters_;
@@ -497,12 +503,13 @@ SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file
   SymbolSearch found = Search(reader, file, query, catalogs).run();
   if (found.total > 0 || found.more) return found;
   // A qualifier that nothing lives under (a namespace object re-exported under another name, a module
-  // that imports its names from another) leaves the name alone.
-  const NamePattern pattern = parse_pattern(query.text, query.match);
+  // that imports its names from another, a namespace opened by a macro) leaves the name alone, first
+  // where a path holds the qualifier (`fmt::format` of fmt/core.h).
+  NamePattern pattern = parse_pattern(query.text, query.match);
   if (pattern.scope.empty() || pattern.text.empty()) return found;
   SymbolQuery bare = query;
   bare.text = pattern.text;
-  return Search(reader, file, bare, catalogs).run();
+  return Search(reader, file, bare, catalogs, std::move(pattern.scope)).run();
 }
 
 }  // namespace brenloc::storage::detail
