@@ -327,11 +327,14 @@ int place_rank(const SymbolPlace& place, std::string_view kind, bool specializat
   const Parts scope(SymbolPlace{{}, {}, place.scope});
   for (std::size_t i = 0; i < scope.size(); ++i) set_aside = set_aside || aside(scope[i], PartOf::scope);
   const int scope_depth = static_cast<int>(scope.size());
-  // In a scope that is not the standard library's; or in none, but for C and the declarations of a ".h"
-  // header (a C API's prototypes, in a header that also serves C++): a C++ library's namespace is often
-  // opened by a macro, which leaves its names at the top.
+  // In a scope that is not the standard library's; or in none, but for C, the declarations of a ".h"
+  // header (a C API's prototypes, in a header that also serves C++) and the definitions of a C++ source
+  // file: a C++ library's header often opens its namespace by a macro, which leaves its names at the top.
+  const std::string_view extension = place.path.substr(std::min(place.path.rfind('.'), place.path.size()));
   const bool c_api = place.language == "c" ||
-                     (place.path.ends_with(".h") && kind_class(kind) == kind_class("function_declaration"));
+                     (extension == ".h" && kind_class(kind) == kind_class("function_declaration")) ||
+                     (place.language == "cpp" && (extension == ".c" || extension == ".cc" || extension == ".cpp" ||
+                                                  extension == ".cxx" || extension == ".C"));
   const bool elsewhere = scope_depth > 0 ? scope[0] != "std" : !c_api;
   // A function defined in a C header is an inline helper or a wrapper (a fortified `snprintf`) of the
   // function the header's family declares: it ranks as a declaration.
