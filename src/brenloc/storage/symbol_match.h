@@ -2,8 +2,9 @@
 //
 // A query is parsed once into a NamePattern; name_tier() then places a name in a tier, the best reason
 // it matches, or says that it does not match, and importance() checks the qualifier a query names
-// against the symbol's module and scope and, with place_rank(), says how likely the symbol is the one meant. Names compare
-// ignoring ASCII case. None of these allocate: searches call them on every name of an index.
+// against the symbol's module and scope and, with place_rank(), says how likely the symbol is the one
+// meant. Names compare ignoring ASCII case. None of these allocate: searches call them on every name of
+// an index.
 #pragma once
 
 #include <algorithm>
