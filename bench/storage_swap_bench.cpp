@@ -134,7 +134,7 @@ Timed copy_with_sql(Database& live, const fs::path& staging, const std::vector<s
   return t;
 }
 
-const char* kColumns = "id, file_id, name, kind, line, col, end_line, end_col, scope, lead";
+const char* kColumns = "id, file_id, name, kind, line, col, end_line, end_col, scope, lead, rank";
 
 std::vector<std::string> row_by_row() {
   // A WHERE clause keeps SQLite from copying the b-trees whole: every row goes through the indexes.
@@ -149,7 +149,7 @@ std::vector<std::string> rebuild_indexes() {
           "DELETE FROM main.files",
           "INSERT INTO main.files SELECT * FROM staging.files WHERE 1",
           fmt::format("INSERT INTO main.symbols({0}) SELECT {0} FROM staging.symbols WHERE 1", kColumns),
-          "CREATE INDEX main.symbols_by_name ON symbols(name COLLATE NOCASE)"};
+          "CREATE INDEX main.symbols_by_name ON symbols(name COLLATE NOCASE, rank)"};
 }
 
 // Names that exist in the index, for exact queries.

@@ -37,6 +37,7 @@ struct Def {
   // character, and one that takes its line's newline along (a macro) still ends on its own line.
   int column = 0, end_line = 0, end_column = 0;
   int start_line = 0;  // where the definition starts (above its name: a template header, a return type)
+  bool specialization = false;  // of a template, or a member of one
 };
 
 struct Case {
@@ -186,7 +187,7 @@ namespace a::b { int nested_value = 1; }
    "template <typename K,\n          typename V>\nstatic inline\nV lookup(K key) { return V(); }\nint\nplain() { return 0; }\n"
    "template <> struct Box<int> {};\nint template_free = 1;\n",
    {{"lookup", "function", 4, "", 0, 0, 0, 1}, {"plain", "function", 6, "", 0, 0, 0, 5},
-    {"Box", "struct", 7, "", 0, 0, 0, 7}, {"template_free", "variable", 8, "", 0, 0, 0, 8}}},
+    {"Box", "struct", 7, "", 0, 0, 0, 7, true}, {"template_free", "variable", 8, "", 0, 0, 0, 8}}},
   // An enum whose body is filled by the preprocessor is not valid syntax, yet its name is known.
   {"cpp_enum_filled_by_include", "cpp", R"(class Instruction {
  public:
@@ -294,6 +295,13 @@ class holder {
     {"holder", "class", 11}, {"holder", "constructor", 12, "holder"}, {"~holder", "method", 13, "holder"},
     {"add_impl", "function_declaration", 14, "holder"}, {"describe", "function_declaration", 15, "holder"}},
    {"GTEST_API_", "BOOST_SYMBOL_VISIBLE", "LIB_DECL", "LIB_API", "BOOST_CONSTEXPR", "impl"}},
+  // A specialization and its members are told from the template's.
+  {"cpp_template_specialization", "cpp", R"(template <typename T, typename A> class vec { void push(T x); };
+template <typename A> class vec<bool, A> { void push(bool x); struct ref { int bit; }; };
+)",
+   {{"vec", "class", 1}, {"push", "function_declaration", 1, "vec"},
+    {"vec", "class", 2, "", 0, 0, 0, 0, true}, {"push", "function_declaration", 2, "vec", 0, 0, 0, 0, true},
+    {"bit", "field", 2, "vec::ref", 0, 0, 0, 0, true}}},
   // `#if` sections that each hold a piece of one declaration: one of them is read.
   {"cpp_if_sections_that_split_a_declaration", "cpp", R"(class io_context
   : public execution_context
@@ -491,7 +499,8 @@ TEST_P(ExtractSymbols, FindsTheDefinitions) {
     EXPECT_TRUE(std::any_of(r.symbols.begin(), r.symbols.end(), [&](const storage::SymbolRow& s) {
       return s.name == d.name && s.kind == d.kind && s.line == d.line && s.scope == d.scope &&
              (d.column == 0 || s.column == d.column) && (d.end_line == 0 || s.end_line == d.end_line) &&
-             (d.end_column == 0 || s.end_column == d.end_column) && (d.start_line == 0 || s.start_line == d.start_line);
+             (d.end_column == 0 || s.end_column == d.end_column) && (d.start_line == 0 || s.start_line == d.start_line) &&
+             s.specialization == d.specialization;
     })) << "missing " << d.name << " " << d.kind << " line " << d.line << " scope '" << d.scope << "'; found:\n"
         << describe(r.symbols);
   }
@@ -701,6 +710,10 @@ TEST(SplitGroups, KeepOneSectionOfAGroupThatSplitsADeclaration) {
                                         {"void run() noexcept {", false}, {"#endif", false}, {"}", true}}},
     {"the section under #if 0 is passed over", {{"#if 0", false}, {"old(", false}, {"#else", false}, {"new(", true},
                                                 {"#endif", false}, {"int x);", true}}},
+    {"code under #if 0 goes whole", {{"#if 0", false}, {"TEST_F(Fixture, Case) {", false}, {"}", false},
+                                     {"#endif", false}, {"int x;", true}}},
+    {"of #if 0 and #else the #else stays", {{"#if 0", false}, {"int old;", false}, {"#else", false},
+                                            {"int current;", true}, {"#endif", false}}},
     {"a lone attribute goes", {{"#if defined(_MSC_VER)", false}, {"__declspec(deprecated(\"no\"))", false},
                                {"#endif", false}, {"void f();", true}}},
     {"a lone base class goes", {{"class X", true}, {"#ifdef HAS_BASE", false}, {"  : public Base", false},

@@ -145,6 +145,7 @@ TEST_F(RepositoryTest, DeclarationsRankAfterTheDefinitionsOfTheirTier) {
 TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
   struct Row {
     std::string path, language, name, kind, scope;
+    bool specialization = false;
   };
   const std::vector<Row> rows = {
       {"json/__init__.py", "python", "loads", "function", ""},
@@ -173,6 +174,16 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"c++/string_view", "cpp", "string_view", "class", "std"},
       {"asio/detail/thread.hpp", "cpp", "thread", "class", "asio::detail"},
       {"asio/thread.hpp", "cpp", "thread", "class", "asio"},
+      {"unistd.h", "c", "close", "function_declaration", ""},
+      {"c++/fstream", "cpp", "close", "method", "std::basic_ifstream"},
+      {"bits/stdio2.h", "c", "snprintf", "function", ""},
+      {"stdio.h", "c", "snprintf", "function_declaration", ""},
+      {"lib/benchmarks/realworld.ts", "typescript", "array", "function", ""},
+      {"lib/v3/core/types.ts", "typescript", "array", "function", ""},
+      {"boost/format.hpp", "cpp", "format", "function", ""},
+      {"fmt/core.h", "cpp", "format", "function", ""},
+      {"c++/bits/stl_bvector.h", "cpp", "vector", "class", "std", true},
+      {"c++/bits/stl_vector.h", "cpp", "vector", "class", "std"},
   };
   std::map<std::string, FileEntry> files;
   int line = 0;
@@ -180,7 +191,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
     auto [at, added] = files.try_emplace(r.path, file_entry(r.path, {}));
     at->second.file.language = r.language;
     ++line;
-    at->second.symbols.push_back({r.name, r.kind, line, 1, line, 1, r.scope});
+    at->second.symbols.push_back({r.name, r.kind, line, 1, line, 1, r.scope, 0, r.specialization});
   }
   std::vector<FileEntry> entries;
   for (auto& [path, e] : files) entries.push_back(std::move(e));
@@ -203,6 +214,11 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"sqlite3_exec", "sqlite3_exec sqlite3.h"},  // the declaration before a macro standing in for it
       {"string_view", "string_view c++/string_view"},
       {"thread", "thread asio/thread.hpp"},      // a detail namespace after the public one
+      {"close", "close unistd.h"},               // a C API's prototype before a class's member
+      {"snprintf", "snprintf stdio.h"},          // the declaration before a C header's inline wrapper
+      {"array", "array lib/v3/core/types.ts"},   // benchmarks after the code they measure
+      {"fmt::format", "format fmt/core.h"},      // nothing under "fmt": where a path holds it
+      {"std::vector", "vector c++/bits/stl_vector.h"},  // a template before its specialization
   };
   for (const auto& [query, first] : cases) {
     SCOPED_TRACE(query);
@@ -259,7 +275,9 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
     repo.remove_files(removed);
   };
 
-  std::function<std::vector<SymbolHit>(const SymbolQuery&)> reference = [&](const SymbolQuery& q) {
+  // `hint`: the qualifier dropped when nothing lives under it, which paths that hold it rank first by.
+  std::function<std::vector<SymbolHit>(const SymbolQuery&, const std::string&)> reference = [&](const SymbolQuery& q,
+                                                                                               const std::string& hint) {
     const NamePattern pattern = parse_pattern(q.text, q.match);
     const std::string dir = q.path_prefix.value_or("");
     const bool glob = dir.find('*') != std::string::npos;
@@ -273,13 +291,15 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
         const Tier tier = match_tier(pattern, s.name, place);
         if (tier == Tier::none || (q.kind && *q.kind != s.kind)) continue;
         hits.push_back({s.name, s.kind, p, s.line, s.column, s.end_line, s.scope, e.file.language,
-                        tier_rank(tier, q.match), 0, importance(pattern, place)});
+                        tier_rank(tier, q.match), 0,
+                        hint.empty() ? importance(pattern, place, s.kind)
+                                     : importance(path_holds_qualifier(hint, p) ? 0 : 1, place_rank(place, s.kind))});
       }
     }
     if (hits.empty() && !pattern.scope.empty() && !pattern.text.empty()) {
       SymbolQuery bare = q;
       bare.text = pattern.text;
-      return reference(bare);
+      return reference(bare, pattern.scope);
     }
     std::sort(hits.begin(), hits.end(), ranks_before);
     return hits;
@@ -304,7 +324,7 @@ TEST_F(RepositoryTest, SearchesAgreeWithRankingEveryRow) {
         for (auto [kind, language] : {std::pair{Opt(), Opt()}, {Opt("class"), Opt()}, {Opt(), Opt("c")}}) {
           for (Opt dir : {Opt(), Opt("big"), Opt("./big/"), Opt("small"), Opt("a.cpp"), Opt("a"), Opt("big*/f1*"),
                           Opt("bigger"), Opt("b*")}) {
-            auto all = reference({text, match, kind, dir == "./big/" ? Opt("big") : dir, -1, language});
+            auto all = reference({text, match, kind, dir == "./big/" ? Opt("big") : dir, -1, language}, {});
             for (int limit : {-1, 5}) {
               SymbolQuery q{.text = text, .match = match, .kind = kind, .path_prefix = dir, .limit = limit,
                             .language = language};

@@ -149,7 +149,24 @@ void add(Code& into, const Code& code) {
 
 // Judges a closed group: blanks it down to one section when its sections are not whole declarations.
 // Returns what the group adds to the code of the section around it.
-Code close_group(std::string& text, const Group& g, bool& changed) {
+Code close_group(std::string& text, const Group& given, bool& changed) {
+  // Code under `#if 0` is never compiled (an example in a header, code set aside): its section goes; so
+  // do the group's directives when one section is left, which is then plain code.
+  if (!given.sections.empty() && given.sections.front().dead) {
+    blank(text, given.sections.front().begin, given.sections.front().end);
+    changed = true;
+    if (given.sections.size() <= 2) {
+      for (const auto& [from, to] : given.directives) blank(text, from, to);
+      return given.sections.size() == 2 ? given.sections[1].code : Code{};
+    }
+  }
+  Group dead_blanked;
+  if (!given.sections.empty() && given.sections.front().dead) {
+    dead_blanked = given;
+    dead_blanked.sections.front().code = Code{};
+    dead_blanked.sections.front().definitions.clear();
+  }
+  const Group& g = dead_blanked.sections.empty() ? given : dead_blanked;
   bool split = false;
   for (const Section& s : g.sections) {
     if (s.code.braces != 0 || s.code.parens != 0 ||

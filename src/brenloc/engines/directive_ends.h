@@ -21,7 +21,9 @@ bool end_directive_lines(std::string& text);
 // Of such a group, the first section that holds code (not under `#if 0`) is kept and the group's other
 // sections (but their `#define` and `#undef` lines) and its directive lines become spaces; a group of one
 // section that holds no `;`, brace nor preprocessor line and whose parentheses balance (an attribute, a
-// base class) is blanked whole. Groups inside a group are judged first. Returns whether anything changed.
+// base class) is blanked whole. The section under `#if 0` is always blanked, and with it the group's
+// directives when one section is left. Groups inside a group are judged first. Returns whether anything
+// changed.
 bool keep_one_section_of_split_groups(std::string& text);
 
 }  // namespace brenloc::engines

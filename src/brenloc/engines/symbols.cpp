@@ -306,6 +306,7 @@ struct Candidate {
   std::uint32_t first_row = 0;  // where the definition starts (its return type, a template header)
   std::uint32_t key = 0;  // the name node's start byte: one definition per name node
   std::uint32_t pattern = 0;
+  bool specialization = false;  // its name has template arguments: `class vector<bool, A>`
 };
 
 // Turns one match into a candidate definition, or nothing.
@@ -359,7 +360,10 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
   if (!ts_node_is_null(m.qualifier)) c.qualifier.push_back(clean_scope_part(text_of(m.qualifier, source)));
 
   std::string_view text = text_of(name, source);
-  if (type_is(name, "template_type")) text = text.substr(0, text.find('<'));
+  if (type_is(name, "template_type")) {
+    text = text.substr(0, text.find('<'));
+    c.specialization = true;
+  }
   if (type_is(name, "operator_cast")) {  // `operator bool() const`: the name ends before its parameters
     text = text.substr(0, text.find('('));
     while (!text.empty() && std::strchr(" \t\r\n", text.back()) != nullptr) text.remove_suffix(1);
@@ -385,6 +389,7 @@ struct OpenScope {
   bool type_like;
   bool function_like;
   std::string name;
+  bool specialization = false;  // of a template, or inside one
 };
 
 void append_scope(std::string& scope, std::string_view part, std::string_view sep) {
@@ -620,11 +625,12 @@ std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, 
     const std::string& scope = c.qualifier.empty() ? outer : qualified;
 
     if (c.entry == Entry::local) {
-      stack.push_back({c.start_byte, c.end_byte, outer, false, true, {}});
+      stack.push_back({c.start_byte, c.end_byte, outer, false, true, {}, container && container->specialization});
       continue;
     }
     if (c.entry == Entry::scope) {
-      stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), true, false, c.name});
+      stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), true, false, c.name,
+                       container && container->specialization});
       continue;
     }
     // Variables inside functions are locals, and so are the declarations there.
@@ -635,9 +641,10 @@ std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, 
     }
     refine_kind(c, container, namespaces, lang.name);
     storage::SymbolRow row = row_of(c, source, scope);
+    row.specialization = c.specialization || (container && container->specialization);
     if (opens_scope(c.kind)) {
       stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), is_type_like(c.kind),
-                       is_function_like(c.kind), c.name});
+                       is_function_like(c.kind), c.name, row.specialization});
     }
     row.name = std::move(c.name);
     rows.push_back(std::move(row));

@@ -41,6 +41,7 @@ struct SymbolRow {
   int end_column = 0;
   std::string scope;  // enclosing scope ("ns::Klass"), empty at top level
   int start_line = 0;  // where the definition starts, when before `line` (a return type, a template header)
+  bool specialization = false;  // a C++ template's specialization, or a member of one (not stored)
 };
 
 // One file with all its symbols, stored as a unit (replacing the file's earlier rows).

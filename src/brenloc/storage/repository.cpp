@@ -17,6 +17,7 @@
 #include "brenloc/storage/reader.h"
 #include "brenloc/storage/schema.h"
 #include "brenloc/storage/sqlite_util.h"
+#include "brenloc/storage/symbol_match.h"
 #include "brenloc/storage/symbol_search.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/on_exit.h"
@@ -91,8 +92,8 @@ constexpr const char* kHasNameIndexSql =
 constexpr std::size_t kRowsPerInsert = 32;
 
 std::string symbol_insert_sql(std::size_t rows) {
-  std::string sql = "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope, lead) VALUES ";
-  for (std::size_t r = 0; r < rows; ++r) sql += r == 0 ? "(?, ?, ?, ?, ?, ?, ?, ?, ?)" : ", (?, ?, ?, ?, ?, ?, ?, ?, ?)";
+  std::string sql = "INSERT INTO symbols(file_id, name, kind, line, col, end_line, end_col, scope, lead, rank) VALUES ";
+  for (std::size_t r = 0; r < rows; ++r) sql += r == 0 ? "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)" : ", (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
   return sql;
 }
 
@@ -100,6 +101,7 @@ struct PendingSymbol {
   std::int64_t file_id;
   const SymbolRow* row;
   const std::string* path;  // of its file, for errors
+  int rank;                 // place_rank()
 };
 
 // The symbol rows of files, by their range (see the files table).
@@ -150,6 +152,7 @@ void insert_symbols(Statement& stmt, std::span<const PendingSymbol> rows, const 
     stmt.bind(++i, p.row->end_column);
     stmt.bind_static(++i, p.row->scope);
     stmt.bind(++i, p.row->start_line > 0 && p.row->start_line < p.row->line ? p.row->line - p.row->start_line : 0);
+    stmt.bind(++i, p.rank);
   }
   const std::string& first = *rows.front().path;
   const std::string& last = *rows.back().path;
@@ -346,7 +349,8 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       upsert.reset();
       for (const auto& s : entry.symbols) {
         names.adding(s.name, s.kind, entry.file.language, next++);
-        pending.push_back({file_id, &s, &entry.file.path});
+        pending.push_back({file_id, &s, &entry.file.path,
+                           place_rank({entry.file.path, entry.file.language, s.scope}, s.kind, s.specialization)});
         if (pending.size() == kRowsPerInsert) {
           insert_symbols(insert_many, pending, path);
           pending.clear();
@@ -599,7 +603,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("DELETE FROM main.names; DELETE FROM main.name_state", "emptying the live names");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
-      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE)",
+      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE, rank)",
            "restoring the name index");
       // The trigram index is made anew and its tables copied: a connection keeps what it has read of
       // such an index until the schema changes, so the writer must not go on from the old one.

@@ -42,10 +42,13 @@ CREATE TABLE IF NOT EXISTS symbols (
   scope TEXT NOT NULL,
   -- How many lines before `line` the definition starts (a return type or template header above the
   -- name); almost always 0, which SQLite stores in no bytes.
-  lead INTEGER NOT NULL
+  lead INTEGER NOT NULL,
+  -- How the symbol ranks among the hits of its name, lower first, as far as the query does not change it
+  -- (place_rank of symbol_match.h): under 2^15, two bytes.
+  rank INTEGER NOT NULL
 );
--- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows.
-CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE);
+-- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows best first.
+CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE, rank);
 )sql";
 
 // The search tables: every distinct name of symbols (exact case) with a summary of its rows, a trigram

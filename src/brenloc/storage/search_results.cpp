@@ -11,12 +11,12 @@ namespace brenloc::storage::detail {
 SearchResults::SearchResults(int limit, std::int64_t cap)
     : limit_(limit), cap_(limit < 0 ? std::numeric_limits<std::int64_t>::max() - 1 : cap) {}
 
-bool SearchResults::page_takes(int rank, int kind_class_of, std::size_t name_size) const {
+bool SearchResults::page_takes(int rank, int importance, int kind_class_of, std::size_t name_size) const {
   if (limit_ < 0 || page_.size() < static_cast<std::size_t>(limit_)) return true;
   if (limit_ == 0) return false;
   const SymbolHit& worst = page_.front();
-  // With the best importance, and equal in the rest, importance, path and line decide.
-  return rank_head(rank, 0, kind_class_of, name_size) <=
+  // Equal in the rest, importance, path and line decide.
+  return rank_head(rank, importance, kind_class_of, name_size) <=
          rank_head(worst.tier, worst.importance, kind_class(worst.kind), worst.name.size());
 }
 

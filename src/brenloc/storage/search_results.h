@@ -14,9 +14,9 @@ class SearchResults {
   // A negative limit keeps every hit and counts without a cap.
   SearchResults(int limit, std::int64_t cap);
 
-  // Whether a hit of this tier rank, kind class and name length, or a worse one in importance, path and
-  // line, could still make the page.
-  bool page_takes(int rank, int kind_class, std::size_t name_size) const;
+  // Whether a hit of this tier rank, importance (or a worse one), kind class and name length, and any
+  // path and line, could still make the page.
+  bool page_takes(int rank, int importance, int kind_class, std::size_t name_size) const;
   // Whether the count has not yet passed the cap.
   bool counting() const { return counted_ <= cap_; }
 

@@ -9,7 +9,7 @@ namespace brenloc::storage {
 
 namespace {
 
-constexpr int kDepthBits = 16;  // the low bits of an importance: the path's depth
+constexpr int kKindShift = 4;  // where place_rank() holds the kind class, below only the path's depth
 
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
@@ -188,6 +188,15 @@ class Parts {
     add_module(at.path, at.language);
     add_scope(at.scope);
   }
+  // The directories of a path and its file name without extensions.
+  explicit Parts(std::string_view path) {
+    for (std::size_t at = 0; at < path.size();) {
+      const std::size_t end = std::min(path.find('/', at), path.size());
+      const std::string_view part = path.substr(at, end - at);
+      push(end == path.size() ? part.substr(0, part.find('.')) : part);
+      at = end + 1;
+    }
+  }
   std::size_t size() const { return n_; }
   std::string_view operator[](std::size_t i) const { return part_[i]; }
 
@@ -199,7 +208,7 @@ class Parts {
   void add_module(std::string_view path, std::string_view language) {
     const bool python = language == "python", rust = language == "rust";
     const bool script = language == "typescript" || language == "tsx" || language == "javascript";
-    if (!python && !rust && !script && language != "go" && language != "java") return;
+    if (!makes_modules(language)) return;
     const std::size_t slash = path.rfind('/');
     const std::string_view dirs = slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
     for (std::size_t at = 0; at < dirs.size();) {
@@ -263,7 +272,7 @@ bool aside(std::string_view part, PartOf of) {
   static constexpr std::string_view kInternals[] = {"internal", "detail", "details", "impl", "experimental"};
   static constexpr std::string_view kAsideTrees[] = {"example", "examples", "sample",   "samples",     "demo",
                                                      "demos",   "vendor",   "vendored", "third_party", "thirdparty",
-                                                     "private", "__tests__"};
+                                                     "private", "__tests__", "bench", "benchmark", "benchmarks"};
   auto listed = [](std::string_view text, const auto& list) {
     return std::ranges::any_of(list, [&](std::string_view a) { return same_folded(text, a); });
   };
@@ -290,12 +299,20 @@ bool aside(std::string_view part, PartOf of) {
 
 }  // namespace
 
-int importance(const NamePattern& p, const SymbolPlace& place) {
-  int slack = 0;
-  if (!p.scope.empty()) {
-    slack = qualifier_slack(p.scope, Parts(place));
-    if (slack < 0) return -1;
-  }
+bool makes_modules(std::string_view language) {
+  return language == "python" || language == "rust" || language == "typescript" || language == "tsx" ||
+         language == "javascript" || language == "go" || language == "java";
+}
+
+bool path_holds_qualifier(std::string_view qualifier, std::string_view path) {
+  return qualifier_slack(qualifier, Parts(path)) >= 0;
+}
+
+int qualifier_distance(const NamePattern& p, const SymbolPlace& place) {
+  return p.scope.empty() ? 0 : qualifier_slack(p.scope, Parts(place));
+}
+
+int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization) {
   bool set_aside = false, in_src = false;
   int path_depth = 0;
   for (std::size_t at = 0; at <= place.path.size();) {
@@ -310,13 +327,26 @@ int importance(const NamePattern& p, const SymbolPlace& place) {
   const Parts scope(SymbolPlace{{}, {}, place.scope});
   for (std::size_t i = 0; i < scope.size(); ++i) set_aside = set_aside || aside(scope[i], PartOf::scope);
   const int scope_depth = static_cast<int>(scope.size());
-  const bool in_std = scope_depth > 0 && scope[0] == "std";
-  return std::min(slack, 63) << 24 | int{set_aside} << 23 | int{!in_src} << 22 | int{!in_std} << 21 |
-         std::min(scope_depth, 31) << kDepthBits | std::min(path_depth, (1 << kDepthBits) - 1);
+  // In a scope that is not the standard library's; or in none, but for C, the declarations of a ".h"
+  // header (a C API's prototypes, in a header that also serves C++) and the definitions of a C++ source
+  // file: a C++ library's header often opens its namespace by a macro, which leaves its names at the top.
+  const std::string_view extension = place.path.substr(std::min(place.path.rfind('.'), place.path.size()));
+  const bool c_api = place.language == "c" ||
+                     (extension == ".h" && kind_class(kind) == kind_class("function_declaration")) ||
+                     (place.language == "cpp" && (extension == ".c" || extension == ".cc" || extension == ".cpp" ||
+                                                  extension == ".cxx" || extension == ".C"));
+  const bool elsewhere = scope_depth > 0 ? scope[0] != "std" : !c_api;
+  // A function defined in a C header is an inline helper or a wrapper (a fortified `snprintf`) of the
+  // function the header's family declares: it ranks as a declaration.
+  const bool c_header = place.language == "c" && place.path.ends_with(".h");
+  const int kind_rank = c_header && kind == "function" ? kind_class("function_declaration") : kind_class(kind);
+  // 1 + 1 + 1 + 1 + 4 + 3 + 4 bits: kPlaceRankBits.
+  return int{set_aside} << 14 | int{!in_src} << 13 | int{elsewhere} << 12 | int{specialization} << 11 |
+         std::min(scope_depth, 15) << 7 | kind_rank << kKindShift | std::min(path_depth, 15);
 }
 
 Tier match_tier(const NamePattern& p, std::string_view name, const SymbolPlace& place) {
-  return importance(p, place) >= 0 ? name_tier(p, name) : Tier::none;
+  return qualifier_distance(p, place) >= 0 ? name_tier(p, name) : Tier::none;
 }
 
 int tier_rank(Tier tier, SymbolQuery::Match match) {
@@ -338,13 +368,14 @@ int kind_class(std::string_view kind) {
   return 1;
 }
 
-std::tuple<int, int, int, std::size_t> rank_head(int rank, int importance, int kind_class, std::size_t name_size) {
-  // Exact names are all of one length: which of them is meant comes first. Among the others a shorter
-  // name is the closer match, and importance only orders the rows of a name and its equals in length.
+std::tuple<int, int, int, std::size_t> rank_head(int rank, int importance, int kind_class_of, std::size_t name_size) {
+  // Exact names are all of one length: which of them is meant comes first, and the kind is part of that
+  // (no importance is below that of its kind class with every other part at its best). Among the others
+  // a shorter name is the closer match, and importance only orders the rows of a name and its equals in
+  // length.
   constexpr int kLastExact = static_cast<int>(Tier::exact);
-  // The path's depth, importance's last part, weighs less than the kind.
-  return rank <= kLastExact ? std::tuple(rank, importance >> kDepthBits, kind_class, name_size)
-                            : std::tuple(rank, 0, kind_class, name_size);
+  return rank <= kLastExact ? std::tuple(rank, std::max(importance, kind_class_of << kKindShift), 0, name_size)
+                            : std::tuple(rank, 0, kind_class_of, name_size);
 }
 
 bool ranks_before(const SymbolHit& a, const SymbolHit& b) {

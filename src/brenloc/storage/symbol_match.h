@@ -2,10 +2,12 @@
 //
 // A query is parsed once into a NamePattern; name_tier() then places a name in a tier, the best reason
 // it matches, or says that it does not match, and importance() checks the qualifier a query names
-// against the symbol's module and scope and says how likely the symbol is the one meant. Names compare
-// ignoring ASCII case. None of these allocate: searches call them on every name of an index.
+// against the symbol's module and scope and, with place_rank(), says how likely the symbol is the one
+// meant. Names compare ignoring ASCII case. None of these allocate: searches call them on every name of
+// an index.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -48,15 +50,39 @@ struct SymbolPlace {
   std::string_view path, language, scope;
 };
 
-// How likely a symbol is the one a query means, lower first; -1 when the query names a qualifier that
-// the symbol's module and scope do not hold (its parts, in order, among theirs: "json.loads" is `loads`
-// of json/__init__.py, "std::collections::HashMap" is `HashMap` of std/src/collections/hash/map.rs).
-// In order of weight: how many parts of module and scope lie past the first part the qualifier names;
-// a file or scope of tests, examples, vendored code, internals ("detail", "impl", "internal",
-// "experimental", a name starting with "_"), or generated declarations (".d.ts"); a file outside any
-// "src" directory; a scope outside "std"; a deeper scope; a deeper path (which ranks after the kind).
-int importance(const NamePattern& pattern, const SymbolPlace& place);
-// The tier of a name whose symbol importance() admits; `none` otherwise.
+// Whether a file of the language makes a module (see SymbolPlace).
+bool makes_modules(std::string_view language);
+
+// How a symbol ranks among the hits of one tier, lower first, as far as the query does not change it:
+// in order of weight, a file or scope of tests, examples, vendored code, internals ("detail", "impl",
+// "internal", "experimental", a name starting with "_"), or generated declarations (".d.ts"); a file
+// outside any "src" directory; a scope outside "std" (or, but for a C API, none); a template's
+// specialization or a member of one, after the template itself; a deeper scope; the kind (kind_class,
+// a function defined in a C header as a declaration); a deeper path. At most kPlaceRankLimit - 1. Each
+// symbol row keeps it (the `rank` column), so that the rows of a name can be read best first: a change
+// here is a change of kSchemaVersion.
+int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization = false);
+inline constexpr int kPlaceRankBits = 15, kPlaceRankLimit = 1 << kPlaceRankBits;
+
+// How many parts of a symbol's module and scope lie past the first part that the query's qualifier
+// names (its parts, in order, among theirs: "json.loads" is `loads` of json/__init__.py,
+// "std::collections::HashMap" is `HashMap` of std/src/collections/hash/map.rs); 0 without a qualifier,
+// -1 when they do not hold it.
+int qualifier_distance(const NamePattern& pattern, const SymbolPlace& place);
+
+// Whether the directories and file name (without its extensions) of a path hold the parts of a
+// qualifier (folded, parts split by "."), in order.
+bool path_holds_qualifier(std::string_view qualifier, std::string_view path);
+
+// How likely a symbol is the one a query means, lower first: the qualifier's distance, then the place
+// rank; -1 when the symbol is not under the qualifier.
+inline int importance(int qualifier_distance, int place_rank) {
+  return qualifier_distance < 0 ? -1 : std::min(qualifier_distance, 63) << kPlaceRankBits | place_rank;
+}
+inline int importance(const NamePattern& pattern, const SymbolPlace& place, std::string_view kind) {
+  return importance(qualifier_distance(pattern, place), place_rank(place, kind));
+}
+// The tier of a name whose symbol is under the query's qualifier; `none` otherwise.
 Tier match_tier(const NamePattern& pattern, std::string_view name, const SymbolPlace& place);
 
 // Where a tier ranks under a match mode, best first: the tiers' order, except that `fuzzy` mode ranks
@@ -69,12 +95,12 @@ int tier_rank(Tier tier, SymbolQuery::Match match);
 // function's name mostly stands in for it).
 int kind_class(std::string_view kind);
 
-// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance but the path's depth,
-// kind class, the path's depth, path, line;
+// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, path, line;
 // among the others kind class, shorter name, importance, path, line (then column, name and kind, so that
 // the order is total).
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
-// The part of the ranking that a name's rows share, or that bounds them from below (importance 0).
+// The part of the ranking that a name's rows share, or that bounds from below the rows of at least this
+// importance and kind class.
 std::tuple<int, int, int, std::size_t> rank_head(int tier_rank, int importance, int kind_class, std::size_t name_size);
 
 std::string fold_case(std::string_view text);

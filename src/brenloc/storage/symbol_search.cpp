@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include <fmt/format.h>
@@ -21,7 +22,7 @@ namespace brenloc::storage::detail {
 namespace {
 
 constexpr const char* kRowColumns =
-    "s.id, s.name, s.kind, s.line, s.col, s.end_line, s.scope, s.line - s.lead, f.path, f.language";
+    "s.id, s.name, s.kind, s.line, s.col, s.end_line, s.scope, s.line - s.lead, s.file_id, s.rank";
 // A path filter whose files hold at most this many rows is answered by reading them all.
 constexpr std::int64_t kFewRows = 3000;
 constexpr const char* kOperation = "searching symbols";
@@ -46,15 +47,17 @@ int best_class(std::uint32_t kinds) {
   return best;
 }
 
-// The kind, language and path filters: in SQL over `s` (symbols) and `f` (files), with their parameters,
-// and as bits and row ranges for the names' summaries. (A scope is checked here, row by row: a LIKE with
-// a bound pattern would make SQLite prepare the statement again at every run.)
+// The kind, language and path filters: the first two in SQL over `s` (symbols) and `f` (files, joined
+// only for the language), with their parameters, and all three as bits and row ranges for the names'
+// summaries. (A scope is checked here, row by row, through the facts of the file, which a search reads
+// once per file; a LIKE with a bound pattern would make SQLite prepare the statement again at every run.)
 struct Filters {
   std::optional<std::string> kind, language;
   std::uint32_t kind_bit = 0, language_bit = 0;  // 0: no such filter
   bool by_path = false;
   RowRanges rows;  // of the files the path filter selects
 
+  std::string join() const { return language ? " CROSS JOIN files f ON f.id = s.file_id" : ""; }
   std::string sql() const {
     std::string out;
     if (kind) out += " AND s.kind = :kind";
@@ -68,6 +71,10 @@ struct Filters {
     set(":kind", kind);
     set(":language", language);
   }
+};
+
+struct FileFacts {
+  std::string path, language;
 };
 
 // The symbol ids of the files that a path filter (a directory, a file or a glob) selects.
@@ -119,11 +126,14 @@ enum class Stage { start, inside, loose, glob };
 
 class Search {
  public:
-  Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q, NameCatalogs& catalogs)
+  // `hint`: a qualifier that nothing lives under, dropped from the query: paths that hold it rank first.
+  Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q, NameCatalogs& catalogs,
+         std::string hint = {})
       : r_(r),
         file_(file),
         q_(q),
         pattern_(parse_pattern(q.text, q.match)),
+        hint_(std::move(hint)),
         catalogs_(catalogs),
         results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap)) {}
 
@@ -161,25 +171,55 @@ class Search {
     return probe.integer(0) != 0;
   }
 
-  // Takes a row of a rows statement (kRowColumns) whose name matched in `tier`: counted, and offered to
-  // the page when `offer`.
-  void take_row(Statement& stmt, Tier tier, bool offer) {
+  // The path and language of a file, read once per search.
+  const FileFacts& file_facts(std::int64_t id) {
+    auto [at, fresh] = files_.try_emplace(id);
+    if (fresh) {
+      Statement& stmt = r_.statement("SELECT path, language FROM files WHERE id = ?1", file_);
+      ResetOnExit done{stmt};
+      stmt.bind(1, id);
+      if (stmt.step(file_, kOperation)) at->second = FileFacts{stmt.text(0), stmt.text(1)};
+    }
+    return at->second;
+  }
+
+  // Whether a qualifier is checked against the modules of the files of a name's rows, of these languages
+  // (its summary's bits).
+  bool need_files(std::uint32_t languages) const {
+    return !hint_.empty() || (!pattern_.scope.empty() && (languages & module_languages_) != 0);
+  }
+
+  // The qualifier distance of a row of file `file_id` and scope `scope` (with a hint, 1 when its path
+  // does not hold it).
+  int distance_of(std::int64_t file_id, std::string_view scope, bool need_file) {
+    if (!need_file) return qualifier_distance(pattern_, {{}, {}, scope});
+    const FileFacts& f = file_facts(file_id);
+    if (!hint_.empty()) return path_holds_qualifier(hint_, f.path) ? 0 : 1;
+    return qualifier_distance(pattern_, {f.path, f.language, scope});
+  }
+
+  // Takes a row of a rows statement (kRowColumns) whose name matched in `tier`, of a name whose rows
+  // are of `languages`: counted when `count`, and offered to the page when `offer`.
+  void take_row(Statement& stmt, Tier tier, std::uint32_t languages, bool offer, bool count = true) {
     if (filters_.by_path && !filters_.rows.holds(stmt.integer(0))) return;
     const std::string_view scope = stmt.text_view(6);
-    const int importance_of = importance(pattern_, {stmt.text_view(8), stmt.text_view(9), scope});
+    const int importance_of =
+        importance(distance_of(stmt.integer(8), scope, need_files(languages)), static_cast<int>(stmt.integer(9)));
     if (importance_of < 0) return;
-    results_.count(1);
-    if (!offer) return;
-    results_.offer(SymbolHit{stmt.text(1), stmt.text(2), stmt.text(8), static_cast<int>(stmt.integer(3)),
+    if (count) results_.count(1);
+    const int rank = tier_rank(tier, q_.match);
+    const std::string_view name = stmt.text_view(1), kind = stmt.text_view(2);
+    if (!offer || !results_.page_takes(rank, importance_of, kind_class(kind), name.size())) return;
+    const FileFacts& f = file_facts(stmt.integer(8));
+    results_.offer(SymbolHit{std::string(name), std::string(kind), f.path, static_cast<int>(stmt.integer(3)),
                              static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
-                             stmt.text(9), tier_rank(tier, q_.match), static_cast<int>(stmt.integer(7)), importance_of});
+                             f.language, rank, static_cast<int>(stmt.integer(7)), importance_of});
   }
 
   // --- by file: every row of the ranges (or of the whole index), each checked here.
   void read_rows_of(const RowRanges* ranges) {
-    Statement& stmt = r_.statement(fmt::format("SELECT {} FROM symbols s CROSS JOIN files f ON f.id = s.file_id "
-                                               "WHERE s.id >= :lo AND s.id < :hi{}",
-                                               kRowColumns, filters_.sql()),
+    Statement& stmt = r_.statement(fmt::format("SELECT {} FROM symbols s{} WHERE s.id >= :lo AND s.id < :hi{}",
+                                               kRowColumns, filters_.join(), filters_.sql()),
                                    file_);
     const std::vector<std::pair<std::int64_t, std::int64_t>> all = {{0, std::numeric_limits<std::int64_t>::max()}};
     for (const auto& [lo, hi] : ranges ? ranges->ranges() : all) {
@@ -189,7 +229,7 @@ class Search {
       filters_.bind(stmt);
       while (stmt.step(file_, kOperation)) {
         const Tier tier = name_tier(pattern_, stmt.text_view(1));
-        if (tier != Tier::none) take_row(stmt, tier, true);
+        if (tier != Tier::none) take_row(stmt, tier, ~std::uint32_t{0}, true);
       }
     }
   }
@@ -210,7 +250,7 @@ class Search {
       stages = {Stage::start, Stage::inside, Stage::loose};
     }
     for (Stage s : stages) {
-      if (!results_.page_takes(best_rank(s), 0, 0) && !results_.counting()) return;
+      if (!results_.page_takes(best_rank(s), 0, 0, 0) && !results_.counting()) return;
       run_stage(s);
     }
   }
@@ -248,7 +288,7 @@ class Search {
   }
 
   void run_stage(Stage s) {
-    if (!results_.page_takes(best_rank(s), 0, 0)) {
+    if (!results_.page_takes(best_rank(s), 0, 0, 0)) {
       // Only the count is left: names are counted as they come, until it passes the cap.
       list_names(s, [&](const Candidate& c) {
         count_name(c);
@@ -267,7 +307,7 @@ class Search {
     auto end = found.end();
     while (end != found.begin()) {
       const Candidate& best = found.front();
-      if (!results_.page_takes(best.rank, best.kind_class, best.size)) break;
+      if (!results_.page_takes(best.rank, 0, best.kind_class, best.size)) break;
       std::pop_heap(found.begin(), end, later);
       Candidate& c = *(end - 1);
       if (!c.settled) {
@@ -352,14 +392,20 @@ class Search {
     return !filters_.by_path || filters_.rows.meets(k.first_row(i), k.last_row(i));
   }
 
+  // Whether a name's summary says that every row of it passes the kind and language filters and the
+  // qualifier (there is none).
+  bool every_row_passes(std::size_t i) const {
+    const NameCatalog& k = *catalog_;
+    return pattern_.scope.empty() && (!filters_.kind_bit || k.kinds(i) == filters_.kind_bit) &&
+           (!filters_.language_bit || k.languages(i) == filters_.language_bit);
+  }
+
   // Counts a name's matching rows: from its summary when that says every row passes the filters, else
   // from its rows.
   void count_name(const Candidate& c) {
     const NameCatalog& k = *catalog_;
     const std::size_t i = c.entry;
-    const bool every_row = pattern_.scope.empty() && (!filters_.kind_bit || k.kinds(i) == filters_.kind_bit) &&
-                           (!filters_.language_bit || k.languages(i) == filters_.language_bit);
-    if (!every_row) {
+    if (!every_row_passes(i)) {
       count_rows(c);
     } else if (!filters_.by_path || filters_.rows.holds_all(k.first_row(i), k.last_row(i))) {
       results_.count(k.rows(i));
@@ -368,36 +414,43 @@ class Search {
     }
   }
 
-  // The rows of a name (exact case), through the name index.
+  // The rows of a name (exact case), through the name index. An exact name's rows come best first (the
+  // index holds their place rank; without a qualifier that is their importance): when the summary gives
+  // their count, reading stops at the first that the page cannot take.
   void read_rows(const Candidate& c, bool offer) {
+    const NameCatalog& k = *catalog_;
+    const bool best_first = offer && c.tier <= Tier::exact && hint_.empty() && every_row_passes(c.entry) &&
+                            (!filters_.by_path || filters_.rows.holds_all(k.first_row(c.entry), k.last_row(c.entry)));
     Statement& stmt = r_.statement(
-        fmt::format("SELECT {} FROM symbols s INDEXED BY symbols_by_name CROSS JOIN files f ON f.id = s.file_id "
-                    "WHERE s.name = :name COLLATE NOCASE AND s.name = :name{}",
-                    kRowColumns, filters_.sql()),
+        fmt::format("SELECT {} FROM symbols s INDEXED BY symbols_by_name{} "
+                    "WHERE s.name = :name COLLATE NOCASE AND s.name = :name{}{}",
+                    kRowColumns, filters_.join(), filters_.sql(), best_first ? " ORDER BY s.rank" : ""),
         file_);
     ResetOnExit done{stmt};
-    stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), catalog_->name(c.entry));
+    stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), k.name(c.entry));
     filters_.bind(stmt);
-    while (stmt.step(file_, kOperation)) take_row(stmt, c.tier, offer);
+    if (best_first) results_.count(k.rows(c.entry));
+    while (stmt.step(file_, kOperation)) {
+      if (best_first && !results_.page_takes(c.rank, static_cast<int>(stmt.integer(9)), 0, c.size)) break;
+      take_row(stmt, c.tier, k.languages(c.entry), offer, !best_first);
+    }
   }
 
   // Counts the rows of a name that pass the filters, reading only what they look at.
   void count_rows(const Candidate& c) {
-    // A qualifier is checked against the file's module too.
-    const bool place = !pattern_.scope.empty();
     Statement& stmt = r_.statement(
-        fmt::format("SELECT s.id, s.scope{} FROM symbols s INDEXED BY symbols_by_name{} "
+        fmt::format("SELECT s.id, s.scope, s.file_id FROM symbols s INDEXED BY symbols_by_name{} "
                     "WHERE s.name = :name COLLATE NOCASE AND s.name = :name{}",
-                    place ? ", f.path, f.language" : "",
-                    filters_.language || place ? " CROSS JOIN files f ON f.id = s.file_id" : "", filters_.sql()),
+                    filters_.join(), filters_.sql()),
         file_);
     ResetOnExit done{stmt};
     stmt.bind_static(sqlite3_bind_parameter_index(stmt.get(), ":name"), catalog_->name(c.entry));
     filters_.bind(stmt);
+    const bool need_file = need_files(catalog_->languages(c.entry));
     std::int64_t n = 0;
     while (stmt.step(file_, kOperation)) {
       n += (!filters_.by_path || filters_.rows.holds(stmt.integer(0))) &&
-           (!place || importance(pattern_, {stmt.text_view(2), stmt.text_view(3), stmt.text_view(1)}) >= 0);
+           distance_of(stmt.integer(2), stmt.text_view(1), need_file) >= 0;
     }
     results_.count(n);
   }
@@ -417,10 +470,17 @@ class Search {
   const std::filesystem::path& file_;
   const SymbolQuery& q_;
   const NamePattern pattern_;
+  const std::string hint_;
   NameCatalogs& catalogs_;
   std::shared_ptr<const NameCatalog> catalog_;
   Filters filters_;
   SearchResults results_;
+  std::unordered_map<std::int64_t, FileFacts> files_;
+  const std::uint32_t module_languages_ = [] {
+    std::uint32_t out = 0;
+    for (std::string_view l : kLanguages) out |= makes_modules(l) ? language_bit(l) : 0;
+    return out;
+  }();
 };
 
 }  // namespace
@@ -443,12 +503,13 @@ SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file
   SymbolSearch found = Search(reader, file, query, catalogs).run();
   if (found.total > 0 || found.more) return found;
   // A qualifier that nothing lives under (a namespace object re-exported under another name, a module
-  // that imports its names from another) leaves the name alone.
-  const NamePattern pattern = parse_pattern(query.text, query.match);
+  // that imports its names from another, a namespace opened by a macro) leaves the name alone, first
+  // where a path holds the qualifier (`fmt::format` of fmt/core.h).
+  NamePattern pattern = parse_pattern(query.text, query.match);
   if (pattern.scope.empty() || pattern.text.empty()) return found;
   SymbolQuery bare = query;
   bare.text = pattern.text;
-  return Search(reader, file, bare, catalogs).run();
+  return Search(reader, file, bare, catalogs, std::move(pattern.scope)).run();
 }
 
 }  // namespace brenloc::storage::detail
