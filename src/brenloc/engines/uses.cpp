@@ -356,10 +356,15 @@ class Finder {
       add_import(unquoted(text(field_child(node, "source"), source_)), node);
     } else if (type == "use_declaration") {
       std::string_view path = text(field_child(node, "argument"), source_);
+      const bool item = path.find_first_of("{*") == std::string_view::npos;
       path = path.substr(0, path.find('{'));
       path = path.substr(0, path.find(" as "));
       while (path.ends_with(":") || path.ends_with("*")) path.remove_suffix(1);
       add_import(path, node);
+      // `use a::b::item`: the module is the path without its last part.
+      if (const std::size_t last = path.rfind("::"); item && last != std::string_view::npos && last > 0) {
+        add_import(path.substr(0, last), node);
+      }
     } else if (type == "extern_crate_declaration") {
       add_import(text(field_child(node, "name"), source_), node);
     } else if (type == "import_declaration" && language_ == "java") {
