@@ -25,13 +25,13 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 // Every use as "name role line".
 std::vector<std::string> uses_of(const ParseResult& r, std::string_view source) {
   std::vector<std::string> out;
-  for (const storage::NameUses& n : r.uses) {
+  storage::for_each_name_uses(r.uses, [&](const storage::NameUses& n) {
     for (const storage::Use& u : storage::decode_uses(n.spots)) {
       EXPECT_EQ(source.substr(u.offset, n.name.size()), n.name);
       const int line = 1 + static_cast<int>(std::count(source.begin(), source.begin() + u.offset, '\n'));
       out.push_back(fmt::format("{} {} {}", n.name, storage::kUseRoleNames[static_cast<int>(u.role)], line));
     }
-  }
+  });
   return out;
 }
 

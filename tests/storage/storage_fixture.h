@@ -45,7 +45,7 @@ inline std::vector<FileEntry> entries(const std::string& tag, int files, int per
     }
     out.push_back(file_entry(fmt::format("{}/f{}.cpp", tag, f), std::move(symbols)));
     // Each file uses the tag and includes its header.
-    out.back().uses = {{tag, encode_uses({{10, UseRole::call}, {20, UseRole::type}})}};
+    pack_name_uses(out.back().uses, tag, encode_uses({{10, UseRole::call}, {20, UseRole::type}}));
     out.back().imports = {{fmt::format("\"{}.h\"", tag), 1}};
   }
   return out;

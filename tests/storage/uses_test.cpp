@@ -16,8 +16,8 @@ using testing::TempDir;
 // "d<i % 10>/f<i>.cpp" uses `size_t` at 100 (a call) and 200 (a type) and `count` at 300.
 FileEntry user(int i) {
   FileEntry e = file_entry(fmt::format("d{}/f{}.cpp", i % 10, i), {});
-  e.uses = {{"size_t", encode_uses({{100, UseRole::call}, {200, UseRole::type}})},
-            {"count", encode_uses({{300, UseRole::other}})}};
+  pack_name_uses(e.uses, "size_t", encode_uses({{100, UseRole::call}, {200, UseRole::type}}));
+  pack_name_uses(e.uses, "count", encode_uses({{300, UseRole::other}}));
   return e;
 }
 

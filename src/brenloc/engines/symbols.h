@@ -24,7 +24,7 @@ struct ParseResult {
   std::string language;
   std::vector<storage::SymbolRow> symbols;
   // The names its code uses (each with where and how) and what it includes or imports (see uses.h).
-  std::vector<storage::NameUses> uses;
+  std::string uses;  // packed: storage::for_each_name_uses reads them
   std::vector<storage::ImportRow> imports;
 };
 

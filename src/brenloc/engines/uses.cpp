@@ -193,11 +193,17 @@ class Finder {
       if (done) break;
     }
     ts_tree_cursor_delete(&cursor);
+    // By name, then by offset: each name's uses are one run.
+    std::sort(found_.begin(), found_.end(), [](const Found& a, const Found& b) {
+      return a.name != b.name ? a.name < b.name : a.use.offset < b.use.offset;
+    });
     FileUses out;
-    out.names.reserve(order_.size());
-    for (auto& [name, uses] : order_) {
-      std::sort(uses.begin(), uses.end(), [](const storage::Use& a, const storage::Use& b) { return a.offset < b.offset; });
-      out.names.push_back({std::string(name), storage::encode_uses(uses)});
+    std::vector<storage::Use> run;
+    for (std::size_t i = 0; i < found_.size();) {
+      run.clear();
+      const std::string_view name = found_[i].name;
+      for (; i < found_.size() && found_[i].name == name; ++i) run.push_back(found_[i].use);
+      storage::pack_name_uses(out.names, name, storage::encode_uses(run));
     }
     out.imports = std::move(imports_);
     return out;
@@ -277,11 +283,7 @@ class Finder {
     return UseRole::other;
   }
 
-  void add(std::string_view name, std::uint32_t offset, UseRole role) {
-    auto [it, fresh] = index_.try_emplace(name, order_.size());
-    if (fresh) order_.emplace_back(name, std::vector<storage::Use>{});
-    order_[it->second].second.push_back({offset, role});
-  }
+  void add(std::string_view name, std::uint32_t offset, UseRole role) { found_.push_back({name, {offset, role}}); }
 
   // The names of a macro's body, read as C tokens: not in its comments, strings or numbers.
   void macro_body(TSNode node) {
@@ -395,8 +397,11 @@ class Finder {
   std::size_t next_def_ = 0;
   int in_import_ = 0;
   std::vector<Frame> frames_;
-  std::unordered_map<std::string_view, std::size_t> index_;
-  std::vector<std::pair<std::string_view, std::vector<storage::Use>>> order_;
+  struct Found {
+    std::string_view name;
+    storage::Use use;
+  };
+  std::vector<Found> found_;
   std::vector<storage::ImportRow> imports_;
 };
 

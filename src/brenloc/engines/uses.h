@@ -18,7 +18,7 @@
 namespace brenloc::engines {
 
 struct FileUses {
-  std::vector<storage::NameUses> names;  // by name, in the order of first use
+  std::string names;  // packed (storage::pack_name_uses), by name
   std::vector<storage::ImportRow> imports;
 };
 

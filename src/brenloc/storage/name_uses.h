@@ -24,9 +24,16 @@ struct Use {
 
 // The occurrences of one name in one file, coded (see encode_uses).
 struct NameUses {
-  std::string name;
-  std::string spots;
+  std::string_view name;
+  std::string_view spots;
 };
+
+// The uses of a file's names, packed in one string (one allocation per file, however many names): each
+// name as a varint length and its bytes, then its coded uses likewise.
+void pack_name_uses(std::string& packed, std::string_view name, std::string_view spots);
+// Calls fn(NameUses) for each name of a packed string (views into it).
+template <class Fn>
+void for_each_name_uses(std::string_view packed, Fn&& fn);
 
 // An include or import as written (`"net/socket.h"`, `<stdio.h>`, `utils.retry`, `./retry`, `mod retry`),
 // with the 1-based line it is on.
@@ -128,5 +135,46 @@ inline std::string import_stem(std::string_view t) {
   return std::string(dot == std::string_view::npos ? t : t.substr(dot + 1));
 }
 
+
+namespace detail {
+
+inline void put_varint(std::string& out, std::uint64_t v) {
+  while (v >= 0x80) {
+    out.push_back(static_cast<char>((v & 0x7f) | 0x80));
+    v >>= 7;
+  }
+  out.push_back(static_cast<char>(v));
+}
+
+// A varint-prefixed piece of `packed` at `i`, moving `i` past it; false when the string ends early.
+inline bool take_piece(std::string_view packed, std::size_t& i, std::string_view& piece) {
+  std::uint64_t n = 0;
+  for (int shift = 0;; shift += 7) {
+    if (i >= packed.size() || shift > 35) return false;
+    const auto byte = static_cast<unsigned char>(packed[i++]);
+    n |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+    if ((byte & 0x80) == 0) break;
+  }
+  if (n > packed.size() - i) return false;
+  piece = packed.substr(i, n);
+  i += n;
+  return true;
+}
+
+}  // namespace detail
+
+inline void pack_name_uses(std::string& packed, std::string_view name, std::string_view spots) {
+  detail::put_varint(packed, name.size());
+  packed += name;
+  detail::put_varint(packed, spots.size());
+  packed += spots;
+}
+
+template <class Fn>
+void for_each_name_uses(std::string_view packed, Fn&& fn) {
+  std::size_t i = 0;
+  NameUses u;
+  while (i < packed.size() && detail::take_piece(packed, i, u.name) && detail::take_piece(packed, i, u.spots)) fn(u);
+}
 
 }  // namespace brenloc::storage

@@ -50,7 +50,7 @@ struct SymbolRow {
 struct FileEntry {
   FileRow file;
   std::vector<SymbolRow> symbols;
-  std::vector<NameUses> uses;
+  std::string uses;  // packed (pack_name_uses)
   std::vector<ImportRow> imports;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <exception>
 #include <future>
 #include <mutex>
@@ -180,22 +181,25 @@ class UseRows {
 
   void add(std::int64_t id, const FileEntry& entry, std::string_view operation) {
     // Two names of one file that share a key (rare: 47 bits) share its row.
-    std::vector<std::pair<std::int64_t, std::string>> rows;
-    rows.reserve(entry.uses.size());
-    std::unordered_map<std::int64_t, std::size_t> seen;
-    for (const NameUses& u : entry.uses) {
-      const std::int64_t key = name_key(u.name);
-      auto [it, fresh] = seen.try_emplace(key, rows.size());
-      if (fresh) {
-        rows.emplace_back(key, u.spots);
+    rows_.clear();
+    for_each_name_uses(entry.uses, [&](const NameUses& u) { rows_.push_back({name_key(u.name), u.spots}); });
+    std::sort(rows_.begin(), rows_.end(), [](const Row& a, const Row& b) { return a.key < b.key; });
+    std::deque<std::string> merged;  // the blobs of shared keys (a deque: the views into it stay valid)
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+      if (kept > 0 && rows_[kept - 1].key == rows_[i].key) {
+        std::vector<Use> all = decode_uses(rows_[kept - 1].spots);
+        const std::vector<Use> more = decode_uses(rows_[i].spots);
+        all.insert(all.end(), more.begin(), more.end());
+        std::sort(all.begin(), all.end(), [](const Use& a, const Use& b) { return a.offset < b.offset; });
+        merged.push_back(encode_uses(all));
+        rows_[kept - 1].spots = merged.back();
         continue;
       }
-      std::vector<Use> merged = decode_uses(rows[it->second].second);
-      const std::vector<Use> more = decode_uses(u.spots);
-      merged.insert(merged.end(), more.begin(), more.end());
-      std::sort(merged.begin(), merged.end(), [](const Use& a, const Use& b) { return a.offset < b.offset; });
-      rows[it->second].second = encode_uses(merged);
+      rows_[kept++] = rows_[i];
     }
+    rows_.resize(kept);
+    const auto& rows = rows_;
     std::string keys;
     keys.reserve(rows.size() * kKeyBytes);
     for (const auto& [key, spots] : rows) {
@@ -235,6 +239,11 @@ class UseRows {
     stmt.reset();
   }
 
+  struct Row {
+    std::int64_t key;
+    std::string_view spots;
+  };
+  std::vector<Row> rows_;  // of the file being added
   const std::filesystem::path& file_;
   bool pending_;
   Statement keys_, drop_use_, drop_pending_, drop_keys_, drop_imports_, add_use_, add_keys_, add_import_;
