@@ -66,10 +66,12 @@ INSTANTIATE_TEST_SUITE_P(
              "  /* comment_name */ const char *s = \"string_name\";\n"
              "  cfg->count = TWICE(n);\n"
              "  return helper(cfg->count);\n"
-             "}\n",
+             "}\n"
+             "extern int g (const char *) __THROW __attribute_deprecated_msg__ (\"msg_word\");\n",
              {"parse_config definition 4", "config type 4", "size_t type 4", "cfg other 6", "count other 6",
-              "TWICE call 6", "helper call 7", "helper call 3", "x other 3", "count other 7"},
-             {"comment_name", "string_name", "not_in_macro", "int", "char"},
+              "TWICE call 6", "helper call 7", "helper call 3", "x other 3", "count other 7", "__THROW other 9",
+              "__attribute_deprecated_msg__ call 9"},
+             {"comment_name", "string_name", "not_in_macro", "int", "char", "msg_word"},
              {"\"net/socket.h\" 1", "<stdio.h> 2"}},
         Case{"cpp",
              "cpp",

@@ -670,7 +670,8 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   };
 
   const CompiledQuery& query = compiled_query(lang);
-  TreePtr tree = parse_tree(lang, parser_input(lang, source), deadline);
+  const std::string_view parsed = parser_input(lang, source);
+  TreePtr tree = parse_tree(lang, parsed, deadline);
   if (!tree) {
     result.error = deadline.passed() ? limit_error() : std::string("the parser returned no tree");
     return result;
@@ -691,7 +692,7 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     if (c.entry == Entry::symbol) definitions.push_back(c.key);
   }
   std::sort(definitions.begin(), definitions.end());
-  FileUses uses = find_uses(lang, root, source, definitions);
+  FileUses uses = find_uses(lang, root, source, parsed, definitions);
   if (deadline.passed()) {
     result.error = limit_error();
     return result;

@@ -169,7 +169,8 @@ class Finder {
   Finder(const UseGrammar& g, std::string_view language, std::string_view source, std::span<const std::uint32_t> defs)
       : g_(g), language_(language), source_(source), defs_(defs) {}
 
-  FileUses run(TSNode root) {
+  FileUses run(TSNode root, std::string_view parsed) {
+    blanked_text(parsed);
     TSTreeCursor cursor = ts_tree_cursor_new(root);
     frames_.push_back({ts_node_symbol(root), 0, root});
     for (;;) {
@@ -249,6 +250,8 @@ class Finder {
     const std::string_view name = text(f.node, source_);
     if (name.empty() || !name_start(static_cast<unsigned char>(name.front()))) return;
     if (g_.c_family && g_.leaf[s] == kTypeName && c_keyword(name)) return;
+    // Error recovery may read the words of a string as names.
+    if (frames_.size() >= 2 && ts_node_is_error(frames_[frames_.size() - 2].node) && quoted_on_its_line(start)) return;
     add(name, start, role_of_leaf(start));
   }
 
@@ -285,14 +288,71 @@ class Finder {
 
   void add(std::string_view name, std::uint32_t offset, UseRole role) { found_.push_back({name, {offset, role}}); }
 
-  // The names of a macro's body, read as C tokens: not in its comments, strings or numbers.
-  void macro_body(TSNode node) {
-    const std::uint32_t begin = ts_node_start_byte(node);
-    const std::string_view body = text(node, source_);
+  // Whether the byte at `at` lies in a string or after a line comment, by the quotes and slashes before
+  // it on its line.
+  bool quoted_on_its_line(std::uint32_t at) const {
+    const std::size_t bol = at == 0 ? 0 : source_.rfind('\n', at - 1) + 1;
+    char quote = 0;
+    for (std::size_t i = bol; i < at; ++i) {
+      const char c = source_[i];
+      if (quote != 0) {
+        if (c == '\\') ++i;
+        else if (c == quote) quote = 0;
+      } else if (c == '"' || c == '\'') {
+        quote = c;
+      } else if (c == '/' && i + 1 < at && source_[i + 1] == '/') {
+        return true;
+      }
+    }
+    return quote != 0;
+  }
+
+  // C and C++ are parsed without their decoration macros and with one section of a split `#if` group
+  // (the rest blanked): the names of what was blanked are read from the source as tokens.
+  void blanked_text(std::string_view parsed) {
+    if (!g_.c_family || parsed.data() == source_.data() || parsed.size() != source_.size()) return;
     std::size_t i = 0;
+    while (i < parsed.size()) {
+      if (parsed[i] == source_[i]) {
+        ++i;
+        continue;
+      }
+      // A span of blanked bytes, through the white space between them.
+      std::size_t end = i, last = i;
+      for (; end < parsed.size(); ++end) {
+        if (parsed[end] != source_[end]) last = end;
+        else if (!std::isspace(static_cast<unsigned char>(source_[end]))) break;
+      }
+      words(i, source_.substr(i, last + 1 - i), true);
+      i = last + 1;
+    }
+  }
+
+  // The names of a macro's body, read as C tokens: not in its comments, strings or numbers.
+  void macro_body(TSNode node) { words(ts_node_start_byte(node), text(node, source_), false); }
+
+  // The names of C text at `begin`, read as tokens; `directives`: a line's directive is no name.
+  void words(std::size_t begin_at, std::string_view body, bool directives) {
+    const auto begin = static_cast<std::uint32_t>(begin_at);
+    std::size_t i = 0;
+    bool line_start = true;
     while (i < body.size()) {
       const auto c = static_cast<unsigned char>(body[i]);
-      if (c == '/' && i + 1 < body.size() && body[i + 1] == '/') break;
+      if (c == '\n') line_start = true;
+      else if (!std::isspace(c)) {
+        if (directives && line_start && c == '#') {  // `#if`, `#else`: skip the directive's word
+          ++i;
+          while (i < body.size() && (body[i] == ' ' || body[i] == '\t')) ++i;
+          while (i < body.size() && name_char(static_cast<unsigned char>(body[i]))) ++i;
+          line_start = false;
+          continue;
+        }
+        line_start = false;
+      }
+      if (c == '/' && i + 1 < body.size() && body[i + 1] == '/') {
+        while (i < body.size() && body[i] != '\n') ++i;
+        continue;
+      }
       if (c == '/' && i + 1 < body.size() && body[i + 1] == '*') {
         const std::size_t end = body.find("*/", i + 2);
         i = end == std::string_view::npos ? body.size() : end + 2;
@@ -312,7 +372,8 @@ class Finder {
           std::size_t next = end;
           while (next < body.size() && (body[next] == ' ' || body[next] == '\t')) ++next;
           const std::uint32_t at = begin + static_cast<std::uint32_t>(i);
-          add(word, at, next < body.size() && body[next] == '(' ? UseRole::call : role_of_leaf(at));
+          // Blanked text is read before the tree (its words are not in the tree's order): no definitions there.
+          add(word, at, next < body.size() && body[next] == '(' ? UseRole::call : directives ? UseRole::other : role_of_leaf(at));
         }
         i = end;
       } else {
@@ -407,8 +468,9 @@ class Finder {
 
 }  // namespace
 
-FileUses find_uses(const Language& lang, TSNode root, std::string_view source, std::span<const std::uint32_t> definitions) {
-  return Finder(use_grammar(lang), lang.name, source, definitions).run(root);
+FileUses find_uses(const Language& lang, TSNode root, std::string_view source, std::string_view parsed,
+                   std::span<const std::uint32_t> definitions) {
+  return Finder(use_grammar(lang), lang.name, source, definitions).run(root, parsed);
 }
 
 }  // namespace brenloc::engines
