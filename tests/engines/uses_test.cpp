@@ -67,11 +67,14 @@ INSTANTIATE_TEST_SUITE_P(
              "  cfg->count = TWICE(n);\n"
              "  return helper(cfg->count);\n"
              "}\n"
-             "extern int g (const char *) __THROW __attribute_deprecated_msg__ (\"msg_word\");\n",
+             "extern int g (const char *) __THROW __attribute_deprecated_msg__ (\"msg_word\");\n"
+             "/* A comment whose last line names a macro:\n"
+             "   __wur.  */\n"
+             "extern int h (void);\n",
              {"parse_config definition 4", "config type 4", "size_t type 4", "cfg other 6", "count other 6",
               "TWICE call 6", "helper call 7", "helper call 3", "x other 3", "count other 7", "__THROW other 9",
               "__attribute_deprecated_msg__ call 9"},
-             {"comment_name", "string_name", "not_in_macro", "int", "char", "msg_word"},
+             {"comment_name", "string_name", "not_in_macro", "int", "char", "msg_word", "__wur"},
              {"\"net/socket.h\" 1", "<stdio.h> 2"}},
         Case{"cpp",
              "cpp",

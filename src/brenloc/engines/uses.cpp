@@ -170,7 +170,7 @@ class Finder {
       : g_(g), language_(language), source_(source), defs_(defs) {}
 
   FileUses run(TSNode root, std::string_view parsed) {
-    blanked_text(parsed);
+    blanked_text(root, parsed);
     TSTreeCursor cursor = ts_tree_cursor_new(root);
     frames_.push_back({ts_node_symbol(root), 0, root});
     for (;;) {
@@ -309,7 +309,7 @@ class Finder {
 
   // C and C++ are parsed without their decoration macros and with one section of a split `#if` group
   // (the rest blanked): the names of what was blanked are read from the source as tokens.
-  void blanked_text(std::string_view parsed) {
+  void blanked_text(TSNode root, std::string_view parsed) {
     if (!g_.c_family || parsed.data() == source_.data() || parsed.size() != source_.size()) return;
     std::size_t i = 0;
     while (i < parsed.size()) {
@@ -323,7 +323,13 @@ class Finder {
         if (parsed[end] != source_[end]) last = end;
         else if (!std::isspace(static_cast<unsigned char>(source_[end]))) break;
       }
-      words(i, source_.substr(i, last + 1 - i), true);
+      // The blanker also blanks the macros it knows inside comments: the tree says where those are.
+      const std::string_view around =
+          ts_node_type(ts_node_descendant_for_byte_range(root, static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(i)));
+      if (around.find("comment") == std::string_view::npos && around.find("string") == std::string_view::npos &&
+          around.find("char_literal") == std::string_view::npos) {
+        words(i, source_.substr(i, last + 1 - i), true);
+      }
       i = last + 1;
     }
   }
