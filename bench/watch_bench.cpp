@@ -4,7 +4,8 @@
 //   noop      a live pass over the unchanged tree, against a plain walk that stats every entry, and
 //             against the same pass made to read every file (as a pass did before it trusted statuses)
 //   follow    a worker that watches the tree: the time from a file's write to its symbol being found by
-//             search_symbols, p50/p99 over --edits edits at one per second; the time for 2,000 changed
+//             search_symbols (every other edit: to its new call site being found by find_references),
+//             p50/p99 over --edits edits at one per second; the time for 2,000 changed
 //             files (a branch switch) to be found, next to a live pass over those files; and the CPU time
 //             of the worker's process while nothing changes for --idle seconds
 //
@@ -177,6 +178,17 @@ aio::Task<double> until_found(daemon::RepoWorker& w, const std::string& name, co
   co_return since(since_t);
 }
 
+// Whether find_references finds a call of `name` in `rel`.
+aio::Task<bool> called(daemon::RepoWorker& w, const std::string& name, const std::string& rel) {
+  auto answer = co_await w.references({.name = name, .roles = 1u << static_cast<int>(storage::UseRole::call)});
+  if (const auto* found = std::get_if<daemon::References>(&answer)) {
+    for (const auto& file : found->files) {
+      if (file.path == rel) co_return true;
+    }
+  }
+  co_return false;
+}
+
 // The headers of the tree, in walk order, for the edits.
 std::vector<std::string> headers(const fs::path& tree, std::size_t n) {
   std::vector<std::string> out;
@@ -200,13 +212,30 @@ aio::Task<void> follow_body(daemon::RepoWorker& w, const fs::path& tree, const f
 
   // Write to found, one edit a second.
   const auto files = headers(tree, 2000);
-  std::vector<double> latency, slowest_search;
+  std::vector<double> latency, slowest_search, call_latency;
   std::vector<std::string> lost;
   for (int i = 0; i < edits; ++i) {
     const std::string rel = files[static_cast<std::size_t>(i) % files.size()];
     const std::string name = fmt::format("brenloc_probe_{}", i);
+    const std::string callee = fmt::format("brenloc_callee_{}", i);
     const auto start = Clock::now();
-    append(tree / rel, fmt::format("\nstatic inline int {}(void) {{ return 1; }}\n", name));
+    append(tree / rel, fmt::format("\nstatic inline int {}(void) {{ return {}(); }}\n", name, callee));
+    // Every other edit, the time until its new call site is found by find_references, else until its new
+    // definition is found by search.
+    if (i % 2 == 1) {
+      double s = -1;
+      while (since(start) < 30) {
+        if (co_await called(w, callee, rel)) {
+          s = since(start);
+          break;
+        }
+        co_await aio::sleep_for(std::chrono::milliseconds(2));
+      }
+      if (s < 0) lost.push_back(rel);
+      else call_latency.push_back(s);
+      co_await aio::sleep_for(std::chrono::milliseconds(1000) - (Clock::now() - start));
+      continue;
+    }
     double slowest = 0;
     double s = co_await until_found(w, name, rel, start, std::chrono::milliseconds(2), &slowest);
     if (s < 0) {
@@ -220,6 +249,9 @@ aio::Task<void> follow_body(daemon::RepoWorker& w, const fs::path& tree, const f
   fmt::print("write to found, {} edits at 1/s: p50 {:.1f} ms, p99 {:.1f} ms, max {:.1f} ms, {} not found in 30 s{}{}\n",
              edits, 1000 * percentile(latency, 0.5), 1000 * percentile(latency, 0.99),
              1000 * percentile(latency, 1.0), lost.size(), lost.empty() ? "" : ": ", fmt::join(lost, ", "));
+  fmt::print("write to a new call site found by find_references: p50 {:.1f} ms, p99 {:.1f} ms, max {:.1f} ms\n",
+             1000 * percentile(call_latency, 0.5), 1000 * percentile(call_latency, 0.99),
+             1000 * percentile(call_latency, 1.0));
   // The first search after a change of names reads the index's names again: its share of the latency.
   fmt::print("  the slowest search of each edit: p50 {:.1f} ms, p99 {:.1f} ms\n", 1000 * percentile(slowest_search, 0.5),
              1000 * percentile(slowest_search, 0.99));

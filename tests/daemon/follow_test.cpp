@@ -174,6 +174,55 @@ TEST(Follow, ChangesOfTheTreeReachTheIndex) {
 
 // The files that decide the exclude rules are followed also when they, or their directories, come later:
 // a repository made in the tree, an excludes file named in its configuration, its info directory made anew.
+// The calls of a name, as "path:line in definition", per the worker's references.
+aio::Task<Paths> calls_of(daemon::RepoWorker& w, const std::string& name) {
+  auto answer = co_await w.references({.name = name, .roles = 1u << static_cast<int>(storage::UseRole::call)});
+  Paths out;
+  for (const auto& file : std::get<daemon::References>(answer).files) {
+    for (const auto& r : file.hits) out.push_back(fmt::format("{}:{} in {}", file.path, r.line, r.within ? r.within->name : "-"));
+  }
+  co_return out;
+}
+
+// A call written, its function renamed, its file deleted: find_references follows each as a search does.
+TEST(Follow, ReferencesFollowTheTree) {
+  Follow f;
+  write_file(f.at("lib.py"), py("parse_config"));
+  write_file(f.at("app.py"), "def main():\n    return 1\n");
+  struct Step {
+    const char* name;
+    std::function<void(Follow&)> change;
+    std::string called;
+    Paths calls;
+  };
+  const std::vector<Step> steps = {
+      {"no call yet", [](Follow&) {}, "parse_config", {}},
+      {"a call added", [](Follow& f) { write_file(f.at("app.py"), "def main():\n    return parse_config(1)\n"); },
+       "parse_config", {"app.py:2 in main"}},
+      {"the function renamed at its definition and its call",
+       [](Follow& f) {
+         write_file(f.at("lib.py"), py("load_config"));
+         write_file(f.at("app.py"), "def main():\n    x = 0\n    return load_config(x)\n");
+       },
+       "load_config", {"app.py:3 in main"}},
+      {"... its old name called nowhere", [](Follow&) {}, "parse_config", {}},
+      {"the calling file deleted", [](Follow& f) { fs::remove(f.at("app.py")); }, "load_config", {}},
+  };
+  f.run([&](daemon::RepoWorker& w) -> aio::Task<void> {
+    for (const Step& step : steps) {
+      SCOPED_TRACE(step.name);
+      step.change(f);
+      Paths got;
+      for (auto deadline = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < deadline;) {
+        got = co_await calls_of(w, step.called);
+        if (got == step.calls) break;
+        co_await aio::sleep_for(5ms);
+      }
+      EXPECT_EQ(got, step.calls);
+    }
+  });
+}
+
 TEST(Follow, TheExcludeRulesAreFollowedAsTheirFilesComeAndGo) {
   struct Step {
     const char* name;

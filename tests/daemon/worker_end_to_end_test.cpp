@@ -81,8 +81,8 @@ TEST(RebuildEndToEnd, AStagingDatabaseWithoutRoomKeepsTheLiveIndex) {
   };
   const std::vector<Case> cases = {
       {2, "creating the schema: database or disk is full", ""},
-      {13, "Rebuild incomplete", "database or disk is full"},
-      {32, "building the indexes: database or disk is full", ""},
+      {19, "Rebuild incomplete", "database or disk is full"},
+      {44, "building the indexes: database or disk is full", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.staging_pages);

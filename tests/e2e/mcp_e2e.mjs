@@ -242,7 +242,7 @@ test('argument errors are tool errors naming the culprit; an unknown tool is a p
 
 // The relevance table through MCP, and the outline and source tools, on a server that offers them (the
 // real one, serving the demo samples).
-test('search ranks as the relevance table says; outline and source answer', async () => {
+test('search ranks as the relevance table says; outline, source, references and importers answer', async () => {
   const { client, messages } = await connect();
   try {
     const { tools } = await client.listTools();
@@ -271,6 +271,21 @@ test('search ranks as the relevance table says; outline and source answer', asyn
     const refused = await client.callTool({ name: 'symbol_source', arguments: { path: '../x.py', line: 1 } });
     assert.equal(refused.isError, true);
     assert.deepEqual(structured(refused), { error: 'Path outside repository', status: 'failed' });
+
+    // The calls of a function, a page at a time, each with the definition it is in; the importers of a header.
+    const calls = { name: 'next_index', role: 'call', limit: 2 };
+    const page = structured(await client.callTool({ name: 'find_references', arguments: calls }));
+    const where = (answer) => answer.files.flatMap((f) => f.references.map((r) => `${f.path}:${r.line}:${r.column} ${r.definition?.name}`));
+    assert.equal(page.total, 3);
+    assert.deepEqual(where(page), ['c/ring.c:6:9 ring_push', 'c/ring.c:8:15 ring_push']);
+    const next = structured(await client.callTool({ name: 'find_references', arguments: { ...calls, cursor: page.next_cursor } }));
+    assert.deepEqual(where(next), ['c/ring.c:15:15 ring_pop']);
+    assert.equal(next.next_cursor, undefined);
+    const importers = structured(await client.callTool({ name: 'find_importers', arguments: { path: 'c/ring.h' } }));
+    assert.deepEqual(importers.importers.map((i) => `${i.path}:${i.line} ${i.import}`), ['c/ring.c:1 "ring.h"']);
+    assert.equal((await client.callTool({ name: 'find_references', arguments: { role: 'call' } })).isError, true);
+    assert.deepEqual(structured(await client.callTool({ name: 'find_importers', arguments: { path: '../x.h' } })),
+                     { error: 'Path outside repository', status: 'failed' });
   } finally {
     await client.close();
   }

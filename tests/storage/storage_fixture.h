@@ -33,7 +33,8 @@ inline FileEntry file_entry(std::string path, std::vector<SymbolRow> symbols) {
   return FileEntry{FileRow{path, "cpp", 100, 1'700'000'000'000'000'000, "hash-" + path}, std::move(symbols)};
 }
 
-// `files` files "<tag>/f<i>.cpp", each with `per_file` symbols named "<tag>_<i>_<n>".
+// `files` files "<tag>/f<i>.cpp", each with `per_file` symbols named "<tag>_<i>_<n>", using the name
+// "<tag>" twice and including "<tag>.h".
 inline std::vector<FileEntry> entries(const std::string& tag, int files, int per_file) {
   std::vector<FileEntry> out;
   for (int f = 0; f < files; ++f) {
@@ -43,6 +44,9 @@ inline std::vector<FileEntry> entries(const std::string& tag, int files, int per
                          n % 2 ? "Klass" : ""});
     }
     out.push_back(file_entry(fmt::format("{}/f{}.cpp", tag, f), std::move(symbols)));
+    // Each file uses the tag and includes its header.
+    pack_name_uses(out.back().uses, tag, encode_uses({{10, UseRole::call}, {20, UseRole::type}}));
+    out.back().imports = {{fmt::format("\"{}.h\"", tag), 1}};
   }
   return out;
 }
@@ -76,6 +80,9 @@ inline std::string dump(Database& db) {
   return query_text(db, "SELECT * FROM files ORDER BY id") + "\n" + query_text(db, "SELECT * FROM symbols ORDER BY id") +
          "\n" + query_text(db, "SELECT * FROM names") + "\n" + query_text(db, "SELECT * FROM name_state") + "\n" +
          query_text(db, "SELECT id, hex(block) FROM name_grams_data ORDER BY id") + "\n" +
+         query_text(db, "SELECT name_key, file_id, hex(spots) FROM uses") + "\n" +
+         query_text(db, "SELECT file_id, hex(keys) FROM file_uses") + "\n" +
+         query_text(db, "SELECT * FROM imports ORDER BY rowid") + "\n" +
          query_text(db, "SELECT name FROM pragma_database_list") + "\n" +
          query_text(db, "SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name");
 }

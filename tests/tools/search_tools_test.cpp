@@ -6,6 +6,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -172,6 +173,43 @@ TEST(SearchTools, AnOutlineTooLargeForOneAnswerComesInPages) {
     for (const std::string bad : {"x", "-1", "99999"}) {
       EXPECT_THROW(co_await call(w, "file_outline", {{"path", "big.py"}, {"cursor", bad}}), ArgumentError) << bad;
     }
+  });
+}
+
+// A name used thousands of times comes in pages, cut by the byte cap or the limit: following next_cursor
+// shows each use once, with the definition around it.
+TEST(SearchTools, ReferencesComeInPagesThatACursorWalks) {
+  std::vector<std::pair<std::string, std::string>> files;
+  for (int f = 0; f < 30; ++f) {
+    std::string text = "def tick(n):\n    return n\n\n";
+    for (int i = 0; i < 40; ++i) text += fmt::format("def caller_{}():\n    tick(1); tick(2)  # tick\n", i);
+    files.emplace_back(fmt::format("pkg{}/m.py", f % 3 == 0 ? 0 : f), text);
+  }
+  with_samples(files, [&](Worker& w, const fs::path&) -> aio::Task<void> {
+    for (const json& asked : {json{{"max_bytes", 2048}}, json{{"limit", 7}, {"role", "call"}}}) {
+      std::set<std::string> seen;
+      json args = asked;
+      args["name"] = "tick";
+      int pages = 0;
+      for (; pages < 1000; ++pages) {
+        json page = co_await call(w, "find_references", args);
+        EXPECT_LE(page.dump().size(), args.value("max_bytes", 16384));
+        for (const auto& file : page["files"]) {
+          for (const auto& r : file["references"]) {
+            EXPECT_TRUE(seen.insert(fmt::format("{}:{}:{}", file["path"].get<std::string>(), r["line"].get<int>(),
+                                                r["column"].get<int>()))
+                            .second);
+            if (r["role"] == "call") EXPECT_EQ(r["definition"]["name"].get<std::string>().rfind("caller_", 0), 0u);
+          }
+        }
+        if (!page.contains("next_cursor")) break;
+        args["cursor"] = page["next_cursor"];
+      }
+      EXPECT_GT(pages, 3);
+      // 21 files (pkg0 written ten times over), 80 calls each, and with every role their definitions.
+      EXPECT_EQ(seen.size(), asked.contains("role") ? 21u * 80 : 21u * 81) << asked.dump();
+    }
+    EXPECT_THROW(co_await call(w, "find_references", {{"name", "tick"}, {"cursor", "x"}}), ArgumentError);
   });
 }
 

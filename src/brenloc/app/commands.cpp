@@ -451,15 +451,18 @@ aio::Task<int> reindex_in_process(aio::EventLoop& loop, daemon::RepoWorker& work
 // Prints a tool's answer as lines or as JSON; gives the exit code.
 int print_answer(const std::string& name, const json& answer, Where::Output output) {
   const bool lines = lines_wanted(output);
-  const bool found_nothing = name == "search_symbols" && answer.value("count", 0) == 0;
+  const bool found_nothing =
+      (name == "search_symbols" || name == "find_references" || name == "find_importers") && answer.value("count", 0) == 0;
   if (!lines || name == "index_status") {
     std::cout << printed(answer, 2) << std::endl;
   } else if (answer.contains("error")) {
     std::cerr << "brenloc: " << in_command_terms(answer.value("error", std::string("the tool failed"))) << "\n";
   } else {
-    TextView view = name == "search_symbols" ? search_text(answer)
-                    : name == "file_outline" ? outline_text(answer)
-                                             : source_text(answer);
+    TextView view = name == "search_symbols"    ? search_text(answer)
+                    : name == "file_outline"    ? outline_text(answer)
+                    : name == "find_references" ? references_text(answer)
+                    : name == "find_importers"  ? importers_text(answer)
+                                                : source_text(answer);
     std::cout << view.lines << std::flush;
     for (const std::string& note : view.notes) std::cerr << "brenloc: " << note << "\n";
   }
@@ -606,6 +609,10 @@ int run_search(const Where& where, const json& arguments) { return print_tool(wh
 int run_outline(const Where& where, const json& arguments) { return print_tool(where, "file_outline", arguments); }
 
 int run_source(const Where& where, const json& arguments) { return print_tool(where, "symbol_source", arguments); }
+
+int run_refs(const Where& where, const json& arguments) { return print_tool(where, "find_references", arguments); }
+
+int run_importers(const Where& where, const json& arguments) { return print_tool(where, "find_importers", arguments); }
 
 int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle, bool watch) {
   return run_daemon(DaemonOptions{idle_exit, worker_idle, watch});

@@ -49,6 +49,9 @@ int run_status(const Where& where);
 int run_search(const Where& where, const json& arguments);
 int run_outline(const Where& where, const json& arguments);
 int run_source(const Where& where, const json& arguments);
+// find_references and find_importers, as the search tools; exit 1 also when none is found.
+int run_refs(const Where& where, const json& arguments);
+int run_importers(const Where& where, const json& arguments);
 
 // The user's daemon in the foreground (until SIGTERM, SIGINT, `--stop` or its idle time).
 int run_daemon_foreground(std::chrono::seconds idle_exit, std::chrono::seconds worker_idle, bool watch);

@@ -82,4 +82,34 @@ TextView source_text(const json& answer) {
   return view;
 }
 
+TextView references_text(const json& answer) {
+  TextView view;
+  for (const auto& file : answer.value("files", json::array())) {
+    for (const auto& use : file.value("references", json::array())) {
+      view.lines += fmt::format("{}:{}:{}: {}\n", text_of(file, "path"), number_of(use, "line"), number_of(use, "column"),
+                                one_line(text_of(use, "text")));
+    }
+  }
+  const long count = number_of(answer, "count"), total = number_of(answer, "total");
+  if (const std::string next = text_of(answer, "next_cursor"); !next.empty()) {
+    view.notes.push_back(fmt::format("{} of {}{} shown (--cursor {} shows the next)", count, total,
+                                     answer.value("more", false) ? "+" : "", next));
+  }
+  if (const std::string note = text_of(answer, "note"); !note.empty()) view.notes.push_back(note);
+  return view;
+}
+
+TextView importers_text(const json& answer) {
+  TextView view;
+  for (const auto& row : answer.value("importers", json::array())) {
+    view.lines += fmt::format("{}:{}: {}\n", text_of(row, "path"), number_of(row, "line"), text_of(row, "import"));
+  }
+  if (answer.value("truncated", false)) {
+    view.notes.push_back(fmt::format("{} of {} shown (--limit and --max-bytes show more)", number_of(answer, "count"),
+                                     number_of(answer, "total")));
+  }
+  if (const std::string note = text_of(answer, "note"); !note.empty()) view.notes.push_back(note);
+  return view;
+}
+
 }  // namespace brenloc::app

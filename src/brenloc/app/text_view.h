@@ -1,4 +1,4 @@
-// The answers of search, outline and source as lines for a person at a terminal, in the manner of grep
+// The answers of search, outline, source, refs and importers as lines for a person at a terminal, in the manner of grep
 // and ctags -x: `path:line: kind name  signature`, an outline indented by depth, a definition's source
 // under its location. What does not fit the lines (more hits than shown, a cut answer) goes to `notes`.
 #pragma once
@@ -18,5 +18,8 @@ struct TextView {
 TextView search_text(const nlohmann::ordered_json& answer);
 TextView outline_text(const nlohmann::ordered_json& answer);
 TextView source_text(const nlohmann::ordered_json& answer);
+// `path:line:col: text` per use, as grep -n --column prints a match; `path:line: import` per importer.
+TextView references_text(const nlohmann::ordered_json& answer);
+TextView importers_text(const nlohmann::ordered_json& answer);
 
 }  // namespace brenloc::app

@@ -117,7 +117,7 @@ class CommandLine {
     };
     return "  help [COMMAND]              Print this help, or a command's\n\nKinds (--kind): " +
            joined(brenloc::kSymbolKinds) + "\nLanguages (--language): " + joined(brenloc::kLanguages) +
-           "\n\nsearch, outline and source print lines on a terminal and JSON otherwise (--json, --lines choose).";
+           "\n\nsearch, outline, source, refs and importers print lines on a terminal and JSON otherwise (--json, --lines choose).";
   }
 
   void add_output_flags(CLI::App* cmd) {
@@ -222,6 +222,30 @@ class CommandLine {
     argument(source_, "--max-lines", "Largest number of lines", true);
     add_output_flags(source_);
     add_daemon_flag(source_);
+
+    refs_ = app_.add_subcommand("refs", "Where a name is used in code, by name or by --path and --line; exit 1 when "
+                                        "it is used nowhere");
+    add_where(refs_);
+    argument(refs_, "NAME", "The name (exact, case-sensitive)");
+    argument(refs_, "--path", "With NAME: only files under this directory or matching this glob; without: the file "
+                              "of the definition at --line");
+    argument(refs_, "--line", "A line of the definition in --path (instead of a name)", true);
+    argument(refs_, "--role", "Only uses of this role: call, type, import, definition or other");
+    argument(refs_, "--limit", "Largest number of uses", true);
+    argument(refs_, "--max-bytes", "Largest size of the answer", true);
+    argument(refs_, "--cursor", "Where the next page starts, as an answer gave it");
+    add_output_flags(refs_);
+    add_daemon_flag(refs_);
+
+    importers_ = app_.add_subcommand("importers", "The files that include or import a file (PATH) or a module "
+                                                  "(--module); exit 1 when there is none");
+    add_where(importers_);
+    argument(importers_, "PATH", "File, relative to the repository root");
+    argument(importers_, "--module", "A module or header as written in imports, instead of PATH");
+    argument(importers_, "--limit", "Largest number of importers", true);
+    argument(importers_, "--max-bytes", "Largest size of the answer", true);
+    add_output_flags(importers_);
+    add_daemon_flag(importers_);
   }
 
   void add_daemon() {
@@ -297,12 +321,14 @@ class CommandLine {
     if (status_->parsed()) return run_status(where_);
     if (search_->parsed()) return run_search(where_, arguments_);
     if (outline_->parsed()) return run_outline(where_, arguments_);
+    if (refs_->parsed()) return run_refs(where_, arguments_);
+    if (importers_->parsed()) return run_importers(where_, arguments_);
     return run_source(where_, arguments_);
   }
 
   CLI::App app_{"brenloc: keeps a symbol index of a repository and serves it to AI assistants over MCP", "brenloc"};
   CLI::App *serve_ = nullptr, *reindex_ = nullptr, *status_ = nullptr, *search_ = nullptr, *outline_ = nullptr,
-           *source_ = nullptr, *daemon_ = nullptr;
+           *source_ = nullptr, *refs_ = nullptr, *importers_ = nullptr, *daemon_ = nullptr;
   Where where_;
   bool standalone_ = false, no_watch_ = false, clear_existing_ = false;
   bool daemon_stop_ = false, daemon_status_ = false, daemon_detach_ = false;

@@ -58,6 +58,10 @@ class RepoWorker : public WorkerReindex {
   aio::Task<OutlineAnswer> outline(std::string path);
   // A definition and its lines, or a refusal as for outline or when no definition is found.
   aio::Task<SourceAnswer> source(SourceArgs args);
+  // A page of the uses of a name in code (worker_uses.cpp), or a refusal as for source.
+  aio::Task<ReferencesAnswer> references(ReferencesArgs args);
+  // The files that include or import a file or a module, or a refusal for a path as for outline.
+  aio::Task<ImportersAnswer> importers(ImportersArgs args);
 
   // The background run of the last accepted force_reindex, absent before the first; done once it ended.
   std::optional<aio::Future<void>> last_run() const { return _indexer_task; }

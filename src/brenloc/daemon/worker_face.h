@@ -57,6 +57,53 @@ struct DefinitionSource {
 
 using SourceAnswer = std::variant<DefinitionSource, Refusal>;
 
+// The uses of a name in code: by `name` (within `path`, a directory or glob, when given), or of the
+// definition at `line` of the file `path`; a page starts at a cursor (a file's id and the uses to skip in it).
+struct ReferencesArgs {
+  std::optional<std::string> name, path;
+  int line = 0;
+  unsigned roles = 0x1f;  // a bit per storage::UseRole
+  std::int64_t from_file = 0, skip = 0;
+  int limit = 50;
+};
+
+struct Reference {
+  std::int64_t file_id = 0, ordinal = 0;  // where a page starting at it would start
+  int line = 0, column = 0;                // 1-based; the column counts bytes
+  storage::UseRole role = storage::UseRole::other;
+  std::string text;                         // the line, as the file reads now
+  std::optional<storage::SymbolHit> within;  // the innermost definition around it
+};
+
+struct ReferenceFile {
+  std::string path, language;
+  std::vector<Reference> hits;
+};
+
+struct References {
+  std::string name;
+  std::vector<ReferenceFile> files;  // in the index's order
+  std::int64_t total = 0;
+  bool more = false;
+  std::optional<std::pair<std::int64_t, std::int64_t>> next;  // the next page's cursor
+  std::string note;  // as a search's
+};
+
+using ReferencesAnswer = std::variant<References, Refusal>;
+
+// The files that include or import a file of the tree (`path`) or a module as written (`module`).
+struct ImportersArgs {
+  std::optional<std::string> path, module;
+};
+
+struct Importers {
+  std::string path;  // the file asked about, relative; empty when a module was
+  std::vector<storage::ImportHit> importers;  // by path and line
+  std::string note;
+};
+
+using ImportersAnswer = std::variant<Importers, Refusal>;
+
 struct IndexStatus {
   struct Progress {
     const char* phase = "walking";  // walking, indexing, swapping (the swap and the report after it)

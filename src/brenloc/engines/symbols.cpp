@@ -20,6 +20,7 @@
 #include "brenloc/engines/directive_ends.h"
 #include "brenloc/engines/compiled_query.h"
 #include "brenloc/engines/languages.h"
+#include "brenloc/engines/uses.h"
 
 namespace brenloc::engines {
 namespace {
@@ -676,7 +677,8 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   };
 
   const CompiledQuery& query = compiled_query(lang);
-  TreePtr tree = parse_tree(lang, parser_input(lang, source), deadline);
+  const std::string_view parsed = parser_input(lang, source);
+  TreePtr tree = parse_tree(lang, parsed, deadline);
   if (!tree) {
     result.error = deadline.passed() ? limit_error() : std::string("the parser returned no tree");
     return result;
@@ -691,6 +693,19 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     return result;
   }
   order_candidates(candidates);
+  std::vector<std::uint32_t> definitions;
+  definitions.reserve(candidates.size());
+  for (const Candidate& c : candidates) {
+    if (c.entry == Entry::symbol) definitions.push_back(c.key);
+  }
+  std::sort(definitions.begin(), definitions.end());
+  FileUses uses = find_uses(lang, root, source, parsed, definitions);
+  if (deadline.passed()) {
+    result.error = limit_error();
+    return result;
+  }
+  result.uses = std::move(uses.names);
+  result.imports = std::move(uses.imports);
   result.symbols = symbol_rows(candidates, source, lang);
   result.ok = true;
   return result;

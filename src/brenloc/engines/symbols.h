@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "brenloc/storage/name_uses.h"
 #include "brenloc/storage/records.h"
 
 namespace brenloc::engines {
@@ -22,6 +23,9 @@ struct ParseResult {
   // C++ outside `#ifdef __cplusplus` sections.
   std::string language;
   std::vector<storage::SymbolRow> symbols;
+  // The names its code uses (each with where and how) and what it includes or imports (see uses.h).
+  std::string uses;  // packed: storage::for_each_name_uses reads them
+  std::vector<storage::ImportRow> imports;
 };
 
 // How definitions are found: C, C++ and Python have matchers written in code, which must find exactly what

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "brenloc/storage/name_uses.h"
+
 namespace brenloc::storage {
 
 struct FileRow {
@@ -44,10 +46,13 @@ struct SymbolRow {
   bool specialization = false;  // a C++ template's specialization, or a member of one (not stored)
 };
 
-// One file with all its symbols, stored as a unit (replacing the file's earlier rows).
+// One file with all its symbols, the names it uses and what it imports, stored as a unit (replacing the
+// file's earlier rows).
 struct FileEntry {
   FileRow file;
   std::vector<SymbolRow> symbols;
+  std::string uses;  // packed (pack_name_uses)
+  std::vector<ImportRow> imports;
 };
 
 // A name search. `text` is a name, a prefix, a substring or an ordered subsequence of one; "Cart.add",
@@ -86,6 +91,42 @@ struct SymbolSearch {
   std::vector<SymbolHit> hits;
   std::int64_t total = 0;
   bool more = false;
+};
+
+// The uses of a name (exact case) in code, a page at a time: files in the index's order, each file's uses
+// in its order. A cursor is where the page starts: a file (by id) and how many of its uses come before.
+struct UsesQuery {
+  std::string name;
+  std::optional<std::string> path_prefix;  // only files under this relative path, or matching this glob
+  unsigned roles = 0x1f;                   // a bit per UseRole
+  std::int64_t from_file = 0;
+  std::int64_t skip = 0;
+  int limit = 50;
+};
+
+struct UseHit {
+  std::string path;
+  std::string language;
+  std::int64_t file_id = 0;
+  std::int64_t ordinal = 0;  // its place among the uses of its file that the query takes
+  Use use;
+};
+
+// A page of uses; `total` counts them all, exactly unless `more` (then those counted before the count
+// stopped). `next`: where the next page starts, when there is one.
+struct UsesPage {
+  std::vector<UseHit> hits;
+  std::int64_t total = 0;
+  bool more = false;
+  std::optional<std::pair<std::int64_t, std::int64_t>> next;  // file id, uses to skip in it
+};
+
+// An include or import of an indexed file.
+struct ImportHit {
+  std::string path;      // of the importing file
+  std::string language;  // of the importing file
+  std::string target;    // as written
+  int line = 0;
 };
 
 struct Counts {

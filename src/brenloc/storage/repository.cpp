@@ -1,6 +1,8 @@
 #include "brenloc/storage/repository.h"
 
+#include <algorithm>
 #include <chrono>
+#include <deque>
 #include <exception>
 #include <future>
 #include <mutex>
@@ -109,28 +111,143 @@ class SymbolRanges {
  public:
   SymbolRanges(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
       : file_(file),
-        range_(c, "SELECT first_symbol, symbol_count FROM files WHERE path = ?1", file, operation),
+        range_(c, "SELECT first_symbol, symbol_count, id FROM files WHERE path = ?1", file, operation),
         drop_(c, "DELETE FROM symbols WHERE id >= ?1 AND id < ?2", file, operation) {}
 
   // Deletes the rows of the file at `rel` (none when it is not in the index), noting their names in `names`.
-  void drop(const std::string& rel, std::string_view operation, detail::NameTable& names) {
+  // Gives the file's id, or 0 when it is not in the index.
+  std::int64_t drop(const std::string& rel, std::string_view operation, detail::NameTable& names) {
     range_.bind(1, rel);
     const bool known = range_.step(file_, operation);
     const std::int64_t first = known ? range_.integer(0) : 0;
     const std::int64_t count = known ? range_.integer(1) : 0;
+    const std::int64_t id = known ? range_.integer(2) : 0;
     range_.reset();
-    if (count == 0) return;
+    if (count == 0) return id;
     names.removing(first, count);
     drop_.bind(1, first);
     drop_.bind(2, first + count);
     drop_.step(file_, operation);
     drop_.reset();
+    return id;
   }
 
  private:
   const std::filesystem::path& file_;
   Statement range_;
   Statement drop_;
+};
+
+// The rows of uses, file_uses and imports of files. During a bulk load (`pending`), uses go to uses_pending
+// in the order they come: inserting them by name would touch a page of the table per row.
+class UseRows {
+ public:
+  UseRows(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
+      : file_(file),
+        pending_(detail::query_int(c, kHasNameIndexSql, file, operation) == 0),
+        keys_(c, "SELECT keys FROM file_uses WHERE file_id = ?1", file, operation),
+        drop_use_(c, "DELETE FROM uses WHERE name_key = ?1 AND file_id = ?2", file, operation),
+        drop_pending_(c, "DELETE FROM uses_pending WHERE file_id = ?1", file, operation),
+        drop_keys_(c, "DELETE FROM file_uses WHERE file_id = ?1", file, operation),
+        drop_imports_(c, "DELETE FROM imports WHERE file_id = ?1", file, operation),
+        add_use_(c, pending_ ? "INSERT INTO uses_pending(name_key, file_id, spots) VALUES(?1, ?2, ?3)"
+                             : "INSERT INTO uses(name_key, file_id, spots) VALUES(?1, ?2, ?3)",
+                 file, operation),
+        add_keys_(c, "INSERT INTO file_uses(file_id, keys) VALUES(?1, ?2)", file, operation),
+        add_import_(c, "INSERT INTO imports(file_id, target, stem, line) VALUES(?1, ?2, ?3, ?4)", file, operation) {}
+
+  // Deletes the rows of the file `id` (0: a file not in the index, which has none).
+  void drop(std::int64_t id, std::string_view operation) {
+    if (id == 0) return;
+    keys_.bind(1, id);
+    std::string keys;
+    if (keys_.step(file_, operation)) {
+      const void* blob = sqlite3_column_blob(keys_.get(), 0);
+      keys.assign(static_cast<const char*>(blob), static_cast<std::size_t>(sqlite3_column_bytes(keys_.get(), 0)));
+    }
+    keys_.reset();
+    if (pending_) {
+      run(drop_pending_, id, operation);
+    } else {
+      for (std::size_t i = 0; i + kKeyBytes <= keys.size(); i += kKeyBytes) {
+        drop_use_.bind(1, read_key(keys.data() + i));
+        drop_use_.bind(2, id);
+        drop_use_.step(file_, operation);
+        drop_use_.reset();
+      }
+    }
+    run(drop_keys_, id, operation);
+    run(drop_imports_, id, operation);
+  }
+
+  void add(std::int64_t id, const FileEntry& entry, std::string_view operation) {
+    // Two names of one file that share a key (rare: 47 bits) share its row.
+    rows_.clear();
+    for_each_name_uses(entry.uses, [&](const NameUses& u) { rows_.push_back({name_key(u.name), u.spots}); });
+    std::sort(rows_.begin(), rows_.end(), [](const Row& a, const Row& b) { return a.key < b.key; });
+    std::deque<std::string> merged;  // the blobs of shared keys (a deque: the views into it stay valid)
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+      if (kept > 0 && rows_[kept - 1].key == rows_[i].key) {
+        std::vector<Use> all = decode_uses(rows_[kept - 1].spots);
+        const std::vector<Use> more = decode_uses(rows_[i].spots);
+        all.insert(all.end(), more.begin(), more.end());
+        std::sort(all.begin(), all.end(), [](const Use& a, const Use& b) { return a.offset < b.offset; });
+        merged.push_back(encode_uses(all));
+        rows_[kept - 1].spots = merged.back();
+        continue;
+      }
+      rows_[kept++] = rows_[i];
+    }
+    rows_.resize(kept);
+    const auto& rows = rows_;
+    std::string keys;
+    keys.reserve(rows.size() * kKeyBytes);
+    for (const auto& [key, spots] : rows) {
+      add_use_.bind(1, key);
+      add_use_.bind(2, id);
+      sqlite3_bind_blob(add_use_.get(), 3, spots.data(), static_cast<int>(spots.size()), SQLITE_STATIC);
+      add_use_.step(file_, operation);
+      add_use_.reset();
+      for (int b = kKeyBytes - 1; b >= 0; --b) keys.push_back(static_cast<char>((key >> (8 * b)) & 0xff));
+    }
+    if (!rows.empty()) {
+      add_keys_.bind(1, id);
+      sqlite3_bind_blob(add_keys_.get(), 2, keys.data(), static_cast<int>(keys.size()), SQLITE_STATIC);
+      add_keys_.step(file_, operation);
+      add_keys_.reset();
+    }
+    for (const ImportRow& i : entry.imports) {
+      add_import_.bind(1, id);
+      add_import_.bind_static(2, i.target);
+      add_import_.bind(3, import_stem(i.target));
+      add_import_.bind(4, i.line);
+      add_import_.step(file_, operation);
+      add_import_.reset();
+    }
+  }
+
+ private:
+  static constexpr int kKeyBytes = 6;
+  static std::int64_t read_key(const char* p) {
+    std::int64_t key = 0;
+    for (int b = 0; b < kKeyBytes; ++b) key = (key << 8) | static_cast<unsigned char>(p[b]);
+    return key;
+  }
+  void run(Statement& stmt, std::int64_t id, std::string_view operation) {
+    stmt.bind(1, id);
+    stmt.step(file_, operation);
+    stmt.reset();
+  }
+
+  struct Row {
+    std::int64_t key;
+    std::string_view spots;
+  };
+  std::vector<Row> rows_;  // of the file being added
+  const std::filesystem::path& file_;
+  bool pending_;
+  Statement keys_, drop_use_, drop_pending_, drop_keys_, drop_imports_, add_use_, add_keys_, add_import_;
 };
 
 // The number the next symbol row inserted gets: one more than the largest (rows are numbered on from it).
@@ -309,9 +426,11 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
     std::vector<bool> superseded(entries.size());
     for (std::size_t i = entries.size(); i-- > 0;) superseded[i] = !later.insert(entries[i].file.path).second;
     SymbolRanges old_rows(c, path, "storing files");
+    UseRows uses(c, path, "storing files");
     detail::NameTable names(c, path, "storing files");
     for (const auto& entry : entries) {
-      old_rows.drop(entry.file.path, fmt::format("storing {}", entry.file.path), names);
+      const std::string op = fmt::format("storing {}", entry.file.path);
+      uses.drop(old_rows.drop(entry.file.path, op, names), op);
     }
     std::int64_t next = next_symbol_id(c, path);
     Statement upsert(c,
@@ -347,6 +466,7 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       std::int64_t file_id = upsert.integer(0);
       upsert.step(path, op);  // ends the statement (RETURNING gives one row)
       upsert.reset();
+      uses.add(file_id, entry, op);
       for (const auto& s : entry.symbols) {
         names.adding(s.name, s.kind, entry.file.language, next++);
         pending.push_back({file_id, &s, &entry.file.path,
@@ -374,11 +494,12 @@ void Repository::remove_files(const std::vector<std::string>& paths) {
   const auto& path = impl_->path;
   impl_->write(*db_, "removing files", [&](sqlite3* c) {
     SymbolRanges rows(c, path, "removing files");
+    UseRows uses(c, path, "removing files");
     detail::NameTable names(c, path, "removing files");
     Statement drop_file(c, "DELETE FROM files WHERE path = ?1", path, "removing files");
     for (const auto& p : paths) {
       const std::string op = fmt::format("removing {}", p);
-      rows.drop(p, op, names);
+      uses.drop(rows.drop(p, op, names), op);
       drop_file.bind(1, p);
       drop_file.step(path, op);
       drop_file.reset();
@@ -420,6 +541,10 @@ void Repository::restore_indexes() {
   impl_->write(*db_, "building the indexes", [&](sqlite3* c) {
     detail::run_script(c, detail::kSchemaSql, path, "building the indexes");
     detail::rebuild_search_tables(c, path, "building the indexes");
+    detail::run_script(c,
+                       "INSERT INTO uses SELECT name_key, file_id, spots FROM uses_pending ORDER BY name_key, file_id; "
+                       "DELETE FROM uses_pending",
+                       path, "building the indexes");
   });
 }
 
@@ -500,6 +625,112 @@ std::vector<FileRow> Repository::list_files(const std::string& path_prefix) {
       }
       return rows;
     });
+  });
+}
+
+namespace {
+
+// Whether a file's path passes a query's path filter: a directory (or file), or a glob.
+class PathFilter {
+ public:
+  explicit PathFilter(const std::optional<std::string>& filter) {
+    if (!filter) return;
+    if (filter->find_first_of("*?[") != std::string::npos) {
+      glob_ = *filter;
+      while (glob_.starts_with("./")) glob_.erase(0, 2);
+    } else {
+      dir_ = detail::normalise_path_prefix(*filter);
+    }
+  }
+  bool passes(std::string_view path) const {
+    if (!glob_.empty()) return glob_match(glob_, path);
+    return dir_.empty() || path == dir_ || (path.starts_with(dir_) && path[dir_.size()] == '/');
+  }
+
+ private:
+  std::string glob_, dir_;
+};
+
+std::string_view blob_of(Statement& stmt, int col) {
+  const void* blob = sqlite3_column_blob(stmt.get(), col);
+  return {static_cast<const char*>(blob), static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), col))};
+}
+
+}  // namespace
+
+UsesPage Repository::find_uses(const UsesQuery& q) {
+  return impl_->with_reader([&](Reader& r) {
+    ReadTransaction snapshot(r.db, impl_->path);
+    const PathFilter filter(q.path_prefix);
+    const std::int64_t key = name_key(q.name);
+    UsesPage page;
+    {
+      Statement& count = r.statement(
+          "SELECT f.path, u.spots FROM uses u JOIN files f ON f.id = u.file_id WHERE u.name_key = ?1 ORDER BY u.file_id",
+          impl_->path);
+      ResetOnExit done{count};
+      count.bind(1, key);
+      while (count.step(impl_->path, "counting uses")) {
+        if (!filter.passes(count.text_view(0))) continue;
+        page.total += static_cast<std::int64_t>(count_uses(blob_of(count, 1), q.roles));
+        if (page.total > detail::kCountCap) {
+          page.total = detail::kCountCap;
+          page.more = true;
+          break;
+        }
+      }
+    }
+    Statement& rows = r.statement(
+        "SELECT u.file_id, f.path, f.language, u.spots FROM uses u JOIN files f ON f.id = u.file_id "
+        "WHERE u.name_key = ?1 AND u.file_id >= ?2 ORDER BY u.file_id",
+        impl_->path);
+    ResetOnExit done{rows};
+    rows.bind(1, key);
+    rows.bind(2, q.from_file);
+    const auto limit = static_cast<std::size_t>(std::max(q.limit, 1));
+    while (!page.next && rows.step(impl_->path, "reading uses")) {
+      const std::string_view path = rows.text_view(1);
+      if (!filter.passes(path)) continue;
+      const std::int64_t file_id = rows.integer(0);
+      std::int64_t ordinal = 0;
+      for (const Use& u : decode_uses(blob_of(rows, 3))) {
+        if (((q.roles >> static_cast<unsigned>(u.role)) & 1u) == 0) continue;
+        const std::int64_t at = ordinal++;
+        if (file_id == q.from_file && at < q.skip) continue;
+        if (page.hits.size() == limit) {
+          page.next = std::make_pair(file_id, at);
+          break;
+        }
+        page.hits.push_back(UseHit{std::string(path), rows.text(2), file_id, at, u});
+      }
+    }
+    return page;
+  });
+}
+
+std::vector<ImportHit> Repository::imports_by_stem(const std::vector<std::string>& stems) {
+  return impl_->with_reader([&](Reader& r) {
+    ReadTransaction snapshot(r.db, impl_->path);
+    Statement& stmt = r.statement(
+        "SELECT f.path, f.language, i.target, i.line FROM imports i JOIN files f ON f.id = i.file_id WHERE i.stem = ?1",
+        impl_->path);
+    std::vector<ImportHit> out;
+    for (const std::string& stem : stems) {
+      ResetOnExit done{stmt};
+      stmt.bind(1, stem);
+      while (stmt.step(impl_->path, "reading imports")) {
+        out.push_back(ImportHit{stmt.text(0), stmt.text(1), stmt.text(2), static_cast<int>(stmt.integer(3))});
+      }
+    }
+    std::sort(out.begin(), out.end(), [](const ImportHit& a, const ImportHit& b) {
+      return std::tie(a.path, a.line, a.target) < std::tie(b.path, b.line, b.target);
+    });
+    out.erase(std::unique(out.begin(), out.end(),
+                          [](const ImportHit& a, const ImportHit& b) {
+                            return a.path == b.path && a.line == b.line && a.target == b.target;
+                          }),
+              out.end());
+    return out;
   });
 }
 
@@ -601,6 +832,8 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("DELETE FROM main.symbols", "emptying the live symbols");
       step("DELETE FROM main.files", "emptying the live files");
       step("DELETE FROM main.names; DELETE FROM main.name_state", "emptying the live names");
+      step("DELETE FROM main.uses; DELETE FROM main.file_uses; DELETE FROM main.uses_pending; DELETE FROM main.imports",
+           "emptying the live uses");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
       step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE, rank)",
@@ -616,6 +849,10 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       rows.symbols = sqlite3_changes64(c);
       step("INSERT INTO main.names SELECT * FROM staging.names; INSERT INTO main.name_state SELECT * FROM staging.name_state",
            "copying the names");
+      step("INSERT INTO main.uses SELECT * FROM staging.uses; INSERT INTO main.file_uses SELECT * FROM staging.file_uses; "
+           "INSERT INTO main.uses_pending SELECT * FROM staging.uses_pending; "
+           "INSERT INTO main.imports SELECT * FROM staging.imports",
+           "copying the uses");
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
            "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",
            "copying the trigram index");

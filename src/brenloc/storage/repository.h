@@ -70,6 +70,10 @@ class Repository {
   std::optional<FileEntry> file_symbols(const std::string& path);
   // Files under a directory (or that file), ordered by path; all of them for an empty prefix.
   std::vector<FileRow> list_files(const std::string& path_prefix = "");
+  // A page of the uses of a name, and how many there are (see UsesQuery). Not cached.
+  UsesPage find_uses(const UsesQuery& query);
+  // The includes and imports whose stem (import_stem) is one of `stems`, by importing file. Not cached.
+  std::vector<ImportHit> imports_by_stem(const std::vector<std::string>& stems);
   Counts counts();
 
   // Replaces the live index with the one in the staging file, in one transaction on the writer

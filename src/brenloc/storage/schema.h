@@ -49,6 +49,36 @@ CREATE TABLE IF NOT EXISTS symbols (
 );
 -- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows best first.
 CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE, rank);
+-- Where each file uses each name in its code: per name (by its key, name_uses.h) and file, the offsets and
+-- roles of the occurrences, coded in one blob. Keyed by name first, so that the files using a name are one
+-- range of the table.
+CREATE TABLE IF NOT EXISTS uses (
+  name_key INTEGER NOT NULL,
+  file_id INTEGER NOT NULL,
+  spots BLOB NOT NULL,
+  PRIMARY KEY (name_key, file_id)
+) WITHOUT ROWID;
+-- The name keys of each file's rows of uses, 6 bytes each, so that they can go when the file does.
+CREATE TABLE IF NOT EXISTS file_uses (
+  file_id INTEGER PRIMARY KEY,
+  keys BLOB NOT NULL
+);
+-- During a bulk load (while the name index is deferred), the rows of uses as they come, in file order;
+-- they are sorted into uses when the name index is built.
+CREATE TABLE IF NOT EXISTS uses_pending (
+  name_key INTEGER NOT NULL,
+  file_id INTEGER NOT NULL,
+  spots BLOB NOT NULL
+);
+-- What each file includes or imports, as written, with the last part of it (import_stem) to look it up by.
+CREATE TABLE IF NOT EXISTS imports (
+  file_id INTEGER NOT NULL,
+  target TEXT NOT NULL,
+  stem TEXT NOT NULL,
+  line INTEGER NOT NULL
+);
+CREATE INDEX IF NOT EXISTS imports_by_stem ON imports(stem);
+CREATE INDEX IF NOT EXISTS imports_by_file ON imports(file_id);
 )sql";
 
 // The search tables: every distinct name of symbols (exact case) with a summary of its rows, a trigram

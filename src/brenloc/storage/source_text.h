@@ -20,9 +20,10 @@ class SourceFiles {
   // (without a final one); absent when the file cannot be read or is shorter than `first`; cut at its
   // end when shorter than `last`.
   std::optional<std::string> lines(const std::string& rel, int first, int last);
+  // The whole text of the file, or null when it cannot be read.
+  const std::string* content(const std::string& rel);
 
  private:
-  const std::string* content(const std::string& rel);
 
   std::filesystem::path root_;
   std::map<std::string, std::optional<std::string>> files_;

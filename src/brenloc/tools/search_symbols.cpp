@@ -86,16 +86,6 @@ json output_schema() {
   return json{{"type", "object"}, {"oneOf", {answer, refusal_schema()}}};  // a path outside is refused
 }
 
-// The `path` filter as a path relative to the root (a directory or a glob), or nothing when it reaches
-// outside the repository: climbing above the root, or absolute and elsewhere.
-std::optional<std::string> within_root(const fs::path& root, const std::string& path) {
-  if (path.empty()) return path;
-  fs::path p = fs::path(utils::path_bytes(path)).lexically_normal();
-  if (p.is_absolute()) p = p.lexically_relative(root);
-  if (p.empty() || *p.begin() == "..") return std::nullopt;
-  return p == "." ? std::string() : utils::path_text(p.generic_string());
-}
-
 std::size_t json_size(const json& j) { return j.dump().size(); }
 
 // A hit with its signature: its line as it is on disk now (null when the file cannot be read).
@@ -150,7 +140,7 @@ json render(const std::string& query, Match match, const daemon::SearchAnswer& a
 aio::Task<json> call(daemon::RepoWorker& worker, json arguments) {
   Arguments a = binding().bind(arguments);
   if (a.search.path) {
-    a.search.path = within_root(worker.repo_root, *a.search.path);
+    a.search.path = path_filter_within(worker.repo_root, *a.search.path);
     if (!a.search.path) co_return refusal_json(daemon::Refusal{"Path outside repository"});
   }
   const std::string query = a.search.query;

@@ -4,6 +4,8 @@
 // of this folder; tool_table.h lists them for the MCP server, the daemon and the command line.
 #pragma once
 
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,5 +53,8 @@ json refusal_schema();
 json refusal_json(const daemon::Refusal& refusal);
 // The hints of a tool that only reads the index.
 json read_only();
+// A `path` filter (a directory or a glob) as a path relative to the root, or nothing when it reaches
+// outside the repository: climbing above the root, or absolute and elsewhere.
+std::optional<std::string> path_filter_within(const std::filesystem::path& root, const std::string& path);
 
 }  // namespace brenloc::tools

@@ -17,10 +17,13 @@ const Tool& search_symbols();
 const Tool& file_outline();
 const Tool& symbol_source();
 const Tool& list_repos();
+const Tool& find_references();
+const Tool& find_importers();
 
 const std::vector<const Tool*>& worker_tools() {
   static const std::vector<const Tool*> all = {
-      &force_reindex(), &index_status(), &search_symbols(), &file_outline(), &symbol_source(),
+      &force_reindex(), &index_status(),   &search_symbols(), &file_outline(),
+      &symbol_source(), &find_references(), &find_importers(),
   };
   return all;
 }

@@ -99,6 +99,8 @@ Outcome parse_one(const std::filesystem::path& root, const Candidate& c, const S
   if (!parsed.language.empty()) row.language = std::move(parsed.language);  // a C header may hold C++
   out.entry.file = std::move(row);
   out.entry.symbols = std::move(parsed.symbols);
+  out.entry.uses = std::move(parsed.uses);
+  out.entry.imports = std::move(parsed.imports);
   return out;
 }
 

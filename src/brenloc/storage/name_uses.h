@@ -1,0 +1,180 @@
+// Where a file uses a name, as the index keeps it: per name, the byte offsets of its occurrences in code
+// (not in comments or strings), each with its role, coded as one blob; and what the file includes or
+// imports, as written. The coding lives here, in one place, for the indexer that writes it and the
+// queries that read it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <cctype>
+#include <vector>
+
+namespace brenloc::storage {
+
+// What an occurrence does with its name, as far as the grammar tells it cheaply.
+enum class UseRole : std::uint8_t { other = 0, call = 1, type = 2, import = 3, definition = 4 };
+inline constexpr std::string_view kUseRoleNames[] = {"other", "call", "type", "import", "definition"};
+
+// One occurrence: where the name starts in the file (bytes) and its role.
+struct Use {
+  std::uint32_t offset = 0;
+  UseRole role = UseRole::other;
+};
+
+// The occurrences of one name in one file, coded (see encode_uses).
+struct NameUses {
+  std::string_view name;
+  std::string_view spots;
+};
+
+// The uses of a file's names, packed in one string (one allocation per file, however many names): each
+// name as a varint length and its bytes, then its coded uses likewise.
+void pack_name_uses(std::string& packed, std::string_view name, std::string_view spots);
+// Calls fn(NameUses) for each name of a packed string (views into it).
+template <class Fn>
+void for_each_name_uses(std::string_view packed, Fn&& fn);
+
+// An include or import as written (`"net/socket.h"`, `<stdio.h>`, `utils.retry`, `./retry`, `mod retry`),
+// with the 1-based line it is on.
+struct ImportRow {
+  std::string target;
+  int line = 0;
+};
+
+// Coding: offsets in increasing order, each as a varint of (offset - previous offset) << 3 | role.
+// decode_uses gives what a blob holds (one that ends early, what it held); count_uses how many of its uses
+// have one of the roles of `roles` (a bit per role).
+//
+// name_key: the key a name is stored under, 47 bits of a hash of its bytes (exact case), so that SQLite
+// keeps it in 6 bytes. Two names may share one; readers check the name in the file's text.
+//
+// import_stem: the name an import is looked up by, its last part without quotes, brackets or extension
+// (`"net/socket.h"` -> socket, `utils.retry` -> retry, `./retry` -> retry, `crate::a::b` -> b).
+
+
+inline std::string encode_uses(const std::vector<Use>& uses) {
+  std::string out;
+  out.reserve(uses.size() * 2);
+  std::uint32_t previous = 0;
+  for (const Use& u : uses) {
+    std::uint64_t v = (static_cast<std::uint64_t>(u.offset - previous) << 3) | static_cast<std::uint64_t>(u.role);
+    previous = u.offset;
+    while (v >= 0x80) {
+      out.push_back(static_cast<char>((v & 0x7f) | 0x80));
+      v >>= 7;
+    }
+    out.push_back(static_cast<char>(v));
+  }
+  return out;
+}
+
+namespace detail {
+
+// Calls fn(use) for each use of a blob.
+template <class Fn>
+void each_use(std::string_view spots, Fn&& fn) {
+  std::uint64_t offset = 0;
+  std::size_t i = 0;
+  while (i < spots.size()) {
+    std::uint64_t v = 0;
+    int shift = 0;
+    for (;;) {
+      if (i >= spots.size() || shift > 42) return;
+      const auto byte = static_cast<unsigned char>(spots[i++]);
+      v |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+      if ((byte & 0x80) == 0) break;
+      shift += 7;
+    }
+    offset += v >> 3;
+    const unsigned role = static_cast<unsigned>(v & 7);
+    if (role > static_cast<unsigned>(UseRole::definition)) return;
+    fn(Use{static_cast<std::uint32_t>(offset), static_cast<UseRole>(role)});
+  }
+}
+
+}  // namespace detail
+
+inline std::vector<Use> decode_uses(std::string_view spots) {
+  std::vector<Use> out;
+  detail::each_use(spots, [&](Use u) { out.push_back(u); });
+  return out;
+}
+
+inline std::size_t count_uses(std::string_view spots, unsigned roles) {
+  std::size_t n = 0;
+  detail::each_use(spots, [&](Use u) { n += (roles >> static_cast<unsigned>(u.role)) & 1u; });
+  return n;
+}
+
+inline std::int64_t name_key(std::string_view name) {
+  std::uint64_t h = 1469598103934665603ull;  // FNV-1a
+  for (char c : name) {
+    h ^= static_cast<unsigned char>(c);
+    h *= 1099511628211ull;
+  }
+  return static_cast<std::int64_t>((h ^ (h >> 47)) & ((1ull << 47) - 1));
+}
+
+inline std::string import_stem(std::string_view t) {
+  const bool file_like = t.starts_with('"') || t.starts_with('<') || t.find('/') != std::string_view::npos;
+  while (!t.empty() && (t.front() == '"' || t.front() == '<' || t.front() == '\'')) t.remove_prefix(1);
+  while (!t.empty() && (t.back() == '"' || t.back() == '>' || t.back() == '\'' || t.back() == '/')) t.remove_suffix(1);
+  if (t.starts_with("mod ")) t.remove_prefix(4);
+  if (const std::size_t colons = t.rfind("::"); colons != std::string_view::npos) {
+    return std::string(t.substr(colons + 2));  // a Rust path
+  }
+  if (file_like) {  // a header or a path: its file name without extension
+    if (const std::size_t slash = t.find_last_of('/'); slash != std::string_view::npos) t.remove_prefix(slash + 1);
+    if (t == "." || t == "..") return {};
+    return std::string(t.substr(0, t.find('.')));
+  }
+  // A dotted module (`utils.retry`, `.retry`, `com.x.Y`; `com.x.*` by its package).
+  if (t.ends_with(".*")) t.remove_suffix(2);
+  const std::size_t dot = t.find_last_of('.');
+  return std::string(dot == std::string_view::npos ? t : t.substr(dot + 1));
+}
+
+
+namespace detail {
+
+inline void put_varint(std::string& out, std::uint64_t v) {
+  while (v >= 0x80) {
+    out.push_back(static_cast<char>((v & 0x7f) | 0x80));
+    v >>= 7;
+  }
+  out.push_back(static_cast<char>(v));
+}
+
+// A varint-prefixed piece of `packed` at `i`, moving `i` past it; false when the string ends early.
+inline bool take_piece(std::string_view packed, std::size_t& i, std::string_view& piece) {
+  std::uint64_t n = 0;
+  for (int shift = 0;; shift += 7) {
+    if (i >= packed.size() || shift > 35) return false;
+    const auto byte = static_cast<unsigned char>(packed[i++]);
+    n |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+    if ((byte & 0x80) == 0) break;
+  }
+  if (n > packed.size() - i) return false;
+  piece = packed.substr(i, n);
+  i += n;
+  return true;
+}
+
+}  // namespace detail
+
+inline void pack_name_uses(std::string& packed, std::string_view name, std::string_view spots) {
+  detail::put_varint(packed, name.size());
+  packed += name;
+  detail::put_varint(packed, spots.size());
+  packed += spots;
+}
+
+template <class Fn>
+void for_each_name_uses(std::string_view packed, Fn&& fn) {
+  std::size_t i = 0;
+  NameUses u;
+  while (i < packed.size() && detail::take_piece(packed, i, u.name) && detail::take_piece(packed, i, u.spots)) fn(u);
+}
+
+}  // namespace brenloc::storage

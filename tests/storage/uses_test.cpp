@@ -1,0 +1,113 @@
+// The uses of names as the store keeps them: pages that a cursor walks cover every use once, with the
+// filters of a query; a file stored again or removed takes its uses and imports along; a bulk load finds
+// them once its indexes are built, and a swap carries them.
+#include <set>
+
+#include "storage/storage_fixture.h"
+
+namespace brenloc::storage {
+namespace {
+
+using testing::entries;
+using testing::file_entry;
+using testing::open_database;
+using testing::TempDir;
+
+// "d<i % 10>/f<i>.cpp" uses `size_t` at 100 (a call) and 200 (a type) and `count` at 300.
+FileEntry user(int i) {
+  FileEntry e = file_entry(fmt::format("d{}/f{}.cpp", i % 10, i), {});
+  pack_name_uses(e.uses, "size_t", encode_uses({{100, UseRole::call}, {200, UseRole::type}}));
+  pack_name_uses(e.uses, "count", encode_uses({{300, UseRole::other}}));
+  return e;
+}
+
+// Every use of a query, page after page as the cursor leads, as "file_id@offset".
+std::vector<std::string> walk(Repository& repo, UsesQuery q, int* pages = nullptr) {
+  std::vector<std::string> out;
+  for (int page = 0; page < 10000; ++page) {
+    const UsesPage p = repo.find_uses(q);
+    for (const UseHit& h : p.hits) out.push_back(fmt::format("{}@{}", h.file_id, h.use.offset));
+    if (pages) *pages = page + 1;
+    if (!p.next) return out;
+    q.from_file = p.next->first;
+    q.skip = p.next->second;
+  }
+  ADD_FAILURE() << "the cursor does not end";
+  return out;
+}
+
+TEST(Uses, PagesCoverEveryUseOnce) {
+  TempDir dir;
+  Repository repo(open_database(dir.path() / "index.db"));
+  for (int batch = 0; batch < 6; ++batch) {
+    std::vector<FileEntry> files;
+    for (int i = batch * 500; i < (batch + 1) * 500; ++i) files.push_back(user(i));
+    repo.store_files(files);
+  }
+  struct Case {
+    const char* label;
+    UsesQuery query;
+    std::size_t uses;
+    std::int64_t total;
+    bool more;
+  };
+  const Case cases[] = {
+      {"a name used 6,000 times, in pages of 7", {.name = "size_t", .limit = 7}, 6000, 500, true},
+      {"one role", {.name = "size_t", .roles = 1u << static_cast<int>(UseRole::call), .limit = 1000}, 3000, 500, true},
+      {"a directory", {.name = "size_t", .path_prefix = "d3", .limit = 33}, 600, 500, true},
+      {"a glob", {.name = "count", .path_prefix = "d1/f1?1.cpp", .limit = 4}, 10, 10, false},
+      {"no role of those asked", {.name = "count", .roles = 1u << static_cast<int>(UseRole::import)}, 0, 0, false},
+      {"a name used nowhere", {.name = "size", .limit = 5}, 0, 0, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    const UsesPage first = repo.find_uses(c.query);
+    EXPECT_EQ(first.total, c.total);
+    EXPECT_EQ(first.more, c.more);
+    const std::vector<std::string> all = walk(repo, c.query);
+    EXPECT_EQ(all.size(), c.uses);
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), all.size()) << "a use shown twice";
+  }
+}
+
+TEST(Uses, FollowStoresRemovalsBulkLoadsAndSwaps) {
+  TempDir dir;
+  Repository repo(open_database(dir.path() / "index.db"));
+  auto files_using = [&](const std::string& name) {
+    std::set<std::string> out;
+    for (const UseHit& h : repo.find_uses({.name = name, .limit = 1000}).hits) out.insert(h.path);
+    return out;
+  };
+  auto importers = [&](const std::string& stem) {
+    std::set<std::string> out;
+    for (const ImportHit& h : repo.imports_by_stem({stem})) out.insert(h.path + " " + h.target);
+    return out;
+  };
+  repo.store_files(entries("a", 3, 1));
+  EXPECT_EQ(files_using("a"), (std::set<std::string>{"a/f0.cpp", "a/f1.cpp", "a/f2.cpp"}));
+  EXPECT_EQ(importers("a"), (std::set<std::string>{"a/f0.cpp \"a.h\"", "a/f1.cpp \"a.h\"", "a/f2.cpp \"a.h\""}));
+  repo.store_files({file_entry("a/f1.cpp", {})});  // stored again, using nothing
+  repo.remove_files({"a/f2.cpp"});
+  EXPECT_EQ(files_using("a"), (std::set<std::string>{"a/f0.cpp"}));
+  EXPECT_EQ(importers("a"), (std::set<std::string>{"a/f0.cpp \"a.h\""}));
+
+  // A bulk load, with a file stored twice in it, as a rebuild's staging database gets it.
+  auto staging_db = open_database(dir.path() / "staging.db");
+  Repository staging(staging_db);
+  ASSERT_TRUE(staging.defer_name_index());
+  staging.store_files(entries("b", 4, 1));
+  staging.store_files({file_entry("b/f3.cpp", {})});
+  staging.restore_indexes();
+  EXPECT_EQ(testing::query_text(*staging_db, "SELECT count(*) FROM uses_pending"), "0");
+  staging_db->execute("PRAGMA wal_checkpoint(TRUNCATE)");
+  repo.swap_index_from(dir.path() / "staging.db");
+  EXPECT_EQ(files_using("a"), std::set<std::string>{});
+  EXPECT_EQ(files_using("b"), (std::set<std::string>{"b/f0.cpp", "b/f1.cpp", "b/f2.cpp"}));
+  EXPECT_EQ(importers("b").size(), 3u);
+  // The live writer goes on from the swapped rows.
+  repo.remove_files({"b/f0.cpp"});
+  EXPECT_EQ(files_using("b"), (std::set<std::string>{"b/f1.cpp", "b/f2.cpp"}));
+}
+
+}  // namespace
+}  // namespace brenloc::storage
