@@ -229,7 +229,7 @@ test('a data directory owned by another process is refused, never shared', async
     await bridged.client.close();
     // So does a second server in its own process: it completes the handshake and refuses each call.
     const second = await session(rt, demo, data, ['--standalone'], false);
-    assert.equal((await second.client.listTools()).tools.length, 5);
+    assert.equal((await second.client.listTools()).tools.length, 7);
     const refused = await call(second, 'search_symbols', { query: 'Cart' });
     assert.equal(refused.isError, true);
     assert.match(refused.content[0].text, new RegExp(`in use by another brenloc process \\(pid ${owner}\\); serve without --standalone`));
