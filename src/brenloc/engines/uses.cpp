@@ -268,7 +268,8 @@ class Finder {
     for (std::size_t i = frames_.size() - 1; i > 0; --i) {
       const Frame& parent = frames_[i - 1];
       const TSFieldId field = frames_[i].field;
-      if (field == 0) break;
+      // An error node's symbol (-1) is in no table.
+      if (field == 0 || parent.symbol >= g_.callee.size()) break;
       if (g_.callee[parent.symbol] == field) return UseRole::call;
       if (g_.member[parent.symbol] != field) break;
     }
