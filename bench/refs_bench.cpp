@@ -3,11 +3,11 @@
 //
 //   refs_bench TREE DATA_DIR [--rounds 200]
 //
-// DATA_DIR holds the index of TREE (brenloc reindex --root TREE --data-dir DATA_DIR). Part 1, recall: every
+// DATA_DIR holds the index of TREE (brenloc reindex --root TREE --data-dir DATA_DIR). First, recall: every
 // indexed file is scanned for identifier tokens outside comments and strings (a lexer per language family,
 // no parser; keywords and a preprocessor line's directive and header left out), and the uses the index holds
 // for it are compared with them: the share of the scan's tokens that the index has at the same offset, and
-// the uses of the index that the scan places inside a comment or a string (there should be none). Part 2:
+// the uses of the index that the scan places inside a comment or a string (there should be none). Then,
 // find_references and find_importers through the tools of a worker of this process, p50 and p99 over
 // rounds after one call that reads the files' pages: a name used in about 1,000 files, the name used in the
 // most files (first page), a page deep into it, a role filter, and the importers of the most included file.
@@ -305,7 +305,7 @@ class Lexer {
       } else if (formatted && t_[i_] == '{') {
         mark(piece, i_);
         ++i_;
-        // The expression, up to its format spec or the closing brace.
+        // The expression, up to its format specifier or the closing brace.
         int depth = 0;
         while (i_ < t_.size() && !(depth == 0 && (t_[i_] == '}' || t_[i_] == ':' || t_[i_] == '!'))) {
           const auto c = static_cast<unsigned char>(t_[i_]);
