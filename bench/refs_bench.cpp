@@ -1,13 +1,14 @@
 // The occurrence index on a real tree: how much of what a token scan finds it holds, and how fast the
 // references and importers tools answer.
 //
-//   refs_bench TREE DATA_DIR [--rounds 200]
+//   refs_bench TREE DATA_DIR [--rounds 200] [--quoted]
 //
 // DATA_DIR holds the index of TREE (brenloc reindex --root TREE --data-dir DATA_DIR). First, recall: every
 // indexed file is scanned for identifier tokens outside comments and strings (a lexer per language family,
 // no parser; keywords and a preprocessor line's directive and header left out), and the uses the index holds
 // for it are compared with them: the share of the scan's tokens that the index has at the same offset, and
-// the uses of the index that the scan places inside a comment or a string (there should be none). Then,
+// the uses of the index that the scan places inside a comment or a string (there should be none; `--quoted`
+// lists them all, where a few are shown otherwise). Then,
 // find_references and find_importers through the tools of a worker of this process, p50 and p99 over
 // rounds after one call that reads the files' pages: a name used in about 1,000 files, the name used in the
 // most files (first page), a page deep into it, a role filter, and the importers of the most included file.
@@ -103,7 +104,11 @@ struct Scan {
 class Lexer {
  public:
   Lexer(std::string_view language, std::string_view text)
-      : lang_(language), t_(text), words_(keywords(language)), c_family_(language == "c" || language == "cpp") {
+      : lang_(language),
+        t_(text),
+        words_(keywords(language)),
+        c_family_(language == "c" || language == "cpp"),
+        script_(language == "javascript" || language == "typescript" || language == "tsx") {
     out_.quoted.assign(text.size(), false);
   }
 
@@ -156,8 +161,13 @@ class Lexer {
           directive();
           continue;
         }
-        if (c_string()) continue;
+        if (script_ && c == '/' && !value_ && regex()) continue;
+        if (c_string()) {
+          value_ = true;
+          continue;
+        }
       }
+      value_ = c == ')' || c == ']' || name_char(c);
       if (std::isdigit(c)) {
         while (i_ < t_.size() && (name_char(static_cast<unsigned char>(t_[i_])) || t_[i_] == '.' ||
                                   ((t_[i_] == '+' || t_[i_] == '-') && (t_[i_ - 1] == 'e' || t_[i_ - 1] == 'E' ||
@@ -172,11 +182,31 @@ class Lexer {
         while (end < t_.size() && name_char(static_cast<unsigned char>(t_[end]))) ++end;
         const std::string_view word = t_.substr(i_, end - i_);
         if (!words_.contains(word)) out_.names.emplace(static_cast<std::uint32_t>(i_), std::string(word));
+        value_ = !words_.contains(word) || word == "this" || word == "super";
         i_ = end;
         continue;
       }
       ++i_;
     }
+  }
+
+  // A regular expression literal, /.../flags, on one line ('/' inside a [class] does not end it).
+  bool regex() {
+    std::size_t k = i_ + 1;
+    bool in_class = false;
+    for (; k < t_.size() && t_[k] != '\n'; ++k) {
+      if (t_[k] == '\\') ++k;
+      else if (t_[k] == '[') in_class = true;
+      else if (t_[k] == ']') in_class = false;
+      else if (t_[k] == '/' && !in_class) break;
+    }
+    if (k >= t_.size() || t_[k] != '/') return false;
+    ++k;
+    while (k < t_.size() && name_char(static_cast<unsigned char>(t_[k]))) ++k;
+    mark(i_, k);
+    i_ = k;
+    value_ = true;
+    return true;
   }
 
   void skip_to_newline(bool quoted) {
@@ -189,7 +219,7 @@ class Lexer {
     const std::size_t from = i_;
     int depth = 0;
     while (i_ < t_.size()) {
-      if (at("/*")) {
+      if (at("/*") && (depth == 0 || lang_ == "rust")) {  // only Rust's comments nest: `/*/*/` is one comment in C
         ++depth;
         i_ += 2;
       } else if (at("*/")) {
@@ -247,7 +277,7 @@ class Lexer {
       mark(from, i_);
       return true;
     }
-    if (c == '`') {  // a template string, whose ${...} are code
+    if (c == '`' && script_) {  // a template string, whose ${...} are code (a stray backtick elsewhere)
       ++i_;
       std::size_t piece = from;
       while (i_ < t_.size() && t_[i_] != '`') {
@@ -342,8 +372,11 @@ class Lexer {
   std::string_view lang_;
   std::string_view t_;
   const std::unordered_set<std::string_view>& words_;
-  bool c_family_;
+  bool c_family_, script_;
   std::size_t i_ = 0;
+  // In scripts: whether the last token of code before i_ is a value (a name, a number, a string, `)` or
+  // `]`): a `/` after a value divides, elsewhere it opens a regular expression.
+  bool value_ = false;
   Scan out_;
 };
 
@@ -409,7 +442,7 @@ std::map<std::uint32_t, int> uses_of(sqlite3* db, std::int64_t file) {
   return out;
 }
 
-void recall(const fs::path& tree, sqlite3* db) {
+void recall(const fs::path& tree, sqlite3* db, bool all_quoted) {
   struct Tally {
     std::int64_t scanned = 0, found = 0, quoted = 0, indexed = 0;
   };
@@ -433,9 +466,15 @@ void recall(const fs::path& tree, sqlite3* db) {
     for (const auto& [offset, role] : uses) {
       if (offset < scan.quoted.size() && scan.quoted[offset]) {
         ++t.quoted;
-        if (quoted_samples.size() < 8) {
-          const std::size_t bol = text.rfind('\n', offset) == std::string::npos ? 0 : text.rfind('\n', offset) + 1;
-          quoted_samples.push_back(fmt::format("{}@{}: {}", f.path, offset, text.substr(bol, std::min<std::size_t>(100, text.find('\n', offset) - bol))));
+        if (all_quoted || quoted_samples.size() < 8) {
+          // The use's line, or 60 bytes each side of it on a long line.
+          std::size_t bol = text.rfind('\n', offset) == std::string::npos ? 0 : text.rfind('\n', offset) + 1;
+          bol = std::max(bol, offset > 60 ? std::size_t{offset} - 60 : std::size_t{0});
+          const std::size_t eol = std::min({text.find('\n', offset), text.size(), std::size_t{offset} + 60});
+          std::size_t end = offset;
+          while (end < text.size() && name_char(static_cast<unsigned char>(text[end]))) ++end;
+          quoted_samples.push_back(fmt::format("{}@{} {} ({}): {}", f.path, offset, text.substr(offset, end - offset),
+                                               brenloc::storage::kUseRoleNames[role], text.substr(bol, eol - bol)));
         }
       }
     }
@@ -525,15 +564,17 @@ int main(int argc, char** argv) {
   const fs::path tree = fs::canonical(argv[1]);
   const fs::path data = argv[2];
   int rounds = 200;
-  for (int i = 3; i + 1 < argc; ++i) {
-    if (std::string(argv[i]) == "--rounds") rounds = std::atoi(argv[i + 1]);
+  bool all_quoted = false;
+  for (int i = 3; i < argc; ++i) {
+    if (std::string(argv[i]) == "--rounds" && i + 1 < argc) rounds = std::atoi(argv[++i]);
+    else if (std::string(argv[i]) == "--quoted") all_quoted = true;
   }
   brenloc::utils::set_log_level(spdlog::level::warn);
   Db db(data / "index.db");
 
   std::printf("== recall against a token scan (%s)\n", tree.c_str());
   const auto t0 = Clock::now();
-  recall(tree, db.db);
+  recall(tree, db.db, all_quoted);
   std::printf("(%.1f s)\n\n", std::chrono::duration<double>(Clock::now() - t0).count());
 
   std::int64_t files_1000 = 0, files_most = 0;

@@ -132,6 +132,61 @@ INSTANTIATE_TEST_SUITE_P(
              {"Serve definition 7", "http other 7", "ResponseWriter type 7", "Println call 7", "handle call 7"},
              {"ignored_name", "str_name"},
              {"fmt 3", "net/http 4"}},
+        // Where the parser recovers from errors: the pieces of strings, character literals and comments
+        // that it reads as names are none.
+        Case{"cpp_recovered",
+             "cpp",
+             "template<typename _Predicate>\n"
+             "  _SOME_DEPRECATED_SUGGEST(\"std::not_fn\")\n"
+             "  inline unary_negate<_Predicate>\n"
+             "  not1(const _Predicate& __pred)\n"
+             "  { return unary_negate<_Predicate>(__pred); }\n",
+             {"not1 definition 4", "unary_negate call 5", "__pred other 5"},
+             {"std", "not_fn"},
+             {}},
+        Case{"c_macro_comment",
+             "c",
+             "#define GET_CONTEXT(_rlval)                       \\\n"
+             "  { volatile unsigned int __addr;                 \\\n"
+             "    __asm__ volatile(PREAMBLE                     \\\n"
+             "                     /* %EAX = guest_NRADDR */    \\\n"
+             "                     \"xchgl %%ecx,%%ecx\"          \\\n"
+             "                     : \"=a\" (__addr)              \\\n"
+             "                     : \"cc\", \"memory\"             \\\n"
+             "                    );                            \\\n"
+             "  }\n"
+             "int after;\n",
+             {"GET_CONTEXT definition 1", "PREAMBLE other 3", "__addr other 2"},
+             {"EAX", "guest_NRADDR", "xchgl", "ecx", "a", "cc", "memory"},
+             {}},
+        Case{"c_enum_char_literals",
+             "c",
+             "typedef enum  FT_Encoding_\n"
+             "{\n"
+             "    FT_ENC_TAG( FT_ENCODING_NONE, 0, 0, 0, 0 ),\n"
+             "    FT_ENC_TAG( FT_ENCODING_MS_SYMBOL, 's', 'y', 'm', 'b' ),\n"
+             "    FT_ENC_TAG( FT_ENCODING_UNICODE,   'u', 'n', 'i', 'c' )\n"
+             "} FT_Encoding;\n",
+             {"FT_ENC_TAG other 4", "FT_ENCODING_MS_SYMBOL definition 4"},
+             {"s", "y", "m", "b", "u", "n", "i", "c"},
+             {}},
+        Case{"go_labels",
+             "go",
+             "package p\n"
+             "func f() {\n"
+             "\ts := `raw_word\n"
+             "\t more_word`\n"
+             "outer:\n"
+             "\tfor {\n"
+             "\t\tbreak outer\n"
+             "\t}\n"
+             "\tgoto done\n"
+             "done:\n"
+             "\tuse(s)\n"
+             "}\n",
+             {"outer definition 5", "outer other 7", "done other 9", "done definition 10", "use call 11"},
+             {"raw_word", "more_word"},
+             {}},
         Case{"rust",
              "rust",
              "use crate::net::retry::{backoff, Policy};\n"

@@ -9,6 +9,7 @@
 #include <unordered_set>
 
 #include "brenloc/engines/code_matchers.h"
+#include "brenloc/engines/quoted_spans.h"
 
 namespace brenloc::engines {
 namespace {
@@ -24,6 +25,7 @@ struct GrammarRules {
   std::vector<NodeField> members;  // the field of a qualified or member name that names the last part
   std::vector<std::string_view> imports;  // nodes whose names are all imports
   std::vector<std::string_view> type_contexts;  // nodes whose identifier children name types
+  std::vector<NodeField> labels;  // the field of a labelled statement that defines its label
 };
 
 const GrammarRules& rules_of(std::string_view language) {
@@ -42,7 +44,11 @@ const GrammarRules& rules_of(std::string_view language) {
                                    {{"attribute", "attribute"}},
                                    {"import_statement", "import_from_statement", "future_import_statement"},
                                    {"type"}};
-  static const GrammarRules go{{{"call_expression", "function"}}, {{"selector_expression", "field"}}, {"import_declaration"}, {}};
+  static const GrammarRules go{{{"call_expression", "function"}},
+                               {{"selector_expression", "field"}},
+                               {"import_declaration"},
+                               {},
+                               {{"labeled_statement", "label"}}};
   static const GrammarRules rust{{{"call_expression", "function"}, {"macro_invocation", "macro"}},
                                  {{"field_expression", "field"}, {"scoped_identifier", "name"}, {"generic_function", "function"}},
                                  {"use_declaration", "extern_crate_declaration"},
@@ -84,6 +90,7 @@ struct UseGrammar {
   std::vector<std::uint8_t> leaf;         // by symbol
   std::vector<TSFieldId> callee;          // by symbol: the callee's field, 0 when no call
   std::vector<TSFieldId> member;          // by symbol: the last part's field, 0 when none
+  std::vector<TSFieldId> label;           // by symbol: the field of the label it defines, 0 when none
   std::vector<bool> import;               // by symbol
   std::vector<bool> type_context;         // by symbol
   std::vector<bool> macro_definition;     // by symbol: #define (whose body is read as text)
@@ -99,6 +106,7 @@ UseGrammar make_grammar(const Language& lang) {
   u.leaf.assign(n, kNoLeaf);
   u.callee.assign(n, 0);
   u.member.assign(n, 0);
+  u.label.assign(n, 0);
   u.import.assign(n, false);
   u.type_context.assign(n, false);
   u.macro_definition.assign(n, false);
@@ -110,7 +118,7 @@ UseGrammar make_grammar(const Language& lang) {
     const std::string_view name = ts_language_symbol_name(g, s);
     if (name == "type_identifier" || name == "primitive_type") {
       u.leaf[sym] = kTypeName;
-    } else if (name.ends_with("identifier")) {
+    } else if (name.ends_with("identifier") || name == "label_name") {
       u.leaf[sym] = kName;
     } else if (name == "preproc_arg" && lang.c_family) {
       u.leaf[sym] = kMacroBody;
@@ -122,6 +130,7 @@ UseGrammar make_grammar(const Language& lang) {
   const GrammarRules& r = rules_of(lang.name);
   for (const NodeField& nf : r.callees) for_each_symbol_named(g, nf.node, [&](TSSymbol s) { u.callee[s] = field(nf.field); });
   for (const NodeField& nf : r.members) for_each_symbol_named(g, nf.node, [&](TSSymbol s) { u.member[s] = field(nf.field); });
+  for (const NodeField& nf : r.labels) for_each_symbol_named(g, nf.node, [&](TSSymbol s) { u.label[s] = field(nf.field); });
   for (std::string_view t : r.imports) for_each_symbol_named(g, t, [&](TSSymbol s) { u.import[s] = true; });
   for (std::string_view t : r.type_contexts) for_each_symbol_named(g, t, [&](TSSymbol s) { u.type_context[s] = true; });
   for (std::string_view t : {"preproc_def", "preproc_function_def"}) {
@@ -170,6 +179,9 @@ class Finder {
       : g_(g), language_(language), source_(source), defs_(defs) {}
 
   FileUses run(TSNode root, std::string_view parsed) {
+    // Where the parser recovered from errors, it may have read the words of a comment or a string as
+    // names: in C and C++ a lexer says where those are.
+    if (g_.c_family && ts_node_has_error(root)) quoted_ = c_quoted_spans(source_);
     blanked_text(root, parsed);
     TSTreeCursor cursor = ts_tree_cursor_new(root);
     frames_.push_back({ts_node_symbol(root), 0, root});
@@ -250,8 +262,11 @@ class Finder {
     const std::string_view name = text(f.node, source_);
     if (name.empty() || !name_start(static_cast<unsigned char>(name.front()))) return;
     if (g_.c_family && g_.leaf[s] == kTypeName && c_keyword(name)) return;
-    // Error recovery may read the words of a string as names.
-    if (frames_.size() >= 2 && ts_node_is_error(frames_[frames_.size() - 2].node) && quoted_on_its_line(start)) return;
+    // Error recovery may read the words of a string or a comment as names.
+    if (g_.c_family ? in_quoted_span(quoted_, start)
+                    : frames_.size() >= 2 && ts_node_is_error(frames_[frames_.size() - 2].node) && quoted_on_its_line(start)) {
+      return;
+    }
     add(name, start, role_of_leaf(start));
   }
 
@@ -264,6 +279,10 @@ class Finder {
     while (next_def_ < defs_.size() && defs_[next_def_] < start) ++next_def_;
     if (next_def_ < defs_.size() && defs_[next_def_] == start) return UseRole::definition;
     if (in_import_ > 0) return UseRole::import;
+    if (const std::size_t n = frames_.size(); n >= 2 && frames_[n - 1].field != 0 && frames_[n - 2].symbol < g_.label.size() &&
+                                              g_.label[frames_[n - 2].symbol] == frames_[n - 1].field) {
+      return UseRole::definition;
+    }
     // Up through the qualified or member names whose last part this is, to the call that calls it.
     for (std::size_t i = frames_.size() - 1; i > 0; --i) {
       const Frame& parent = frames_[i - 1];
@@ -328,7 +347,7 @@ class Finder {
       const std::string_view around =
           ts_node_type(ts_node_descendant_for_byte_range(root, static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(i)));
       if (around.find("comment") == std::string_view::npos && around.find("string") == std::string_view::npos &&
-          around.find("char_literal") == std::string_view::npos) {
+          around.find("char_literal") == std::string_view::npos && !in_quoted_span(quoted_, static_cast<std::uint32_t>(i))) {
         words(i, source_.substr(i, last + 1 - i), true);
       }
       i = last + 1;
@@ -471,6 +490,7 @@ class Finder {
   };
   std::vector<Found> found_;
   std::vector<storage::ImportRow> imports_;
+  std::vector<QuotedSpan> quoted_;  // C and C++ with errors: the comments and literals
 };
 
 }  // namespace
