@@ -95,10 +95,16 @@ int tier_rank(Tier tier, SymbolQuery::Match match);
 // function's name mostly stands in for it).
 int kind_class(std::string_view kind);
 
-// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, path, line;
-// among the others kind class, shorter name, importance, path, line (then column, name and kind, so that
-// the order is total).
+// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, more referrers, path,
+// line; among the others kind class, shorter name, importance, more referrers, path, line (then column,
+// name and kind, so that the order is total).
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
+
+// What the referrers of a hit are, among hits equally important (in one scope depth): for a member, the
+// files that use its scope's innermost name (`vector` of std::vector, whose `push_back` is then meant
+// before std::deque's); at the top scope (an empty name here), the files that include or import its file
+// (the public header a family's users include, before a copy that wraps it).
+std::string_view referred_scope(std::string_view scope);
 // The part of the ranking that a name's rows share, or that bounds from below the rows of at least this
 // importance and kind class.
 std::tuple<int, int, int, std::size_t> rank_head(int tier_rank, int importance, int kind_class, std::size_t name_size);

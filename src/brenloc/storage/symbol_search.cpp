@@ -15,6 +15,7 @@
 #include "brenloc/storage/row_ranges.h"
 #include "brenloc/storage/search_results.h"
 #include "brenloc/storage/symbol_match.h"
+#include "brenloc/storage/use_counts.h"
 #include "brenloc/symbol_kinds.h"
 
 namespace brenloc::storage::detail {
@@ -75,6 +76,7 @@ struct Filters {
 
 struct FileFacts {
   std::string path, language;
+  std::int64_t importers = -1;  // not counted yet
 };
 
 // The symbol ids of the files that a path filter (a directory, a file or a glob) selects.
@@ -178,7 +180,7 @@ class Search {
       Statement& stmt = r_.statement("SELECT path, language FROM files WHERE id = ?1", file_);
       ResetOnExit done{stmt};
       stmt.bind(1, id);
-      if (stmt.step(file_, kOperation)) at->second = FileFacts{stmt.text(0), stmt.text(1)};
+      if (stmt.step(file_, kOperation)) at->second = FileFacts{stmt.text(0), stmt.text(1), -1};
     }
     return at->second;
   }
@@ -213,7 +215,21 @@ class Search {
     const FileFacts& f = file_facts(stmt.integer(8));
     results_.offer(SymbolHit{std::string(name), std::string(kind), f.path, static_cast<int>(stmt.integer(3)),
                              static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
-                             f.language, rank, static_cast<int>(stmt.integer(7)), importance_of});
+                             f.language, rank, static_cast<int>(stmt.integer(7)), importance_of,
+                             referrers(stmt.integer(8), scope)});
+  }
+
+  // How many files refer to where a row of file `file_id` and scope `scope` lives (referred_scope),
+  // counted once per search.
+  std::int64_t referrers(std::int64_t file_id, std::string_view scope) {
+    if (const std::string_view name = referred_scope(scope); !name.empty()) {
+      auto [at, fresh] = scope_users_.try_emplace(std::string(name));
+      if (fresh) at->second = files_using(r_, file_, name);
+      return at->second;
+    }
+    FileFacts& f = files_.at(file_id);
+    if (f.importers < 0) f.importers = files_importing(r_, file_, f.path, f.language);
+    return f.importers;
   }
 
   // --- by file: every row of the ranges (or of the whole index), each checked here.
@@ -476,6 +492,7 @@ class Search {
   Filters filters_;
   SearchResults results_;
   std::unordered_map<std::int64_t, FileFacts> files_;
+  std::unordered_map<std::string, std::int64_t> scope_users_;
   const std::uint32_t module_languages_ = [] {
     std::uint32_t out = 0;
     for (std::string_view l : kLanguages) out |= makes_modules(l) ? language_bit(l) : 0;
