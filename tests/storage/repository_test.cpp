@@ -363,7 +363,7 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
       bare.text = pattern.text;
       return reference(bare, pattern.scope);
     }
-    std::sort(hits.begin(), hits.end(), ranks_before);
+    std::sort(hits.begin(), hits.end(), [](const SymbolHit& a, const SymbolHit& b) { return ranks_before(a, b); });
     return hits;
   };
   auto lines = [&](const std::vector<SymbolHit>& hits) {

@@ -97,7 +97,11 @@ int kind_class(std::string_view kind);
 
 // The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, more referrers, path,
 // line; among the others kind class, shorter name, importance, more referrers, path, line (then column,
-// name and kind, so that the order is total).
+// name and kind, so that the order is total). `referrers` gives a hit's count, and is asked only of hits
+// equal in all before it (a search counts them only where they decide); the first form reads the hits'
+// own.
+template <class Referrers>
+bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers);
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
 
 // What the referrers of a hit are, among hits equally important (in one scope depth): for a member, the
@@ -108,6 +112,19 @@ std::string_view referred_scope(std::string_view scope);
 // The part of the ranking that a name's rows share, or that bounds from below the rows of at least this
 // importance and kind class.
 std::tuple<int, int, int, std::size_t> rank_head(int tier_rank, int importance, int kind_class, std::size_t name_size);
+
+template <class Referrers>
+bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers) {
+  auto head = [](const SymbolHit& h) {
+    return std::tuple(rank_head(h.tier, h.importance, kind_class(h.kind), h.name.size()), h.importance);
+  };
+  if (const auto ha = head(a), hb = head(b); ha != hb) return ha < hb;
+  if (const std::int64_t ra = referrers(a), rb = referrers(b); ra != rb) return ra > rb;
+  auto rest = [](const SymbolHit& h) {
+    return std::tuple(std::string_view(h.path), h.line, h.column, std::string_view(h.name), std::string_view(h.kind));
+  };
+  return rest(a) < rest(b);
+}
 
 std::string fold_case(std::string_view text);
 

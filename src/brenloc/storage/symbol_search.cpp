@@ -76,7 +76,6 @@ struct Filters {
 
 struct FileFacts {
   std::string path, language;
-  std::int64_t importers = -1;  // not counted yet
 };
 
 // The symbol ids of the files that a path filter (a directory, a file or a glob) selects.
@@ -137,7 +136,8 @@ class Search {
         pattern_(parse_pattern(q.text, q.match)),
         hint_(std::move(hint)),
         catalogs_(catalogs),
-        results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap)) {}
+        results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap),
+                 [this](const SymbolHit& h) { return referrers(h); }) {}
 
   SymbolSearch run() {
     set_filters();
@@ -180,7 +180,7 @@ class Search {
       Statement& stmt = r_.statement("SELECT path, language FROM files WHERE id = ?1", file_);
       ResetOnExit done{stmt};
       stmt.bind(1, id);
-      if (stmt.step(file_, kOperation)) at->second = FileFacts{stmt.text(0), stmt.text(1), -1};
+      if (stmt.step(file_, kOperation)) at->second = FileFacts{stmt.text(0), stmt.text(1)};
     }
     return at->second;
   }
@@ -215,21 +215,15 @@ class Search {
     const FileFacts& f = file_facts(stmt.integer(8));
     results_.offer(SymbolHit{std::string(name), std::string(kind), f.path, static_cast<int>(stmt.integer(3)),
                              static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
-                             f.language, rank, static_cast<int>(stmt.integer(7)), importance_of,
-                             referrers(stmt.integer(8), scope)});
+                             f.language, rank, static_cast<int>(stmt.integer(7)), importance_of});
   }
 
-  // How many files refer to where a row of file `file_id` and scope `scope` lives (referred_scope),
-  // counted once per search.
-  std::int64_t referrers(std::int64_t file_id, std::string_view scope) {
-    if (const std::string_view name = referred_scope(scope); !name.empty()) {
-      auto [at, fresh] = scope_users_.try_emplace(std::string(name));
-      if (fresh) at->second = files_using(r_, file_, name);
-      return at->second;
-    }
-    FileFacts& f = files_.at(file_id);
-    if (f.importers < 0) f.importers = files_importing(r_, file_, f.path, f.language);
-    return f.importers;
+  // How many files refer to where a hit lives (referred_scope), counted once per search.
+  std::int64_t referrers(const SymbolHit& h) {
+    const std::string_view name = referred_scope(h.scope);
+    auto [at, fresh] = name.empty() ? importers_.try_emplace(h.path) : scope_users_.try_emplace(std::string(name));
+    if (fresh) at->second = name.empty() ? files_importing(r_, file_, h.path, h.language) : files_using(r_, file_, name);
+    return at->second;
   }
 
   // --- by file: every row of the ranges (or of the whole index), each checked here.
@@ -492,7 +486,7 @@ class Search {
   Filters filters_;
   SearchResults results_;
   std::unordered_map<std::int64_t, FileFacts> files_;
-  std::unordered_map<std::string, std::int64_t> scope_users_;
+  std::unordered_map<std::string, std::int64_t> scope_users_, importers_;  // by scope name, by path
   const std::uint32_t module_languages_ = [] {
     std::uint32_t out = 0;
     for (std::string_view l : kLanguages) out |= makes_modules(l) ? language_bit(l) : 0;
