@@ -96,8 +96,8 @@ int tier_rank(Tier tier, SymbolQuery::Match match);
 int kind_class(std::string_view kind);
 
 // The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, more referrers, path,
-// line; among the others kind class, shorter name, importance, more referrers, path, line (then column,
-// name and kind, so that the order is total). `referrers` gives a hit's count, and is asked only of hits
+// line; among the others kind class, shorter name, importance, path, line (then column, name and kind, so
+// that the order is total). `referrers` gives a hit's count, and is asked only of hits
 // equal in all before it (a search counts them only where they decide); the first form reads the hits'
 // own.
 template <class Referrers>
@@ -119,7 +119,10 @@ bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers)
     return std::tuple(rank_head(h.tier, h.importance, kind_class(h.kind), h.name.size()), h.importance);
   };
   if (const auto ha = head(a), hb = head(b); ha != hb) return ha < hb;
-  if (const std::int64_t ra = referrers(a), rb = referrers(b); ra != rb) return ra > rb;
+  // Only among exact names: among other names the place says less, and a page of them holds many.
+  if (a.tier <= static_cast<int>(Tier::exact)) {
+    if (const std::int64_t ra = referrers(a), rb = referrers(b); ra != rb) return ra > rb;
+  }
   auto rest = [](const SymbolHit& h) {
     return std::tuple(std::string_view(h.path), h.line, h.column, std::string_view(h.name), std::string_view(h.kind));
   };
