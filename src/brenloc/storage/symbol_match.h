@@ -119,8 +119,11 @@ bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers)
     return std::tuple(rank_head(h.tier, h.importance, kind_class(h.kind), h.name.size()), h.importance);
   };
   if (const auto ha = head(a), hb = head(b); ha != hb) return ha < hb;
-  // Only among exact names: among other names the place says less, and a page of them holds many.
-  if (a.tier <= static_cast<int>(Tier::exact)) {
+  // Only among exact names: among other names the place says less, and a page of them holds many. Hits
+  // of one place (one scope name, or one file at the top scope) have the same count: none is asked.
+  const std::string_view place_a = referred_scope(a.scope), place_b = referred_scope(b.scope);
+  const bool one_place = place_a == place_b && (!place_a.empty() || a.path == b.path);
+  if (a.tier <= static_cast<int>(Tier::exact) && !one_place) {
     if (const std::int64_t ra = referrers(a), rb = referrers(b); ra != rb) return ra > rb;
   }
   auto rest = [](const SymbolHit& h) {
