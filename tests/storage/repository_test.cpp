@@ -184,6 +184,23 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"fmt/core.h", "cpp", "format", "function", ""},
       {"c++/bits/stl_bvector.h", "cpp", "vector", "class", "std", true},
       {"c++/bits/stl_vector.h", "cpp", "vector", "class", "std"},
+      {"c++/bits/stl_deque.h", "cpp", "push_back", "method", "std::deque"},
+      {"c++/bits/stl_vector.h", "cpp", "push_back", "method", "std::vector"},
+      {"python3/cpython/pthread_stubs.h", "c", "pthread_mutex_t", "type", ""},
+      {"x86/bits/pthreadtypes.h", "c", "pthread_mutex_t", "type", ""},
+      {"ntpath.py", "python", "join", "function", ""},
+      {"posixpath.py", "python", "join", "function", ""},
+  };
+  // Files that use names and include or import others: vector is used more than deque; pthreadtypes.h is
+  // included once, other files named pthread_stubs.h twice; posixpath is imported.
+  struct User {
+    std::string path, language;
+    std::vector<std::string> names, imports;
+  };
+  const std::vector<User> users = {
+      {"app/a.cpp", "cpp", {"vector", "deque"}, {"<bits/pthreadtypes.h>", "<sys/pthread_stubs.h>"}},
+      {"app/b.cpp", "cpp", {"vector"}, {"\"compat/pthread_stubs.h\""}},
+      {"app/c.py", "python", {}, {"posixpath"}},
   };
   std::map<std::string, FileEntry> files;
   int line = 0;
@@ -192,6 +209,12 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
     at->second.file.language = r.language;
     ++line;
     at->second.symbols.push_back({r.name, r.kind, line, 1, line, 1, r.scope, 0, r.specialization});
+  }
+  for (const User& u : users) {
+    auto [at, added] = files.try_emplace(u.path, file_entry(u.path, {}));
+    at->second.file.language = u.language;
+    for (const std::string& name : u.names) pack_name_uses(at->second.uses, name, encode_uses({{0, UseRole::type}}));
+    for (const std::string& target : u.imports) at->second.imports.push_back({target, 1});
   }
   std::vector<FileEntry> entries;
   for (auto& [path, e] : files) entries.push_back(std::move(e));
@@ -219,6 +242,11 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"array", "array lib/v3/core/types.ts"},   // benchmarks after the code they measure
       {"fmt::format", "format fmt/core.h"},      // nothing under "fmt": where a path holds it
       {"std::vector", "vector c++/bits/stl_vector.h"},  // a template before its specialization
+      // Among equally likely hits, where more files refer to: a member of the class more used, a header
+      // more included (by its path), a module more imported.
+      {"push_back", "push_back c++/bits/stl_vector.h"},
+      {"pthread_mutex_t", "pthread_mutex_t x86/bits/pthreadtypes.h"},
+      {"join", "join posixpath.py"},
   };
   for (const auto& [query, first] : cases) {
     SCOPED_TRACE(query);
@@ -248,10 +276,15 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
       for (int n = 0; n < 6; ++n) {
         auto i = static_cast<std::size_t>(f * 7 + n * 3);
         symbols.push_back({stems[i % stems.size()] + std::to_string(n % 2), n % 3 ? "function" : "class", n + 1,
-                           n + 2, n + 9, 1, n % 2 ? "ns::K" : ""});
+                           n + 2, n + 9, 1, n % 2 ? (f % 3 ? "ns::K" : "ns::L") : ""});
       }
       auto entry = file_entry(files == 1 ? dir : fmt::format("{}/f{}.cpp", dir, f), std::move(symbols));
       if (f % 5 == 1) entry.file.language = "c";
+      // Uses of the scopes' names and includes of other files, so that equally important rows have more
+      // or fewer referrers.
+      if (f % 4 == 0) pack_name_uses(entry.uses, "K", encode_uses({{0, UseRole::type}}));
+      if (f % 6 == 0) pack_name_uses(entry.uses, "L", encode_uses({{0, UseRole::type}}));
+      entry.imports = {{fmt::format("<f{}.cpp>", f % 7), 1}, {fmt::format("\"sub/f{}.cpp\"", f % 2), 2}};
       rows.push_back(std::move(entry));
     }
   }
@@ -279,10 +312,34 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
     repo.remove_files(removed);
   };
 
+  std::map<std::string, std::int64_t> referrers_of;  // by path or scope, as the rows are now
+  bool uses_counted = false;
   // `hint`: the qualifier dropped when nothing lives under it, which paths that hold it rank first by.
   std::function<std::vector<SymbolHit>(const SymbolQuery&, const std::string&)> reference = [&](const SymbolQuery& q,
                                                                                                const std::string& hint) {
     const NamePattern pattern = parse_pattern(q.text, q.match);
+    // Referrers: of a member, the files that use its scope's last name (uses loaded in bulk are counted
+    // once the name index is built); of a top-level row, the includes whose path is its file's path or
+    // ends it.
+    auto referrers = [&](const std::string& path, const std::string& scope) {
+      auto [at, fresh] = referrers_of.try_emplace(scope.empty() ? path : scope);
+      if (!fresh) return at->second;
+      std::int64_t& n = at->second;
+      for (const auto& e : rows) {
+        if (!scope.empty()) {
+          if (!uses_counted) break;
+          bool uses = false;
+          for_each_name_uses(e.uses, [&](const NameUses& u) { uses = uses || u.name == scope.substr(scope.rfind(':') + 1); });
+          n += uses;
+          continue;
+        }
+        for (const auto& i : e.imports) {
+          const std::string written = i.target.substr(1, i.target.size() - 2);
+          n += path == written || path.ends_with("/" + written);
+        }
+      }
+      return n;
+    };
     const std::string dir = q.path_prefix.value_or("");
     const bool glob = dir.find('*') != std::string::npos;
     std::vector<SymbolHit> hits;
@@ -297,7 +354,8 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
         hits.push_back({s.name, s.kind, p, s.line, s.column, s.end_line, s.scope, e.file.language,
                         tier_rank(tier, q.match), 0,
                         hint.empty() ? importance(pattern, place, s.kind)
-                                     : importance(path_holds_qualifier(hint, p) ? 0 : 1, place_rank(place, s.kind))});
+                                     : importance(path_holds_qualifier(hint, p) ? 0 : 1, place_rank(place, s.kind)),
+                        referrers(p, s.scope)});
       }
     }
     if (hits.empty() && !pattern.scope.empty() && !pattern.text.empty()) {
@@ -305,7 +363,7 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
       bare.text = pattern.text;
       return reference(bare, pattern.scope);
     }
-    std::sort(hits.begin(), hits.end(), ranks_before);
+    std::sort(hits.begin(), hits.end(), [](const SymbolHit& a, const SymbolHit& b) { return ranks_before(a, b); });
     return hits;
   };
   auto lines = [&](const std::vector<SymbolHit>& hits) {
@@ -320,8 +378,14 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
   for (int at = 0; at <= GetParam(); ++at) {
     const std::string& phase = phases[at];
     SCOPED_TRACE(phase);
-    if (phase == "rebuilt") repo.restore_indexes();
-    if (phase == "changed since") change();
+    if (phase == "rebuilt") {
+      repo.restore_indexes();
+      uses_counted = true;
+    }
+    if (phase == "changed since") {
+      change();
+      referrers_of.clear();
+    }
     if (at < GetParam()) continue;
     repo.clear_query_cache();
     if (phase != "without the name index") ASSERT_EQ(testing::search_tables_problem(*db), "");

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "brenloc/storage/records.h"
@@ -11,8 +12,10 @@ namespace brenloc::storage::detail {
 
 class SearchResults {
  public:
-  // A negative limit keeps every hit and counts without a cap.
-  SearchResults(int limit, std::int64_t cap);
+  // A negative limit keeps every hit and counts without a cap. `referrers` counts a hit's referrers (see
+  // ranks_before), asked only where they decide; without it, the hits' own are read.
+  using Referrers = std::function<std::int64_t(const SymbolHit&)>;
+  SearchResults(int limit, std::int64_t cap, Referrers referrers = {});
 
   // Whether a hit of this tier rank, importance (or a worse one), kind class and name length, and any
   // path and line, could still make the page.
@@ -27,9 +30,12 @@ class SearchResults {
   SymbolSearch finish() &&;
 
  private:
+  bool before(const SymbolHit& a, const SymbolHit& b) const;
+
   int limit_;
   std::int64_t cap_;
   std::int64_t counted_ = 0;
+  Referrers referrers_;
   std::vector<SymbolHit> page_;  // a heap, its worst hit first, when the limit bounds it
 };
 

@@ -383,11 +383,12 @@ std::tuple<int, int, int, std::size_t> rank_head(int rank, int importance, int k
 }
 
 bool ranks_before(const SymbolHit& a, const SymbolHit& b) {
-  auto key = [](const SymbolHit& h) {
-    return std::tuple(rank_head(h.tier, h.importance, kind_class(h.kind), h.name.size()), h.importance,
-                      std::string_view(h.path), h.line, h.column, std::string_view(h.name), std::string_view(h.kind));
-  };
-  return key(a) < key(b);
+  return ranks_before(a, b, [](const SymbolHit& h) { return h.referrers; });
+}
+
+std::string_view referred_scope(std::string_view scope) {
+  const std::size_t cut = scope.find_last_of(":./");
+  return cut == std::string_view::npos ? scope : scope.substr(cut + 1);
 }
 
 bool holds_in_order(std::string_view folded, std::string_view name) {

@@ -95,13 +95,42 @@ int tier_rank(Tier tier, SymbolQuery::Match match);
 // function's name mostly stands in for it).
 int kind_class(std::string_view kind);
 
-// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, path, line;
-// among the others kind class, shorter name, importance, path, line (then column, name and kind, so that
-// the order is total).
+// The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, more referrers, path,
+// line; among the others kind class, shorter name, importance, path, line (then column, name and kind, so
+// that the order is total). `referrers` gives a hit's count, and is asked only of hits
+// equal in all before it (a search counts them only where they decide); the first form reads the hits'
+// own.
+template <class Referrers>
+bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers);
 bool ranks_before(const SymbolHit& a, const SymbolHit& b);
+
+// What the referrers of a hit are, among hits equally important (in one scope depth): for a member, the
+// files that use its scope's innermost name (`vector` of std::vector, whose `push_back` is then meant
+// before std::deque's); at the top scope (an empty name here), the files that include or import its file
+// (the public header a family's users include, before a copy that wraps it).
+std::string_view referred_scope(std::string_view scope);
 // The part of the ranking that a name's rows share, or that bounds from below the rows of at least this
 // importance and kind class.
 std::tuple<int, int, int, std::size_t> rank_head(int tier_rank, int importance, int kind_class, std::size_t name_size);
+
+template <class Referrers>
+bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers) {
+  auto head = [](const SymbolHit& h) {
+    return std::tuple(rank_head(h.tier, h.importance, kind_class(h.kind), h.name.size()), h.importance);
+  };
+  if (const auto ha = head(a), hb = head(b); ha != hb) return ha < hb;
+  // Only among exact names: among other names the place says less, and a page of them holds many. Hits
+  // of one place (one scope name, or one file at the top scope) have the same count: none is asked.
+  const std::string_view place_a = referred_scope(a.scope), place_b = referred_scope(b.scope);
+  const bool one_place = place_a == place_b && (!place_a.empty() || a.path == b.path);
+  if (a.tier <= static_cast<int>(Tier::exact) && !one_place) {
+    if (const std::int64_t ra = referrers(a), rb = referrers(b); ra != rb) return ra > rb;
+  }
+  auto rest = [](const SymbolHit& h) {
+    return std::tuple(std::string_view(h.path), h.line, h.column, std::string_view(h.name), std::string_view(h.kind));
+  };
+  return rest(a) < rest(b);
+}
 
 std::string fold_case(std::string_view text);
 

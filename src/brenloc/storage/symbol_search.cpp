@@ -15,6 +15,7 @@
 #include "brenloc/storage/row_ranges.h"
 #include "brenloc/storage/search_results.h"
 #include "brenloc/storage/symbol_match.h"
+#include "brenloc/storage/use_counts.h"
 #include "brenloc/symbol_kinds.h"
 
 namespace brenloc::storage::detail {
@@ -135,7 +136,8 @@ class Search {
         pattern_(parse_pattern(q.text, q.match)),
         hint_(std::move(hint)),
         catalogs_(catalogs),
-        results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap)) {}
+        results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap),
+                 [this](const SymbolHit& h) { return referrers(h); }) {}
 
   SymbolSearch run() {
     set_filters();
@@ -214,6 +216,14 @@ class Search {
     results_.offer(SymbolHit{std::string(name), std::string(kind), f.path, static_cast<int>(stmt.integer(3)),
                              static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
                              f.language, rank, static_cast<int>(stmt.integer(7)), importance_of});
+  }
+
+  // How many files refer to where a hit lives (referred_scope), counted once per search.
+  std::int64_t referrers(const SymbolHit& h) {
+    const std::string_view name = referred_scope(h.scope);
+    auto [at, fresh] = name.empty() ? importers_.try_emplace(h.path) : scope_users_.try_emplace(std::string(name));
+    if (fresh) at->second = name.empty() ? files_importing(r_, file_, h.path, h.language) : files_using(r_, file_, name);
+    return at->second;
   }
 
   // --- by file: every row of the ranges (or of the whole index), each checked here.
@@ -476,6 +486,7 @@ class Search {
   Filters filters_;
   SearchResults results_;
   std::unordered_map<std::int64_t, FileFacts> files_;
+  std::unordered_map<std::string, std::int64_t> scope_users_, importers_;  // by scope name, by path
   const std::uint32_t module_languages_ = [] {
     std::uint32_t out = 0;
     for (std::string_view l : kLanguages) out |= makes_modules(l) ? language_bit(l) : 0;
