@@ -57,6 +57,10 @@ class Repository {
   // Creates the indexes that are missing (after a bulk load, or one that was cancelled or crashed), and
   // with the name index the search tables.
   void restore_indexes();
+  // Moves the uses that live stores and removals keep by file in uses_fresh into uses, in one transaction
+  // (at the end of a live pass): all of them in key order, so that each page of uses is written once.
+  // Queries see the same uses before and after. Nothing to do when there are none.
+  void move_fresh_uses();
 
   // --- queries (own read connections, cached) ---
   // The best matches of a name search, ranked (see symbol_match.h), and how many matched. A path filter

@@ -63,6 +63,14 @@ CREATE TABLE IF NOT EXISTS file_uses (
   file_id INTEGER PRIMARY KEY,
   keys BLOB NOT NULL
 );
+-- The uses of files that live passes stored or removed since uses was last brought up to date, one row
+-- per file (coded by pack_keyed_uses, name_uses.h): a file here has these uses, whatever its rows of uses say (an
+-- empty row: none). Writing a file's uses into uses at once would touch a page of it per name, all over
+-- the table; they are moved there at the end of each pass, for all of its files at once, in key order.
+CREATE TABLE IF NOT EXISTS uses_fresh (
+  file_id INTEGER PRIMARY KEY,
+  uses BLOB NOT NULL
+);
 -- During a bulk load (while the name index is deferred), the rows of uses as they come, in file order;
 -- they are sorted into uses when the name index is built.
 CREATE TABLE IF NOT EXISTS uses_pending (
