@@ -554,6 +554,8 @@ void Repository::move_fresh_uses() {
   db_->with_connection(
       [&](sqlite3* c) { any = detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM uses_fresh)", path, op) != 0; });
   if (!any) return;
+  const auto start = Clock::now();
+  std::size_t files = 0, rows = 0;
   impl_->write(*db_, op, [&](sqlite3* c) {
     // A row of uses to delete (no spots) or to write.
     struct Change {
@@ -612,7 +614,11 @@ void Repository::move_fresh_uses() {
       stmt.reset();
     }
     detail::run_script(c, "DELETE FROM uses_fresh", path, op);
+    files = file_keys.size();
+    rows = changes.size();
   });
+  impl_->log->debug("Moved the uses of {} files into place ({} rows written or deleted) in {:.3f} s", files, rows,
+                    seconds_since(start));
 }
 
 // ---------------------------------------------------------------------------------------------------
