@@ -153,10 +153,11 @@ class UseRows {
   UseRows(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
       : file_(file),
         pending_(detail::query_int(c, kHasNameIndexSql, file, operation) == 0),
-        drop_pending_(c, "DELETE FROM uses_pending WHERE file_id = ?1", file, operation),
+        drop_pending_(c, pending_ ? "DELETE FROM temp.uses_pending WHERE file_id = ?1" : "SELECT 1", file, operation),
         drop_keys_(c, "DELETE FROM file_uses WHERE file_id = ?1", file, operation),
         drop_imports_(c, "DELETE FROM imports WHERE file_id = ?1", file, operation),
-        add_pending_(c, "INSERT INTO uses_pending(name_key, file_id, spots) VALUES(?1, ?2, ?3)", file, operation),
+        add_pending_(c, pending_ ? "INSERT INTO temp.uses_pending(name_key, file_id, spots) VALUES(?1, ?2, ?3)" : "SELECT 1",
+                     file, operation),
         add_keys_(c, "INSERT INTO file_uses(file_id, keys) VALUES(?1, ?2)", file, operation),
         add_fresh_(c, "INSERT OR REPLACE INTO uses_fresh(file_id, uses) VALUES(?1, ?2)", file, operation),
         add_import_(c, "INSERT INTO imports(file_id, target, stem, line) VALUES(?1, ?2, ?3, ?4)", file, operation) {}
@@ -514,13 +515,14 @@ bool Repository::defer_name_index() {
     detail::run_script(c, "DELETE FROM uses; DELETE FROM file_uses; DELETE FROM uses_fresh; DELETE FROM imports", path,
                        "deferring the name index");
     detail::run_script(c, "DROP INDEX IF EXISTS symbols_by_name", path, "deferring the name index");
+    detail::run_script(c, detail::kPendingUsesSql, path, "deferring the name index");
     detail::clear_search_tables(c, path, "deferring the name index");
     dropped = true;
   });
   return dropped;
 }
 
-void Repository::restore_indexes() {
+bool Repository::restore_indexes() {
   const auto& path = impl_->path;
   // The name index is the one index a bulk load defers: nothing to do when it is there. Building it sorts
   // every name, with settings of its own.
@@ -531,20 +533,36 @@ void Repository::restore_indexes() {
     detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
   });
-  if (!missing) return;
+  if (!missing) return false;
   // The connection goes back to its ordinary settings whether or not the build succeeds.
   utils::OnExit restore([&] {
     db_->with_connection(
         [&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
   });
+  bool emptied = false;
   impl_->write(*db_, "building the indexes", [&](sqlite3* c) {
-    detail::run_script(c, detail::kSchemaSql, path, "building the indexes");
-    detail::rebuild_search_tables(c, path, "building the indexes");
-    detail::run_script(c,
-                       "INSERT INTO uses SELECT name_key, file_id, spots FROM uses_pending ORDER BY name_key, file_id; "
-                       "DELETE FROM uses_pending",
-                       path, "building the indexes");
+    const char* op = "building the indexes";
+    if (detail::query_int(c, "SELECT count(*) FROM temp.sqlite_master WHERE name = 'uses_pending'", path, op) == 0) {
+      // The bulk load's connection went before its end, and the uses of the files it stored with it: they
+      // are stored anew by the next pass, into an empty index (a bulk load again).
+      emptied = detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM files)", path, op) != 0;
+      detail::run_script(c,
+                         "DELETE FROM files; DELETE FROM symbols; DELETE FROM uses; DELETE FROM file_uses; "
+                         "DELETE FROM uses_fresh; DELETE FROM imports",
+                         path, op);
+    }
+    detail::run_script(c, detail::kSchemaSql, path, op);
+    detail::rebuild_search_tables(c, path, op);
+    if (!emptied) {
+      detail::run_script(c, detail::kPendingUsesSql, path, op);
+      detail::run_script(c,
+                         "INSERT INTO uses SELECT name_key, file_id, spots FROM temp.uses_pending ORDER BY name_key, file_id; "
+                         "DROP TABLE temp.uses_pending",
+                         path, op);
+    }
   });
+  if (emptied) impl_->log->warn("{}: the first indexing was cut short before its end; it starts again", path.string());
+  return emptied;
 }
 
 void Repository::move_fresh_uses() {
@@ -944,8 +962,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("DELETE FROM main.symbols", "emptying the live symbols");
       step("DELETE FROM main.files", "emptying the live files");
       step("DELETE FROM main.names; DELETE FROM main.name_state", "emptying the live names");
-      step("DELETE FROM main.uses; DELETE FROM main.file_uses; DELETE FROM main.uses_pending; DELETE FROM main.uses_fresh; "
-           "DELETE FROM main.imports",
+      step("DELETE FROM main.uses; DELETE FROM main.file_uses; DELETE FROM main.uses_fresh; DELETE FROM main.imports",
            "emptying the live uses");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
@@ -963,7 +980,6 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("INSERT INTO main.names SELECT * FROM staging.names; INSERT INTO main.name_state SELECT * FROM staging.name_state",
            "copying the names");
       step("INSERT INTO main.uses SELECT * FROM staging.uses; INSERT INTO main.file_uses SELECT * FROM staging.file_uses; "
-           "INSERT INTO main.uses_pending SELECT * FROM staging.uses_pending; "
            "INSERT INTO main.uses_fresh SELECT * FROM staging.uses_fresh; "
            "INSERT INTO main.imports SELECT * FROM staging.imports",
            "copying the uses");

@@ -71,13 +71,6 @@ CREATE TABLE IF NOT EXISTS uses_fresh (
   file_id INTEGER PRIMARY KEY,
   uses BLOB NOT NULL
 );
--- During a bulk load (while the name index is deferred), the rows of uses as they come, in file order;
--- they are sorted into uses when the name index is built.
-CREATE TABLE IF NOT EXISTS uses_pending (
-  name_key INTEGER NOT NULL,
-  file_id INTEGER NOT NULL,
-  spots BLOB NOT NULL
-);
 -- What each file includes or imports, as written, with the last part of it (import_stem) to look it up by.
 CREATE TABLE IF NOT EXISTS imports (
   file_id INTEGER NOT NULL,
@@ -87,6 +80,19 @@ CREATE TABLE IF NOT EXISTS imports (
 );
 CREATE INDEX IF NOT EXISTS imports_by_stem ON imports(stem);
 CREATE INDEX IF NOT EXISTS imports_by_file ON imports(file_id);
+)sql";
+
+// During a bulk load (while the name index is deferred), the rows of uses as they come, in file order, in
+// a temporary table of the writer connection (a file of its own, gone with the connection): they are
+// sorted into uses when the name index is built, and their pages never become free pages of the index.
+// Should the connection go first (the process killed), the name index is found missing without them,
+// and the files stored since are stored anew (restore_indexes).
+inline constexpr const char* kPendingUsesSql = R"sql(
+CREATE TEMP TABLE IF NOT EXISTS uses_pending (
+  name_key INTEGER NOT NULL,
+  file_id INTEGER NOT NULL,
+  spots BLOB NOT NULL
+);
 )sql";
 
 // The search tables: every distinct name of symbols (exact case) with a summary of its rows, a trigram

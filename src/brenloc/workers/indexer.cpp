@@ -315,7 +315,10 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
     auto hashes_f = impl->on_writer(o, [repo = repo, whole = whole, under = std::move(under)] {
       auto hashes = std::make_shared<const StateMap>(repo->file_states(under));
       bool deferred = whole && hashes->empty() && repo->defer_name_index();
-      if (!deferred) repo->restore_indexes();
+      if (!deferred && repo->restore_indexes()) {  // emptied: a bulk load that a killed process left
+        hashes = std::make_shared<const StateMap>();
+        deferred = whole && repo->defer_name_index();
+      }
       return std::make_pair(hashes, deferred);
     });
     std::tie(existing, bulk) = co_await aio::shield(hashes_f);
