@@ -82,6 +82,7 @@ inline std::string dump(Database& db) {
          query_text(db, "SELECT id, hex(block) FROM name_grams_data ORDER BY id") + "\n" +
          query_text(db, "SELECT name_key, file_id, hex(spots) FROM uses") + "\n" +
          query_text(db, "SELECT file_id, hex(keys) FROM file_uses") + "\n" +
+         query_text(db, "SELECT file_id, hex(uses) FROM uses_fresh") + "\n" +
          query_text(db, "SELECT * FROM imports ORDER BY rowid") + "\n" +
          query_text(db, "SELECT name FROM pragma_database_list") + "\n" +
          query_text(db, "SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name");

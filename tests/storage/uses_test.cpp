@@ -1,6 +1,7 @@
 // The uses of names as the store keeps them: pages that a cursor walks cover every use once, with the
 // filters of a query; a file stored again or removed takes its uses and imports along; a bulk load finds
 // them once its indexes are built, and a swap carries them.
+#include <functional>
 #include <set>
 
 #include "storage/storage_fixture.h"
@@ -21,12 +22,12 @@ FileEntry user(int i) {
   return e;
 }
 
-// Every use of a query, page after page as the cursor leads, as "file_id@offset".
+// Every use of a query, page after page as the cursor leads, as "path@offset".
 std::vector<std::string> walk(Repository& repo, UsesQuery q, int* pages = nullptr) {
   std::vector<std::string> out;
   for (int page = 0; page < 10000; ++page) {
     const UsesPage p = repo.find_uses(q);
-    for (const UseHit& h : p.hits) out.push_back(fmt::format("{}@{}", h.file_id, h.use.offset));
+    for (const UseHit& h : p.hits) out.push_back(fmt::format("{}@{}", h.path, h.use.offset));
     if (pages) *pages = page + 1;
     if (!p.next) return out;
     q.from_file = p.next->first;
@@ -70,6 +71,65 @@ TEST(Uses, PagesCoverEveryUseOnce) {
   }
 }
 
+// "<path>" using each of `names` at 5 and 50.
+FileEntry using_names(const std::string& path, const std::vector<std::string>& names) {
+  FileEntry e = file_entry(path, {});
+  for (const std::string& n : names) pack_name_uses(e.uses, n, encode_uses({{5, UseRole::call}, {50, UseRole::other}}));
+  return e;
+}
+
+// Live stores keep a file's uses apart until the end of the pass moves them into place: queries answer
+// the same before and after, page after page, and the moved rows are exactly those of the files.
+TEST(Uses, LiveChangesReadTheSameBeforeAndAfterTheyMove) {
+  using Step = std::function<void(Repository&)>;
+  auto store = [](std::vector<FileEntry> files) { return Step([files](Repository& r) { r.store_files(files); }); };
+  auto remove = [](std::vector<std::string> paths) { return Step([paths](Repository& r) { r.remove_files(paths); }); };
+  const Step move = [](Repository& r) { r.move_fresh_uses(); };
+  struct Case {
+    const char* label;
+    std::vector<Step> steps;
+    std::vector<std::string> a, b;  // the uses of `a` and of `b` in the end
+  };
+  const Case cases[] = {
+      {"a file stored again uses another name",
+       {store({using_names("f0", {"a", "b"}), using_names("f1", {"a"})}), move, store({using_names("f0", {"b"})})},
+       {"f1@5", "f1@50"},
+       {"f0@5", "f0@50"}},
+      {"a file removed, and its number taken by a new file",
+       {store({using_names("f0", {"a"}), using_names("f1", {"a"})}), move, remove({"f1"}), store({using_names("f2", {"b"})})},
+       {"f0@5", "f0@50"},
+       {"f2@5", "f2@50"}},
+      {"stored twice between moves, then again after one",
+       {store({using_names("f0", {"a"})}), store({using_names("f0", {"b"})}), move, store({using_names("f0", {"a", "b"})})},
+       {"f0@5", "f0@50"},
+       {"f0@5", "f0@50"}},
+      {"moved and unmoved files in file order",
+       {store({using_names("f0", {"a"}), using_names("f1", {"a"}), using_names("f2", {"a"})}), move,
+        store({using_names("f1", {"a"}), using_names("f3", {"a"})})},
+       {"f0@5", "f0@50", "f1@5", "f1@50", "f2@5", "f2@50", "f3@5", "f3@50"},
+       {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    TempDir dir;
+    auto db = open_database(dir.path() / "index.db");
+    Repository repo(db);
+    for (const Step& step : c.steps) step(repo);
+    for (const char* when : {"before the move", "after it"}) {
+      SCOPED_TRACE(when);
+      EXPECT_EQ(walk(repo, {.name = "a", .limit = 1}), c.a);
+      EXPECT_EQ(walk(repo, {.name = "b", .limit = 1}), c.b);
+      EXPECT_EQ(repo.find_uses({.name = "a"}).total, static_cast<std::int64_t>(c.a.size()));
+      move(repo);
+    }
+    EXPECT_EQ(testing::query_text(*db, "SELECT count(*) FROM uses_fresh"), "0");
+    EXPECT_EQ(testing::query_text(*db, "SELECT count(*) FROM uses"),
+              std::to_string((c.a.size() + c.b.size()) / 2));
+    EXPECT_EQ(testing::query_text(*db, "SELECT sum(length(keys)) / 6 FROM file_uses"),
+              std::to_string((c.a.size() + c.b.size()) / 2));
+  }
+}
+
 TEST(Uses, FollowStoresRemovalsBulkLoadsAndSwaps) {
   TempDir dir;
   Repository repo(open_database(dir.path() / "index.db"));
@@ -97,8 +157,9 @@ TEST(Uses, FollowStoresRemovalsBulkLoadsAndSwaps) {
   ASSERT_TRUE(staging.defer_name_index());
   staging.store_files(entries("b", 4, 1));
   staging.store_files({file_entry("b/f3.cpp", {})});
+  staging.store_files(entries("c", 500, 1));
   staging.restore_indexes();
-  EXPECT_EQ(testing::query_text(*staging_db, "SELECT count(*) FROM uses_pending"), "0");
+  EXPECT_EQ(testing::query_text(*staging_db, "PRAGMA freelist_count"), "0") << "the load's rows left free pages";
   staging_db->execute("PRAGMA wal_checkpoint(TRUNCATE)");
   repo.swap_index_from(dir.path() / "staging.db");
   EXPECT_EQ(files_using("a"), std::set<std::string>{});

@@ -386,42 +386,55 @@ TEST(IndexerPasses, ReadOnlyFilesWhoseStatusChanged) {
   }
 }
 
+// A first pass cut short, by a cancellation or by the death of its process (its writer connection gone
+// with whatever it kept in memory or in temporary files), is completed by the next pass: definitions and
+// uses alike.
 TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
-  Harness h;
-  constexpr int kFiles = 160;
-  for (int i = 0; i < kFiles; ++i) h.write(fmt::format("src/f{:03}.c", i), c_source(fmt::format("f{}", i), 100));
-  h.options.parse_threads = 1;
-  h.options.store_batch_files = 8;
-  Indexer ix(h.options);
-  int calls = 0, calls_at_cancel = 0;
-  std::int64_t done = 0, total = 0, done_at_cancel = 0;
-  ix.set_progress([&](std::int64_t d, std::int64_t t) { ++calls, done = d, total = t; });
-  aio::run_until_complete(h.loop, [&]() -> aio::Task<void> {
-    aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
-    while (done < 32 && !pass.done()) co_await aio::sleep_for(1ms);
-    done_at_cancel = done;
-    calls_at_cancel = calls;
-    pass.cancel();
-    co_await aio::wait_all({pass.base()});
-    EXPECT_TRUE(pass.cancelled());
-    co_await ix.settle();
-  }());
-  ix.set_progress(nullptr);
-  EXPECT_EQ(total, kFiles);
-  ASSERT_LT(done_at_cancel, kFiles) << "the pass ended before it could be cancelled";
-  EXPECT_EQ(calls, calls_at_cancel) << "progress after the cancellation";
-  // Stored: at most what was parsed by then; nothing parsed later is stored.
-  EXPECT_LE(static_cast<std::int64_t>(h.indexed_paths().size()), done_at_cancel);
-  // The next pass finishes the work, and builds the name index the cancelled bulk load left out (a paths
-  // pass does too, when it comes first).
-  if (!h.indexed_paths().empty()) {
-    h.index(ix, std::vector<fs::path>{h.root / "src/f000.c"});
+  for (const bool killed : {false, true}) {
+    SCOPED_TRACE(killed ? "the process killed" : "cancelled");
+    Harness h;
+    constexpr int kFiles = 160;
+    for (int i = 0; i < kFiles; ++i) h.write(fmt::format("src/f{:03}.c", i), c_source(fmt::format("f{}", i), 100));
+    h.options.parse_threads = 1;
+    h.options.store_batch_files = 8;
+    Indexer ix(h.options);
+    int calls = 0, calls_at_cancel = 0;
+    std::int64_t done = 0, total = 0, done_at_cancel = 0;
+    ix.set_progress([&](std::int64_t d, std::int64_t t) { ++calls, done = d, total = t; });
+    aio::run_until_complete(h.loop, [&]() -> aio::Task<void> {
+      aio::Future<IndexStats> pass = aio::spawn(ix.full_index());
+      while (done < 32 && !pass.done()) co_await aio::sleep_for(1ms);
+      done_at_cancel = done;
+      calls_at_cancel = calls;
+      pass.cancel();
+      co_await aio::wait_all({pass.base()});
+      EXPECT_TRUE(pass.cancelled());
+      co_await ix.settle();
+    }());
+    ix.set_progress(nullptr);
+    EXPECT_EQ(total, kFiles);
+    ASSERT_LT(done_at_cancel, kFiles) << "the pass ended before it could be cancelled";
+    EXPECT_EQ(calls, calls_at_cancel) << "progress after the cancellation";
+    // Stored: at most what was parsed by then; nothing parsed later is stored.
+    EXPECT_LE(static_cast<std::int64_t>(h.indexed_paths().size()), done_at_cancel);
+    if (killed) {
+      h.db->close();
+      h.db->connect();
+    }
+    // The next pass finishes the work, and builds the name index the cancelled bulk load left out (a paths
+    // pass does too, when it comes first).
+    if (!h.indexed_paths().empty()) {
+      h.index(ix, std::vector<fs::path>{h.root / "src/f000.c"});
+      EXPECT_TRUE(h.has_name_index());
+    }
+    EXPECT_EQ(h.index(ix).files_processed, kFiles);
+    EXPECT_EQ(h.indexed_paths().size(), static_cast<std::size_t>(kFiles));
     EXPECT_TRUE(h.has_name_index());
+    EXPECT_EQ(h.defined_in("f7_3"), (Paths{"src/f007.c"}));
+    for (int i = 0; i < kFiles; ++i) {
+      ASSERT_EQ(h.repo->find_uses({.name = fmt::format("f{}_0", i)}).total, 1) << "the uses of file " << i;
+    }
   }
-  EXPECT_EQ(h.index(ix).files_processed, kFiles);
-  EXPECT_EQ(h.indexed_paths().size(), static_cast<std::size_t>(kFiles));
-  EXPECT_TRUE(h.has_name_index());
-  EXPECT_EQ(h.defined_in("f7_3"), (Paths{"src/f007.c"}));
 }
 
 TEST(IndexerCancel, SettleWaitsForWorkStillOnThreads) {

@@ -34,6 +34,11 @@ void pack_name_uses(std::string& packed, std::string_view name, std::string_view
 // Calls fn(NameUses) for each name of a packed string (views into it).
 template <class Fn>
 void for_each_name_uses(std::string_view packed, Fn&& fn);
+// The same by name key (name_key), as a file's row of uses_fresh holds them: each key in 6 bytes, then
+// its coded uses as above; for_each_keyed_uses calls fn(key, spots).
+void pack_keyed_uses(std::string& packed, std::int64_t key, std::string_view spots);
+template <class Fn>
+void for_each_keyed_uses(std::string_view packed, Fn&& fn);
 
 // An include or import as written (`"net/socket.h"`, `<stdio.h>`, `utils.retry`, `./retry`, `mod retry`),
 // with the 1-based line it is on.
@@ -175,6 +180,35 @@ void for_each_name_uses(std::string_view packed, Fn&& fn) {
   std::size_t i = 0;
   NameUses u;
   while (i < packed.size() && detail::take_piece(packed, i, u.name) && detail::take_piece(packed, i, u.spots)) fn(u);
+}
+
+// A name key in 6 bytes, most significant first (as file_uses and uses_fresh keep them).
+inline constexpr std::size_t kNameKeyBytes = 6;
+inline void put_name_key(std::string& out, std::int64_t key) {
+  for (int b = kNameKeyBytes - 1; b >= 0; --b) out.push_back(static_cast<char>((key >> (8 * b)) & 0xff));
+}
+inline std::int64_t read_name_key(const char* p) {
+  std::int64_t key = 0;
+  for (std::size_t b = 0; b < kNameKeyBytes; ++b) key = (key << 8) | static_cast<unsigned char>(p[b]);
+  return key;
+}
+
+inline void pack_keyed_uses(std::string& packed, std::int64_t key, std::string_view spots) {
+  put_name_key(packed, key);
+  detail::put_varint(packed, spots.size());
+  packed += spots;
+}
+
+template <class Fn>
+void for_each_keyed_uses(std::string_view packed, Fn&& fn) {
+  std::size_t i = 0;
+  std::string_view spots;
+  while (i + kNameKeyBytes <= packed.size()) {
+    const std::int64_t key = read_name_key(packed.data() + i);
+    i += kNameKeyBytes;
+    if (!detail::take_piece(packed, i, spots)) return;
+    fn(key, spots);
+  }
 }
 
 }  // namespace brenloc::storage

@@ -5,6 +5,7 @@
 #include <deque>
 #include <exception>
 #include <future>
+#include <limits>
 #include <mutex>
 #include <span>
 #include <thread>
@@ -138,45 +139,38 @@ class SymbolRanges {
   Statement drop_;
 };
 
-// The rows of uses, file_uses and imports of files. During a bulk load (`pending`), uses go to uses_pending
-// in the order they come: inserting them by name would touch a page of the table per row.
+std::string_view blob_of(Statement& stmt, int col) {
+  const void* blob = sqlite3_column_blob(stmt.get(), col);
+  return {static_cast<const char*>(blob), static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), col))};
+}
+
+// The rows of uses and imports of files. A live store writes a file's uses as one row of uses_fresh
+// (move_fresh_uses sorts them into uses later); during a bulk load (`pending`), they go to uses_pending in
+// the order they come, with their keys in file_uses. Either way inserting them by name would touch a page
+// of the table per row.
 class UseRows {
  public:
   UseRows(sqlite3* c, const std::filesystem::path& file, std::string_view operation)
       : file_(file),
         pending_(detail::query_int(c, kHasNameIndexSql, file, operation) == 0),
-        keys_(c, "SELECT keys FROM file_uses WHERE file_id = ?1", file, operation),
-        drop_use_(c, "DELETE FROM uses WHERE name_key = ?1 AND file_id = ?2", file, operation),
-        drop_pending_(c, "DELETE FROM uses_pending WHERE file_id = ?1", file, operation),
+        drop_pending_(c, pending_ ? "DELETE FROM temp.uses_pending WHERE file_id = ?1" : "SELECT 1", file, operation),
         drop_keys_(c, "DELETE FROM file_uses WHERE file_id = ?1", file, operation),
         drop_imports_(c, "DELETE FROM imports WHERE file_id = ?1", file, operation),
-        add_use_(c, pending_ ? "INSERT INTO uses_pending(name_key, file_id, spots) VALUES(?1, ?2, ?3)"
-                             : "INSERT INTO uses(name_key, file_id, spots) VALUES(?1, ?2, ?3)",
-                 file, operation),
+        add_pending_(c, pending_ ? "INSERT INTO temp.uses_pending(name_key, file_id, spots) VALUES(?1, ?2, ?3)" : "SELECT 1",
+                     file, operation),
         add_keys_(c, "INSERT INTO file_uses(file_id, keys) VALUES(?1, ?2)", file, operation),
+        add_fresh_(c, "INSERT OR REPLACE INTO uses_fresh(file_id, uses) VALUES(?1, ?2)", file, operation),
         add_import_(c, "INSERT INTO imports(file_id, target, stem, line) VALUES(?1, ?2, ?3, ?4)", file, operation) {}
 
   // Deletes the rows of the file `id` (0: a file not in the index, which has none).
   void drop(std::int64_t id, std::string_view operation) {
     if (id == 0) return;
-    keys_.bind(1, id);
-    std::string keys;
-    if (keys_.step(file_, operation)) {
-      const void* blob = sqlite3_column_blob(keys_.get(), 0);
-      keys.assign(static_cast<const char*>(blob), static_cast<std::size_t>(sqlite3_column_bytes(keys_.get(), 0)));
-    }
-    keys_.reset();
     if (pending_) {
       run(drop_pending_, id, operation);
+      run(drop_keys_, id, operation);
     } else {
-      for (std::size_t i = 0; i + kKeyBytes <= keys.size(); i += kKeyBytes) {
-        drop_use_.bind(1, read_key(keys.data() + i));
-        drop_use_.bind(2, id);
-        drop_use_.step(file_, operation);
-        drop_use_.reset();
-      }
+      put_fresh(id, {}, operation);
     }
-    run(drop_keys_, id, operation);
     run(drop_imports_, id, operation);
   }
 
@@ -200,22 +194,21 @@ class UseRows {
       rows_[kept++] = rows_[i];
     }
     rows_.resize(kept);
-    const auto& rows = rows_;
-    std::string keys;
-    keys.reserve(rows.size() * kKeyBytes);
-    for (const auto& [key, spots] : rows) {
-      add_use_.bind(1, key);
-      add_use_.bind(2, id);
-      sqlite3_bind_blob(add_use_.get(), 3, spots.data(), static_cast<int>(spots.size()), SQLITE_STATIC);
-      add_use_.step(file_, operation);
-      add_use_.reset();
-      for (int b = kKeyBytes - 1; b >= 0; --b) keys.push_back(static_cast<char>((key >> (8 * b)) & 0xff));
-    }
-    if (!rows.empty()) {
-      add_keys_.bind(1, id);
-      sqlite3_bind_blob(add_keys_.get(), 2, keys.data(), static_cast<int>(keys.size()), SQLITE_STATIC);
-      add_keys_.step(file_, operation);
-      add_keys_.reset();
+    if (pending_) {
+      std::string keys;
+      for (const auto& [key, spots] : rows_) {
+        add_pending_.bind(1, key);
+        add_pending_.bind(2, id);
+        sqlite3_bind_blob(add_pending_.get(), 3, spots.data(), static_cast<int>(spots.size()), SQLITE_STATIC);
+        add_pending_.step(file_, operation);
+        add_pending_.reset();
+        put_name_key(keys, key);
+      }
+      if (!rows_.empty()) put_blob(add_keys_, id, keys, operation);
+    } else {
+      std::string packed;
+      for (const auto& [key, spots] : rows_) pack_keyed_uses(packed, key, spots);
+      put_fresh(id, packed, operation);
     }
     for (const ImportRow& i : entry.imports) {
       add_import_.bind(1, id);
@@ -228,11 +221,15 @@ class UseRows {
   }
 
  private:
-  static constexpr int kKeyBytes = 6;
-  static std::int64_t read_key(const char* p) {
-    std::int64_t key = 0;
-    for (int b = 0; b < kKeyBytes; ++b) key = (key << 8) | static_cast<unsigned char>(p[b]);
-    return key;
+  void put_fresh(std::int64_t id, std::string_view packed, std::string_view operation) {
+    put_blob(add_fresh_, id, packed, operation);
+  }
+  void put_blob(Statement& stmt, std::int64_t id, std::string_view blob, std::string_view operation) {
+    stmt.bind(1, id);
+    // An empty blob, not NULL (which a null pointer would bind).
+    sqlite3_bind_blob(stmt.get(), 2, blob.empty() ? "" : blob.data(), static_cast<int>(blob.size()), SQLITE_STATIC);
+    stmt.step(file_, operation);
+    stmt.reset();
   }
   void run(Statement& stmt, std::int64_t id, std::string_view operation) {
     stmt.bind(1, id);
@@ -247,7 +244,7 @@ class UseRows {
   std::vector<Row> rows_;  // of the file being added
   const std::filesystem::path& file_;
   bool pending_;
-  Statement keys_, drop_use_, drop_pending_, drop_keys_, drop_imports_, add_use_, add_keys_, add_import_;
+  Statement drop_pending_, drop_keys_, drop_imports_, add_pending_, add_keys_, add_fresh_, add_import_;
 };
 
 // The number the next symbol row inserted gets: one more than the largest (rows are numbered on from it).
@@ -514,14 +511,18 @@ bool Repository::defer_name_index() {
   impl_->write(*db_, "deferring the name index", [&](sqlite3* c) {
     const auto& path = impl_->path;
     if (detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM files)", path, "deferring the name index") != 0) return;
+    // Uses of no file any more (of files that live passes removed, should a crash have left them).
+    detail::run_script(c, "DELETE FROM uses; DELETE FROM file_uses; DELETE FROM uses_fresh; DELETE FROM imports", path,
+                       "deferring the name index");
     detail::run_script(c, "DROP INDEX IF EXISTS symbols_by_name", path, "deferring the name index");
+    detail::run_script(c, detail::kPendingUsesSql, path, "deferring the name index");
     detail::clear_search_tables(c, path, "deferring the name index");
     dropped = true;
   });
   return dropped;
 }
 
-void Repository::restore_indexes() {
+bool Repository::restore_indexes() {
   const auto& path = impl_->path;
   // The name index is the one index a bulk load defers: nothing to do when it is there. Building it sorts
   // every name, with settings of its own.
@@ -532,20 +533,110 @@ void Repository::restore_indexes() {
     detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
   });
-  if (!missing) return;
+  if (!missing) return false;
   // The connection goes back to its ordinary settings whether or not the build succeeds.
   utils::OnExit restore([&] {
     db_->with_connection(
         [&](sqlite3* c) { sqlite3_exec(c, detail::kAfterIndexBuildPragmas, nullptr, nullptr, nullptr); });
   });
+  bool emptied = false;
   impl_->write(*db_, "building the indexes", [&](sqlite3* c) {
-    detail::run_script(c, detail::kSchemaSql, path, "building the indexes");
-    detail::rebuild_search_tables(c, path, "building the indexes");
-    detail::run_script(c,
-                       "INSERT INTO uses SELECT name_key, file_id, spots FROM uses_pending ORDER BY name_key, file_id; "
-                       "DELETE FROM uses_pending",
-                       path, "building the indexes");
+    const char* op = "building the indexes";
+    if (detail::query_int(c, "SELECT count(*) FROM temp.sqlite_master WHERE name = 'uses_pending'", path, op) == 0) {
+      // The bulk load's connection went before its end, and the uses of the files it stored with it: they
+      // are stored anew by the next pass, into an empty index (a bulk load again).
+      emptied = detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM files)", path, op) != 0;
+      detail::run_script(c,
+                         "DELETE FROM files; DELETE FROM symbols; DELETE FROM uses; DELETE FROM file_uses; "
+                         "DELETE FROM uses_fresh; DELETE FROM imports",
+                         path, op);
+    }
+    detail::run_script(c, detail::kSchemaSql, path, op);
+    detail::rebuild_search_tables(c, path, op);
+    if (!emptied) {
+      detail::run_script(c, detail::kPendingUsesSql, path, op);
+      detail::run_script(c,
+                         "INSERT INTO uses SELECT name_key, file_id, spots FROM temp.uses_pending ORDER BY name_key, file_id; "
+                         "DROP TABLE temp.uses_pending",
+                         path, op);
+    }
   });
+  if (emptied) impl_->log->warn("{}: the first indexing was cut short before its end; it starts again", path.string());
+  return emptied;
+}
+
+void Repository::move_fresh_uses() {
+  const auto& path = impl_->path;
+  const std::string op = "moving the fresh uses into place";
+  bool any = false;
+  db_->with_connection(
+      [&](sqlite3* c) { any = detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM uses_fresh)", path, op) != 0; });
+  if (!any) return;
+  const auto start = Clock::now();
+  std::size_t files = 0, rows = 0;
+  impl_->write(*db_, op, [&](sqlite3* c) {
+    // A row of uses to delete (no spots) or to write.
+    struct Change {
+      std::int64_t key, file;
+      bool put;
+      std::string_view spots;
+    };
+    std::deque<std::string> blobs;  // the views of the changes point into them
+    std::vector<Change> changes;
+    std::vector<std::pair<std::int64_t, std::string>> file_keys;  // each file's keys from now on
+    {
+      Statement fresh(c, "SELECT file_id, uses FROM uses_fresh", path, op);
+      Statement old_keys(c, "SELECT keys FROM file_uses WHERE file_id = ?1", path, op);
+      while (fresh.step(path, op)) {
+        const std::int64_t id = fresh.integer(0);
+        old_keys.bind(1, id);
+        if (old_keys.step(path, op)) {
+          const std::string_view keys = blob_of(old_keys, 0);
+          for (std::size_t i = 0; i + kNameKeyBytes <= keys.size(); i += kNameKeyBytes) {
+            changes.push_back({read_name_key(keys.data() + i), id, false, {}});
+          }
+        }
+        old_keys.reset();
+        const std::string& packed = blobs.emplace_back(blob_of(fresh, 1));
+        std::string& keys = file_keys.emplace_back(id, std::string()).second;
+        for_each_keyed_uses(packed, [&](std::int64_t key, std::string_view spots) {
+          changes.push_back({key, id, true, spots});
+          put_name_key(keys, key);
+        });
+      }
+    }
+    std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
+      return std::tie(a.key, a.file, a.put) < std::tie(b.key, b.file, b.put);
+    });
+    Statement drop(c, "DELETE FROM uses WHERE name_key = ?1 AND file_id = ?2", path, op);
+    Statement put(c, "INSERT OR REPLACE INTO uses(name_key, file_id, spots) VALUES(?1, ?2, ?3)", path, op);
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+      const Change& ch = changes[i];
+      // A row both dropped and written is only written (over the old one).
+      const bool replaced = !ch.put && i + 1 < changes.size() && changes[i + 1].key == ch.key && changes[i + 1].file == ch.file;
+      if (replaced) continue;
+      Statement& stmt = ch.put ? put : drop;
+      stmt.bind(1, ch.key);
+      stmt.bind(2, ch.file);
+      if (ch.put) sqlite3_bind_blob(stmt.get(), 3, ch.spots.data(), static_cast<int>(ch.spots.size()), SQLITE_STATIC);
+      stmt.step(path, op);
+      stmt.reset();
+    }
+    Statement set_keys(c, "INSERT OR REPLACE INTO file_uses(file_id, keys) VALUES(?1, ?2)", path, op);
+    Statement drop_keys(c, "DELETE FROM file_uses WHERE file_id = ?1", path, op);
+    for (const auto& [id, keys] : file_keys) {
+      Statement& stmt = keys.empty() ? drop_keys : set_keys;
+      stmt.bind(1, id);
+      if (!keys.empty()) sqlite3_bind_blob(stmt.get(), 2, keys.data(), static_cast<int>(keys.size()), SQLITE_STATIC);
+      stmt.step(path, op);
+      stmt.reset();
+    }
+    detail::run_script(c, "DELETE FROM uses_fresh", path, op);
+    files = file_keys.size();
+    rows = changes.size();
+  });
+  impl_->log->debug("Moved the uses of {} files into place ({} rows written or deleted) in {:.3f} s", files, rows,
+                    seconds_since(start));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -651,9 +742,64 @@ class PathFilter {
   std::string glob_, dir_;
 };
 
-std::string_view blob_of(Statement& stmt, int col) {
-  const void* blob = sqlite3_column_blob(stmt.get(), col);
-  return {static_cast<const char*>(blob), static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), col))};
+}  // namespace
+
+namespace {
+
+// A file's uses of a name, as a query reads them.
+struct FileUsesRow {
+  std::int64_t file_id;
+  std::string_view path, language, spots;
+};
+
+// The rows of a name's uses in file order, from `from_file` on: those of uses, but for files in
+// uses_fresh, whose rows there stand instead. fn(FileUsesRow) returns false to stop.
+template <class Fn>
+void each_file_using(Reader& r, const std::filesystem::path& path, std::int64_t key, std::int64_t from_file, Fn&& fn) {
+  // uses_fresh is empty but during a live pass: its rows are read whole.
+  struct Fresh {
+    std::int64_t file_id;
+    std::string path, language, spots;
+  };
+  std::vector<Fresh> fresh;
+  std::unordered_set<std::int64_t> hidden;
+  {
+    Statement& stmt = r.statement(
+        "SELECT u.file_id, f.path, f.language, u.uses FROM uses_fresh u LEFT JOIN files f ON f.id = u.file_id "
+        "WHERE u.file_id >= ?1 ORDER BY u.file_id",
+        path);
+    ResetOnExit done{stmt};
+    stmt.bind(1, from_file);
+    while (stmt.step(path, "reading uses")) {
+      const std::int64_t id = stmt.integer(0);
+      hidden.insert(id);
+      if (sqlite3_column_type(stmt.get(), 1) == SQLITE_NULL) continue;  // a file removed
+      for_each_keyed_uses(blob_of(stmt, 3), [&](std::int64_t k, std::string_view spots) {
+        if (k == key) fresh.push_back({id, stmt.text(1), stmt.text(2), std::string(spots)});
+      });
+    }
+  }
+  auto next_fresh = fresh.begin();
+  auto fresh_before = [&](std::int64_t file_id) {
+    for (; next_fresh != fresh.end() && next_fresh->file_id < file_id; ++next_fresh) {
+      if (!fn(FileUsesRow{next_fresh->file_id, next_fresh->path, next_fresh->language, next_fresh->spots})) return false;
+    }
+    return true;
+  };
+  Statement& rows = r.statement(
+      "SELECT u.file_id, f.path, f.language, u.spots FROM uses u JOIN files f ON f.id = u.file_id "
+      "WHERE u.name_key = ?1 AND u.file_id >= ?2 ORDER BY u.file_id",
+      path);
+  ResetOnExit done{rows};
+  rows.bind(1, key);
+  rows.bind(2, from_file);
+  while (rows.step(path, "reading uses")) {
+    const std::int64_t file_id = rows.integer(0);
+    if (!fresh_before(file_id)) return;
+    if (hidden.contains(file_id)) continue;
+    if (!fn(FileUsesRow{file_id, rows.text_view(1), rows.text_view(2), blob_of(rows, 3)})) return;
+  }
+  fresh_before(std::numeric_limits<std::int64_t>::max());
 }
 
 }  // namespace
@@ -664,46 +810,30 @@ UsesPage Repository::find_uses(const UsesQuery& q) {
     const PathFilter filter(q.path_prefix);
     const std::int64_t key = name_key(q.name);
     UsesPage page;
-    {
-      Statement& count = r.statement(
-          "SELECT f.path, u.spots FROM uses u JOIN files f ON f.id = u.file_id WHERE u.name_key = ?1 ORDER BY u.file_id",
-          impl_->path);
-      ResetOnExit done{count};
-      count.bind(1, key);
-      while (count.step(impl_->path, "counting uses")) {
-        if (!filter.passes(count.text_view(0))) continue;
-        page.total += static_cast<std::int64_t>(count_uses(blob_of(count, 1), q.roles));
-        if (page.total > detail::kCountCap) {
-          page.total = detail::kCountCap;
-          page.more = true;
-          break;
-        }
-      }
-    }
-    Statement& rows = r.statement(
-        "SELECT u.file_id, f.path, f.language, u.spots FROM uses u JOIN files f ON f.id = u.file_id "
-        "WHERE u.name_key = ?1 AND u.file_id >= ?2 ORDER BY u.file_id",
-        impl_->path);
-    ResetOnExit done{rows};
-    rows.bind(1, key);
-    rows.bind(2, q.from_file);
+    each_file_using(r, impl_->path, key, 0, [&](const FileUsesRow& row) {
+      if (!filter.passes(row.path)) return true;
+      page.total += static_cast<std::int64_t>(count_uses(row.spots, q.roles));
+      if (page.total <= detail::kCountCap) return true;
+      page.total = detail::kCountCap;
+      page.more = true;
+      return false;
+    });
     const auto limit = static_cast<std::size_t>(std::max(q.limit, 1));
-    while (!page.next && rows.step(impl_->path, "reading uses")) {
-      const std::string_view path = rows.text_view(1);
-      if (!filter.passes(path)) continue;
-      const std::int64_t file_id = rows.integer(0);
+    each_file_using(r, impl_->path, key, q.from_file, [&](const FileUsesRow& row) {
+      if (!filter.passes(row.path)) return true;
       std::int64_t ordinal = 0;
-      for (const Use& u : decode_uses(blob_of(rows, 3))) {
+      for (const Use& u : decode_uses(row.spots)) {
         if (((q.roles >> static_cast<unsigned>(u.role)) & 1u) == 0) continue;
         const std::int64_t at = ordinal++;
-        if (file_id == q.from_file && at < q.skip) continue;
+        if (row.file_id == q.from_file && at < q.skip) continue;
         if (page.hits.size() == limit) {
-          page.next = std::make_pair(file_id, at);
-          break;
+          page.next = std::make_pair(row.file_id, at);
+          return false;
         }
-        page.hits.push_back(UseHit{std::string(path), rows.text(2), file_id, at, u});
+        page.hits.push_back(UseHit{std::string(row.path), std::string(row.language), row.file_id, at, u});
       }
-    }
+      return true;
+    });
     return page;
   });
 }
@@ -832,7 +962,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("DELETE FROM main.symbols", "emptying the live symbols");
       step("DELETE FROM main.files", "emptying the live files");
       step("DELETE FROM main.names; DELETE FROM main.name_state", "emptying the live names");
-      step("DELETE FROM main.uses; DELETE FROM main.file_uses; DELETE FROM main.uses_pending; DELETE FROM main.imports",
+      step("DELETE FROM main.uses; DELETE FROM main.file_uses; DELETE FROM main.uses_fresh; DELETE FROM main.imports",
            "emptying the live uses");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
@@ -850,7 +980,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
       step("INSERT INTO main.names SELECT * FROM staging.names; INSERT INTO main.name_state SELECT * FROM staging.name_state",
            "copying the names");
       step("INSERT INTO main.uses SELECT * FROM staging.uses; INSERT INTO main.file_uses SELECT * FROM staging.file_uses; "
-           "INSERT INTO main.uses_pending SELECT * FROM staging.uses_pending; "
+           "INSERT INTO main.uses_fresh SELECT * FROM staging.uses_fresh; "
            "INSERT INTO main.imports SELECT * FROM staging.imports",
            "copying the uses");
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "

@@ -55,8 +55,14 @@ class Repository {
   // (same results, slower).
   bool defer_name_index();
   // Creates the indexes that are missing (after a bulk load, or one that was cancelled or crashed), and
-  // with the name index the search tables.
-  void restore_indexes();
+  // with the name index the search tables. True when the bulk load's connection had gone (the process was
+  // killed): the uses of its files went with it, and so their rows are deleted (the index is empty), for
+  // the next pass to load them again.
+  bool restore_indexes();
+  // Moves the uses that live stores and removals keep by file in uses_fresh into uses, in one transaction
+  // (at the end of a live pass): all of them in key order, so that each page of uses is written once.
+  // Queries see the same uses before and after. Nothing to do when there are none.
+  void move_fresh_uses();
 
   // --- queries (own read connections, cached) ---
   // The best matches of a name search, ranked (see symbol_match.h), and how many matched. A path filter

@@ -63,12 +63,13 @@ CREATE TABLE IF NOT EXISTS file_uses (
   file_id INTEGER PRIMARY KEY,
   keys BLOB NOT NULL
 );
--- During a bulk load (while the name index is deferred), the rows of uses as they come, in file order;
--- they are sorted into uses when the name index is built.
-CREATE TABLE IF NOT EXISTS uses_pending (
-  name_key INTEGER NOT NULL,
-  file_id INTEGER NOT NULL,
-  spots BLOB NOT NULL
+-- The uses of files that live passes stored or removed since uses was last brought up to date, one row
+-- per file (coded by pack_keyed_uses, name_uses.h): a file here has these uses, whatever its rows of uses say (an
+-- empty row: none). Writing a file's uses into uses at once would touch a page of it per name, all over
+-- the table; they are moved there at the end of each pass, for all of its files at once, in key order.
+CREATE TABLE IF NOT EXISTS uses_fresh (
+  file_id INTEGER PRIMARY KEY,
+  uses BLOB NOT NULL
 );
 -- What each file includes or imports, as written, with the last part of it (import_stem) to look it up by.
 CREATE TABLE IF NOT EXISTS imports (
@@ -79,6 +80,19 @@ CREATE TABLE IF NOT EXISTS imports (
 );
 CREATE INDEX IF NOT EXISTS imports_by_stem ON imports(stem);
 CREATE INDEX IF NOT EXISTS imports_by_file ON imports(file_id);
+)sql";
+
+// During a bulk load (while the name index is deferred), the rows of uses as they come, in file order, in
+// a temporary table of the writer connection (a file of its own, gone with the connection): they are
+// sorted into uses when the name index is built, and their pages never become free pages of the index.
+// Should the connection go first (the process killed), the name index is found missing without them,
+// and the files stored since are stored anew (restore_indexes).
+inline constexpr const char* kPendingUsesSql = R"sql(
+CREATE TEMP TABLE IF NOT EXISTS uses_pending (
+  name_key INTEGER NOT NULL,
+  file_id INTEGER NOT NULL,
+  spots BLOB NOT NULL
+);
 )sql";
 
 // The search tables: every distinct name of symbols (exact case) with a summary of its rows, a trigram

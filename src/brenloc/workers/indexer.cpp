@@ -315,7 +315,10 @@ aio::Task<void> Indexer::Pass::find_files(std::optional<std::vector<std::filesys
     auto hashes_f = impl->on_writer(o, [repo = repo, whole = whole, under = std::move(under)] {
       auto hashes = std::make_shared<const StateMap>(repo->file_states(under));
       bool deferred = whole && hashes->empty() && repo->defer_name_index();
-      if (!deferred) repo->restore_indexes();
+      if (!deferred && repo->restore_indexes()) {  // emptied: a bulk load that a killed process left
+        hashes = std::make_shared<const StateMap>();
+        deferred = whole && repo->defer_name_index();
+      }
       return std::make_pair(hashes, deferred);
     });
     std::tie(existing, bulk) = co_await aio::shield(hashes_f);
@@ -483,8 +486,18 @@ aio::Task<void> Indexer::Pass::remove_gone_rows() {
 // A failure here fails a pass that had stored everything; after left-out files (often the same cause, a
 // full disk) the pass's own outcome stands and the failure is logged. Either way the next pass builds the
 // index again.
+// After any other pass, the uses that its stores kept by file are moved into place, for all its files at
+// once; a failure there only leaves them where queries read them anyway, for the next pass to move.
 aio::Task<void> Indexer::Pass::finish_bulk_load() {
-  if (!bulk) co_return;
+  if (!bulk) {
+    try {
+      auto moved_f = impl->on_writer(o, [repo = repo] { repo->move_fresh_uses(); });
+      co_await aio::shield(moved_f);
+    } catch (const std::exception&) {
+      utils::log_exception(*log, "Moving the uses of the pass into place failed", std::current_exception());
+    }
+    co_return;
+  }
   try {
     auto restored_f = impl->on_writer(o, [repo = repo] { repo->restore_indexes(); });
     co_await aio::shield(restored_f);
