@@ -219,6 +219,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
   std::vector<FileEntry> entries;
   for (auto& [path, e] : files) entries.push_back(std::move(e));
   repo.store_files(entries);
+  repo.move_fresh_uses();  // as a pass ends
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"json.loads", "loads json/__init__.py"},
       {"decoder.JSONDecoder.loads", "loads json/decoder.py"},

@@ -90,7 +90,17 @@ TEST(Uses, LiveChangesReadTheSameBeforeAndAfterTheyMove) {
     std::vector<Step> steps;
     std::vector<std::string> a, b;  // the uses of `a` and of `b` in the end
   };
+  // More files than a move takes in one batch.
+  std::vector<FileEntry> many_a, many_b;
+  std::vector<std::string> many_b_uses;
+  for (int i = 0; i < 300; ++i) {
+    const std::string path = fmt::format("g{:03}", i);
+    many_a.push_back(using_names(path, {"a"}));
+    many_b.push_back(using_names(path, {"b"}));
+    many_b_uses.insert(many_b_uses.end(), {path + "@5", path + "@50"});
+  }
   const Case cases[] = {
+      {"more files than a batch, stored again with another name", {store(many_a), move, store(many_b)}, {}, many_b_uses},
       {"a file stored again uses another name",
        {store({using_names("f0", {"a", "b"}), using_names("f1", {"a"})}), move, store({using_names("f0", {"b"})})},
        {"f1@5", "f1@50"},

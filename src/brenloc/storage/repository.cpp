@@ -574,67 +574,80 @@ void Repository::move_fresh_uses() {
   if (!any) return;
   const auto start = Clock::now();
   std::size_t files = 0, rows = 0;
-  impl_->write(*db_, op, [&](sqlite3* c) {
-    // A row of uses to delete (no spots) or to write.
-    struct Change {
-      std::int64_t key, file;
-      bool put;
-      std::string_view spots;
-    };
-    std::deque<std::string> blobs;  // the views of the changes point into them
-    std::vector<Change> changes;
-    std::vector<std::pair<std::int64_t, std::string>> file_keys;  // each file's keys from now on
-    {
-      Statement fresh(c, "SELECT file_id, uses FROM uses_fresh", path, op);
-      Statement old_keys(c, "SELECT keys FROM file_uses WHERE file_id = ?1", path, op);
-      while (fresh.step(path, op)) {
-        const std::int64_t id = fresh.integer(0);
-        old_keys.bind(1, id);
-        if (old_keys.step(path, op)) {
-          const std::string_view keys = blob_of(old_keys, 0);
-          for (std::size_t i = 0; i + kNameKeyBytes <= keys.size(); i += kNameKeyBytes) {
-            changes.push_back({read_name_key(keys.data() + i), id, false, {}});
+  // In batches of files, each a transaction of its own, so that a pass over a whole branch's files does not
+  // hold all their rows in memory at once; a batch's files leave uses_fresh as their rows reach uses, so
+  // readers see each file either here or there.
+  constexpr int kFilesPerBatch = 256;
+  std::int64_t after = 0;  // file ids start at 1
+  for (bool more = true; more;) {
+    impl_->write(*db_, op, [&](sqlite3* c) {
+      // A row of uses to delete (no spots) or to write.
+      struct Change {
+        std::int64_t key, file;
+        bool put;
+        std::string_view spots;
+      };
+      std::deque<std::string> blobs;  // the views of the changes point into them
+      std::vector<Change> changes;
+      std::vector<std::pair<std::int64_t, std::string>> file_keys;  // each file's keys from now on
+      {
+        Statement fresh(c, "SELECT file_id, uses FROM uses_fresh WHERE file_id > ?1 ORDER BY file_id LIMIT ?2", path, op);
+        fresh.bind(1, after);
+        fresh.bind(2, kFilesPerBatch);
+        Statement old_keys(c, "SELECT keys FROM file_uses WHERE file_id = ?1", path, op);
+        while (fresh.step(path, op)) {
+          const std::int64_t id = fresh.integer(0);
+          after = id;
+          old_keys.bind(1, id);
+          if (old_keys.step(path, op)) {
+            const std::string_view keys = blob_of(old_keys, 0);
+            for (std::size_t i = 0; i + kNameKeyBytes <= keys.size(); i += kNameKeyBytes) {
+              changes.push_back({read_name_key(keys.data() + i), id, false, {}});
+            }
           }
+          old_keys.reset();
+          const std::string& packed = blobs.emplace_back(blob_of(fresh, 1));
+          std::string& keys = file_keys.emplace_back(id, std::string()).second;
+          for_each_keyed_uses(packed, [&](std::int64_t key, std::string_view spots) {
+            changes.push_back({key, id, true, spots});
+            put_name_key(keys, key);
+          });
         }
-        old_keys.reset();
-        const std::string& packed = blobs.emplace_back(blob_of(fresh, 1));
-        std::string& keys = file_keys.emplace_back(id, std::string()).second;
-        for_each_keyed_uses(packed, [&](std::int64_t key, std::string_view spots) {
-          changes.push_back({key, id, true, spots});
-          put_name_key(keys, key);
-        });
       }
-    }
-    std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
-      return std::tie(a.key, a.file, a.put) < std::tie(b.key, b.file, b.put);
+      std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
+        return std::tie(a.key, a.file, a.put) < std::tie(b.key, b.file, b.put);
+      });
+      Statement drop(c, "DELETE FROM uses WHERE name_key = ?1 AND file_id = ?2", path, op);
+      Statement put(c, "INSERT OR REPLACE INTO uses(name_key, file_id, spots) VALUES(?1, ?2, ?3)", path, op);
+      for (std::size_t i = 0; i < changes.size(); ++i) {
+        const Change& ch = changes[i];
+        // A row both dropped and written is only written (over the old one).
+        const bool replaced = !ch.put && i + 1 < changes.size() && changes[i + 1].key == ch.key && changes[i + 1].file == ch.file;
+        if (replaced) continue;
+        Statement& stmt = ch.put ? put : drop;
+        stmt.bind(1, ch.key);
+        stmt.bind(2, ch.file);
+        if (ch.put) sqlite3_bind_blob(stmt.get(), 3, ch.spots.data(), static_cast<int>(ch.spots.size()), SQLITE_STATIC);
+        stmt.step(path, op);
+        stmt.reset();
+      }
+      Statement set_keys(c, "INSERT OR REPLACE INTO file_uses(file_id, keys) VALUES(?1, ?2)", path, op);
+      Statement drop_keys(c, "DELETE FROM file_uses WHERE file_id = ?1", path, op);
+      for (const auto& [id, keys] : file_keys) {
+        Statement& stmt = keys.empty() ? drop_keys : set_keys;
+        stmt.bind(1, id);
+        if (!keys.empty()) sqlite3_bind_blob(stmt.get(), 2, keys.data(), static_cast<int>(keys.size()), SQLITE_STATIC);
+        stmt.step(path, op);
+        stmt.reset();
+      }
+      Statement moved(c, "DELETE FROM uses_fresh WHERE file_id <= ?1", path, op);
+      moved.bind(1, after);
+      moved.step(path, op);
+      more = file_keys.size() == static_cast<std::size_t>(kFilesPerBatch);
+      files += file_keys.size();
+      rows += changes.size();
     });
-    Statement drop(c, "DELETE FROM uses WHERE name_key = ?1 AND file_id = ?2", path, op);
-    Statement put(c, "INSERT OR REPLACE INTO uses(name_key, file_id, spots) VALUES(?1, ?2, ?3)", path, op);
-    for (std::size_t i = 0; i < changes.size(); ++i) {
-      const Change& ch = changes[i];
-      // A row both dropped and written is only written (over the old one).
-      const bool replaced = !ch.put && i + 1 < changes.size() && changes[i + 1].key == ch.key && changes[i + 1].file == ch.file;
-      if (replaced) continue;
-      Statement& stmt = ch.put ? put : drop;
-      stmt.bind(1, ch.key);
-      stmt.bind(2, ch.file);
-      if (ch.put) sqlite3_bind_blob(stmt.get(), 3, ch.spots.data(), static_cast<int>(ch.spots.size()), SQLITE_STATIC);
-      stmt.step(path, op);
-      stmt.reset();
-    }
-    Statement set_keys(c, "INSERT OR REPLACE INTO file_uses(file_id, keys) VALUES(?1, ?2)", path, op);
-    Statement drop_keys(c, "DELETE FROM file_uses WHERE file_id = ?1", path, op);
-    for (const auto& [id, keys] : file_keys) {
-      Statement& stmt = keys.empty() ? drop_keys : set_keys;
-      stmt.bind(1, id);
-      if (!keys.empty()) sqlite3_bind_blob(stmt.get(), 2, keys.data(), static_cast<int>(keys.size()), SQLITE_STATIC);
-      stmt.step(path, op);
-      stmt.reset();
-    }
-    detail::run_script(c, "DELETE FROM uses_fresh", path, op);
-    files = file_keys.size();
-    rows = changes.size();
-  });
+  }
   impl_->log->debug("Moved the uses of {} files into place ({} rows written or deleted) in {:.3f} s", files, rows,
                     seconds_since(start));
 }
