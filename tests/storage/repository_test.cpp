@@ -355,8 +355,7 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
         hits.push_back({s.name, s.kind, p, s.line, s.column, s.end_line, s.scope, e.file.language,
                         tier_rank(tier, q.match), 0,
                         hint.empty() ? importance(pattern, place, s.kind)
-                                     : importance(path_holds_qualifier(hint, p) ? 0 : 1, place_rank(place, s.kind)),
-                        referrers(p, s.scope)});
+                                     : importance(path_holds_qualifier(hint, p) ? 0 : 1, place_rank(place, s.kind))});
       }
     }
     if (hits.empty() && !pattern.scope.empty() && !pattern.text.empty()) {
@@ -364,7 +363,9 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
       bare.text = pattern.text;
       return reference(bare, pattern.scope);
     }
-    std::sort(hits.begin(), hits.end(), [](const SymbolHit& a, const SymbolHit& b) { return ranks_before(a, b); });
+    std::sort(hits.begin(), hits.end(), [&](const SymbolHit& a, const SymbolHit& b) {
+      return ranks_before(a, b, [&](const SymbolHit& h) { return referrers(h.path, h.scope); });
+    });
     return hits;
   };
   auto lines = [&](const std::vector<SymbolHit>& hits) {

@@ -83,9 +83,6 @@ struct SymbolHit {
   int tier = 0;  // how it matched (see symbol_match.h): lower ranks first
   int start_line = 0;  // where the definition starts (at most `line`)
   int importance = 0;  // how likely it is the one meant, within its tier (see symbol_match.h): lower first
-  // How many files refer to where it lives (see ranks_before): more first. A search counts them only where
-  // they decide the order, and leaves this 0.
-  std::int64_t referrers = 0;
 };
 
 // The best hits of a search, and how many matched in all: `total` is exact unless `more`, when it is

@@ -12,7 +12,7 @@ SearchResults::SearchResults(int limit, std::int64_t cap, Referrers referrers)
     : limit_(limit), cap_(limit < 0 ? std::numeric_limits<std::int64_t>::max() - 1 : cap), referrers_(std::move(referrers)) {}
 
 bool SearchResults::before(const SymbolHit& a, const SymbolHit& b) const {
-  return referrers_ ? ranks_before(a, b, referrers_) : ranks_before(a, b);
+  return ranks_before(a, b, referrers_);
 }
 
 bool SearchResults::page_takes(int rank, int importance, int kind_class_of, std::size_t name_size) const {

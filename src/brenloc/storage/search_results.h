@@ -13,9 +13,9 @@ namespace brenloc::storage::detail {
 class SearchResults {
  public:
   // A negative limit keeps every hit and counts without a cap. `referrers` counts a hit's referrers (see
-  // ranks_before), asked only where they decide; without it, the hits' own are read.
+  // ranks_before), asked only where they decide.
   using Referrers = std::function<std::int64_t(const SymbolHit&)>;
-  SearchResults(int limit, std::int64_t cap, Referrers referrers = {});
+  SearchResults(int limit, std::int64_t cap, Referrers referrers);
 
   // Whether a hit of this tier rank, importance (or a worse one), kind class and name length, and any
   // path and line, could still make the page.

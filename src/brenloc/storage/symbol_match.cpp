@@ -382,10 +382,6 @@ std::tuple<int, int, int, std::size_t> rank_head(int rank, int importance, int k
                             : std::tuple(rank, 0, kind_class_of, name_size);
 }
 
-bool ranks_before(const SymbolHit& a, const SymbolHit& b) {
-  return ranks_before(a, b, [](const SymbolHit& h) { return h.referrers; });
-}
-
 std::string_view referred_scope(std::string_view scope) {
   const std::size_t cut = scope.find_last_of(":./");
   return cut == std::string_view::npos ? scope : scope.substr(cut + 1);

@@ -98,11 +98,9 @@ int kind_class(std::string_view kind);
 // The ranking: tier rank; among exact names (the tier ranks 0 and 1) importance, more referrers, path,
 // line; among the others kind class, shorter name, importance, path, line (then column, name and kind, so
 // that the order is total). `referrers` gives a hit's count, and is asked only of hits
-// equal in all before it (a search counts them only where they decide); the first form reads the hits'
-// own.
+// equal in all before it (a search counts them only where they decide).
 template <class Referrers>
 bool ranks_before(const SymbolHit& a, const SymbolHit& b, Referrers&& referrers);
-bool ranks_before(const SymbolHit& a, const SymbolHit& b);
 
 // What the referrers of a hit are, among hits equally important (in one scope depth): for a member, the
 // files that use its scope's innermost name (`vector` of std::vector, whose `push_back` is then meant
