@@ -645,6 +645,11 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     {"glibc declaration block",
      "#include <features.h>\n__BEGIN_DECLS\nextern int f (int __x) __THROW __wur __nonnull ((1));\n__END_DECLS\n",
      "#include <features.h>\n             \nextern int f (int __x)                              ;\n           \n"},
+    {"glibc access attributes of fortified functions",
+     "extern long read (int __fd, void *__buf) __wur\n    __fortified_attr_access (__write_only__, 2, 3);\n"
+     "extern int g (void) __attr_access_none (1) __attribute_nonnull__ ((1));\n",
+     "extern long read (int __fd, void *__buf)      \n                                                  ;\n"
+     "extern int g (void)                                                   ;\n"},
     {"directive lines are left alone", "#define __THROW\n#ifdef __BEGIN_DECLS\n#endif\n"},
     {"libstdc++ namespace",
      "namespace std _GLIBCXX_VISIBILITY(default)\n{\n_GLIBCXX_BEGIN_NAMESPACE_VERSION\n}\n",
