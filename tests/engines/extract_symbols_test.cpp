@@ -390,6 +390,15 @@ export default class Page extends Component<Props> {
 )",
    {{"Props", "interface", 1}, {"title", "property", 1, "Props"}, {"Title", "function", 2}, {"Page", "class", 3},
     {"render", "method", 4, "Page"}}, {}},
+  // A module's names exported under another name: of the kind of what they name when the module defines it.
+  {"typescript_export_aliases", "typescript", R"(type TypeOf<T> = T;
+function enumType() {}
+export type { TypeOf as infer };
+export { enumType as enum, outside as renamed, plain };
+export { default as Button } from "./button";
+)",
+   {{"infer", "type", 3}, {"enum", "function", 4}, {"renamed", "variable", 4}, {"Button", "variable", 5}},
+   {"plain", "outside", "default"}},
   {"go_consts_vars_methods", "go", R"(package shapes
 
 const Pi = 3.14
