@@ -396,6 +396,7 @@ function enumType() {}
 export type { TypeOf as infer };
 export { enumType as enum, outside as renamed, plain };
 export { default as Button } from "./button";
+export { plain as default };
 )",
    {{"infer", "type", 3}, {"enum", "function", 4}, {"renamed", "variable", 4}, {"Button", "variable", 5}},
    {"plain", "outside", "default"}},

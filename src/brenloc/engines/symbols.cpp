@@ -380,6 +380,7 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
   c.start = ts_node_start_point(name);
   if (c.name.empty()) return std::nullopt;
   if (type_is(m.def, "export_specifier")) {
+    if (c.name == "default") return std::nullopt;  // the module's default export, which has no name
     // Of the kind of what it names (see symbol_rows); a type, when the module exports only types.
     const TSNode aliased = ts_node_child_by_field_name(m.def, "name", 4);
     if (!ts_node_is_null(aliased)) c.aliased = std::string(text_of(aliased, source));
