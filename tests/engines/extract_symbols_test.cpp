@@ -390,6 +390,16 @@ export default class Page extends Component<Props> {
 )",
    {{"Props", "interface", 1}, {"title", "property", 1, "Props"}, {"Title", "function", 2}, {"Page", "class", 3},
     {"render", "method", 4, "Page"}}, {}},
+  // A module's names exported under another name: of the kind of what they name when the module defines it.
+  {"typescript_export_aliases", "typescript", R"(type TypeOf<T> = T;
+function enumType() {}
+export type { TypeOf as infer };
+export { enumType as enum, outside as renamed, plain };
+export { default as Button } from "./button";
+export { plain as default };
+)",
+   {{"infer", "type", 3}, {"enum", "function", 4}, {"renamed", "variable", 4}, {"Button", "variable", 5}},
+   {"plain", "outside", "default"}},
   {"go_consts_vars_methods", "go", R"(package shapes
 
 const Pi = 3.14
@@ -645,6 +655,11 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
     {"glibc declaration block",
      "#include <features.h>\n__BEGIN_DECLS\nextern int f (int __x) __THROW __wur __nonnull ((1));\n__END_DECLS\n",
      "#include <features.h>\n             \nextern int f (int __x)                              ;\n           \n"},
+    {"glibc access attributes of fortified functions",
+     "extern long read (int __fd, void *__buf) __wur\n    __fortified_attr_access (__write_only__, 2, 3);\n"
+     "extern int g (void) __attr_access_none (1) __attribute_nonnull__ ((1));\n",
+     "extern long read (int __fd, void *__buf)      \n                                                  ;\n"
+     "extern int g (void)                                                   ;\n"},
     {"directive lines are left alone", "#define __THROW\n#ifdef __BEGIN_DECLS\n#endif\n"},
     {"libstdc++ namespace",
      "namespace std _GLIBCXX_VISIBILITY(default)\n{\n_GLIBCXX_BEGIN_NAMESPACE_VERSION\n}\n",

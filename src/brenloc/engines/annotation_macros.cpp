@@ -22,9 +22,10 @@ constexpr std::array<std::string_view, 44> plain_macros = {
 };
 
 // Decorations followed by a parenthesised argument list, blanked with it.
-constexpr std::array<std::string_view, 16> call_macros = {
+constexpr std::array<std::string_view, 19> call_macros = {
     "__declspec",
-    "__nonnull", "__attr_access", "__attr_dealloc", "__attribute_alloc_size__", "__attribute_alloc_align__",
+    "__nonnull", "__attribute_nonnull__", "__attr_access", "__attr_access_none", "__fortified_attr_access",
+    "__attr_dealloc", "__attribute_alloc_size__", "__attribute_alloc_align__",
     "__attribute_format_arg__", "__attribute_format_strfmon__", "__attribute_deprecated_msg__",
     "__attribute_copy__", "__glibc_macro_warning", "_GLIBCXX_VISIBILITY", "_GLIBCXX_THROW",
     "_GLIBCXX_NOEXCEPT_IF", "_GLIBCXX_DEPRECATED_SUGGEST", "_GLIBCXX_END_EXTERN_C",

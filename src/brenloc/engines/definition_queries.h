@@ -111,7 +111,8 @@ inline constexpr std::string_view cpp_outline[] = {
   "(variable_declarator name: (identifier) @name) @def.variable\n"                                 \
   "(arrow_function) @local\n"                                                                      \
   "(function_expression) @local\n"                                                                 \
-  "(generator_function) @local\n"
+  "(generator_function) @local\n"                                                                  \
+  "(export_specifier alias: (identifier) @name) @def.variable\n"
 
 inline constexpr std::string_view javascript = BRENLOC_JS_COMMON_QUERIES R"scm(
 (class_declaration name: (identifier) @name) @def.class

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <unordered_map>
 #include <unordered_set>
 
 #include <fmt/format.h>
@@ -308,6 +309,7 @@ struct Candidate {
   std::uint32_t key = 0;  // the name node's start byte: one definition per name node
   std::uint32_t pattern = 0;
   bool specialization = false;  // its name has template arguments: `class vector<bool, A>`
+  std::string aliased;  // a module's name exported under this one (`export { aliased as name }`)
 };
 
 // Turns one match into a candidate definition, or nothing.
@@ -377,6 +379,14 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
   c.key = ts_node_start_byte(name);
   c.start = ts_node_start_point(name);
   if (c.name.empty()) return std::nullopt;
+  if (type_is(m.def, "export_specifier")) {
+    if (c.name == "default") return std::nullopt;  // the module's default export, which has no name
+    // Of the kind of what it names (see symbol_rows); a type, when the module exports only types.
+    const TSNode aliased = ts_node_child_by_field_name(m.def, "name", 4);
+    if (!ts_node_is_null(aliased)) c.aliased = std::string(text_of(aliased, source));
+    const TSNode statement = ts_node_parent(ts_node_parent(m.def));
+    if (!ts_node_is_null(statement) && text_of(statement, source).substr(0, 12) == "export type ") c.kind = Kind::type;
+  }
   return c;
 }
 
@@ -603,8 +613,15 @@ storage::SymbolRow row_of(const Candidate& c, std::string_view source, const std
 std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, std::string_view source,
                                             const Language& lang) {
   std::unordered_set<std::string> namespaces;
+  std::unordered_map<std::string_view, Kind> defined;  // the first definition of each name
   for (const auto& c : candidates) {
     if (c.entry == Entry::symbol && c.kind == Kind::namespace_) namespaces.insert(c.name);
+    if (c.entry == Entry::symbol && c.aliased.empty()) defined.try_emplace(c.name, c.kind);
+  }
+  // A name exported under another one is what it names, where the module defines that.
+  for (auto& c : candidates) {
+    if (c.aliased.empty()) continue;
+    if (const auto at = defined.find(c.aliased); at != defined.end()) c.kind = at->second;
   }
   const std::string_view sep = lang.scope_separator;
   std::vector<OpenScope> stack;
