@@ -424,9 +424,9 @@ std::map<std::uint32_t, int> uses_of(sqlite3* db, std::int64_t file) {
   if (sqlite3_step(keys) == SQLITE_ROW) {
     const auto* k = static_cast<const unsigned char*>(sqlite3_column_blob(keys, 0));
     const int n = sqlite3_column_bytes(keys, 0);
-    for (int i = 0; i + 6 <= n; i += 6) {
-      std::int64_t key = 0;
-      for (int b = 0; b < 6; ++b) key = (key << 8) | k[i + b];
+    constexpr int kKey = brenloc::storage::kNameKeyBytes;
+    for (int i = 0; i + kKey <= n; i += kKey) {
+      const std::int64_t key = brenloc::storage::read_name_key(reinterpret_cast<const char*>(k + i));
       sqlite3_bind_int64(spots, 1, key);
       sqlite3_bind_int64(spots, 2, file);
       if (sqlite3_step(spots) == SQLITE_ROW) {

@@ -135,7 +135,7 @@ TEST(Uses, LiveChangesReadTheSameBeforeAndAfterTheyMove) {
     EXPECT_EQ(testing::query_text(*db, "SELECT count(*) FROM uses_fresh"), "0");
     EXPECT_EQ(testing::query_text(*db, "SELECT count(*) FROM uses"),
               std::to_string((c.a.size() + c.b.size()) / 2));
-    EXPECT_EQ(testing::query_text(*db, "SELECT sum(length(keys)) / 6 FROM file_uses"),
+    EXPECT_EQ(testing::query_text(*db, fmt::format("SELECT sum(length(keys)) / {} FROM file_uses", kNameKeyBytes)),
               std::to_string((c.a.size() + c.b.size()) / 2));
   }
 }

@@ -91,6 +91,7 @@ struct UseGrammar {
   std::vector<TSFieldId> callee;          // by symbol: the callee's field, 0 when no call
   std::vector<TSFieldId> member;          // by symbol: the last part's field, 0 when none
   std::vector<TSFieldId> label;           // by symbol: the field of the label it defines, 0 when none
+  std::vector<bool> fields_matter;        // by symbol: whether its children's fields are ever looked at
   std::vector<bool> import;               // by symbol
   std::vector<bool> type_context;         // by symbol
   std::vector<bool> macro_definition;     // by symbol: #define (whose body is read as text)
@@ -133,6 +134,8 @@ UseGrammar make_grammar(const Language& lang) {
   for (const NodeField& nf : r.labels) for_each_symbol_named(g, nf.node, [&](TSSymbol s) { u.label[s] = field(nf.field); });
   for (std::string_view t : r.imports) for_each_symbol_named(g, t, [&](TSSymbol s) { u.import[s] = true; });
   for (std::string_view t : r.type_contexts) for_each_symbol_named(g, t, [&](TSSymbol s) { u.type_context[s] = true; });
+  u.fields_matter.assign(n, false);
+  for (std::uint32_t sym = 0; sym < n; ++sym) u.fields_matter[sym] = u.callee[sym] != 0 || u.member[sym] != 0 || u.label[sym] != 0;
   for (std::string_view t : {"preproc_def", "preproc_function_def"}) {
     for_each_symbol_named(g, t, [&](TSSymbol s) { u.macro_definition[s] = true; });
   }
@@ -184,6 +187,7 @@ class Finder {
     if (g_.c_family && ts_node_has_error(root)) quoted_ = c_quoted_spans(source_);
     blanked_text(root, parsed);
     TSTreeCursor cursor = ts_tree_cursor_new(root);
+    frames_.reserve(64);
     frames_.push_back({ts_node_symbol(root), 0, root});
     for (;;) {
       enter();
@@ -207,15 +211,18 @@ class Finder {
     }
     ts_tree_cursor_delete(&cursor);
     // By name, then by offset: each name's uses are one run.
-    std::sort(found_.begin(), found_.end(), [](const Found& a, const Found& b) {
-      return a.name != b.name ? a.name < b.name : a.use.offset < b.use.offset;
+    std::sort(found_.begin(), found_.end(), [&](const Found& a, const Found& b) {
+      const std::string_view x = name_of(a), y = name_of(b);
+      return x != y ? x < y : a.offset < b.offset;
     });
     FileUses out;
     std::vector<storage::Use> run;
     for (std::size_t i = 0; i < found_.size();) {
       run.clear();
-      const std::string_view name = found_[i].name;
-      for (; i < found_.size() && found_[i].name == name; ++i) run.push_back(found_[i].use);
+      const std::string_view name = name_of(found_[i]);
+      for (; i < found_.size() && name_of(found_[i]) == name; ++i) {
+        run.push_back({found_[i].offset, static_cast<UseRole>(found_[i].length_role & 7)});
+      }
       storage::pack_name_uses(out.names, name, storage::encode_uses(run));
     }
     out.imports = std::move(imports_);
@@ -223,6 +230,12 @@ class Finder {
   }
 
  private:
+  // An occurrence: where its name starts in the source, the name's length << 3 | its role (8 bytes: a
+  // large file has hundreds of thousands).
+  struct Found {
+    std::uint32_t offset;
+    std::uint32_t length_role;
+  };
   struct Frame {
     TSSymbol symbol;
     TSFieldId field;  // of this node in its parent
@@ -231,7 +244,10 @@ class Finder {
 
   void push(TSTreeCursor& cursor) {
     const TSNode node = ts_tree_cursor_current_node(&cursor);
-    frames_.push_back({ts_node_symbol(node), ts_tree_cursor_current_field_id(&cursor), node});
+    // A node's field is only looked at below a call, a member name or a label (finding it walks the
+    // parent's field map): elsewhere it stays 0, which no rule matches.
+    const bool field_matters = known(frames_.back().symbol, g_.fields_matter);
+    frames_.push_back({ts_node_symbol(node), field_matters ? ts_tree_cursor_current_field_id(&cursor) : TSFieldId{0}, node});
   }
 
   bool known(TSSymbol s, const std::vector<bool>& by_symbol) const { return s < by_symbol.size() && by_symbol[s]; }
@@ -306,7 +322,11 @@ class Finder {
     return UseRole::other;
   }
 
-  void add(std::string_view name, std::uint32_t offset, UseRole role) { found_.push_back({name, {offset, role}}); }
+  // `name`: the text of the source at `offset`.
+  void add(std::string_view name, std::uint32_t offset, UseRole role) {
+    found_.push_back({offset, static_cast<std::uint32_t>(name.size()) << 3 | static_cast<std::uint32_t>(role)});
+  }
+  std::string_view name_of(const Found& f) const { return source_.substr(f.offset, f.length_role >> 3); }
 
   // Whether the byte at `at` lies in a string or after a line comment, by the quotes and slashes before
   // it on its line.
@@ -484,10 +504,6 @@ class Finder {
   std::size_t next_def_ = 0;
   int in_import_ = 0;
   std::vector<Frame> frames_;
-  struct Found {
-    std::string_view name;
-    storage::Use use;
-  };
   std::vector<Found> found_;
   std::vector<storage::ImportRow> imports_;
   std::vector<QuotedSpan> quoted_;  // C and C++ with errors: the comments and literals

@@ -4,6 +4,7 @@
 // queries that read it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -34,7 +35,7 @@ void pack_name_uses(std::string& packed, std::string_view name, std::string_view
 // Calls fn(NameUses) for each name of a packed string (views into it).
 template <class Fn>
 void for_each_name_uses(std::string_view packed, Fn&& fn);
-// The same by name key (name_key), as a file's row of uses_fresh holds them: each key in 6 bytes, then
+// The same by name key (name_key), as a file's row of uses_fresh holds them: each key in 4 bytes, then
 // its coded uses as above; for_each_keyed_uses calls fn(key, spots).
 void pack_keyed_uses(std::string& packed, std::int64_t key, std::string_view spots);
 template <class Fn>
@@ -47,29 +48,39 @@ struct ImportRow {
   int line = 0;
 };
 
-// Coding: offsets in increasing order, each as a varint of (offset - previous offset) << 3 | role.
-// decode_uses gives what a blob holds (one that ends early, what it held); count_uses how many of its uses
-// have one of the roles of `roles` (a bit per role).
+// Coding: offsets in increasing order, as varints of the distance from the previous offset. Most blobs
+// hold uses of one role: their first varint is offset << 3 | role, and the others are distances alone.
+// A blob of mixed roles starts with the varint 7 (kMixedRoles), then each use is a varint of
+// distance << 3 | role. decode_uses gives what a blob holds (one that ends early, what it held);
+// count_uses how many of its uses have one of the roles of `roles` (a bit per role).
 //
-// name_key: the key a name is stored under, 47 bits of a hash of its bytes (exact case), so that SQLite
-// keeps it in 6 bytes. Two names may share one; readers check the name in the file's text.
+// name_key: the key a name is stored under, 31 bits of a hash of its bytes (exact case), so that SQLite
+// keeps it in 4 bytes. Two names may share one (a few pairs among a million names); readers check the
+// name in the file's text.
 //
 // import_stem: the name an import is looked up by, its last part without quotes, brackets or extension
 // (`"net/socket.h"` -> socket, `utils.retry` -> retry, `./retry` -> retry, `crate::a::b` -> b).
 
 
+inline constexpr std::uint64_t kMixedRoles = 7;
+
 inline std::string encode_uses(const std::vector<Use>& uses) {
   std::string out;
-  out.reserve(uses.size() * 2);
-  std::uint32_t previous = 0;
-  for (const Use& u : uses) {
-    std::uint64_t v = (static_cast<std::uint64_t>(u.offset - previous) << 3) | static_cast<std::uint64_t>(u.role);
-    previous = u.offset;
+  out.reserve(uses.size() * 2 + 1);
+  const bool mixed = std::any_of(uses.begin(), uses.end(), [&](const Use& u) { return u.role != uses.front().role; });
+  auto put = [&](std::uint64_t v) {
     while (v >= 0x80) {
       out.push_back(static_cast<char>((v & 0x7f) | 0x80));
       v >>= 7;
     }
     out.push_back(static_cast<char>(v));
+  };
+  if (mixed) put(kMixedRoles);
+  std::uint32_t previous = 0;
+  for (const Use& u : uses) {
+    const std::uint64_t distance = u.offset - previous;
+    put(mixed || &u == &uses.front() ? distance << 3 | static_cast<std::uint64_t>(u.role) : distance);
+    previous = u.offset;
   }
   return out;
 }
@@ -81,20 +92,26 @@ template <class Fn>
 void each_use(std::string_view spots, Fn&& fn) {
   std::uint64_t offset = 0;
   std::size_t i = 0;
-  while (i < spots.size()) {
-    std::uint64_t v = 0;
-    int shift = 0;
-    for (;;) {
-      if (i >= spots.size() || shift > 42) return;
+  auto next = [&](std::uint64_t& v) {
+    v = 0;
+    for (int shift = 0;; shift += 7) {
+      if (i >= spots.size() || shift > 42) return false;
       const auto byte = static_cast<unsigned char>(spots[i++]);
       v |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
-      if ((byte & 0x80) == 0) break;
-      shift += 7;
+      if ((byte & 0x80) == 0) return true;
     }
-    offset += v >> 3;
-    const unsigned role = static_cast<unsigned>(v & 7);
-    if (role > static_cast<unsigned>(UseRole::definition)) return;
-    fn(Use{static_cast<std::uint32_t>(offset), static_cast<UseRole>(role)});
+  };
+  std::uint64_t v = 0;
+  if (!next(v)) return;
+  const bool mixed = v == kMixedRoles;
+  if (mixed && !next(v)) return;
+  const unsigned role = static_cast<unsigned>(v & 7);  // of every use, unless mixed
+  for (bool first = true;; first = false) {
+    const unsigned r = mixed ? static_cast<unsigned>(v & 7) : role;
+    if (r > static_cast<unsigned>(UseRole::definition)) return;
+    offset += mixed || first ? v >> 3 : v;
+    fn(Use{static_cast<std::uint32_t>(offset), static_cast<UseRole>(r)});
+    if (!next(v)) return;
   }
 }
 
@@ -118,7 +135,7 @@ inline std::int64_t name_key(std::string_view name) {
     h ^= static_cast<unsigned char>(c);
     h *= 1099511628211ull;
   }
-  return static_cast<std::int64_t>((h ^ (h >> 47)) & ((1ull << 47) - 1));
+  return static_cast<std::int64_t>((h ^ (h >> 31) ^ (h >> 62)) & 0x7fffffff);
 }
 
 inline std::string import_stem(std::string_view t) {
@@ -182,8 +199,8 @@ void for_each_name_uses(std::string_view packed, Fn&& fn) {
   while (i < packed.size() && detail::take_piece(packed, i, u.name) && detail::take_piece(packed, i, u.spots)) fn(u);
 }
 
-// A name key in 6 bytes, most significant first (as file_uses and uses_fresh keep them).
-inline constexpr std::size_t kNameKeyBytes = 6;
+// A name key in 4 bytes, most significant first (as file_uses and uses_fresh keep them).
+inline constexpr std::size_t kNameKeyBytes = 4;
 inline void put_name_key(std::string& out, std::int64_t key) {
   for (int b = kNameKeyBytes - 1; b >= 0; --b) out.push_back(static_cast<char>((key >> (8 * b)) & 0xff));
 }

@@ -175,7 +175,7 @@ class UseRows {
   }
 
   void add(std::int64_t id, const FileEntry& entry, std::string_view operation) {
-    // Two names of one file that share a key (rare: 47 bits) share its row.
+    // Two names of one file that share a key (rare: 31 bits) share its row.
     rows_.clear();
     for_each_name_uses(entry.uses, [&](const NameUses& u) { rows_.push_back({name_key(u.name), u.spots}); });
     std::sort(rows_.begin(), rows_.end(), [](const Row& a, const Row& b) { return a.key < b.key; });

@@ -58,7 +58,7 @@ CREATE TABLE IF NOT EXISTS uses (
   spots BLOB NOT NULL,
   PRIMARY KEY (name_key, file_id)
 ) WITHOUT ROWID;
--- The name keys of each file's rows of uses, 6 bytes each, so that they can go when the file does.
+-- The name keys of each file's rows of uses, 4 bytes each (name_uses.h), so that they can go when the file does.
 CREATE TABLE IF NOT EXISTS file_uses (
   file_id INTEGER PRIMARY KEY,
   keys BLOB NOT NULL
