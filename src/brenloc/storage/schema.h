@@ -66,11 +66,27 @@ CREATE TABLE IF NOT EXISTS file_uses (
 -- The uses of files that live passes stored or removed since uses was last brought up to date, one row
 -- per file (coded by pack_keyed_uses, name_uses.h): a file here has these uses, whatever its rows of uses say (an
 -- empty row: none). Writing a file's uses into uses at once would touch a page of it per name, all over
--- the table; they are moved there at the end of each pass, for all of its files at once, in key order.
+-- the table; they are moved there in key order, many files at once, when the worker is idle or when too
+-- many have gathered at the end of a pass.
 CREATE TABLE IF NOT EXISTS uses_fresh (
   file_id INTEGER PRIMARY KEY,
   uses BLOB NOT NULL
 );
+-- A stamp of uses_fresh that every change of it changes, by which readers keep its rows in memory
+-- (fresh_uses.h). Random, so that no two states of the table, in this file or copied from another, share one.
+CREATE TABLE IF NOT EXISTS uses_state (
+  stamp INTEGER NOT NULL
+);
+INSERT INTO uses_state SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM uses_state);
+CREATE TRIGGER IF NOT EXISTS uses_fresh_added AFTER INSERT ON uses_fresh BEGIN
+  UPDATE uses_state SET stamp = random();
+END;
+CREATE TRIGGER IF NOT EXISTS uses_fresh_removed AFTER DELETE ON uses_fresh BEGIN
+  UPDATE uses_state SET stamp = random();
+END;
+CREATE TRIGGER IF NOT EXISTS uses_fresh_changed AFTER UPDATE ON uses_fresh BEGIN
+  UPDATE uses_state SET stamp = random();
+END;
 -- What each file includes or imports, as written, with the last part of it (import_stem) to look it up by.
 CREATE TABLE IF NOT EXISTS imports (
   file_id INTEGER NOT NULL,
