@@ -166,6 +166,7 @@ aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
   while (self->mode_ != Mode::off || first) {
     if (!first) {
       if (self->mode_ == Mode::polling && self->changes_.empty()) {
+        co_await self->tidy();  // no change can be seen before the next pass
         co_await aio::sleep_for(std::max<Clock::duration>(self->options_.poll_interval, 50 * self->last_pass_));
         self->changes_.add_everything(Clock::now());
       }
@@ -193,14 +194,18 @@ aio::Task<void> TreeFollower::wait_for_changes() {
         [](auto woken, auto quiet) -> aio::Task<void> { co_await aio::wait_any({woken, quiet}); }(woken_, quiet.base()));
     quiet.cancel();
     if (waited.cancelled()) std::move(waited).get();
-    // Batch by batch, each short, while nothing waits to be indexed.
-    while (tidy_due_ && changes_.empty()) {
-      try {
-        tidy_due_ = co_await indexer_->tidy_uses();
-      } catch (const std::exception&) {
-        utils::log_exception(*worker_logger(), "Moving the uses of live passes into place failed", std::current_exception());
-        tidy_due_ = false;
-      }
+    co_await tidy();
+  }
+}
+
+aio::Task<void> TreeFollower::tidy() {
+  // Batch by batch, each short, while nothing waits to be indexed.
+  while (tidy_due_ && changes_.empty()) {
+    try {
+      tidy_due_ = co_await indexer_->tidy_uses();
+    } catch (const std::exception&) {
+      utils::log_exception(*worker_logger(), "Moving the uses of live passes into place failed", std::current_exception());
+      tidy_due_ = false;
     }
   }
 }

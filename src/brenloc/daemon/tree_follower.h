@@ -87,6 +87,7 @@ class TreeFollower {
   // Until changes wait; meanwhile, once the tree has been quiet for a moment after a pass, the uses that
   // passes left apart are moved into place (Indexer::tidy_uses), batch by batch while nothing else waits.
   aio::Task<void> wait_for_changes();
+  aio::Task<void> tidy();
   // One live pass over the changes gathered (or the whole tree), after any force_reindex run has ended.
   // `first`: the pass at start, over the whole tree.
   aio::Task<void> live_pass(bool first);

@@ -519,6 +519,7 @@ bool Repository::defer_name_index() {
                        "deferring the name index");
     detail::run_script(c, "DROP INDEX IF EXISTS symbols_by_name", path, "deferring the name index");
     detail::run_script(c, detail::kPendingUsesSql, path, "deferring the name index");
+    detail::run_script(c, "UPDATE uses_state SET bulk_load = 1", path, "deferring the name index");
     detail::clear_search_tables(c, path, "deferring the name index");
     dropped = true;
   });
@@ -531,7 +532,10 @@ bool Repository::restore_indexes() {
   // every name, with settings of its own.
   bool missing = false;
   db_->with_connection([&](sqlite3* c) {
-    missing = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0;
+    // The name index is made again by the schema at a start (create_schema): a bulk load cut short
+    // is also known by its mark.
+    missing = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0 ||
+              detail::query_int(c, "SELECT bulk_load FROM uses_state", path, "building the indexes") != 0;
     if (!missing) return;
     detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
@@ -563,6 +567,7 @@ bool Repository::restore_indexes() {
                          "DROP TABLE temp.uses_pending",
                          path, op);
     }
+    detail::run_script(c, "UPDATE uses_state SET bulk_load = 0", path, op);
   });
   if (emptied) impl_->log->warn("{}: the first indexing was cut short before its end; it starts again", path.string());
   return emptied;
@@ -1004,7 +1009,8 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
            "copying the names");
       step("INSERT INTO main.uses SELECT * FROM staging.uses; INSERT INTO main.file_uses SELECT * FROM staging.file_uses; "
            "INSERT INTO main.uses_fresh SELECT * FROM staging.uses_fresh; "
-           "INSERT INTO main.imports SELECT * FROM staging.imports",
+           "INSERT INTO main.imports SELECT * FROM staging.imports; "
+           "UPDATE main.uses_state SET bulk_load = 0",  // whatever bulk load the live file had is replaced
            "copying the uses");
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
            "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",

@@ -74,10 +74,13 @@ CREATE TABLE IF NOT EXISTS uses_fresh (
 );
 -- A stamp of uses_fresh that every change of it changes, by which readers keep its rows in memory
 -- (fresh_uses.h). Random, so that no two states of the table, in this file or copied from another, share one.
+-- bulk_load: 1 from the start of a bulk load (uses_pending) until its uses are sorted into uses; found
+-- set by another connection, the bulk load's uses went with its connection.
 CREATE TABLE IF NOT EXISTS uses_state (
-  stamp INTEGER NOT NULL
+  stamp INTEGER NOT NULL,
+  bulk_load INTEGER NOT NULL
 );
-INSERT INTO uses_state SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM uses_state);
+INSERT INTO uses_state SELECT 0, 0 WHERE NOT EXISTS (SELECT 1 FROM uses_state);
 CREATE TRIGGER IF NOT EXISTS uses_fresh_added AFTER INSERT ON uses_fresh BEGIN
   UPDATE uses_state SET stamp = random();
 END;
@@ -101,8 +104,8 @@ CREATE INDEX IF NOT EXISTS imports_by_file ON imports(file_id);
 // During a bulk load (while the name index is deferred), the rows of uses as they come, in file order, in
 // a temporary table of the writer connection (a file of its own, gone with the connection): they are
 // sorted into uses when the name index is built, and their pages never become free pages of the index.
-// Should the connection go first (the process killed), the name index is found missing without them,
-// and the files stored since are stored anew (restore_indexes).
+// Should the connection go first (the process killed), the bulk load is found under way without them
+// (uses_state.bulk_load), and the files stored since are stored anew (restore_indexes).
 inline constexpr const char* kPendingUsesSql = R"sql(
 CREATE TEMP TABLE IF NOT EXISTS uses_pending (
   name_key INTEGER NOT NULL,
