@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -319,6 +320,52 @@ TEST_F(Cli, CtrlCDuringAReindexExits130AndSaysWhatBecameOfTheIndex) {
   EXPECT_TRUE(std::regex_search(text, std::regex("brenloc: interrupted(; the reindex was cancelled and the live index "
                                                  "kept| after the new index was swapped in.*)\n$")))
       << text;
+}
+
+// A first indexing killed outright (its uses kept in a table of its connection's own) starts again at the
+// next command, which ends with every use: the references of an indexing never interrupted.
+TEST_F(Cli, AFirstIndexingKilledIsDoneAgainWithEveryUse) {
+  const fs::path tree = dir_.path() / "tree";
+  fs::copy("/usr/include/boost/asio", tree, fs::copy_options::recursive);
+  const fs::path killed = dir_.path() / "killed", err = dir_.path() / "err";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const std::string cmd = "exec " + quote(BRENLOC_BINARY) + " reindex --repo " + quote(tree) + " --data-dir " +
+                            quote(killed) + " >/dev/null 2>" + quote(err) + " </dev/null";
+    ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const std::regex stored("progress: ([1-9][0-9]+)/");  // some store transactions done
+  const auto slurp = [&] {
+    std::ifstream in(err);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  for (int i = 0; i < 4000 && !std::regex_search(slurp(), stored); ++i) ::usleep(5000);
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status)) << slurp();
+  const std::string at_killed = "--repo " + quote(tree) + " --data-dir " + quote(killed);
+  const std::string at_whole = "--repo " + quote(tree) + " --data-dir " + quote(dir_.path() / "whole");
+  ASSERT_EQ(invoke("reindex -q " + at_killed).code, 0);
+  ASSERT_EQ(invoke("reindex -q " + at_whole).code, 0);
+  // Each use as path:line:column, and the total.
+  const auto uses = [&](const std::string& at, const std::string& name) {
+    const json answer = json::parse(invoke("refs --json --limit 1000 " + at + " " + name).out);
+    std::vector<std::string> out{answer["total"].dump()};
+    for (const json& file : answer["files"]) {
+      for (const json& r : file["references"]) out.push_back(file["path"].get<std::string>() + ":" +
+                                                     r["line"].dump() + ":" + r["column"].dump());
+    }
+    std::sort(out.begin() + 1, out.end());
+    return out;
+  };
+  for (const char* name : {"async_write", "basic_socket", "io_context"}) {
+    SCOPED_TRACE(name);
+    const auto whole = uses(at_whole, name);
+    EXPECT_GT(whole.size(), 10u);
+    EXPECT_EQ(uses(at_killed, name), whole);
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "brenloc/aio/outcome.h"
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
+#include "brenloc/aio/wait_any.h"
 #include "brenloc/daemon/worker_log.h"
 #include "brenloc/utils/logging.h"
 #include "brenloc/utils/path_text.h"
@@ -19,6 +20,9 @@ namespace brenloc::daemon {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+
+// How long the tree stays quiet after a live pass before the uses it left apart are moved into place.
+constexpr Clock::duration kQuietBeforeTidy = std::chrono::seconds(3);
 
 TreeFollower::TreeFollower(fs::path repo_root, fs::path data_dir, std::shared_ptr<workers::Indexer> indexer,
                            LivePasses passes, FollowOptions options)
@@ -162,13 +166,11 @@ aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
   while (self->mode_ != Mode::off || first) {
     if (!first) {
       if (self->mode_ == Mode::polling && self->changes_.empty()) {
+        co_await self->tidy();  // no change can be seen before the next pass
         co_await aio::sleep_for(std::max<Clock::duration>(self->options_.poll_interval, 50 * self->last_pass_));
         self->changes_.add_everything(Clock::now());
       }
-      while (self->changes_.empty()) {
-        self->woken_ = std::make_shared<aio::FutureState<void>>();
-        co_await aio::Future<void>(self->woken_);
-      }
+      co_await self->wait_for_changes();
       // Quiet for a moment, or waiting for too long already.
       for (auto due = self->changes_.due(self->options_.timing); Clock::now() < due;
            due = self->changes_.due(self->options_.timing)) {
@@ -177,6 +179,34 @@ aio::Task<void> TreeFollower::pass_loop(TreeFollower* self) {
     }
     co_await self->live_pass(first);
     if (first) self->first_pass_pending_ = first = false;
+  }
+}
+
+aio::Task<void> TreeFollower::wait_for_changes() {
+  while (changes_.empty()) {
+    woken_ = std::make_shared<aio::FutureState<void>>();
+    if (!tidy_due_) {
+      co_await aio::Future<void>(woken_);
+      continue;
+    }
+    auto quiet = aio::spawn([](Clock::duration d) -> aio::Task<void> { co_await aio::sleep_for(d); }(kQuietBeforeTidy));
+    auto waited = co_await aio::outcome_of(
+        [](auto woken, auto quiet) -> aio::Task<void> { co_await aio::wait_any({woken, quiet}); }(woken_, quiet.base()));
+    quiet.cancel();
+    if (waited.cancelled()) std::move(waited).get();
+    co_await tidy();
+  }
+}
+
+aio::Task<void> TreeFollower::tidy() {
+  // Batch by batch, each short, while nothing waits to be indexed.
+  while (tidy_due_ && changes_.empty()) {
+    try {
+      tidy_due_ = co_await indexer_->tidy_uses();
+    } catch (const std::exception&) {
+      utils::log_exception(*worker_logger(), "Moving the uses of live passes into place failed", std::current_exception());
+      tidy_due_ = false;
+    }
   }
 }
 
@@ -202,6 +232,7 @@ aio::Task<void> TreeFollower::indexing(std::optional<std::vector<std::string>> b
   }
   const auto started = Clock::now();
   co_await host_.run(*indexer_, std::move(paths));
+  tidy_due_ = true;
   last_pass_ = Clock::now() - started;
   ++passes_;
 }

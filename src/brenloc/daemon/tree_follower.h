@@ -7,7 +7,8 @@
 // ("polling") and says so in a warning. Every pass is an ordinary live pass of the worker: it raises the
 // worker's count of passes under way (so force_reindex answers "in_progress" meanwhile), runs inside the
 // worker's reporting scope, and never runs beside a force_reindex run: changes seen during one (a full
-// rebuild) are indexed right after it ends, whatever its outcome. stop() cancels what runs, cleanly.
+// rebuild) are indexed right after it ends, whatever its outcome. When the tree has been quiet for a few
+// seconds after a pass, the uses that passes keep apart are moved into place. stop() cancels what runs, cleanly.
 // The follower asks its worker through the operations of LivePasses and knows nothing else of it.
 #pragma once
 
@@ -83,6 +84,10 @@ class TreeFollower {
   aio::Task<bool> watch_all();
   void fall_back_to_polling(const std::string& why);
   aio::Task<void> take_changes(std::vector<TreeWatcher::Change> changes);
+  // Until changes wait; meanwhile, once the tree has been quiet for a moment after a pass, the uses that
+  // passes left apart are moved into place (Indexer::tidy_uses), batch by batch while nothing else waits.
+  aio::Task<void> wait_for_changes();
+  aio::Task<void> tidy();
   // One live pass over the changes gathered (or the whole tree), after any force_reindex run has ended.
   // `first`: the pass at start, over the whole tree.
   aio::Task<void> live_pass(bool first);
@@ -99,6 +104,7 @@ class TreeFollower {
   std::shared_ptr<aio::FutureState<void>> woken_;  // set when changes arrive for a waiting pass loop
   std::optional<aio::Future<void>> passes_task_, events_task_;
   bool first_pass_pending_ = false;
+  bool tidy_due_ = false;  // a pass ran since the last move of uses
   int passes_ = 0;
   std::chrono::steady_clock::duration last_pass_{};
 };

@@ -87,7 +87,7 @@ void Database::create_schema() {
                  path_.string(), version, kSchemaVersion);
       detail::run_script(db_, "DROP TABLE IF EXISTS name_grams; DROP TABLE IF EXISTS names; DROP TABLE IF EXISTS name_state; "
                          "DROP TABLE IF EXISTS symbols; DROP TABLE IF EXISTS files; DROP TABLE IF EXISTS uses; "
-                         "DROP TABLE IF EXISTS file_uses; DROP TABLE IF EXISTS uses_pending; DROP TABLE IF EXISTS uses_fresh; DROP TABLE IF EXISTS imports;", path_,
+                         "DROP TABLE IF EXISTS file_uses; DROP TABLE IF EXISTS uses_pending; DROP TABLE IF EXISTS uses_fresh; DROP TABLE IF EXISTS uses_state; DROP TABLE IF EXISTS imports;", path_,
                          "dropping an index of an older version");
     }
     detail::run_script(db_, detail::kSchemaSql, path_, "creating the schema");

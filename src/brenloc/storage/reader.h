@@ -12,8 +12,11 @@
 
 namespace brenloc::storage::detail {
 
+class FreshUsesCache;
+
 struct Reader {
   sqlite3* db = nullptr;
+  FreshUsesCache* fresh_uses = nullptr;  // of the reader's repository (fresh_uses.h)
   std::unordered_map<std::string, std::unique_ptr<Statement>> statements;
 
   ~Reader() {

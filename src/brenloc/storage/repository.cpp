@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "brenloc/storage/errors.h"
+#include "brenloc/storage/fresh_uses.h"
 #include "brenloc/storage/name_table.h"
 #include "brenloc/storage/query_cache.h"
 #include "brenloc/storage/reader.h"
@@ -283,6 +284,7 @@ struct Repository::Impl {
   std::shared_ptr<spdlog::logger> log = utils::get_logger("brenloc.storage");
   detail::QueryCache<CachedValue> cache{kCacheEntries};
   detail::NameCatalogs catalogs;
+  detail::FreshUsesCache fresh_uses;
 
   std::mutex readers_mu;
   std::vector<std::unique_ptr<Reader>> idle_readers;
@@ -296,6 +298,7 @@ struct Repository::Impl {
     if (rc != SQLITE_OK) throw detail::sqlite_error(reader->db, rc, path, "opening a read connection");
     sqlite3_extended_result_codes(reader->db, 1);
     sqlite3_busy_timeout(reader->db, kReaderBusyTimeoutMs);
+    reader->fresh_uses = &fresh_uses;
     detail::run_script(reader->db, "PRAGMA query_only = ON", path, "opening a read connection");
     return reader;
   }
@@ -516,6 +519,7 @@ bool Repository::defer_name_index() {
                        "deferring the name index");
     detail::run_script(c, "DROP INDEX IF EXISTS symbols_by_name", path, "deferring the name index");
     detail::run_script(c, detail::kPendingUsesSql, path, "deferring the name index");
+    detail::run_script(c, "UPDATE uses_state SET bulk_load = 1", path, "deferring the name index");
     detail::clear_search_tables(c, path, "deferring the name index");
     dropped = true;
   });
@@ -528,7 +532,10 @@ bool Repository::restore_indexes() {
   // every name, with settings of its own.
   bool missing = false;
   db_->with_connection([&](sqlite3* c) {
-    missing = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0;
+    // The name index is made again by the schema at a start (create_schema): a bulk load cut short
+    // is also known by its mark.
+    missing = detail::query_int(c, kHasNameIndexSql, path, "building the indexes") == 0 ||
+              detail::query_int(c, "SELECT bulk_load FROM uses_state", path, "building the indexes") != 0;
     if (!missing) return;
     detail::run_script(c, detail::kIndexBuildPragmas, path, "building the indexes");
     sqlite3_limit(c, SQLITE_LIMIT_WORKER_THREADS, static_cast<int>(std::thread::hardware_concurrency()));
@@ -560,18 +567,27 @@ bool Repository::restore_indexes() {
                          "DROP TABLE temp.uses_pending",
                          path, op);
     }
+    detail::run_script(c, "UPDATE uses_state SET bulk_load = 0", path, op);
   });
   if (emptied) impl_->log->warn("{}: the first indexing was cut short before its end; it starts again", path.string());
   return emptied;
 }
 
-void Repository::move_fresh_uses() {
+std::int64_t Repository::fresh_uses_files() {
+  std::int64_t n = 0;
+  db_->with_connection([&](sqlite3* c) {
+    n = detail::query_int(c, "SELECT count(*) FROM uses_fresh", impl_->path, "counting the fresh uses");
+  });
+  return n;
+}
+
+bool Repository::move_fresh_uses(std::size_t batches) {
   const auto& path = impl_->path;
   const std::string op = "moving the fresh uses into place";
   bool any = false;
   db_->with_connection(
       [&](sqlite3* c) { any = detail::query_int(c, "SELECT EXISTS (SELECT 1 FROM uses_fresh)", path, op) != 0; });
-  if (!any) return;
+  if (!any) return false;
   const auto start = Clock::now();
   std::size_t files = 0, rows = 0;
   // In batches of files, each a transaction of its own, so that a pass over a whole branch's files does not
@@ -579,7 +595,8 @@ void Repository::move_fresh_uses() {
   // readers see each file either here or there.
   constexpr int kFilesPerBatch = 256;
   std::int64_t after = 0;  // file ids start at 1
-  for (bool more = true; more;) {
+  bool more = true;
+  for (std::size_t batch = 0; more && (batches == 0 || batch < batches); ++batch) {
     impl_->write(*db_, op, [&](sqlite3* c) {
       // A row of uses to delete (no spots) or to write.
       struct Change {
@@ -650,6 +667,7 @@ void Repository::move_fresh_uses() {
   }
   impl_->log->debug("Moved the uses of {} files into place ({} rows written or deleted) in {:.3f} s", files, rows,
                     seconds_since(start));
+  return more;
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -769,32 +787,29 @@ struct FileUsesRow {
 // uses_fresh, whose rows there stand instead. fn(FileUsesRow) returns false to stop.
 template <class Fn>
 void each_file_using(Reader& r, const std::filesystem::path& path, std::int64_t key, std::int64_t from_file, Fn&& fn) {
-  // uses_fresh is empty but during a live pass: its rows are read whole.
+  const std::shared_ptr<const detail::FreshUses> fresh = detail::fresh_uses(r, path);
   struct Fresh {
     std::int64_t file_id;
     std::string path, language, spots;
   };
-  std::vector<Fresh> fresh;
-  std::unordered_set<std::int64_t> hidden;
-  {
+  std::vector<Fresh> fresh_rows;
+  if (fresh) {
     Statement& stmt = r.statement(
-        "SELECT u.file_id, f.path, f.language, u.uses FROM uses_fresh u LEFT JOIN files f ON f.id = u.file_id "
-        "WHERE u.file_id >= ?1 ORDER BY u.file_id",
+        "SELECT f.path, f.language, u.uses FROM uses_fresh u JOIN files f ON f.id = u.file_id WHERE u.file_id = ?1",
         path);
-    ResetOnExit done{stmt};
-    stmt.bind(1, from_file);
-    while (stmt.step(path, "reading uses")) {
-      const std::int64_t id = stmt.integer(0);
-      hidden.insert(id);
-      if (sqlite3_column_type(stmt.get(), 1) == SQLITE_NULL) continue;  // a file removed
-      for_each_keyed_uses(blob_of(stmt, 3), [&](std::int64_t k, std::string_view spots) {
-        if (k == key) fresh.push_back({id, stmt.text(1), stmt.text(2), std::string(spots)});
+    for (const auto& [k, id] : fresh->using_key(key)) {
+      if (id < from_file) continue;
+      ResetOnExit done{stmt};
+      stmt.bind(1, id);
+      if (!stmt.step(path, "reading uses")) continue;  // a file removed
+      for_each_keyed_uses(blob_of(stmt, 2), [&](std::int64_t k, std::string_view spots) {
+        if (k == key) fresh_rows.push_back({id, stmt.text(0), stmt.text(1), std::string(spots)});
       });
     }
   }
-  auto next_fresh = fresh.begin();
+  auto next_fresh = fresh_rows.begin();
   auto fresh_before = [&](std::int64_t file_id) {
-    for (; next_fresh != fresh.end() && next_fresh->file_id < file_id; ++next_fresh) {
+    for (; next_fresh != fresh_rows.end() && next_fresh->file_id < file_id; ++next_fresh) {
       if (!fn(FileUsesRow{next_fresh->file_id, next_fresh->path, next_fresh->language, next_fresh->spots})) return false;
     }
     return true;
@@ -809,7 +824,7 @@ void each_file_using(Reader& r, const std::filesystem::path& path, std::int64_t 
   while (rows.step(path, "reading uses")) {
     const std::int64_t file_id = rows.integer(0);
     if (!fresh_before(file_id)) return;
-    if (hidden.contains(file_id)) continue;
+    if (fresh && fresh->has(file_id)) continue;
     if (!fn(FileUsesRow{file_id, rows.text_view(1), rows.text_view(2), blob_of(rows, 3)})) return;
   }
   fresh_before(std::numeric_limits<std::int64_t>::max());
@@ -994,7 +1009,8 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
            "copying the names");
       step("INSERT INTO main.uses SELECT * FROM staging.uses; INSERT INTO main.file_uses SELECT * FROM staging.file_uses; "
            "INSERT INTO main.uses_fresh SELECT * FROM staging.uses_fresh; "
-           "INSERT INTO main.imports SELECT * FROM staging.imports",
+           "INSERT INTO main.imports SELECT * FROM staging.imports; "
+           "UPDATE main.uses_state SET bulk_load = 0",  // whatever bulk load the live file had is replaced
            "copying the uses");
       step("INSERT INTO main.name_grams_data SELECT * FROM staging.name_grams_data; "
            "INSERT INTO main.name_grams_idx SELECT * FROM staging.name_grams_idx",

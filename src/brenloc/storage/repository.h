@@ -59,10 +59,13 @@ class Repository {
   // killed): the uses of its files went with it, and so their rows are deleted (the index is empty), for
   // the next pass to load them again.
   bool restore_indexes();
-  // Moves the uses that live stores and removals keep by file in uses_fresh into uses, in one transaction
-  // (at the end of a live pass): all of them in key order, so that each page of uses is written once.
-  // Queries see the same uses before and after. Nothing to do when there are none.
-  void move_fresh_uses();
+  // Moves the uses that live stores and removals keep by file in uses_fresh into uses, in batches of files
+  // (each one transaction, its rows in key order, so that each page of uses is written once per batch):
+  // at most `batches` of them (0: until none are left). Queries see the same uses before and after.
+  // Returns whether some are left.
+  bool move_fresh_uses(std::size_t batches = 0);
+  // How many files' uses are kept in uses_fresh.
+  std::int64_t fresh_uses_files();
 
   // --- queries (own read connections, cached) ---
   // The best matches of a name search, ranked (see symbol_match.h), and how many matched. A path filter

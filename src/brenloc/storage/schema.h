@@ -66,11 +66,30 @@ CREATE TABLE IF NOT EXISTS file_uses (
 -- The uses of files that live passes stored or removed since uses was last brought up to date, one row
 -- per file (coded by pack_keyed_uses, name_uses.h): a file here has these uses, whatever its rows of uses say (an
 -- empty row: none). Writing a file's uses into uses at once would touch a page of it per name, all over
--- the table; they are moved there at the end of each pass, for all of its files at once, in key order.
+-- the table; they are moved there in key order, many files at once, when the worker is idle or when too
+-- many have gathered at the end of a pass.
 CREATE TABLE IF NOT EXISTS uses_fresh (
   file_id INTEGER PRIMARY KEY,
   uses BLOB NOT NULL
 );
+-- A stamp of uses_fresh that every change of it changes, by which readers keep its rows in memory
+-- (fresh_uses.h). Random, so that no two states of the table, in this file or copied from another, share one.
+-- bulk_load: 1 from the start of a bulk load (uses_pending) until its uses are sorted into uses; found
+-- set by another connection, the bulk load's uses went with its connection.
+CREATE TABLE IF NOT EXISTS uses_state (
+  stamp INTEGER NOT NULL,
+  bulk_load INTEGER NOT NULL
+);
+INSERT INTO uses_state SELECT 0, 0 WHERE NOT EXISTS (SELECT 1 FROM uses_state);
+CREATE TRIGGER IF NOT EXISTS uses_fresh_added AFTER INSERT ON uses_fresh BEGIN
+  UPDATE uses_state SET stamp = random();
+END;
+CREATE TRIGGER IF NOT EXISTS uses_fresh_removed AFTER DELETE ON uses_fresh BEGIN
+  UPDATE uses_state SET stamp = random();
+END;
+CREATE TRIGGER IF NOT EXISTS uses_fresh_changed AFTER UPDATE ON uses_fresh BEGIN
+  UPDATE uses_state SET stamp = random();
+END;
 -- What each file includes or imports, as written, with the last part of it (import_stem) to look it up by.
 CREATE TABLE IF NOT EXISTS imports (
   file_id INTEGER NOT NULL,
@@ -85,8 +104,8 @@ CREATE INDEX IF NOT EXISTS imports_by_file ON imports(file_id);
 // During a bulk load (while the name index is deferred), the rows of uses as they come, in file order, in
 // a temporary table of the writer connection (a file of its own, gone with the connection): they are
 // sorted into uses when the name index is built, and their pages never become free pages of the index.
-// Should the connection go first (the process killed), the name index is found missing without them,
-// and the files stored since are stored anew (restore_indexes).
+// Should the connection go first (the process killed), the bulk load is found under way without them
+// (uses_state.bulk_load), and the files stored since are stored anew (restore_indexes).
 inline constexpr const char* kPendingUsesSql = R"sql(
 CREATE TEMP TABLE IF NOT EXISTS uses_pending (
   name_key INTEGER NOT NULL,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "brenloc/storage/fresh_uses.h"
 #include "brenloc/storage/name_uses.h"
 
 namespace brenloc::storage::detail {
@@ -82,11 +83,22 @@ bool import_names(std::string_view target, std::string_view path, std::string_vi
 }  // namespace
 
 std::int64_t files_using(Reader& r, const std::filesystem::path& file, std::string_view name) {
-  Statement& stmt = r.statement("SELECT count(*) FROM (SELECT 1 FROM uses WHERE name_key = ?1 LIMIT ?2)", file);
+  const std::int64_t key = name_key(name);
+  const std::shared_ptr<const FreshUses> fresh = fresh_uses(r, file);
+  if (!fresh) {
+    Statement& stmt = r.statement("SELECT count(*) FROM (SELECT 1 FROM uses WHERE name_key = ?1 LIMIT ?2)", file);
+    ResetOnExit done{stmt};
+    stmt.bind(1, key);
+    stmt.bind(2, kReferrersCap);
+    return stmt.step(file, kOperation) ? stmt.integer(0) : 0;
+  }
+  // The fresh files that use it, and the others whose rows of uses do (a fresh file's rows there are old).
+  auto n = static_cast<std::int64_t>(fresh->using_key(key).size());
+  Statement& stmt = r.statement("SELECT file_id FROM uses WHERE name_key = ?1", file);
   ResetOnExit done{stmt};
-  stmt.bind(1, name_key(name));
-  stmt.bind(2, kReferrersCap);
-  return stmt.step(file, kOperation) ? stmt.integer(0) : 0;
+  stmt.bind(1, key);
+  while (n < kReferrersCap && stmt.step(file, kOperation)) n += fresh->has(stmt.integer(0)) ? 0 : 1;
+  return std::min(n, kReferrersCap);
 }
 
 std::int64_t files_importing(Reader& r, const std::filesystem::path& file, std::string_view path,

@@ -14,7 +14,7 @@ namespace brenloc::storage::detail {
 // Counted up to this many.
 inline constexpr std::int64_t kReferrersCap = 400;
 
-// How many files use `name` (exact case) in their code.
+// How many files use `name` (exact case) in their code, as the files read now (fresh_uses.h).
 std::int64_t files_using(Reader& reader, const std::filesystem::path& file, std::string_view name);
 
 // How many includes or imports name the file at `path` of `language`: those under its stem (the name of

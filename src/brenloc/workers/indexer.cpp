@@ -36,6 +36,9 @@ using StateMap = std::unordered_map<std::string, storage::StoredFile>;
 constexpr std::size_t kParseBatch = 16;
 // A store transaction also starts once this many symbols wait.
 constexpr std::size_t kStoreSymbols = 8000;
+// The most files whose uses a live pass leaves apart for an idle moment to move (their keys cost readers
+// 16 bytes each in memory meanwhile, about 1.5 MB per thousand files).
+constexpr std::int64_t kMaxFreshFiles = 4096;
 
 struct Outcome {
   // refreshed: unchanged content, whose row's status is brought up to date so that later passes skip it.
@@ -486,12 +489,15 @@ aio::Task<void> Indexer::Pass::remove_gone_rows() {
 // A failure here fails a pass that had stored everything; after left-out files (often the same cause, a
 // full disk) the pass's own outcome stands and the failure is logged. Either way the next pass builds the
 // index again.
-// After any other pass, the uses that its stores kept by file are moved into place, for all its files at
-// once; a failure there only leaves them where queries read them anyway, for the next pass to move.
+// After any other pass, the uses that its stores kept by file stay apart, where queries read them too,
+// until the worker is idle (tidy_uses), unless too many files' have gathered: those are moved into place
+// now. A failure there only leaves them where queries read them anyway, for a later move.
 aio::Task<void> Indexer::Pass::finish_bulk_load() {
   if (!bulk) {
     try {
-      auto moved_f = impl->on_writer(o, [repo = repo] { repo->move_fresh_uses(); });
+      auto moved_f = impl->on_writer(o, [repo = repo] {
+        if (repo->fresh_uses_files() > kMaxFreshFiles) repo->move_fresh_uses();
+      });
       co_await aio::shield(moved_f);
     } catch (const std::exception&) {
       utils::log_exception(*log, "Moving the uses of the pass into place failed", std::current_exception());
@@ -552,6 +558,13 @@ aio::Task<void> Indexer::settle() {
   std::erase_if(impl->inflight, [](const auto& f) { return f->done(); });
   if (impl->inflight.empty()) co_return;
   co_await aio::wait_all(impl->inflight);
+}
+
+aio::Task<bool> Indexer::tidy_uses() {
+  auto repo = options_.repository;
+  if (!repo) co_return false;
+  co_await settle();
+  co_return co_await aio::shield(impl_->on_writer(options_, [repo] { return repo->move_fresh_uses(1); }));
 }
 
 aio::Task<IndexStats> Indexer::full_index(std::optional<std::vector<std::filesystem::path>> paths) {

@@ -62,6 +62,9 @@ class Indexer {
 
   virtual aio::Task<IndexStats> full_index(std::optional<std::vector<std::filesystem::path>> paths = std::nullopt);
   virtual aio::Task<void> settle();
+  // Moves one batch of the uses that live passes left apart into place (Repository::move_fresh_uses), for
+  // an idle moment; true while some are left.
+  virtual aio::Task<bool> tidy_uses();
 
   void set_progress(ProgressFn fn) { progress_ = std::move(fn); }
   const IndexerOptions& options() const { return options_; }
