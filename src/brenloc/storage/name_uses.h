@@ -55,7 +55,7 @@ struct ImportRow {
 // count_uses how many of its uses have one of the roles of `roles` (a bit per role).
 //
 // name_key: the key a name is stored under, 31 bits of a hash of its bytes (exact case), so that SQLite
-// keeps it in 4 bytes. Two names may share one (a few pairs among a million names); readers check the
+// keeps it in 4 bytes. Two names may share one (about 230 pairs among a million names); readers check the
 // name in the file's text.
 //
 // import_stem: the name an import is looked up by, its last part without quotes, brackets or extension
