@@ -357,11 +357,11 @@ aio::Task<SearchAnswer> RepoWorker::search(SearchArgs args) {
                              .path_prefix = std::move(args.path),
                              .limit = args.limit,
                              .language = std::move(args.language)};
-  auto [found, counts] = co_await aio::to_thread([repo = _repository, query] {
+  auto [found, files] = co_await aio::to_thread([repo = _repository, query] {
     auto found = repo->find_symbols(query);
-    return std::make_pair(std::move(found), repo->counts());
+    return std::make_pair(std::move(found), repo->file_count());
   });
-  co_return SearchAnswer{.found = std::move(found), .note = search_note(counts.files)};
+  co_return SearchAnswer{.found = std::move(found), .note = search_note(files)};
 }
 
 std::string RepoWorker::search_note(std::int64_t files) const {

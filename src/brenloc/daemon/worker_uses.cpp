@@ -98,7 +98,7 @@ std::vector<ReferenceFile> located(const std::string& name, const std::vector<st
 aio::Task<ReferencesAnswer> RepoWorker::references(ReferencesArgs args) {
   auto [answer, files] = co_await aio::to_thread(
       [repo = _repository, root = repo_root, args = std::move(args)]() -> std::pair<ReferencesAnswer, std::int64_t> {
-        const std::int64_t indexed = repo->counts().files;
+        const std::int64_t indexed = repo->file_count();
         storage::UsesQuery query{.roles = args.roles, .from_file = args.from_file, .skip = args.skip, .limit = args.limit};
         if (args.name) {
           query.name = *args.name;
@@ -125,7 +125,7 @@ aio::Task<ReferencesAnswer> RepoWorker::references(ReferencesArgs args) {
 aio::Task<ImportersAnswer> RepoWorker::importers(ImportersArgs args) {
   auto [answer, files] = co_await aio::to_thread(
       [repo = _repository, root = repo_root, args = std::move(args)]() -> std::pair<ImportersAnswer, std::int64_t> {
-        const std::int64_t indexed = repo->counts().files;
+        const std::int64_t indexed = repo->file_count();
         Importers out;
         if (args.path) {
           auto relative = file_in_root(root, *args.path);

@@ -909,6 +909,16 @@ Counts Repository::counts() {
   });
 }
 
+std::int64_t Repository::file_count() {
+  return impl_->cached<Counts>(Key('F').str(), [&] {
+    return impl_->with_reader([&](Reader& r) {
+      Statement& stmt = r.statement("SELECT count(*) FROM files", impl_->path);
+      ResetOnExit done{stmt};
+      return Counts{.files = stmt.step(impl_->path, "counting files") ? stmt.integer(0) : 0};
+    });
+  }).files;
+}
+
 void Repository::clear_query_cache() { impl_->cache.clear(); }
 
 void Repository::release_memory() {

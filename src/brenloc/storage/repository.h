@@ -84,6 +84,9 @@ class Repository {
   // The includes and imports whose stem (import_stem) is one of `stems`, by importing file. Not cached.
   std::vector<ImportHit> imports_by_stem(const std::vector<std::string>& stems);
   Counts counts();
+  // counts().files alone: an answer that only tells whether anything is indexed yet should not count every
+  // symbol row (tens of milliseconds on a large index) after each write.
+  std::int64_t file_count();
 
   // Replaces the live index with the one in the staging file, in one transaction on the writer
   // connection (attach read-only, check the schema version, replace the rows, commit, detach). Any
