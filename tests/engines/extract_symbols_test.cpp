@@ -264,13 +264,15 @@ extern "C" int c_entry(void);
 template <typename T>
 T parse(const char* text);
 int connect(const char* host, int port);
+template <typename T> wrap(T) -> wrap<T>;
 }
 )",
    {{"Socket", "function_declaration", 4, "net::Socket"}, {"~Socket", "function_declaration", 5, "net::Socket"},
     {"send", "function_declaration", 6, "net::Socket"}, {"close", "function_declaration", 7, "net::Socket"},
     {"open_count", "field", 10, "net::Socket"}, {"operator bool", "function_declaration", 11, "net::Socket"},
     {"operator int", "method", 12, "net::Socket"}, {"c_entry", "function_declaration", 14, "net"},
-    {"parse", "function_declaration", 16, "net", 0, 0, 0, 15}, {"connect", "function_declaration", 17, "net"}},
+    {"parse", "function_declaration", 16, "net", 0, 0, 0, 15}, {"connect", "function_declaration", 17, "net"},
+    {"wrap", "function_declaration", 18, "net", 0, 0, 0, 0, true}},
    {"operator==", "swap", "fd", "data", "text", "host", "a"}},
   // Export and attribute macros in the heads of classes and functions.
   {"cpp_export_macros_in_heads", "cpp", R"(class GTEST_API_ Test {
@@ -676,6 +678,12 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
      "BOOST_ASIO_DECL static int f();\nMY_EXPORT_API int g();\n",
      "                static int f();\n              int g();\n"},
     {"lone macro line between declarations", "int a;\nG_BEGIN_DECLS\nint b;\n", "int a;\n             \nint b;\n"},
+    {"a lone macro call over two lines before a member",
+     "  void a();\n  V8_DEPRECATE_SOON(\n      \"Use b().\")\n  bool c(double d);\n  LIST_OF(\n   x) y;\n",
+     "  void a();\n" + std::string(20, ' ') + "\n" + std::string(17, ' ') + "\n  bool c(double d);\n  LIST_OF(\n   x) y;\n"},
+    {"an old-style prototype macro and its outer parentheses",
+     "ZEXTERN int ZEXPORT deflate OF((z_streamp strm,\n    int flush));\nint OF(int x);\n",
+     "ZEXTERN int ZEXPORT deflate    (z_streamp strm,\n    int flush) ;\nint OF(int x);\n"},
     {"enumerators on their own lines are kept", "enum e {\n  FIRST_VALUE,\n  LAST_VALUE\n};\n"},
     {"plain code is untouched", "int main(void) { return MAX_SIZE; }\n"},
     {"export macros ending in an underscore, chained, with arguments",
