@@ -33,7 +33,11 @@ constexpr std::array<std::string_view, 19> call_macros = {
 
 // Old-style prototype macros, which wrap a parameter list in a second pair of parentheses so that a K&R
 // compiler can drop it: `int deflate OF((z_streamp strm, int flush));`. The name and the outer pair go.
-constexpr std::array<std::string_view, 4> prototype_macros = {"OF", "PARAMS", "__P", "_PROTO"};
+constexpr std::array<std::string_view, 5> prototype_macros = {"OF", "Z_ARG", "PARAMS", "__P", "_PROTO"};
+
+// Linkage and calling-convention decorations spelled without an underscore, which the rule for export
+// macros (an upper-case name with one) does not take: zlib's, vendored into many trees.
+constexpr std::array<std::string_view, 3> linkage_macros = {"ZEXTERN", "ZEXPORT", "ZEXPORTVA"};
 
 bool is_ident_start(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 bool is_ident_char(char c) { return is_ident_start(c) || (c >= '0' && c <= '9'); }
@@ -317,6 +321,12 @@ std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t 
         i = stop;
         continue;
       }
+    }
+    if (listed(linkage_macros, word)) {
+      blank(text, i, j);
+      changed = true;
+      i = j;
+      continue;
     }
     if (listed(prototype_macros, word)) {
       const std::size_t open = skip_spaces(text, j);
