@@ -247,6 +247,10 @@ int defined(void) { int local_proto(void); extern int local_ext; return 0; }
     {"alloc", "function_declaration", 4}, {"signal_like", "function_declaration", 5}, {"handler", "variable", 6},
     {"defined", "function", 7}},
    {"local_proto", "local_ext", "sig", "fn", "a", "n"}},
+  // Decorations the parser cannot expand leave the declared name, not a type keyword.
+  {"c_unknown_decorations_around_a_return_type", "c",
+   "XAPI void XCALL xfree (void *p);\nGLAPI int APIENTRY glIsList (unsigned list);\n",
+   {{"xfree", "function_declaration", 1}, {"glIsList", "function_declaration", 2}}, {"void", "int", "p", "list"}, true},
   {"cpp_member_and_namespace_declarations", "cpp", R"(namespace net {
 class Socket {
  public:

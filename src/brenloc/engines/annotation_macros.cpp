@@ -36,8 +36,9 @@ constexpr std::array<std::string_view, 19> call_macros = {
 constexpr std::array<std::string_view, 5> prototype_macros = {"OF", "Z_ARG", "PARAMS", "__P", "_PROTO"};
 
 // Linkage and calling-convention decorations spelled without an underscore, which the rule for export
-// macros (an upper-case name with one) does not take: zlib's, vendored into many trees.
-constexpr std::array<std::string_view, 3> linkage_macros = {"ZEXTERN", "ZEXPORT", "ZEXPORTVA"};
+// macros (an upper-case name with one) does not take: zlib's and OpenGL's, vendored into many trees.
+constexpr std::array<std::string_view, 6> linkage_macros = {"ZEXTERN", "ZEXPORT", "ZEXPORTVA",
+                                                            "GLAPI",   "APIENTRY", "GLAPIENTRY"};
 
 bool is_ident_start(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 bool is_ident_char(char c) { return is_ident_start(c) || (c >= '0' && c <= '9'); }

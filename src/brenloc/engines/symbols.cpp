@@ -255,6 +255,12 @@ ResolvedName resolve_declarator(TSNode node, std::string_view source) {
   return out;
 }
 
+bool is_type_keyword(std::string_view word) {
+  static constexpr std::string_view kWords[] = {"void",  "char",   "short",  "int",     "long",
+                                                "float", "double", "signed", "unsigned"};
+  return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
+}
+
 // Whether a C++ declaration is a deduction guide (`template<class T> box(T) -> box<T>;`): it has no type and
 // its declarator ends in a return type. It is named after a class template, which it does not declare.
 bool is_deduction_guide(TSNode decl, TSNode declarator) {
@@ -387,6 +393,10 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
     text = text.substr(0, text.find('('));
     while (!text.empty() && std::strchr(" \t\r\n", text.back()) != nullptr) text.remove_suffix(1);
   }
+  // A type keyword is never a declared name: it is what the parser makes of a declaration whose
+  // decorations it cannot expand (`GLAPI void APIENTRY glClear (GLbitfield mask);` declares `void`
+  // as well as glClear).
+  if (lang.c_family && is_type_keyword(text)) return std::nullopt;
   c.name = std::string(text);
   // Strings name TypeScript modules ("declare module 'x'"): keep the text inside the quotes.
   if (c.name.size() >= 2 && (c.name.front() == '"' || c.name.front() == '\'')) {
