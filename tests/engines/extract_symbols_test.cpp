@@ -247,6 +247,10 @@ int defined(void) { int local_proto(void); extern int local_ext; return 0; }
     {"alloc", "function_declaration", 4}, {"signal_like", "function_declaration", 5}, {"handler", "variable", 6},
     {"defined", "function", 7}},
    {"local_proto", "local_ext", "sig", "fn", "a", "n"}},
+  // Decorations the parser cannot expand leave the declared name, not a type keyword.
+  {"c_unknown_decorations_around_a_return_type", "c",
+   "XAPI void XCALL xfree (void *p);\nGLAPI int APIENTRY glIsList (unsigned list);\n",
+   {{"xfree", "function_declaration", 1}, {"glIsList", "function_declaration", 2}}, {"void", "int", "p", "list"}, true},
   {"cpp_member_and_namespace_declarations", "cpp", R"(namespace net {
 class Socket {
  public:
@@ -264,13 +268,15 @@ extern "C" int c_entry(void);
 template <typename T>
 T parse(const char* text);
 int connect(const char* host, int port);
+template <typename T> wrap(T) -> wrap<T>;
 }
 )",
    {{"Socket", "function_declaration", 4, "net::Socket"}, {"~Socket", "function_declaration", 5, "net::Socket"},
     {"send", "function_declaration", 6, "net::Socket"}, {"close", "function_declaration", 7, "net::Socket"},
     {"open_count", "field", 10, "net::Socket"}, {"operator bool", "function_declaration", 11, "net::Socket"},
     {"operator int", "method", 12, "net::Socket"}, {"c_entry", "function_declaration", 14, "net"},
-    {"parse", "function_declaration", 16, "net", 0, 0, 0, 15}, {"connect", "function_declaration", 17, "net"}},
+    {"parse", "function_declaration", 16, "net", 0, 0, 0, 15}, {"connect", "function_declaration", 17, "net"},
+    {"wrap", "function_declaration", 18, "net", 0, 0, 0, 0, true}},
    {"operator==", "swap", "fd", "data", "text", "host", "a"}},
   // Export and attribute macros in the heads of classes and functions.
   {"cpp_export_macros_in_heads", "cpp", R"(class GTEST_API_ Test {
@@ -676,6 +682,12 @@ TEST(BlankAnnotationMacros, BlanksOnlyTheDecorations) {
      "BOOST_ASIO_DECL static int f();\nMY_EXPORT_API int g();\n",
      "                static int f();\n              int g();\n"},
     {"lone macro line between declarations", "int a;\nG_BEGIN_DECLS\nint b;\n", "int a;\n             \nint b;\n"},
+    {"a lone macro call over two lines before a member",
+     "  void a();\n  V8_DEPRECATE_SOON(\n      \"Use b().\")\n  bool c(double d);\n  LIST_OF(\n   x) y;\n",
+     "  void a();\n" + std::string(20, ' ') + "\n" + std::string(17, ' ') + "\n  bool c(double d);\n  LIST_OF(\n   x) y;\n"},
+    {"zlib's linkage macros, and an old-style prototype macro with its outer parentheses",
+     "ZEXTERN int ZEXPORT deflate OF((z_streamp strm,\n    int flush));\nint OF(int x);\n",
+     "        int         deflate    (z_streamp strm,\n    int flush) ;\nint OF(int x);\n"},
     {"enumerators on their own lines are kept", "enum e {\n  FIRST_VALUE,\n  LAST_VALUE\n};\n"},
     {"plain code is untouched", "int main(void) { return MAX_SIZE; }\n"},
     {"export macros ending in an underscore, chained, with arguments",

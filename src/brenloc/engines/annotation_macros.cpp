@@ -31,6 +31,15 @@ constexpr std::array<std::string_view, 19> call_macros = {
     "_GLIBCXX_NOEXCEPT_IF", "_GLIBCXX_DEPRECATED_SUGGEST", "_GLIBCXX_END_EXTERN_C",
 };
 
+// Old-style prototype macros, which wrap a parameter list in a second pair of parentheses so that a K&R
+// compiler can drop it: `int deflate OF((z_streamp strm, int flush));`. The name and the outer pair go.
+constexpr std::array<std::string_view, 5> prototype_macros = {"OF", "Z_ARG", "PARAMS", "__P", "_PROTO"};
+
+// Linkage and calling-convention decorations spelled without an underscore, which the rule for export
+// macros (an upper-case name with one) does not take: zlib's and OpenGL's, vendored into many trees.
+constexpr std::array<std::string_view, 6> linkage_macros = {"ZEXTERN", "ZEXPORT", "ZEXPORTVA",
+                                                            "GLAPI",   "APIENTRY", "GLAPIENTRY"};
+
 bool is_ident_start(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 bool is_ident_char(char c) { return is_ident_start(c) || (c >= '0' && c <= '9'); }
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
@@ -314,6 +323,29 @@ std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t 
         continue;
       }
     }
+    if (listed(linkage_macros, word)) {
+      blank(text, i, j);
+      changed = true;
+      i = j;
+      continue;
+    }
+    if (listed(prototype_macros, word)) {
+      const std::size_t open = skip_spaces(text, j);
+      const std::size_t close = open + 1 < text.size() && text[open] == '(' && text[open + 1] == '('
+                                    ? balanced_end(text, open)
+                                    : std::string::npos;
+      if (close != std::string::npos && text[close - 2] == ')') {
+        blank(text, i, open + 1);
+        blank(text, close - 1, close);
+        changed = true;
+        if (close > eol) {
+          eol = text.find('\n', close);
+          if (eol == std::string::npos) eol = text.size();
+        }
+        i = close;
+        continue;
+      }
+    }
     if (text[i] == '_') {
       if (listed(plain_macros, word)) {
         blank(text, i, j);
@@ -350,15 +382,37 @@ std::size_t directive_end(const std::string& text, std::size_t begin, std::size_
   return eol;
 }
 
-// A line holding nothing but a macro name or call, after the end of a declaration (`previous`), and not
-// followed by what would continue an expression or a list.
-bool is_lone_macro_line(const std::string& text, std::string_view line, char previous, std::size_t eol) {
-  if (!is_macro_line(line)) return false;
+// Whether what ends at `eol` stands alone: it comes after the end of a declaration (`previous`), and what
+// follows would not continue an expression or a list.
+bool stands_alone(const std::string& text, char previous, std::size_t eol) {
   if (previous != ';' && previous != '{' && previous != '}' && previous != '#' && previous != '/') return false;
   const std::size_t next = skip_spaces(text, eol);
   const char after = next < text.size() ? text[next] : ';';
   return after != '}' && after != ',' && after != ')' && after != '=' && after != ';' && after != '(' &&
          after != '[';
+}
+
+// A line holding nothing but a macro name or call, after the end of a declaration, and not followed by
+// what would continue an expression or a list.
+bool is_lone_macro_line(const std::string& text, std::string_view line, char previous, std::size_t eol) {
+  return is_macro_line(line) && stands_alone(text, previous, eol);
+}
+
+// The end of the line where a macro call that opens the line at `begin` and runs on over later lines
+// closes, when nothing else is on that line and the call stands alone (a deprecation notice over its
+// declaration: `V8_DEPRECATE_SOON(\n "Use X instead.")`); npos otherwise.
+std::size_t lone_macro_call_end(const std::string& text, std::size_t begin, std::size_t eol, char previous) {
+  std::size_t j = begin;
+  while (j < eol && is_ident_char(text[j])) ++j;
+  if (j == begin || !is_macro_like(std::string_view(text.data() + begin, j - begin))) return std::string::npos;
+  const std::size_t open = skip_spaces(text, j);
+  if (open >= eol || text[open] != '(') return std::string::npos;
+  const std::size_t close = balanced_end(text, open);
+  if (close == std::string::npos || close <= eol) return std::string::npos;
+  std::size_t end = close;
+  while (end < text.size() && is_space(text[end])) ++end;
+  if (end < text.size() && text[end] != '\n') return std::string::npos;
+  return stands_alone(text, previous, end) ? end : std::string::npos;
 }
 
 // What the text from `pos` to `eol` ends with, for the next line: its last character ('/' for the end of a
@@ -396,6 +450,13 @@ bool blank_annotation_macros(std::string& text) {
     if (line[0] == '#') {
       pos = directive_end(text, begin, end, eol) + 1;
       previous = '#';
+      continue;
+    }
+    if (const std::size_t end_of_call = lone_macro_call_end(text, begin, eol, previous);
+        end_of_call != std::string::npos) {
+      blank(text, begin, end_of_call);
+      changed = true;
+      pos = end_of_call + 1;
       continue;
     }
     if (is_lone_macro_line(text, line, previous, eol)) {

@@ -255,6 +255,26 @@ ResolvedName resolve_declarator(TSNode node, std::string_view source) {
   return out;
 }
 
+bool is_type_keyword(std::string_view word) {
+  static constexpr std::string_view kWords[] = {"void",  "char",   "short",  "int",     "long",
+                                                "float", "double", "signed", "unsigned"};
+  return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
+}
+
+// Whether a C++ declaration is a deduction guide (`template<class T> box(T) -> box<T>;`): it has no type and
+// its declarator ends in a return type. It is named after a class template, which it does not declare.
+bool is_deduction_guide(TSNode decl, TSNode declarator) {
+  if (!type_is(decl, "declaration") || !ts_node_is_null(ts_node_child_by_field_name(decl, "type", 4)) ||
+      !type_is(declarator, "function_declarator")) {
+    return false;
+  }
+  const std::uint32_t n = ts_node_named_child_count(declarator);
+  for (std::uint32_t i = 0; i < n; ++i) {
+    if (type_is(ts_node_named_child(declarator, i), "trailing_return_type")) return true;
+  }
+  return false;
+}
+
 bool has_extern_storage(TSNode decl, std::string_view source) {
   const std::uint32_t n = ts_node_child_count(decl);
   for (std::uint32_t i = 0; i < n; ++i) {
@@ -308,7 +328,7 @@ struct Candidate {
   std::uint32_t first_row = 0;  // where the definition starts (its return type, a template header)
   std::uint32_t key = 0;  // the name node's start byte: one definition per name node
   std::uint32_t pattern = 0;
-  bool specialization = false;  // its name has template arguments: `class vector<bool, A>`
+  bool specialization = false;  // its name has template arguments (`class vector<bool, A>`), or a deduction guide
   std::string aliased;  // a module's name exported under this one (`export { aliased as name }`)
 };
 
@@ -346,6 +366,8 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
     // elsewhere. A friend's declaration declares nothing of its class.
     if ((c.kind == Kind::variable || c.kind == Kind::field) && r.function_declarator) {
       if (follows_friend(source, c.start_byte)) return std::nullopt;
+      // A deduction guide ranks after the class template it names, as a specialization does.
+      c.specialization = lang.name == "cpp" && is_deduction_guide(m.def, m.declarator);
       c.kind = Kind::function_declaration;
     } else if (c.kind == Kind::variable && has_extern_storage(m.def, source)) {
       c.kind = Kind::variable_declaration;
@@ -371,6 +393,10 @@ std::optional<Candidate> candidate_of(const Captured& m, std::string_view source
     text = text.substr(0, text.find('('));
     while (!text.empty() && std::strchr(" \t\r\n", text.back()) != nullptr) text.remove_suffix(1);
   }
+  // A type keyword is never a declared name: it is what the parser makes of a declaration whose
+  // decorations it cannot expand (`GLAPI void APIENTRY glClear (GLbitfield mask);` declares `void`
+  // as well as glClear).
+  if (lang.c_family && is_type_keyword(text)) return std::nullopt;
   c.name = std::string(text);
   // Strings name TypeScript modules ("declare module 'x'"): keep the text inside the quotes.
   if (c.name.size() >= 2 && (c.name.front() == '"' || c.name.front() == '\'')) {
