@@ -295,6 +295,23 @@ class holder {
     {"holder", "class", 11}, {"holder", "constructor", 12, "holder"}, {"~holder", "method", 13, "holder"},
     {"add_impl", "function_declaration", 14, "holder"}, {"describe", "function_declaration", 15, "holder"}},
    {"GTEST_API_", "BOOST_SYMBOL_VISIBLE", "LIB_DECL", "LIB_API", "BOOST_CONSTEXPR", "impl"}},
+  // An `#if` among a constructor's member initializers, or a call's arguments.
+  {"cpp_if_in_member_initializers", "cpp", R"(namespace lib {
+class buf {
+ public:
+  buf(const buf& o)
+    : a_(o.a_),
+#if !defined(NO_B)
+      b_(o.b_),
+#endif
+      c_(o.c_) {}
+  int size() const;
+};
+struct after {};
+}
+)",
+   {{"buf", "class", 2, "lib"}, {"buf", "constructor", 4, "lib::buf"}, {"size", "function_declaration", 10, "lib::buf"},
+    {"after", "struct", 12, "lib"}}, {"b_"}},
   // A specialization and its members are told from the template's.
   {"cpp_template_specialization", "cpp", R"(template <typename T, typename A> class vec { void push(T x); };
 template <typename A> class vec<bool, A> { void push(bool x); struct ref { int bit; }; };
