@@ -38,6 +38,7 @@ struct Def {
   int column = 0, end_line = 0, end_column = 0;
   int start_line = 0;  // where the definition starts (above its name: a template header, a return type)
   bool specialization = false;  // of a template, or a member of one
+  bool conditional = false;     // compiled only on an `#if`
 };
 
 struct Case {
@@ -134,7 +135,7 @@ __END_DECLS
     {"value", "union", 11}, {"i", "field", 11, "value"}, {"color", "enum", 12}, {"RED", "enumerator", 12, "color"},
     {"GREEN", "enumerator", 12, "color"}, {"callback_t", "type", 13}, {"counter", "variable", 14, "", 12},
     {"pointer_var", "variable", 15}, {"array_var", "variable", 15}, {"handler", "variable", 18},
-    {"add", "function", 19, "", 19, 22, 1}, {"make", "function", 23}, {"feature_flag", "variable", 25},
+    {"add", "function", 19, "", 19, 22, 1}, {"make", "function", 23}, {"feature_flag", "variable", 25, "", 0, 0, 0, 0, false, true},
     {"with_local_type", "function", 27}, {"local_t", "type", 27, "with_local_type"}, {"status", "enum", 29},
     {"STATUS_BAD", "enumerator", 32, "status"}, {"declared_elsewhere", "variable_declaration", 16},
     {"prototype", "function_declaration", 17, "", 5, 17, 21}, {"check", "function_declaration", 34}},
@@ -301,6 +302,55 @@ class holder {
     {"holder", "class", 11}, {"holder", "constructor", 12, "holder"}, {"~holder", "method", 13, "holder"},
     {"add_impl", "function_declaration", 14, "holder"}, {"describe", "function_declaration", 15, "holder"}},
    {"GTEST_API_", "BOOST_SYMBOL_VISIBLE", "LIB_DECL", "LIB_API", "BOOST_CONSTEXPR", "impl"}},
+  // An `#if` among a constructor's member initializers, or a call's arguments.
+  {"cpp_if_in_member_initializers", "cpp", R"(namespace lib {
+class buf {
+ public:
+  buf(const buf& o)
+    : a_(o.a_),
+#if !defined(NO_B)
+      b_(o.b_),
+#endif
+      c_(o.c_) {}
+  int size() const;
+};
+struct after {};
+}
+)",
+   {{"buf", "class", 2, "lib"}, {"buf", "constructor", 4, "lib::buf"}, {"size", "function_declaration", 10, "lib::buf"},
+    {"after", "struct", 12, "lib"}}, {"b_"}},
+  // Code compiled only on an `#if` (fallbacks, alternatives) is told from the rest; an include guard and
+  // a group on `__cplusplus` are no condition.
+  {"cpp_conditional_code", "cpp", R"(/* types */
+#ifndef LIB_TYPES_H
+#define LIB_TYPES_H
+#ifdef __cplusplus
+extern "C" {
+#endif
+#if defined(_MSC_VER)
+typedef unsigned __int64 u64;
+#else
+typedef unsigned long long u64;
+#endif
+typedef int always_t;
+#ifndef LIB_MAX
+#define LIB_MAX 10
+#endif
+int api(void);
+#ifdef __cplusplus
+}
+#endif
+#if __cplusplus >= 201103L
+class modern {};
+#endif
+#endif /* LIB_TYPES_H */
+)",
+   {{"LIB_TYPES_H", "macro", 3}, {"u64", "type", 8, "", 0, 0, 0, 0, false, true},
+    {"u64", "type", 10, "", 0, 0, 0, 0, false, true}, {"always_t", "type", 12},
+    {"LIB_MAX", "macro", 14, "", 0, 0, 0, 0, false, true}, {"api", "function_declaration", 16},
+    {"modern", "class", 21}}, {}},
+  {"c_conditional_code_at_the_top", "c", "#ifdef FEATURE\nint feature_only(void);\n#endif\nint after(void);\n",
+   {{"feature_only", "function_declaration", 2, "", 0, 0, 0, 0, false, true}, {"after", "function_declaration", 4}}, {}},
   // A specialization and its members are told from the template's.
   {"cpp_template_specialization", "cpp", R"(template <typename T, typename A> class vec { void push(T x); };
 template <typename A> class vec<bool, A> { void push(bool x); struct ref { int bit; }; };
@@ -348,9 +398,10 @@ enum flags {
 };
 )",
    {{"io_context", "class", 1}, {"wrap", "function_declaration", 11, "io_context"},
-    {"run", "method", 13, "io_context"}, {"count", "method", 19, "io_context"}, {"endpoint", "class", 22},
-    {"port", "field", 27, "endpoint"}, {"flags", "enum", 29}, {"read_flag", "enumerator", 30, "flags"},
-    {"write_flag", "enumerator", 32, "flags"}, {"no_write_flag", "enumerator", 34, "flags"},
+    {"run", "method", 13, "io_context", 0, 0, 0, 0, false, true}, {"count", "method", 19, "io_context"},
+    {"endpoint", "class", 22, "", 0, 0, 0, 0, false, true}, {"port", "field", 27, "endpoint"}, {"flags", "enum", 29},
+    {"read_flag", "enumerator", 30, "flags"}, {"write_flag", "enumerator", 32, "flags", 0, 0, 0, 0, false, true},
+    {"no_write_flag", "enumerator", 34, "flags", 0, 0, 0, 0, false, true},
     {"last_flag", "enumerator", 36, "flags"}},
    {"handler", "poll"}},
   {"javascript_functions_classes_consts", "javascript", R"(const LIMIT = 5;
@@ -516,7 +567,7 @@ TEST_P(ExtractSymbols, FindsTheDefinitions) {
       return s.name == d.name && s.kind == d.kind && s.line == d.line && s.scope == d.scope &&
              (d.column == 0 || s.column == d.column) && (d.end_line == 0 || s.end_line == d.end_line) &&
              (d.end_column == 0 || s.end_column == d.end_column) && (d.start_line == 0 || s.start_line == d.start_line) &&
-             s.specialization == d.specialization;
+             s.specialization == d.specialization && s.conditional == d.conditional;
     })) << "missing " << d.name << " " << d.kind << " line " << d.line << " scope '" << d.scope << "'; found:\n"
         << describe(r.symbols);
   }

@@ -146,6 +146,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
   struct Row {
     std::string path, language, name, kind, scope;
     bool specialization = false;
+    bool conditional = false;  // under an `#if`
   };
   const std::vector<Row> rows = {
       {"json/__init__.py", "python", "loads", "function", ""},
@@ -189,6 +190,8 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"python3/cpython/pthread_stubs.h", "c", "pthread_mutex_t", "type", ""},
       {"x86/bits/pthreadtypes.h", "c", "pthread_mutex_t", "type", ""},
       {"ntpath.py", "python", "join", "function", ""},
+      {"lzma.h", "c", "uint64_t", "type", "", false, true},
+      {"x86/bits/stdint-uintn.h", "c", "uint64_t", "type", ""},
       {"posixpath.py", "python", "join", "function", ""},
   };
   // Files that use names and include or import others: vector is used more than deque; pthreadtypes.h is
@@ -208,7 +211,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
     auto [at, added] = files.try_emplace(r.path, file_entry(r.path, {}));
     at->second.file.language = r.language;
     ++line;
-    at->second.symbols.push_back({r.name, r.kind, line, 1, line, 1, r.scope, 0, r.specialization});
+    at->second.symbols.push_back({r.name, r.kind, line, 1, line, 1, r.scope, 0, r.specialization, r.conditional});
   }
   for (const User& u : users) {
     auto [at, added] = files.try_emplace(u.path, file_entry(u.path, {}));
@@ -242,6 +245,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"array", "array lib/v3/core/types.ts"},   // benchmarks after the code they measure
       {"fmt::format", "format fmt/core.h"},      // nothing under "fmt": where a path holds it
       {"std::vector", "vector c++/bits/stl_vector.h"},  // a template before its specialization
+      {"uint64_t", "uint64_t x86/bits/stdint-uintn.h"},  // what is compiled always before a fallback under #if
       // Among equally likely hits, where more files refer to: a member of the class more used, a header
       // more included (by its path), a module more imported.
       {"push_back", "push_back c++/bits/stl_vector.h"},

@@ -75,6 +75,17 @@ struct Section {
 struct Group {
   std::vector<std::pair<std::size_t, std::size_t>> directives;  // #if, #elif, #else, #endif lines
   std::vector<Section> sections;
+  bool in_list = false;  // it opens among the items of a list that the parser takes no directive in
+};
+
+// Where the code read so far stands, whatever the sections it came in: its last significant character,
+// the last `;`, `{`, `}` or `:` that opens member initializers, and the parentheses opened since.
+struct Context {
+  char last = ';', boundary = ';';
+  int parens = 0;
+  // Among member initializers, base classes or a call's arguments (after a `,`, a `(` or the `:` that
+  // opens them): the parser reads no directive there. Enumerators and members it does.
+  bool in_list() const { return (last == ',' || last == '(' || last == ':') && (boundary == ':' || parens > 0); }
 };
 
 // Whether code ending at `last` ends a declaration, or an item of a list: after `;`, `}`, `,` or an access
@@ -91,9 +102,17 @@ bool ends_whole(const std::string& text, std::size_t last) {
   return word == "public" || word == "private" || word == "protected";
 }
 
+// Whether `word` ends right before byte `at`, white space aside.
+bool follows_word(const std::string& text, std::size_t at, std::string_view word) {
+  while (at > 0 && is_space(text[at - 1])) --at;
+  return at >= word.size() && text.compare(at - word.size(), word.size(), word) == 0 &&
+         (at == word.size() || !is_word(text[at - word.size() - 1]));
+}
+
 // Scans the code of [from, to), which holds no directive: braces, parentheses and the last significant
 // character, outside comments and literals. `in_comment` carries a block comment across lines.
-void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& in_comment, Code& code) {
+void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& in_comment, Code& code,
+               Context* context = nullptr) {
   for (std::size_t i = from; i < to; ++i) {
     const char c = text[i];
     if (in_comment) {
@@ -116,6 +135,7 @@ void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& 
         if (text[i] == '\\') ++i;
       }
       code.last = i < to ? i : open;
+      if (context) context->last = c;
       continue;
     }
     code.statements |= c == ';' || c == '{' || c == '}';
@@ -124,6 +144,19 @@ void scan_code(const std::string& text, std::size_t from, std::size_t to, bool& 
     else if (c == '(') ++code.parens;
     else if (c == ')') --code.parens;
     code.last = i;
+    if (context) {
+      const bool colons = c == ':' && ((i > from && text[i - 1] == ':') || (i + 1 < to && text[i + 1] == ':'));
+      if (c == ';' || c == '{' || c == '}' || (c == ':' && !colons)) {
+        // A `:` after a parameter list opens member initializers; others end a label.
+        context->boundary = c != ':' || context->last == ')' || follows_word(text, i, "noexcept") ? c : ';';
+        context->parens = 0;
+      } else if (c == '(') {
+        ++context->parens;
+      } else if (c == ')') {
+        --context->parens;
+      }
+      context->last = c;
+    }
   }
 }
 
@@ -167,7 +200,7 @@ Code close_group(std::string& text, const Group& given, bool& changed) {
     dead_blanked.sections.front().definitions.clear();
   }
   const Group& g = dead_blanked.sections.empty() ? given : dead_blanked;
-  bool split = false;
+  bool split = g.in_list;
   for (const Section& s : g.sections) {
     if (s.code.braces != 0 || s.code.parens != 0 ||
         (s.code.last != std::string::npos && !ends_whole(text, s.code.last))) {
@@ -216,6 +249,7 @@ Code close_group(std::string& text, const Group& given, bool& changed) {
 bool keep_one_section_of_split_groups(std::string& text) {
   bool changed = false;
   bool in_comment = false;
+  Context context;
   std::vector<Group> open;
   std::size_t pos = 0;
   while (pos < text.size()) {
@@ -225,10 +259,10 @@ bool keep_one_section_of_split_groups(std::string& text) {
     while (first < eol && is_space(text[first])) ++first;
     if (in_comment || first == eol || text[first] != '#') {
       if (!open.empty() && !open.back().sections.empty()) {
-        scan_code(text, pos, eol, in_comment, open.back().sections.back().code);
+        scan_code(text, pos, eol, in_comment, open.back().sections.back().code, &context);
       } else {
         Code ignored;
-        scan_code(text, pos, eol, in_comment, ignored);
+        scan_code(text, pos, eol, in_comment, ignored, &context);
       }
       pos = eol + 1;
       continue;
@@ -258,6 +292,7 @@ bool keep_one_section_of_split_groups(std::string& text) {
       Group g;
       g.directives.emplace_back(pos, end);
       g.sections.push_back({after, after, {}, zero});
+      g.in_list = context.in_list();
       open.push_back(std::move(g));
     } else if (!open.empty() && continues && word != "endif") {
       Group& g = open.back();

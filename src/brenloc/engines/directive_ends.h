@@ -4,7 +4,8 @@
 //   argument: `#define GUARD ` (or a stray `#endif `) swallows the definition after it;
 // - the sections of an `#if` group that each hold a piece of one declaration (`#if DOC unspecified #else
 //   detail::handler<T> #endif wrap(T);`, a class head whose base differs by platform, a function head
-//   opened twice with `{`) leave the parser two halves of everything: one section is kept.
+//   opened twice with `{`) leave the parser two halves of everything, and so does a group among a
+//   constructor's member initializers: one section is kept.
 #pragma once
 
 #include <string>
@@ -17,7 +18,9 @@ namespace brenloc::engines {
 bool end_directive_lines(std::string& text);
 
 // Blanks, in place, the `#if` groups whose sections are not whole declarations: a section whose braces or
-// parentheses do not balance, or whose code ends elsewhere than after a `;`, a `}`, a `,` or an access label.
+// parentheses do not balance, or whose code ends elsewhere than after a `;`, a `}`, a `,` or an access label;
+// and the groups among member initializers, base classes or a call's arguments, where the parser takes no
+// directive (an enumerator list or a class body it does).
 // Of such a group, the first section that holds code (not under `#if 0`) is kept and the group's other
 // sections (but their `#define` and `#undef` lines) and its directive lines become spaces; a group of one
 // section that holds no `;`, brace nor preprocessor line and whose parentheses balance (an attribute, a

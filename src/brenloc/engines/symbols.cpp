@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 
 #include "brenloc/engines/annotation_macros.h"
+#include "brenloc/engines/conditional_code.h"
 #include "brenloc/engines/content_language.h"
 #include "brenloc/engines/directive_ends.h"
 #include "brenloc/engines/compiled_query.h"
@@ -635,9 +636,10 @@ storage::SymbolRow row_of(const Candidate& c, std::string_view source, const std
   return row;
 }
 
-// The symbol rows of ordered candidates, each with the scope that the definitions around it open.
+// The symbol rows of ordered candidates, each with the scope that the definitions around it open and
+// whether it starts in `conditional` code.
 std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, std::string_view source,
-                                            const Language& lang) {
+                                            const Language& lang, const ByteRanges& conditional) {
   std::unordered_set<std::string> namespaces;
   std::unordered_map<std::string_view, Kind> defined;  // the first definition of each name
   for (const auto& c : candidates) {
@@ -686,6 +688,7 @@ std::vector<storage::SymbolRow> symbol_rows(std::vector<Candidate>& candidates, 
     refine_kind(c, container, namespaces, lang.name);
     storage::SymbolRow row = row_of(c, source, scope);
     row.specialization = c.specialization || (container && container->specialization);
+    row.conditional = holds_byte(conditional, c.key);  // where its name is
     if (opens_scope(c.kind)) {
       stack.push_back({c.start_byte, c.end_byte, join_scope(scope, c.name, sep), is_type_like(c.kind),
                        is_function_like(c.kind), c.name, row.specialization});
@@ -749,7 +752,7 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   }
   result.uses = std::move(uses.names);
   result.imports = std::move(uses.imports);
-  result.symbols = symbol_rows(candidates, source, lang);
+  result.symbols = symbol_rows(candidates, source, lang, lang.c_family ? conditional_code(source) : ByteRanges{});
   result.ok = true;
   return result;
 }

@@ -44,6 +44,7 @@ struct SymbolRow {
   std::string scope;  // enclosing scope ("ns::Klass"), empty at top level
   int start_line = 0;  // where the definition starts, when before `line` (a return type, a template header)
   bool specialization = false;  // a C++ template's specialization, a member of one, or a deduction guide (not stored)
+  bool conditional = false;     // C or C++ compiled only on an `#if` (not stored)
 };
 
 // One file with all its symbols, the names it uses and what it imports, stored as a unit (replacing the

@@ -470,7 +470,7 @@ void Repository::store_files(const std::vector<FileEntry>& entries) {
       for (const auto& s : entry.symbols) {
         names.adding(s.name, s.kind, entry.file.language, next++);
         pending.push_back({file_id, &s, &entry.file.path,
-                           place_rank({entry.file.path, entry.file.language, s.scope}, s.kind, s.specialization)});
+                           place_rank({entry.file.path, entry.file.language, s.scope}, s.kind, s.specialization, s.conditional)});
         if (pending.size() == kRowsPerInsert) {
           insert_symbols(insert_many, pending, path);
           pending.clear();

@@ -9,7 +9,7 @@ namespace brenloc::storage {
 
 namespace {
 
-constexpr int kKindShift = 4;  // where place_rank() holds the kind class, below only the path's depth
+constexpr int kKindShift = 5;  // where place_rank() holds the kind class, below the condition and the path's depth
 
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
@@ -316,7 +316,7 @@ int qualifier_distance(const NamePattern& p, const SymbolPlace& place) {
   return p.scope.empty() ? 0 : qualifier_slack(p.scope, Parts(place));
 }
 
-int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization) {
+int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization, bool conditional) {
   bool set_aside = false, in_src = false;
   int path_depth = 0;
   for (std::size_t at = 0; at <= place.path.size();) {
@@ -344,9 +344,9 @@ int place_rank(const SymbolPlace& place, std::string_view kind, bool specializat
   // function the header's family declares: it ranks as a declaration.
   const bool c_header = place.language == "c" && place.path.ends_with(".h");
   const int kind_rank = c_header && kind == "function" ? kind_class("function_declaration") : kind_class(kind);
-  // 1 + 1 + 1 + 1 + 4 + 3 + 4 bits: kPlaceRankBits.
+  // 1 + 1 + 1 + 1 + 3 + 3 + 1 + 4 bits: kPlaceRankBits.
   return int{set_aside} << 14 | int{!in_src} << 13 | int{elsewhere} << 12 | int{specialization} << 11 |
-         std::min(scope_depth, 15) << 7 | kind_rank << kKindShift | std::min(path_depth, 15);
+         std::min(scope_depth, 7) << 8 | kind_rank << kKindShift | int{conditional} << 4 | std::min(path_depth, 15);
 }
 
 Tier match_tier(const NamePattern& p, std::string_view name, const SymbolPlace& place) {

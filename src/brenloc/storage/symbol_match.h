@@ -58,10 +58,11 @@ bool makes_modules(std::string_view language);
 // "internal", "experimental", a name starting with "_"), or generated declarations (".d.ts"); a file
 // outside any "src" directory; a scope outside "std" (or, but for a C API, none); a template's
 // specialization or a member of one, after the template itself; a deeper scope; the kind (kind_class,
-// a function defined in a C header as a declaration); a deeper path. At most kPlaceRankLimit - 1. Each
+// a function defined in a C header as a declaration); C or C++ compiled only on an `#if` (a compatibility
+// typedef, a fallback), after what is compiled always; a deeper path. At most kPlaceRankLimit - 1. Each
 // symbol row keeps it (the `rank` column), so that the rows of a name can be read best first: a change
 // here is a change of kSchemaVersion.
-int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization = false);
+int place_rank(const SymbolPlace& place, std::string_view kind, bool specialization = false, bool conditional = false);
 inline constexpr int kPlaceRankBits = 15, kPlaceRankLimit = 1 << kPlaceRankBits;
 
 // How many parts of a symbol's module and scope lie past the first part that the query's qualifier
