@@ -349,8 +349,10 @@ class modern {};
     {"u64", "type", 10, "", 0, 0, 0, 0, false, true}, {"always_t", "type", 12},
     {"LIB_MAX", "macro", 14, "", 0, 0, 0, 0, false, true}, {"api", "function_declaration", 16},
     {"modern", "class", 21}}, {}},
-  {"c_conditional_code_at_the_top", "c", "#ifdef FEATURE\nint feature_only(void);\n#endif\nint after(void);\n",
-   {{"feature_only", "function_declaration", 2, "", 0, 0, 0, 0, false, true}, {"after", "function_declaration", 4}}, {}},
+  {"c_conditional_code_at_the_top", "c",
+   "#ifdef FEATURE\nint feature_only(void);\n#endif\nint after(void);\n#ifdef __USE_GNU\nint gnu_api(void);\n#endif\n",
+   {{"feature_only", "function_declaration", 2, "", 0, 0, 0, 0, false, true}, {"after", "function_declaration", 4},
+    {"gnu_api", "function_declaration", 6}}, {}},
   // A specialization and its members are told from the template's.
   {"cpp_template_specialization", "cpp", R"(template <typename T, typename A> class vec { void push(T x); };
 template <typename A> class vec<bool, A> { void push(bool x); struct ref { int bit; }; };

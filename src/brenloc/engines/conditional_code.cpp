@@ -40,6 +40,16 @@ bool holds_code(std::string_view text, std::size_t from, std::size_t to, bool& i
   return code;
 }
 
+// Whether a group's condition leaves its code as much compiled as the code around it: `__cplusplus` (a C
+// API's `extern "C"`, a language version) or a C library's feature-test macros (glibc's `__USE_GNU`,
+// `__GLIBC_USE (LIB_EXT2)`, `_POSIX_C_SOURCE`), which choose what an API shows, not alternatives to it.
+bool names_no_condition(std::string_view condition) {
+  for (std::string_view mark : {"__cplusplus", "__USE_", "__GLIBC_USE", "_SOURCE"}) {
+    if (condition.find(mark) != std::string_view::npos) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 ByteRanges conditional_code(std::string_view text) {
@@ -82,7 +92,7 @@ ByteRanges conditional_code(std::string_view text) {
     const auto here = static_cast<std::uint32_t>(pos);
     if (word == "if" || word == "ifdef" || word == "ifndef") {
       // A group inside one on `__cplusplus` is judged by its own condition.
-      open.push_back({after, rest.find("__cplusplus") == std::string_view::npos, open.empty(), code_at_top});
+      open.push_back({after, !names_no_condition(rest), open.empty(), code_at_top});
     } else if (!open.empty() && (word == "elif" || word == "else" || word == "elifdef" || word == "elifndef")) {
       open.back().alternatives = true;
     } else if (!open.empty() && word == "endif") {

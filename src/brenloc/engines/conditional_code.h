@@ -1,6 +1,7 @@
 // Where C and C++ code is compiled only on a condition: inside an `#if`, `#ifdef` or `#ifndef` group (a
 // compatibility typedef, a fallback, a platform's variant). A header's include guard (a group around all
-// of its code) and a group on `__cplusplus` (a C API's `extern "C"`, a language version) are no condition.
+// of its code), a group on `__cplusplus` (a C API's `extern "C"`, a language version) and one on a feature-test
+// macro (`__USE_GNU`, `_POSIX_C_SOURCE`) are no condition.
 #pragma once
 
 #include <cstdint>
