@@ -806,7 +806,7 @@ std::vector<DefinedIn> defined_in(Reader& r, const std::filesystem::path& path, 
   std::vector<DefinedIn> out;
   if (!plain_name(name)) return out;
   Statement& stmt = r.statement(
-      "SELECT s.file_id, f.path, f.language, s.line, s.col FROM symbols s INDEXED BY symbols_by_name "
+      "SELECT s.file_id, f.path, f.language, s.line, s.col FROM symbols s "
       "JOIN files f ON f.id = s.file_id WHERE s.name = ?1 COLLATE NOCASE AND s.name = ?1 AND s.file_id >= ?2",
       path);
   ResetOnExit done{stmt};

@@ -109,7 +109,7 @@ std::int64_t files_using(Reader& r, const std::filesystem::path& file, std::stri
   if (n >= kReferrersCap || !plain_name(name)) return std::min(n, kReferrersCap);
   // And the files that define it, whose definitions the rows of symbols hold.
   Statement& defining = r.statement(
-      "SELECT DISTINCT file_id FROM symbols INDEXED BY symbols_by_name WHERE name = ?1 COLLATE NOCASE AND name = ?1",
+      "SELECT DISTINCT file_id FROM symbols WHERE name = ?1 COLLATE NOCASE AND name = ?1",
       file);
   ResetOnExit done{defining};
   defining.bind_static(1, name);
