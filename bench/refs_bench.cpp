@@ -413,9 +413,11 @@ std::vector<FileRow> files_of(sqlite3* db) {
   return out;
 }
 
-// Offset -> role of every use the index holds for a file.
-std::map<std::uint32_t, int> uses_of(sqlite3* db, std::int64_t file) {
+// Offset -> role of every use the index holds for a file (`text`): those coded in uses, and the
+// definitions that its rows of symbols hold (of names whose blob does not code them all).
+std::map<std::uint32_t, int> uses_of(sqlite3* db, std::int64_t file, std::string_view text) {
   std::map<std::uint32_t, int> out;
+  std::set<std::string> coded_all;
   sqlite3_stmt* keys = nullptr;
   sqlite3_stmt* spots = nullptr;
   sqlite3_prepare_v2(db, "SELECT keys FROM file_uses WHERE file_id = ?1", -1, &keys, nullptr);
@@ -433,12 +435,26 @@ std::map<std::uint32_t, int> uses_of(sqlite3* db, std::int64_t file) {
         const std::string_view blob(static_cast<const char*>(sqlite3_column_blob(spots, 0)),
                                     static_cast<std::size_t>(sqlite3_column_bytes(spots, 0)));
         for (const auto& u : brenloc::storage::decode_uses(blob)) out[u.offset] = static_cast<int>(u.role);
+        if (brenloc::storage::every_definition_coded(blob)) coded_all.insert(fmt::format("{}", key));
       }
       sqlite3_reset(spots);
     }
   }
   sqlite3_finalize(keys);
   sqlite3_finalize(spots);
+  sqlite3_stmt* symbols = nullptr;
+  sqlite3_prepare_v2(db, "SELECT s.name, s.line, s.col FROM symbols s JOIN files f ON f.id = ?1 "
+                         "WHERE s.id >= f.first_symbol AND s.id < f.first_symbol + f.symbol_count", -1, &symbols, nullptr);
+  sqlite3_bind_int64(symbols, 1, file);
+  const std::vector<std::uint32_t> starts = brenloc::storage::line_starts(text);
+  while (sqlite3_step(symbols) == SQLITE_ROW) {
+    const std::string name = reinterpret_cast<const char*>(sqlite3_column_text(symbols, 0));
+    if (!brenloc::storage::plain_name(name) || coded_all.contains(fmt::format("{}", brenloc::storage::name_key(name)))) continue;
+    const std::uint32_t at = brenloc::storage::definition_offset(starts, text.size(), sqlite3_column_int(symbols, 1),
+                                                                 sqlite3_column_int(symbols, 2));
+    if (at != brenloc::storage::kNoOffset) out[at] = static_cast<int>(brenloc::storage::UseRole::definition);
+  }
+  sqlite3_finalize(symbols);
   return out;
 }
 
@@ -452,7 +468,7 @@ void recall(const fs::path& tree, sqlite3* db, bool all_quoted) {
   for (const FileRow& f : files_of(db)) {
     const std::string text = read_file(tree / f.path);
     const Scan scan = Lexer(f.language, text).run();
-    const auto uses = uses_of(db, f.id);
+    const auto uses = uses_of(db, f.id, text);
     Tally& t = by_language[f.language];
     t.indexed += static_cast<std::int64_t>(uses.size());
     for (const auto& [offset, name] : scan.names) {
@@ -515,7 +531,7 @@ struct Latency {
 std::string name_of(sqlite3* db, const fs::path& tree, std::int64_t key, std::int64_t* files) {
   sqlite3_stmt* st = nullptr;
   sqlite3_prepare_v2(db, "SELECT f.path, u.spots, (SELECT count(*) FROM uses WHERE name_key = ?1) FROM uses u "
-                         "JOIN files f ON f.id = u.file_id WHERE u.name_key = ?1 LIMIT 1", -1, &st, nullptr);
+                         "JOIN files f ON f.id = u.file_id WHERE u.name_key = ?1 AND u.spots <> x'06' LIMIT 1", -1, &st, nullptr);
   sqlite3_bind_int64(st, 1, key);
   std::string name;
   if (sqlite3_step(st) == SQLITE_ROW) {

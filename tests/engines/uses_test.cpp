@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,16 +23,30 @@ struct Case {
 
 void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 
-// Every use as "name role line".
+// Every use as "name role line", as readers find them: those coded, and the definitions at the places of
+// the rows of symbols of plain names whose blob does not code them all (each in one of the two ways only).
 std::vector<std::string> uses_of(const ParseResult& r, std::string_view source) {
   std::vector<std::string> out;
+  std::set<std::pair<std::string, std::uint32_t>> coded;
+  std::set<std::string> coding_all;
+  auto add = [&](std::string_view name, storage::Use u) {
+    EXPECT_EQ(source.substr(u.offset, name.size()), name);
+    EXPECT_TRUE(coded.emplace(std::string(name), u.offset).second) << name << " coded and held by symbols at " << u.offset;
+    const int line = 1 + static_cast<int>(std::count(source.begin(), source.begin() + u.offset, '\n'));
+    out.push_back(fmt::format("{} {} {}", name, storage::kUseRoleNames[static_cast<int>(u.role)], line));
+  };
   storage::for_each_name_uses(r.uses, [&](const storage::NameUses& n) {
-    for (const storage::Use& u : storage::decode_uses(n.spots)) {
-      EXPECT_EQ(source.substr(u.offset, n.name.size()), n.name);
-      const int line = 1 + static_cast<int>(std::count(source.begin(), source.begin() + u.offset, '\n'));
-      out.push_back(fmt::format("{} {} {}", n.name, storage::kUseRoleNames[static_cast<int>(u.role)], line));
-    }
+    if (storage::every_definition_coded(n.spots)) coding_all.emplace(n.name);
+    for (const storage::Use& u : storage::decode_uses(n.spots)) add(n.name, u);
   });
+  const std::vector<std::uint32_t> lines = storage::line_starts(source);
+  std::set<std::pair<std::string, std::uint32_t>> held;
+  for (const storage::SymbolRow& s : r.symbols) {
+    const std::uint32_t at = storage::definition_offset(lines, source.size(), s.line, s.column);
+    if (storage::plain_name(s.name) && !coding_all.contains(s.name) && held.emplace(s.name, at).second) {
+      add(s.name, {at, storage::UseRole::definition});
+    }
+  }
   return out;
 }
 

@@ -185,6 +185,13 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"fmt/core.h", "cpp", "format", "function", ""},
       {"c++/bits/stl_bvector.h", "cpp", "vector", "class", "std", true},
       {"c++/bits/stl_vector.h", "cpp", "vector", "class", "std"},
+      // Zeta is defined in three files and used in none, Beta used in one: their definitions refer too.
+      {"beta.hpp", "cpp", "Beta", "class", ""},
+      {"beta.hpp", "cpp", "step", "method", "Beta"},
+      {"zeta.hpp", "cpp", "Zeta", "class", ""},
+      {"zeta.hpp", "cpp", "step", "method", "Zeta"},
+      {"zeta_fwd.hpp", "cpp", "Zeta", "class", ""},
+      {"zeta_impl.hpp", "cpp", "Zeta", "class", ""},
       {"c++/bits/stl_deque.h", "cpp", "push_back", "method", "std::deque"},
       {"c++/bits/stl_vector.h", "cpp", "push_back", "method", "std::vector"},
       {"python3/cpython/pthread_stubs.h", "c", "pthread_mutex_t", "type", ""},
@@ -202,7 +209,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
   };
   const std::vector<User> users = {
       {"app/a.cpp", "cpp", {"vector", "deque"}, {"<bits/pthreadtypes.h>", "<sys/pthread_stubs.h>"}},
-      {"app/b.cpp", "cpp", {"vector"}, {"\"compat/pthread_stubs.h\""}},
+      {"app/b.cpp", "cpp", {"vector", "Beta"}, {"\"compat/pthread_stubs.h\""}},
       {"app/c.py", "python", {}, {"posixpath"}},
   };
   std::map<std::string, FileEntry> files;
@@ -249,6 +256,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       // Among equally likely hits, where more files refer to: a member of the class more used, a header
       // more included (by its path), a module more imported.
       {"push_back", "push_back c++/bits/stl_vector.h"},
+      {"step", "step zeta.hpp"},
       {"pthread_mutex_t", "pthread_mutex_t x86/bits/pthreadtypes.h"},
       {"join", "join posixpath.py"},
   };

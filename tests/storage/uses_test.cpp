@@ -1,9 +1,11 @@
 // The uses of names as the store keeps them: pages that a cursor walks cover every use once, with the
 // filters of a query; a file stored again or removed takes its uses and imports along; a bulk load finds
 // them once its indexes are built, and a swap carries them.
+#include <fstream>
 #include <functional>
 #include <set>
 
+#include "brenloc/storage/source_text.h"
 #include "storage/storage_fixture.h"
 
 namespace brenloc::storage {
@@ -13,6 +15,9 @@ using testing::entries;
 using testing::file_entry;
 using testing::open_database;
 using testing::TempDir;
+
+// Where files have no text (the uses of these tests are all coded).
+SourceFiles no_texts{"/nonexistent"};
 
 // "d<i % 10>/f<i>.cpp" uses `size_t` at 100 (a call) and 200 (a type) and `count` at 300.
 FileEntry user(int i) {
@@ -26,7 +31,7 @@ FileEntry user(int i) {
 std::vector<std::string> walk(Repository& repo, UsesQuery q, int* pages = nullptr) {
   std::vector<std::string> out;
   for (int page = 0; page < 10000; ++page) {
-    const UsesPage p = repo.find_uses(q);
+    const UsesPage p = repo.find_uses(q, no_texts);
     for (const UseHit& h : p.hits) out.push_back(fmt::format("{}@{}", h.path, h.use.offset));
     if (pages) *pages = page + 1;
     if (!p.next) return out;
@@ -62,7 +67,7 @@ TEST(Uses, PagesCoverEveryUseOnce) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
-    const UsesPage first = repo.find_uses(c.query);
+    const UsesPage first = repo.find_uses(c.query, no_texts);
     EXPECT_EQ(first.total, c.total);
     EXPECT_EQ(first.more, c.more);
     const std::vector<std::string> all = walk(repo, c.query);
@@ -76,6 +81,87 @@ FileEntry using_names(const std::string& path, const std::vector<std::string>& n
   FileEntry e = file_entry(path, {});
   for (const std::string& n : names) pack_name_uses(e.uses, n, encode_uses({{5, UseRole::call}, {50, UseRole::other}}));
   return e;
+}
+
+// The definitions that a file's rows of symbols hold are not coded among its uses: queries answer as if
+// they were (the same uses in the same order, totals, roles, pages and filters), live and once moved; a
+// blob that codes all its definitions takes none from the rows (a row with no occurrence at its place).
+TEST(Uses, DefinitionsHeldBySymbolsAnswerAsIfCoded) {
+  constexpr UseRole def = UseRole::definition, call = UseRole::call, other = UseRole::other;
+  struct Name {
+    std::string name;
+    std::vector<Use> uses;       // all of them
+    std::vector<Use> coded;      // as extraction codes them
+    bool every_coded = false;
+  };
+  struct Source {
+    std::string path, text;
+    std::vector<SymbolRow> symbols;
+    std::vector<Name> names;
+  };
+  auto row = [](std::string name, int line, int column) { return SymbolRow{std::move(name), "function", line, column, line, 30, ""}; };
+  const std::vector<Source> sources = {
+      {"a.c",
+       "int f(void) { return 0; }\nint g(void) { return f() + f(); }\n",
+       {row("f", 1, 5), row("g", 2, 5)},
+       {{"f", {{4, def}, {47, call}, {53, call}}, {{47, call}, {53, call}}}, {"g", {{30, def}}, {}}}},
+      {"b.c",
+       "void f(void);\nvoid k(void) { f(); }\n",
+       {row("f", 1, 6), row("k", 2, 6)},
+       {{"f", {{5, def}, {29, call}}, {{29, call}}}, {"k", {{19, def}}, {}}}},
+      // A row of `f` at the comment's f, where the file does not define it.
+      {"c.c", "/* f */ int f;\n", {row("f", 1, 4)}, {{"f", {{12, other}}, {{12, other}}, true}}},
+      {"d.c", "int m;\n// f\n", {row("m", 1, 5), row("f", 2, 4)}, {{"m", {{4, def}}, {}}, {"f", {}, {}, true}}},
+      // A local, which no row of symbols holds.
+      {"e.c",
+       "void p(void) { int f = 1; f++; }\n",
+       {row("p", 1, 6)},
+       {{"p", {{5, def}}, {}}, {"f", {{19, def}, {26, other}}, {{19, def}, {26, other}}}}},
+  };
+  TempDir dir;
+  SourceFiles texts(dir.path());
+  std::vector<FileEntry> coded, held;
+  for (const Source& s : sources) {
+    std::ofstream(dir.path() / s.path) << s.text;
+    coded.push_back(file_entry(s.path, {}));
+    held.push_back(file_entry(s.path, s.symbols));
+    for (const Name& n : s.names) {
+      if (!n.uses.empty()) pack_name_uses(coded.back().uses, n.name, encode_uses(n.uses));
+      if (!n.coded.empty() || n.every_coded) pack_name_uses(held.back().uses, n.name, encode_uses(n.coded, n.every_coded));
+    }
+  }
+  Repository all_coded(open_database(dir.path() / "coded.db"));
+  Repository with_symbols(open_database(dir.path() / "held.db"));
+  all_coded.store_files(coded);
+  with_symbols.store_files(held);
+  const unsigned only_definitions = 1u << static_cast<int>(def), only_calls = 1u << static_cast<int>(call);
+  const UsesQuery queries[] = {
+      {.name = "f", .limit = 1},       {.name = "f", .roles = only_definitions, .limit = 1},
+      {.name = "f", .roles = only_calls}, {.name = "f", .path_prefix = "b.c", .limit = 1},
+      {.name = "g"},                   {.name = "k", .roles = only_calls},
+      {.name = "m", .limit = 1},       {.name = "p"},
+  };
+  // Every page of a query, as "path@offset role", and the first page's total.
+  auto answers = [&](Repository& repo, UsesQuery q) {
+    std::vector<std::string> out{fmt::format("total {}", repo.find_uses(q, texts).total)};
+    for (int page = 0; page < 100; ++page) {
+      const UsesPage p = repo.find_uses(q, texts);
+      for (const UseHit& h : p.hits) out.push_back(fmt::format("{}@{} {}", h.path, h.use.offset, kUseRoleNames[static_cast<int>(h.use.role)]));
+      if (!p.next) break;
+      q.from_file = p.next->first;
+      q.skip = p.next->second;
+    }
+    return out;
+  };
+  for (const char* when : {"stored live", "moved into place"}) {
+    SCOPED_TRACE(when);
+    for (const UsesQuery& q : queries) {
+      SCOPED_TRACE(fmt::format("{} roles {:x} in {}", q.name, q.roles, q.path_prefix.value_or("all")));
+      EXPECT_EQ(answers(with_symbols, q), answers(all_coded, q));
+    }
+    all_coded.move_fresh_uses();
+    with_symbols.move_fresh_uses();
+  }
 }
 
 // Live stores keep a file's uses apart until the end of the pass moves them into place: queries answer
@@ -129,7 +215,7 @@ TEST(Uses, LiveChangesReadTheSameBeforeAndAfterTheyMove) {
       SCOPED_TRACE(when);
       EXPECT_EQ(walk(repo, {.name = "a", .limit = 1}), c.a);
       EXPECT_EQ(walk(repo, {.name = "b", .limit = 1}), c.b);
-      EXPECT_EQ(repo.find_uses({.name = "a"}).total, static_cast<std::int64_t>(c.a.size()));
+      EXPECT_EQ(repo.find_uses({.name = "a"}, no_texts).total, static_cast<std::int64_t>(c.a.size()));
       move(repo);
     }
     EXPECT_EQ(testing::query_text(*db, "SELECT count(*) FROM uses_fresh"), "0");
@@ -145,7 +231,7 @@ TEST(Uses, FollowStoresRemovalsBulkLoadsAndSwaps) {
   Repository repo(open_database(dir.path() / "index.db"));
   auto files_using = [&](const std::string& name) {
     std::set<std::string> out;
-    for (const UseHit& h : repo.find_uses({.name = name, .limit = 1000}).hits) out.insert(h.path);
+    for (const UseHit& h : repo.find_uses({.name = name, .limit = 1000}, no_texts).hits) out.insert(h.path);
     return out;
   };
   auto importers = [&](const std::string& stem) {

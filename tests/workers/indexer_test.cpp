@@ -15,6 +15,7 @@
 #include "brenloc/aio/thread.h"
 #include "brenloc/aio/timer.h"
 #include "brenloc/daemon/offload.h"
+#include "brenloc/storage/source_text.h"
 #include "brenloc/workers/report_generator.h"
 #include "workers_fixtures.h"
 
@@ -431,8 +432,9 @@ TEST(IndexerCancel, CancelledPassStopsStartingWorkAndLetsTheCancellationGoOn) {
     EXPECT_EQ(h.indexed_paths().size(), static_cast<std::size_t>(kFiles));
     EXPECT_TRUE(h.has_name_index());
     EXPECT_EQ(h.defined_in("f7_3"), (Paths{"src/f007.c"}));
+    storage::SourceFiles texts(h.root);
     for (int i = 0; i < kFiles; ++i) {
-      ASSERT_EQ(h.repo->find_uses({.name = fmt::format("f{}_0", i)}).total, 1) << "the uses of file " << i;
+      ASSERT_EQ(h.repo->find_uses({.name = fmt::format("f{}_0", i)}, texts).total, 1) << "the uses of file " << i;
     }
   }
 }

@@ -57,8 +57,7 @@ std::optional<storage::SymbolHit> definition_around(const storage::FileEntry& fi
 
 // The hits of a page with their lines, columns, texts and definitions around them, file by file.
 std::vector<ReferenceFile> located(const std::string& name, const std::vector<storage::UseHit>& hits,
-                                   storage::Repository& repo, const fs::path& root) {
-  storage::SourceFiles sources(root);
+                                   storage::Repository& repo, storage::SourceFiles& sources) {
   std::vector<ReferenceFile> files;
   std::optional<storage::FileEntry> definitions;
   const std::string* text = nullptr;
@@ -113,9 +112,10 @@ aio::Task<ReferencesAnswer> RepoWorker::references(ReferencesArgs args) {
           if (!at) return {Refusal{fmt::format("No definition at {}:{}", rel, args.line)}, indexed};
           query.name = at->name;
         }
-        storage::UsesPage page = repo->find_uses(query);
+        storage::SourceFiles sources(root);
+        storage::UsesPage page = repo->find_uses(query, sources);
         References out{.name = query.name, .total = page.total, .more = page.more, .next = page.next};
-        out.files = located(query.name, page.hits, *repo, root);
+        out.files = located(query.name, page.hits, *repo, sources);
         return {std::move(out), indexed};
       });
   if (auto* found = std::get_if<References>(&answer)) found->note = search_note(files);

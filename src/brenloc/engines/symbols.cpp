@@ -745,14 +745,21 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
     if (c.entry == Entry::symbol) definitions.push_back(c.key);
   }
   std::sort(definitions.begin(), definitions.end());
-  FileUses uses = find_uses(lang, root, source, parsed, definitions);
+  result.symbols = symbol_rows(candidates, source, lang, lang.c_family ? conditional_code(source) : ByteRanges{});
+  // The places of the rows, where readers of uses find the definitions left out of them.
+  std::vector<SymbolSpot> held;
+  held.reserve(result.symbols.size());
+  const std::vector<std::uint32_t> lines = storage::line_starts(source);
+  for (const storage::SymbolRow& row : result.symbols) {
+    held.push_back({row.name, storage::definition_offset(lines, source.size(), row.line, row.column)});
+  }
+  FileUses uses = find_uses(lang, root, source, parsed, definitions, held);
   if (deadline.passed()) {
     result.error = limit_error();
     return result;
   }
   result.uses = std::move(uses.names);
   result.imports = std::move(uses.imports);
-  result.symbols = symbol_rows(candidates, source, lang, lang.c_family ? conditional_code(source) : ByteRanges{});
   result.ok = true;
   return result;
 }

@@ -181,7 +181,7 @@ class Finder {
   Finder(const UseGrammar& g, std::string_view language, std::string_view source, std::span<const std::uint32_t> defs)
       : g_(g), language_(language), source_(source), defs_(defs) {}
 
-  FileUses run(TSNode root, std::string_view parsed) {
+  FileUses run(TSNode root, std::string_view parsed, std::span<const SymbolSpot> symbols) {
     // Where the parser recovered from errors, it may have read the words of a comment or a string as
     // names: in C and C++ a lexer says where those are.
     if (g_.c_family && ts_node_has_error(root)) quoted_ = c_quoted_spans(source_);
@@ -215,21 +215,61 @@ class Finder {
       const std::string_view x = name_of(a), y = name_of(b);
       return x != y ? x < y : a.offset < b.offset;
     });
+    // The places of the rows of symbols of plain names, by name, then by offset.
+    std::vector<SymbolSpot> held;
+    held.reserve(symbols.size());
+    for (const SymbolSpot& s : symbols) {
+      if (storage::plain_name(s.name)) held.push_back(s);
+    }
+    std::sort(held.begin(), held.end(), [](const SymbolSpot& a, const SymbolSpot& b) {
+      return a.name != b.name ? a.name < b.name : a.offset < b.offset;
+    });
+    held.erase(std::unique(held.begin(), held.end(),
+                           [](const SymbolSpot& a, const SymbolSpot& b) { return a.name == b.name && a.offset == b.offset; }),
+               held.end());
     FileUses out;
     std::vector<storage::Use> run;
-    for (std::size_t i = 0; i < found_.size();) {
+    std::size_t h = 0;
+    for (std::size_t i = 0; i < found_.size() || h < held.size();) {
+      // The next name, of the uses or of the rows of symbols.
+      const std::string_view name = i == found_.size()  ? held[h].name
+                                    : h == held.size() ? name_of(found_[i])
+                                                       : std::min(name_of(found_[i]), held[h].name);
       run.clear();
-      const std::string_view name = name_of(found_[i]);
       for (; i < found_.size() && name_of(found_[i]) == name; ++i) {
         run.push_back({found_[i].offset, static_cast<UseRole>(found_[i].length_role & 7)});
       }
-      storage::pack_name_uses(out.names, name, storage::encode_uses(run));
+      const std::size_t first_held = h;
+      for (; h < held.size() && held[h].name == name; ++h) {}
+      const std::string spots = without_held(run, std::span(held).subspan(first_held, h - first_held));
+      if (!spots.empty()) storage::pack_name_uses(out.names, name, spots);
     }
     out.imports = std::move(imports_);
     return out;
   }
 
  private:
+  // The coded uses of a name (`run`, by offset) less the definitions that its rows of symbols (`held`, by
+  // offset) give back to readers; when they would not give exactly those, all of them, so marked. Empty
+  // when nothing is left.
+  static std::string without_held(const std::vector<storage::Use>& run, std::span<const SymbolSpot> held) {
+    if (held.empty()) return storage::encode_uses(run);
+    std::vector<storage::Use> left;
+    left.reserve(run.size());
+    std::size_t next = 0;
+    for (const storage::Use& u : run) {
+      if (next < held.size() && held[next].offset < u.offset) break;  // a row with no definition at its place
+      if (next < held.size() && held[next].offset == u.offset) {
+        if (u.role != UseRole::definition) break;
+        ++next;
+        continue;
+      }
+      left.push_back(u);
+    }
+    if (next < held.size()) return storage::encode_uses(run, true);
+    return left.empty() ? std::string() : storage::encode_uses(left);
+  }
+
   // An occurrence: where its name starts in the source, the name's length << 3 | its role (8 bytes: a
   // large file has hundreds of thousands).
   struct Found {
@@ -512,8 +552,8 @@ class Finder {
 }  // namespace
 
 FileUses find_uses(const Language& lang, TSNode root, std::string_view source, std::string_view parsed,
-                   std::span<const std::uint32_t> definitions) {
-  return Finder(use_grammar(lang), lang.name, source, definitions).run(root, parsed);
+                   std::span<const std::uint32_t> definitions, std::span<const SymbolSpot> symbols) {
+  return Finder(use_grammar(lang), lang.name, source, definitions).run(root, parsed, symbols);
 }
 
 }  // namespace brenloc::engines

@@ -22,10 +22,17 @@ struct FileUses {
   std::vector<storage::ImportRow> imports;
 };
 
+// A definition that the file's rows of symbols hold: its name, and where that starts in the source.
+struct SymbolSpot {
+  std::string_view name;
+  std::uint32_t offset = 0;
+};
+
 // `parsed`: the text the tree was parsed from (the source, or a copy of it with C and C++ decoration
 // macros and split `#if` sections blanked, same offsets); `definitions`: the start bytes of the names of
-// the file's definitions, in increasing order.
+// the file's definitions, in increasing order; `symbols`: the places of the file's rows of symbols, whose
+// definitions are left out of the uses where readers can add them back (see name_uses.h).
 FileUses find_uses(const Language& lang, TSNode root, std::string_view source, std::string_view parsed,
-                   std::span<const std::uint32_t> definitions);
+                   std::span<const std::uint32_t> definitions, std::span<const SymbolSpot> symbols = {});
 
 }  // namespace brenloc::engines

@@ -18,9 +18,13 @@ std::shared_ptr<const FreshUses> FreshUses::load(Reader& r, const std::filesyste
     out->files_.push_back(id);
     const void* blob = sqlite3_column_blob(stmt.get(), 1);
     const std::string_view packed(static_cast<const char*>(blob), static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), 1)));
-    for_each_keyed_uses(packed, [&](std::int64_t key, std::string_view) { out->entries_.emplace_back(key, id); });
+    for_each_keyed_uses(packed, [&](std::int64_t key, std::string_view spots) {
+      if (every_definition_coded(spots)) out->every_definition_coded_.emplace_back(key, id);
+      if (spots.size() > (every_definition_coded(spots) ? 1u : 0u)) out->entries_.emplace_back(key, id);  // some use
+    });
   }
   std::sort(out->entries_.begin(), out->entries_.end());
+  std::sort(out->every_definition_coded_.begin(), out->every_definition_coded_.end());
   out->entries_.shrink_to_fit();
   return out;
 }
@@ -31,6 +35,10 @@ std::span<const FreshUses::Entry> FreshUses::using_key(std::int64_t key) const {
   const auto first = std::lower_bound(entries_.begin(), entries_.end(), Entry{key, 0});
   const auto last = std::upper_bound(first, entries_.end(), Entry{key, INT64_MAX});
   return {first, last};
+}
+
+bool FreshUses::codes_every_definition(std::int64_t key, std::int64_t file_id) const {
+  return std::binary_search(every_definition_coded_.begin(), every_definition_coded_.end(), Entry{key, file_id});
 }
 
 std::shared_ptr<const FreshUses> FreshUsesCache::get(Reader& r, const std::filesystem::path& file) {

@@ -31,11 +31,14 @@ class FreshUses {
   bool has(std::int64_t file_id) const;
   // The fresh files that use a name, in file order (their ids are `second`).
   std::span<const Entry> using_key(std::int64_t key) const;
+  // Whether a fresh file codes all its definitions of a name (name_uses.h), whatever its rows of symbols.
+  bool codes_every_definition(std::int64_t key, std::int64_t file_id) const;
 
  private:
   std::int64_t stamp_ = 0;
   std::vector<std::int64_t> files_;  // ordered
   std::vector<Entry> entries_;
+  std::vector<Entry> every_definition_coded_;  // ordered
 };
 
 class FreshUsesCache {

@@ -54,6 +54,14 @@ struct ImportRow {
 // distance << 3 | role. decode_uses gives what a blob holds (one that ends early, what it held);
 // count_uses how many of its uses have one of the roles of `roles` (a bit per role).
 //
+// Definitions the symbols table holds are not coded: a definition of a plain name (plain_name) whose name
+// and place (line and column) are a row of symbols of its file is left out of its blob, and readers add
+// it back from that row (definition_offset). Where that would not give the same uses (a row of symbols
+// with no occurrence at its place, as where the parser recovered from an error), the blob starts with the
+// varint 6 (kEveryDefinitionCoded): its definitions are all coded, and the rows of symbols add none. Such
+// a blob may hold nothing else; a file with no row for a name gets every definition of that name from
+// symbols.
+//
 // name_key: the key a name is stored under, 31 bits of a hash of its bytes (exact case), so that SQLite
 // keeps it in 4 bytes. Two names may share one (about 230 pairs among a million names); readers check the
 // name in the file's text.
@@ -63,10 +71,11 @@ struct ImportRow {
 
 
 inline constexpr std::uint64_t kMixedRoles = 7;
+inline constexpr std::uint64_t kEveryDefinitionCoded = 6;
 
-inline std::string encode_uses(const std::vector<Use>& uses) {
+inline std::string encode_uses(const std::vector<Use>& uses, bool every_definition_coded = false) {
   std::string out;
-  out.reserve(uses.size() * 2 + 1);
+  out.reserve(uses.size() * 2 + 2);
   const bool mixed = std::any_of(uses.begin(), uses.end(), [&](const Use& u) { return u.role != uses.front().role; });
   auto put = [&](std::uint64_t v) {
     while (v >= 0x80) {
@@ -75,6 +84,7 @@ inline std::string encode_uses(const std::vector<Use>& uses) {
     }
     out.push_back(static_cast<char>(v));
   };
+  if (every_definition_coded) put(kEveryDefinitionCoded);
   if (mixed) put(kMixedRoles);
   std::uint32_t previous = 0;
   for (const Use& u : uses) {
@@ -103,6 +113,7 @@ void each_use(std::string_view spots, Fn&& fn) {
   };
   std::uint64_t v = 0;
   if (!next(v)) return;
+  if (v == kEveryDefinitionCoded && !next(v)) return;
   const bool mixed = v == kMixedRoles;
   if (mixed && !next(v)) return;
   const unsigned role = static_cast<unsigned>(v & 7);  // of every use, unless mixed
@@ -127,6 +138,36 @@ inline std::size_t count_uses(std::string_view spots, unsigned roles) {
   std::size_t n = 0;
   detail::each_use(spots, [&](Use u) { n += (roles >> static_cast<unsigned>(u.role)) & 1u; });
   return n;
+}
+
+// Whether a blob says that all its definitions are coded (the rows of symbols add none).
+inline bool every_definition_coded(std::string_view spots) {
+  return !spots.empty() && static_cast<unsigned char>(spots.front()) == kEveryDefinitionCoded;
+}
+
+// Whether the definitions of `name` may be left to the rows of symbols: a name as the code spells it,
+// a letter, `_` or `$` (or a byte of a multi-byte character) and then those or digits.
+inline bool plain_name(std::string_view name) {
+  auto start = [](unsigned char c) { return std::isalpha(c) || c == '_' || c == '$' || c >= 0x80; };
+  return !name.empty() && start(static_cast<unsigned char>(name.front())) &&
+         std::all_of(name.begin(), name.end(), [&](char c) { return start(static_cast<unsigned char>(c)) || std::isdigit(static_cast<unsigned char>(c)); });
+}
+
+// Where each line of a text starts (bytes), so that a row of symbols' 1-based line and byte column give
+// the offset of its name: definition_offset, or kNoOffset when the place is not in the text.
+inline constexpr std::uint32_t kNoOffset = 0xffffffff;
+inline std::vector<std::uint32_t> line_starts(std::string_view text) {
+  std::vector<std::uint32_t> out{0};
+  for (std::size_t at = text.find('\n'); at != std::string_view::npos; at = text.find('\n', at + 1)) {
+    out.push_back(static_cast<std::uint32_t>(at + 1));
+  }
+  return out;
+}
+inline std::uint32_t definition_offset(const std::vector<std::uint32_t>& starts, std::size_t text_size, int line, int column) {
+  if (line < 1 || column < 1 || static_cast<std::size_t>(line) > starts.size()) return kNoOffset;
+  const std::uint64_t at = std::uint64_t{starts[line - 1]} + static_cast<std::uint64_t>(column - 1);
+  const std::uint64_t line_end = static_cast<std::size_t>(line) < starts.size() ? starts[line] : text_size;
+  return at < line_end && at < text_size ? static_cast<std::uint32_t>(at) : kNoOffset;
 }
 
 inline std::int64_t name_key(std::string_view name) {

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <span>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <variant>
 
@@ -20,6 +21,7 @@
 #include "brenloc/storage/query_cache.h"
 #include "brenloc/storage/reader.h"
 #include "brenloc/storage/schema.h"
+#include "brenloc/storage/source_text.h"
 #include "brenloc/storage/sqlite_util.h"
 #include "brenloc/storage/symbol_match.h"
 #include "brenloc/storage/symbol_search.h"
@@ -176,7 +178,8 @@ class UseRows {
   }
 
   void add(std::int64_t id, const FileEntry& entry, std::string_view operation) {
-    // Two names of one file that share a key (rare: 31 bits) share its row.
+    // Two names of one file that share a key (rare: 31 bits) share its row; should either code all its
+    // definitions, the row does (the other name's definitions that its rows of symbols hold are then lost).
     rows_.clear();
     for_each_name_uses(entry.uses, [&](const NameUses& u) { rows_.push_back({name_key(u.name), u.spots}); });
     std::sort(rows_.begin(), rows_.end(), [](const Row& a, const Row& b) { return a.key < b.key; });
@@ -188,7 +191,8 @@ class UseRows {
         const std::vector<Use> more = decode_uses(rows_[i].spots);
         all.insert(all.end(), more.begin(), more.end());
         std::sort(all.begin(), all.end(), [](const Use& a, const Use& b) { return a.offset < b.offset; });
-        merged.push_back(encode_uses(all));
+        merged.push_back(
+            encode_uses(all, every_definition_coded(rows_[kept - 1].spots) || every_definition_coded(rows_[i].spots)));
         rows_[kept - 1].spots = merged.back();
         continue;
       }
@@ -777,16 +781,59 @@ class PathFilter {
 
 namespace {
 
-// A file's uses of a name, as a query reads them.
+// Where a row of symbols names its definition (1-based line, byte column).
+struct Place {
+  int line, column;
+  auto operator<=>(const Place&) const = default;
+};
+
+// A file's uses of a name, as a query reads them: those coded in `spots`, and the definitions at the
+// places of its rows of symbols of that name (`defined`; none when the spots code them all).
 struct FileUsesRow {
   std::int64_t file_id;
   std::string_view path, language, spots;
+  std::span<const Place> defined;
 };
 
+// The rows of symbols of `name` (exact case), by file from `from_file` on; none for a name whose
+// definitions are always coded (plain_name).
+struct DefinedIn {
+  std::int64_t file_id;
+  std::string path, language;
+  std::vector<Place> places;  // ordered, each once
+};
+std::vector<DefinedIn> defined_in(Reader& r, const std::filesystem::path& path, std::string_view name, std::int64_t from_file) {
+  std::vector<DefinedIn> out;
+  if (!plain_name(name)) return out;
+  Statement& stmt = r.statement(
+      "SELECT s.file_id, f.path, f.language, s.line, s.col FROM symbols s "
+      "JOIN files f ON f.id = s.file_id WHERE s.name = ?1 COLLATE NOCASE AND s.name = ?1 AND s.file_id >= ?2",
+      path);
+  ResetOnExit done{stmt};
+  stmt.bind_static(1, name);
+  stmt.bind(2, from_file);
+  std::vector<std::pair<std::int64_t, Place>> rows;
+  std::unordered_map<std::int64_t, std::pair<std::string, std::string>> files;
+  while (stmt.step(path, "reading definitions")) {
+    const std::int64_t id = stmt.integer(0);
+    rows.push_back({id, {static_cast<int>(stmt.integer(3)), static_cast<int>(stmt.integer(4))}});
+    if (!files.contains(id)) files.emplace(id, std::make_pair(stmt.text(1), stmt.text(2)));
+  }
+  std::sort(rows.begin(), rows.end());
+  rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+  for (const auto& [id, place] : rows) {
+    if (out.empty() || out.back().file_id != id) out.push_back({id, files[id].first, files[id].second, {}});
+    out.back().places.push_back(place);
+  }
+  return out;
+}
+
 // The rows of a name's uses in file order, from `from_file` on: those of uses, but for files in
-// uses_fresh, whose rows there stand instead. fn(FileUsesRow) returns false to stop.
+// uses_fresh, whose rows there stand instead, with the file's rows of symbols of the name.
+// fn(FileUsesRow) returns false to stop.
 template <class Fn>
-void each_file_using(Reader& r, const std::filesystem::path& path, std::int64_t key, std::int64_t from_file, Fn&& fn) {
+void each_file_using(Reader& r, const std::filesystem::path& path, std::string_view name, std::int64_t from_file, Fn&& fn) {
+  const std::int64_t key = name_key(name);
   const std::shared_ptr<const detail::FreshUses> fresh = detail::fresh_uses(r, path);
   struct Fresh {
     std::int64_t file_id;
@@ -807,12 +854,37 @@ void each_file_using(Reader& r, const std::filesystem::path& path, std::int64_t 
       });
     }
   }
+  const std::vector<DefinedIn> defined = defined_in(r, path, name, from_file);
   auto next_fresh = fresh_rows.begin();
-  auto fresh_before = [&](std::int64_t file_id) {
-    for (; next_fresh != fresh_rows.end() && next_fresh->file_id < file_id; ++next_fresh) {
-      if (!fn(FileUsesRow{next_fresh->file_id, next_fresh->path, next_fresh->language, next_fresh->spots})) return false;
+  auto next_defined = defined.begin();
+  // The definitions of the file `row` is of, unless its spots code them all.
+  auto with_defined = [&](FileUsesRow row) {
+    for (; next_defined != defined.end() && next_defined->file_id < row.file_id; ++next_defined) {}
+    if (next_defined != defined.end() && next_defined->file_id == row.file_id) {
+      if (!every_definition_coded(row.spots) && !(fresh && fresh->codes_every_definition(key, row.file_id))) {
+        row.defined = next_defined->places;
+      }
+      ++next_defined;
     }
-    return true;
+    return row;
+  };
+  // The fresh rows and the files with only definitions before `file_id`.
+  auto others_before = [&](std::int64_t file_id) {
+    for (;;) {
+      const std::int64_t f = std::min(next_fresh != fresh_rows.end() ? next_fresh->file_id : INT64_MAX,
+                                      next_defined != defined.end() ? next_defined->file_id : INT64_MAX);
+      if (f >= file_id) return true;
+      FileUsesRow row{};
+      if (next_fresh != fresh_rows.end() && next_fresh->file_id == f) {
+        row = FileUsesRow{f, next_fresh->path, next_fresh->language, next_fresh->spots, {}};
+        ++next_fresh;
+      } else {
+        row = FileUsesRow{f, next_defined->path, next_defined->language, {}, {}};
+      }
+      row = with_defined(row);
+      if (row.spots.empty() && row.defined.empty()) continue;
+      if (!fn(row)) return false;
+    }
   };
   Statement& rows = r.statement(
       "SELECT u.file_id, f.path, f.language, u.spots FROM uses u JOIN files f ON f.id = u.file_id "
@@ -823,34 +895,49 @@ void each_file_using(Reader& r, const std::filesystem::path& path, std::int64_t 
   rows.bind(2, from_file);
   while (rows.step(path, "reading uses")) {
     const std::int64_t file_id = rows.integer(0);
-    if (!fresh_before(file_id)) return;
+    if (!others_before(file_id)) return;
     if (fresh && fresh->has(file_id)) continue;
-    if (!fn(FileUsesRow{file_id, rows.text_view(1), rows.text_view(2), blob_of(rows, 3)})) return;
+    if (!fn(with_defined(FileUsesRow{file_id, rows.text_view(1), rows.text_view(2), blob_of(rows, 3), {}}))) return;
   }
-  fresh_before(std::numeric_limits<std::int64_t>::max());
+  others_before(INT64_MAX);
+}
+
+// A file's uses in a query's order: by offset, the definitions of its rows of symbols among the coded
+// ones (those whose place is not in the file's text as it reads now last, by place).
+std::vector<Use> uses_in_order(const FileUsesRow& row, SourceFiles& texts) {
+  std::vector<Use> out = decode_uses(row.spots);
+  if (row.defined.empty()) return out;
+  const std::string* text = texts.content(std::string(row.path));
+  const std::vector<std::uint32_t> starts = text ? line_starts(*text) : std::vector<std::uint32_t>{};
+  for (const Place& p : row.defined) {
+    out.push_back({text ? definition_offset(starts, text->size(), p.line, p.column) : kNoOffset, UseRole::definition});
+  }
+  std::stable_sort(out.begin(), out.end(), [](const Use& a, const Use& b) { return a.offset < b.offset; });
+  return out;
 }
 
 }  // namespace
 
-UsesPage Repository::find_uses(const UsesQuery& q) {
+UsesPage Repository::find_uses(const UsesQuery& q, SourceFiles& texts) {
   return impl_->with_reader([&](Reader& r) {
     ReadTransaction snapshot(r.db, impl_->path);
     const PathFilter filter(q.path_prefix);
-    const std::int64_t key = name_key(q.name);
+    const bool definitions = ((q.roles >> static_cast<unsigned>(UseRole::definition)) & 1u) != 0;
     UsesPage page;
-    each_file_using(r, impl_->path, key, 0, [&](const FileUsesRow& row) {
+    each_file_using(r, impl_->path, q.name, 0, [&](const FileUsesRow& row) {
       if (!filter.passes(row.path)) return true;
       page.total += static_cast<std::int64_t>(count_uses(row.spots, q.roles));
+      if (definitions) page.total += static_cast<std::int64_t>(row.defined.size());
       if (page.total <= detail::kCountCap) return true;
       page.total = detail::kCountCap;
       page.more = true;
       return false;
     });
     const auto limit = static_cast<std::size_t>(std::max(q.limit, 1));
-    each_file_using(r, impl_->path, key, q.from_file, [&](const FileUsesRow& row) {
+    each_file_using(r, impl_->path, q.name, q.from_file, [&](const FileUsesRow& row) {
       if (!filter.passes(row.path)) return true;
       std::int64_t ordinal = 0;
-      for (const Use& u : decode_uses(row.spots)) {
+      for (const Use& u : uses_in_order(row, texts)) {
         if (((q.roles >> static_cast<unsigned>(u.role)) & 1u) == 0) continue;
         const std::int64_t at = ordinal++;
         if (row.file_id == q.from_file && at < q.skip) continue;

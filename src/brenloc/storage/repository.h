@@ -19,6 +19,8 @@
 
 namespace brenloc::storage {
 
+class SourceFiles;
+
 // How long the last successful swap took: the whole call (during which the writer connection is held
 // and the indexer's writes wait), and the part of it that held SQLite's write lock on the live file.
 struct SwapTiming {
@@ -79,8 +81,9 @@ class Repository {
   std::optional<FileEntry> file_symbols(const std::string& path);
   // Files under a directory (or that file), ordered by path; all of them for an empty prefix.
   std::vector<FileRow> list_files(const std::string& path_prefix = "");
-  // A page of the uses of a name, and how many there are (see UsesQuery). Not cached.
-  UsesPage find_uses(const UsesQuery& query);
+  // A page of the uses of a name, and how many there are (see UsesQuery). The files of the page's
+  // definitions are read from `texts` (the index finds their places by line and column). Not cached.
+  UsesPage find_uses(const UsesQuery& query, SourceFiles& texts);
   // The includes and imports whose stem (import_stem) is one of `stems`, by importing file. Not cached.
   std::vector<ImportHit> imports_by_stem(const std::vector<std::string>& stems);
   Counts counts();

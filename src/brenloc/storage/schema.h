@@ -50,8 +50,9 @@ CREATE TABLE IF NOT EXISTS symbols (
 -- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows best first.
 CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE, rank);
 -- Where each file uses each name in its code: per name (by its key, name_uses.h) and file, the offsets and
--- roles of the occurrences, coded in one blob. Keyed by name first, so that the files using a name are one
--- range of the table.
+-- roles of the occurrences, coded in one blob, but for the definitions that the file's rows of symbols
+-- hold (name_uses.h): a file whose only uses of a name are those has no row for it. Keyed by name first,
+-- so that the files using a name are one range of the table.
 CREATE TABLE IF NOT EXISTS uses (
   name_key INTEGER NOT NULL,
   file_id INTEGER NOT NULL,

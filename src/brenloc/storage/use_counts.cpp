@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <unordered_set>
 
 #include "brenloc/storage/fresh_uses.h"
 #include "brenloc/storage/name_uses.h"
@@ -85,20 +86,39 @@ bool import_names(std::string_view target, std::string_view path, std::string_vi
 std::int64_t files_using(Reader& r, const std::filesystem::path& file, std::string_view name) {
   const std::int64_t key = name_key(name);
   const std::shared_ptr<const FreshUses> fresh = fresh_uses(r, file);
-  if (!fresh) {
-    Statement& stmt = r.statement("SELECT count(*) FROM (SELECT 1 FROM uses WHERE name_key = ?1 LIMIT ?2)", file);
+  // The files whose coded uses hold some (a fresh file's rows of uses are old), and those that code all
+  // their definitions of the name (name_uses.h).
+  std::unordered_set<std::int64_t> using_files, coding_all;
+  if (fresh) {
+    for (const auto& [k, id] : fresh->using_key(key)) using_files.insert(id);
+  }
+  Statement& stmt = r.statement("SELECT file_id, spots FROM uses WHERE name_key = ?1", file);
+  {
     ResetOnExit done{stmt};
     stmt.bind(1, key);
-    stmt.bind(2, kReferrersCap);
-    return stmt.step(file, kOperation) ? stmt.integer(0) : 0;
+    while (std::ssize(using_files) < kReferrersCap && stmt.step(file, kOperation)) {
+      const std::int64_t id = stmt.integer(0);
+      if (fresh && fresh->has(id)) continue;
+      const auto* blob = static_cast<const char*>(sqlite3_column_blob(stmt.get(), 1));
+      const std::string_view spots(blob, static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), 1)));
+      if (every_definition_coded(spots)) coding_all.insert(id);
+      if (spots.size() > (every_definition_coded(spots) ? 1u : 0u)) using_files.insert(id);
+    }
   }
-  // The fresh files that use it, and the others whose rows of uses do (a fresh file's rows there are old).
-  auto n = static_cast<std::int64_t>(fresh->using_key(key).size());
-  Statement& stmt = r.statement("SELECT file_id FROM uses WHERE name_key = ?1", file);
-  ResetOnExit done{stmt};
-  stmt.bind(1, key);
-  while (n < kReferrersCap && stmt.step(file, kOperation)) n += fresh->has(stmt.integer(0)) ? 0 : 1;
-  return std::min(n, kReferrersCap);
+  auto n = std::ssize(using_files);
+  if (n >= kReferrersCap || !plain_name(name)) return std::min(n, kReferrersCap);
+  // And the files that define it, whose definitions the rows of symbols hold.
+  Statement& defining = r.statement(
+      "SELECT DISTINCT file_id FROM symbols WHERE name = ?1 COLLATE NOCASE AND name = ?1",
+      file);
+  ResetOnExit done{defining};
+  defining.bind_static(1, name);
+  while (n < kReferrersCap && defining.step(file, kOperation)) {
+    const std::int64_t id = defining.integer(0);
+    if (using_files.contains(id) || coding_all.contains(id) || (fresh && fresh->codes_every_definition(key, id))) continue;
+    ++n;
+  }
+  return n;
 }
 
 std::int64_t files_importing(Reader& r, const std::filesystem::path& file, std::string_view path,
