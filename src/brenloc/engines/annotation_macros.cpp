@@ -1,5 +1,6 @@
 #include "brenloc/engines/annotation_macros.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -59,6 +60,12 @@ std::size_t balanced_end(const std::string& text, std::size_t open) {
     else if (text[i] == ';' || text[i] == '{' || text[i] == '}') return std::string::npos;
   }
   return std::string::npos;
+}
+
+// The end of the line that holds byte `at`: its newline, or the text's end.
+std::size_t line_end(const std::string& text, std::size_t at) {
+  const std::size_t eol = text.find('\n', at);
+  return eol == std::string::npos ? text.size() : eol;
 }
 
 std::size_t skip_spaces(const std::string& text, std::size_t i) {
@@ -315,10 +322,7 @@ std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t 
       if (stop != std::string::npos) {
         blank(text, i, stop);
         changed = true;
-        if (stop > eol) {
-          eol = text.find('\n', stop);
-          if (eol == std::string::npos) eol = text.size();
-        }
+        eol = std::max(eol, line_end(text, stop));
         i = stop;
         continue;
       }
@@ -338,10 +342,7 @@ std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t 
         blank(text, i, open + 1);
         blank(text, close - 1, close);
         changed = true;
-        if (close > eol) {
-          eol = text.find('\n', close);
-          if (eol == std::string::npos) eol = text.size();
-        }
+        eol = std::max(eol, line_end(text, close));
         i = close;
         continue;
       }
@@ -356,10 +357,7 @@ std::size_t blank_decorations(std::string& text, std::size_t begin, std::size_t 
         std::size_t close = open < text.size() && text[open] == '(' ? balanced_end(text, open) : std::string::npos;
         blank(text, i, close == std::string::npos ? j : close);
         changed = true;
-        if (close != std::string::npos && close > eol) {
-          eol = text.find('\n', close);
-          if (eol == std::string::npos) eol = text.size();
-        }
+        if (close != std::string::npos) eol = std::max(eol, line_end(text, close));
         if (close != std::string::npos) j = close;
       }
     }
