@@ -10,6 +10,7 @@
 
 #include "brenloc/engines/code_matchers.h"
 #include "brenloc/engines/quoted_spans.h"
+#include "brenloc/engines/syntax_walk.h"
 
 namespace brenloc::engines {
 namespace {
@@ -91,7 +92,6 @@ struct UseGrammar {
   std::vector<TSFieldId> callee;          // by symbol: the callee's field, 0 when no call
   std::vector<TSFieldId> member;          // by symbol: the last part's field, 0 when none
   std::vector<TSFieldId> label;           // by symbol: the field of the label it defines, 0 when none
-  std::vector<bool> fields_matter;        // by symbol: whether its children's fields are ever looked at
   std::vector<bool> import;               // by symbol
   std::vector<bool> type_context;         // by symbol
   std::vector<bool> macro_definition;     // by symbol: #define (whose body is read as text)
@@ -134,8 +134,6 @@ UseGrammar make_grammar(const Language& lang) {
   for (const NodeField& nf : r.labels) for_each_symbol_named(g, nf.node, [&](TSSymbol s) { u.label[s] = field(nf.field); });
   for (std::string_view t : r.imports) for_each_symbol_named(g, t, [&](TSSymbol s) { u.import[s] = true; });
   for (std::string_view t : r.type_contexts) for_each_symbol_named(g, t, [&](TSSymbol s) { u.type_context[s] = true; });
-  u.fields_matter.assign(n, false);
-  for (std::uint32_t sym = 0; sym < n; ++sym) u.fields_matter[sym] = u.callee[sym] != 0 || u.member[sym] != 0 || u.label[sym] != 0;
   for (std::string_view t : {"preproc_def", "preproc_function_def"}) {
     for_each_symbol_named(g, t, [&](TSSymbol s) { u.macro_definition[s] = true; });
   }
@@ -186,35 +184,12 @@ class Finder {
     // names: in C and C++ a lexer says where those are.
     if (g_.c_family && ts_node_has_error(root)) quoted_ = c_quoted_spans(source_);
     blanked_text(root, parsed);
-    TSTreeCursor cursor = ts_tree_cursor_new(root);
     frames_.reserve(64);
-    frames_.push_back({ts_node_symbol(root), 0, root});
-    for (;;) {
-      enter();
-      if (ts_tree_cursor_goto_first_child(&cursor)) {
-        push(cursor);
-        continue;
-      }
-      bool done = false;
-      for (;;) {
-        leave();
-        if (ts_tree_cursor_goto_next_sibling(&cursor)) {
-          push(cursor);
-          break;
-        }
-        if (!ts_tree_cursor_goto_parent(&cursor)) {
-          done = true;
-          break;
-        }
-      }
-      if (done) break;
-    }
-    ts_tree_cursor_delete(&cursor);
-    // By name, then by offset: each name's uses are one run.
-    std::sort(found_.begin(), found_.end(), [&](const Found& a, const Found& b) {
-      const std::string_view x = name_of(a), y = name_of(b);
-      return x != y ? x < y : a.offset < b.offset;
-    });
+    const BrenlocTreeVisitor visitor{
+        [](void* self, TSNode node, TSFieldId field) { static_cast<Finder*>(self)->enter(node, field); },
+        [](void* self) { static_cast<Finder*>(self)->leave(); }, this, true};
+    brenloc_walk_tree(root, &visitor);
+    by_name();
     // The places of the rows of symbols of plain names, by name, then by offset.
     std::vector<SymbolSpot> held;
     held.reserve(symbols.size());
@@ -270,6 +245,43 @@ class Finder {
     return left.empty() ? std::string() : storage::encode_uses(left);
   }
 
+  // Orders the occurrences by name, then by offset, so that each name's uses are one run. A file names
+  // far fewer names than it has occurrences: the names are told apart by a hash table and only they are
+  // sorted; the occurrences are then placed by their name's rank, in the order found (which is by offset,
+  // except where blanked text was read first).
+  void by_name() {
+    std::unordered_map<std::string_view, std::uint32_t> ids;
+    ids.reserve(found_.size() / 4 + 16);
+    std::vector<std::string_view> names;
+    std::vector<std::uint32_t> id_of(found_.size()), count;
+    for (std::size_t i = 0; i < found_.size(); ++i) {
+      const auto [at, fresh] = ids.try_emplace(name_of(found_[i]), static_cast<std::uint32_t>(names.size()));
+      if (fresh) {
+        names.push_back(at->first);
+        count.push_back(0);
+      }
+      id_of[i] = at->second;
+      ++count[at->second];
+    }
+    std::vector<std::uint32_t> order(names.size());
+    for (std::uint32_t id = 0; id < order.size(); ++id) order[id] = id;
+    std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return names[a] < names[b]; });
+    std::vector<std::uint32_t> begin(names.size()), end(names.size());
+    std::uint32_t start = 0;
+    for (const std::uint32_t id : order) {
+      begin[id] = end[id] = start;
+      start += count[id];
+    }
+    std::vector<Found> sorted(found_.size());
+    for (std::size_t i = 0; i < found_.size(); ++i) sorted[end[id_of[i]]++] = found_[i];
+    found_ = std::move(sorted);
+    const auto by_offset = [](const Found& a, const Found& b) { return a.offset < b.offset; };
+    for (const std::uint32_t id : order) {
+      const auto first = found_.begin() + begin[id], last = found_.begin() + end[id];
+      if (!std::is_sorted(first, last, by_offset)) std::sort(first, last, by_offset);
+    }
+  }
+
   // An occurrence: where its name starts in the source, the name's length << 3 | its role (8 bytes: a
   // large file has hundreds of thousands).
   struct Found {
@@ -282,17 +294,10 @@ class Finder {
     TSNode node;
   };
 
-  void push(TSTreeCursor& cursor) {
-    const TSNode node = ts_tree_cursor_current_node(&cursor);
-    // A node's field is only looked at below a call, a member name or a label (finding it walks the
-    // parent's field map): elsewhere it stays 0, which no rule matches.
-    const bool field_matters = known(frames_.back().symbol, g_.fields_matter);
-    frames_.push_back({ts_node_symbol(node), field_matters ? ts_tree_cursor_current_field_id(&cursor) : TSFieldId{0}, node});
-  }
-
   bool known(TSSymbol s, const std::vector<bool>& by_symbol) const { return s < by_symbol.size() && by_symbol[s]; }
 
-  void enter() {
+  void enter(TSNode node, TSFieldId field) {
+    frames_.push_back({ts_node_symbol(node), field, node});
     const Frame& f = frames_.back();
     const TSSymbol s = f.symbol;
     if (known(s, g_.import)) {
