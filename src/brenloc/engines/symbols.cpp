@@ -746,14 +746,19 @@ ParseResult extract(std::string_view language, std::string_view source, std::chr
   }
   std::sort(definitions.begin(), definitions.end());
   result.symbols = symbol_rows(candidates, source, lang, lang.c_family ? conditional_code(source) : ByteRanges{});
+  std::vector<Candidate>().swap(candidates);
   // The places of the rows, where readers of uses find the definitions left out of them.
   std::vector<SymbolSpot> held;
   held.reserve(result.symbols.size());
-  const std::vector<std::uint32_t> lines = storage::line_starts(source);
-  for (const storage::SymbolRow& row : result.symbols) {
-    held.push_back({row.name, storage::definition_offset(lines, source.size(), row.line, row.column)});
+  {
+    const std::vector<std::uint32_t> lines = storage::line_starts(source);
+    for (const storage::SymbolRow& row : result.symbols) {
+      held.push_back({row.name, storage::definition_offset(lines, source.size(), row.line, row.column)});
+    }
   }
-  FileUses uses = find_uses(lang, root, source, parsed, definitions, held);
+  // The tree goes as soon as the uses have been read from it: the largest files' trees are the largest
+  // allocations of an index pass, and ordering the uses would come on top of them.
+  FileUses uses = find_uses(lang, root, source, parsed, definitions, held, [&] { tree.reset(); });
   if (deadline.passed()) {
     result.error = limit_error();
     return result;

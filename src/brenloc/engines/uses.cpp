@@ -179,7 +179,8 @@ class Finder {
   Finder(const UseGrammar& g, std::string_view language, std::string_view source, std::span<const std::uint32_t> defs)
       : g_(g), language_(language), source_(source), defs_(defs) {}
 
-  FileUses run(TSNode root, std::string_view parsed, std::span<const SymbolSpot> symbols) {
+  FileUses run(TSNode root, std::string_view parsed, std::span<const SymbolSpot> symbols,
+               const std::function<void()>& walked) {
     // Where the parser recovered from errors, it may have read the words of a comment or a string as
     // names: in C and C++ a lexer says where those are.
     if (g_.c_family && ts_node_has_error(root)) quoted_ = c_quoted_spans(source_);
@@ -189,6 +190,8 @@ class Finder {
         [](void* self, TSNode node, TSFieldId field) { static_cast<Finder*>(self)->enter(node, field); },
         [](void* self) { static_cast<Finder*>(self)->leave(); }, this, true};
     brenloc_walk_tree(root, &visitor);
+    frames_ = {};
+    if (walked) walked();
     by_name();
     // The places of the rows of symbols of plain names, by name, then by offset.
     std::vector<SymbolSpot> held;
@@ -557,8 +560,9 @@ class Finder {
 }  // namespace
 
 FileUses find_uses(const Language& lang, TSNode root, std::string_view source, std::string_view parsed,
-                   std::span<const std::uint32_t> definitions, std::span<const SymbolSpot> symbols) {
-  return Finder(use_grammar(lang), lang.name, source, definitions).run(root, parsed, symbols);
+                   std::span<const std::uint32_t> definitions, std::span<const SymbolSpot> symbols,
+                   const std::function<void()>& walked) {
+  return Finder(use_grammar(lang), lang.name, source, definitions).run(root, parsed, symbols, walked);
 }
 
 }  // namespace brenloc::engines

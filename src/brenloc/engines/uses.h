@@ -8,6 +8,7 @@
 #include <tree_sitter/api.h>
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -31,8 +32,10 @@ struct SymbolSpot {
 // `parsed`: the text the tree was parsed from (the source, or a copy of it with C and C++ decoration
 // macros and split `#if` sections blanked, same offsets); `definitions`: the start bytes of the names of
 // the file's definitions, in increasing order; `symbols`: the places of the file's rows of symbols, whose
-// definitions are left out of the uses where readers can add them back (see name_uses.h).
+// definitions are left out of the uses where readers can add them back (see name_uses.h). `walked`, when
+// given, is called once the tree is no longer read (the caller may free it before the uses are ordered).
 FileUses find_uses(const Language& lang, TSNode root, std::string_view source, std::string_view parsed,
-                   std::span<const std::uint32_t> definitions, std::span<const SymbolSpot> symbols = {});
+                   std::span<const std::uint32_t> definitions, std::span<const SymbolSpot> symbols = {},
+                   const std::function<void()>& walked = {});
 
 }  // namespace brenloc::engines
