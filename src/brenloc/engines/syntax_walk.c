@@ -107,37 +107,38 @@ void brenloc_walk_tree(TSNode root, const BrenlocTreeVisitor* visitor) {
 
 #else  // a runtime of the system: only its public interface
 
-// Whether the visitor is shown the cursor's node (the root always is).
-static bool shown(const BrenlocTreeVisitor* visitor, TSTreeCursor* cursor) {
+// Whether the visitor is shown the cursor's node, `depth` below the root (which always is).
+static bool shown(const BrenlocTreeVisitor* visitor, TSTreeCursor* cursor, unsigned depth) {
   const TSNode node = ts_tree_cursor_current_node(cursor);
-  return !visitor->named_leaves_only || ts_tree_cursor_current_depth(cursor) == 0 || ts_node_is_named(node) ||
-         ts_node_child_count(node) > 0;
+  return !visitor->named_leaves_only || depth == 0 || ts_node_is_named(node) || ts_node_child_count(node) > 0;
 }
 
-static void enter(const BrenlocTreeVisitor* visitor, TSTreeCursor* cursor) {
-  if (shown(visitor, cursor)) {
+static void enter(const BrenlocTreeVisitor* visitor, TSTreeCursor* cursor, unsigned depth) {
+  if (shown(visitor, cursor, depth)) {
     visitor->enter(visitor->context, ts_tree_cursor_current_node(cursor), ts_tree_cursor_current_field_id(cursor));
   }
 }
 
 void brenloc_walk_tree(TSNode root, const BrenlocTreeVisitor* visitor) {
   TSTreeCursor cursor = ts_tree_cursor_new(root);
-  enter(visitor, &cursor);
+  unsigned depth = 0;
+  enter(visitor, &cursor, depth);
   for (;;) {
     if (ts_tree_cursor_goto_first_child(&cursor)) {
-      enter(visitor, &cursor);
+      enter(visitor, &cursor, ++depth);
       continue;
     }
     for (;;) {
-      if (shown(visitor, &cursor)) visitor->leave(visitor->context);
+      if (shown(visitor, &cursor, depth)) visitor->leave(visitor->context);
       if (ts_tree_cursor_goto_next_sibling(&cursor)) {
-        enter(visitor, &cursor);
+        enter(visitor, &cursor, depth);
         break;
       }
       if (!ts_tree_cursor_goto_parent(&cursor)) {
         ts_tree_cursor_delete(&cursor);
         return;
       }
+      --depth;
     }
   }
 }

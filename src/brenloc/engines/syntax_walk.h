@@ -1,6 +1,7 @@
 // A depth-first walk over the nodes of a syntax tree that a tree cursor shows (named and anonymous, in the
 // same order), each with its field in its parent. Where the parser's runtime is built into the program it
-// reads the tree's own layout, a few times cheaper per node than a cursor; otherwise it walks a cursor.
+// reads the tree's own layout, cheaper per node than a cursor (which works out its place again at each step);
+// otherwise it walks a cursor.
 #pragma once
 
 #include <tree_sitter/api.h>
