@@ -525,6 +525,7 @@ bool Repository::defer_name_index() {
     detail::run_script(c, detail::kPendingUsesSql, path, "deferring the name index");
     detail::run_script(c, "UPDATE uses_state SET bulk_load = 1", path, "deferring the name index");
     detail::clear_search_tables(c, path, "deferring the name index");
+    detail::run_script(c, detail::kBulkLoadPragmas, path, "deferring the name index");
     dropped = true;
   });
   return dropped;

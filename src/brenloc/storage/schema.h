@@ -147,7 +147,8 @@ inline std::string name_grams_sql(std::string_view schema) {
          "name_grams USING fts5(name, content='', tokenize='trigram', detail='none', columnsize=0)";
 }
 
-// The writer connection's page cache and temporary storage (an index build changes them for its time).
+// The writer connection's page cache and temporary storage (a bulk load and an index build change them for
+// their time).
 // The writer appends rows at the end of their tables and touches few pages of the indexes per store, and
 // the swap copies b-trees page by page, whose pages go to the log whatever the cache: a larger cache buys
 // no time and would stay filled with pages after every scan (the report's, a swap's). Sorts and
@@ -167,6 +168,10 @@ inline constexpr const char* kWriterPragmas =
 // runs sort in parallel and merge with few cache misses (a million names: half the time of one run in
 // memory). Afterwards, the writer's usual cache and no helper threads again.
 inline constexpr const char* kIndexBuildPragmas = "PRAGMA temp_store = FILE; PRAGMA cache_size = -2048;";
+// During a bulk load, whose stores only append (the name index is deferred): the last pages of each table
+// are the only ones touched again, which a small cache holds as well; the writer's usual cache would
+// fill with pages written once, beside the parse threads' largest files at a rebuild's peak of memory.
+inline constexpr const char* kBulkLoadPragmas = "PRAGMA cache_size = -2048; PRAGMA temp.cache_size = -256;";
 inline constexpr const char* kAfterIndexBuildPragmas = BRENLOC_WRITER_CACHE_PRAGMAS " PRAGMA threads = 0;";
 
 #undef BRENLOC_WRITER_CACHE_PRAGMAS
