@@ -272,6 +272,7 @@ class Search {
     keep(row, tier);
     const int importance_of = importance(distance_of(row.file_id, row.scope, need_files(languages)), row.rank);
     if (importance_of < 0) return;
+    kept_.reset();  // a match: the query is not repeated
     if (count) results_.count(1);
     const int rank = tier_rank(tier, q_.match);
     if (!offer || !results_.page_takes(rank, importance_of, kind_class(row.kind), row.name.size())) return;
