@@ -408,7 +408,8 @@ TEST_P(EveryRowSearch, AgreesWithRankingEveryRow) {
     if (phase != "without the name index") ASSERT_EQ(testing::search_tables_problem(*db), "");
     for (auto match : {M::automatic, M::exact, M::prefix, M::substring, M::fuzzy}) {
       for (std::string text : {"", "get", "Get", "value1", "_v", "%x", "Parser0", "zzz", "gv", "gtv", "etv", "K.get",
-                               "ns::k::parse", "*value?", "get*", "ta", "xv", "sgv", "big.get", "x.target"}) {
+                               "ns::k::parse", "*value?", "get*", "ta", "xv", "sgv", "big.get", "x.target",
+                               "sub.get0"}) {
         for (auto [kind, language] : {std::pair{Opt(), Opt()}, {Opt("class"), Opt()}, {Opt(), Opt("c")}}) {
           for (Opt dir : {Opt(), Opt("big"), Opt("./big/"), Opt("small"), Opt("a.cpp"), Opt("a"), Opt("big*/f1*"),
                           Opt("bigger"), Opt("b*")}) {

@@ -27,6 +27,9 @@ constexpr const char* kRowColumns =
 // A path filter whose files hold at most this many rows is answered by reading them all.
 constexpr std::int64_t kFewRows = 3000;
 constexpr const char* kOperation = "searching symbols";
+// A search with a qualifier keeps at most this many rows of the names that match, for its repeat
+// without the qualifier (about a megabyte).
+constexpr std::size_t kKeptRows = 8192;
 
 bool has_glob(std::string_view text) { return text.find_first_of("*?[") != std::string_view::npos; }
 
@@ -76,6 +79,37 @@ struct Filters {
 
 struct FileFacts {
   std::string path, language;
+};
+
+// A symbol row as a rows statement gives it (kRowColumns), its texts borrowed.
+struct RowView {
+  std::int64_t id, file_id;
+  std::string_view name, kind, scope;
+  int line, column, end_line, start_line, rank;
+};
+
+RowView row_of(const Statement& s) {
+  auto number = [&](int col) { return static_cast<int>(s.integer(col)); };
+  return {s.integer(0), s.integer(8), s.text_view(1), s.text_view(2), s.text_view(6),
+          number(3),    number(4),    number(5),      number(7),      number(9)};
+}
+
+// A row of a name that matched, through the filters, as a search with a qualifier read it: what the
+// repeat without the qualifier ranks instead of reading the same names' rows again.
+struct MatchedRow {
+  std::int64_t id, file_id;
+  std::string name, kind, scope;
+  int line, column, end_line, start_line, rank;
+  Tier tier;
+  int kind_class;
+
+  RowView view() const { return {id, file_id, name, kind, scope, line, column, end_line, start_line, rank}; }
+};
+
+// What a search with a qualifier read of the names that match, for its repeat without the qualifier.
+struct MatchedRows {
+  std::vector<MatchedRow> rows;
+  std::unordered_map<std::int64_t, FileFacts> files;  // of the rows it looked at
 };
 
 // The symbol ids of the files that a path filter (a directory, a file or a glob) selects.
@@ -135,6 +169,7 @@ class Search {
         q_(q),
         pattern_(parse_pattern(q.text, q.match)),
         hint_(std::move(hint)),
+        keeping_(hint_.empty() && !pattern_.scope.empty() && !pattern_.text.empty()),
         catalogs_(catalogs),
         results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap),
                  [this](const SymbolHit& h) { return referrers(h); }) {}
@@ -148,6 +183,36 @@ class Search {
     } else {
       catalog_ = catalogs_.get(r_, file_);
       by_name();
+    }
+    return std::move(results_).finish();
+  }
+
+  // After run(), when the query has a qualifier: every row that the names that match hold (through the
+  // filters), when it read them all and they were few enough to keep.
+  std::optional<MatchedRows> matched_rows() && {
+    if (!keeping_ || !kept_) return std::nullopt;
+    return MatchedRows{std::move(*kept_), std::move(files_)};
+  }
+
+  // The answer that run() gives, from `matched`: every row of the names that match, through the
+  // filters (as matched_rows() gives them: the tier of a name does not depend on the qualifier).
+  SymbolSearch rank(MatchedRows matched) {
+    files_ = std::move(matched.files);
+    const std::vector<MatchedRow>& rows = matched.rows;
+    // Each row by the best place it could take (its importance were its path to hold the hint), best
+    // first: once the page cannot take one, it takes none after it.
+    auto best = [&](const MatchedRow& m) {
+      return rank_head(tier_rank(m.tier, q_.match), importance(0, m.rank), m.kind_class, m.name.size());
+    };
+    std::vector<std::pair<decltype(rank_head(0, 0, 0, 0)), std::uint32_t>> order;
+    order.reserve(rows.size());
+    for (std::size_t i = 0; i < rows.size(); ++i) order.emplace_back(best(rows[i]), static_cast<std::uint32_t>(i));
+    std::sort(order.begin(), order.end());
+    results_.count(std::ssize(rows));
+    for (const auto& [head, i] : order) {
+      const MatchedRow& m = rows[i];
+      if (!results_.page_takes(tier_rank(m.tier, q_.match), importance(0, m.rank), m.kind_class, m.name.size())) break;
+      take_row(m.view(), m.tier, ~std::uint32_t{0}, true, false);
     }
     return std::move(results_).finish();
   }
@@ -200,23 +265,35 @@ class Search {
     return qualifier_distance(pattern_, {f.path, f.language, scope});
   }
 
-  // Takes a row of a rows statement (kRowColumns) whose name matched in `tier`, of a name whose rows
-  // are of `languages`: counted when `count`, and offered to the page when `offer`.
-  void take_row(Statement& stmt, Tier tier, std::uint32_t languages, bool offer, bool count = true) {
-    if (filters_.by_path && !filters_.rows.holds(stmt.integer(0))) return;
-    const std::string_view scope = stmt.text_view(6);
-    const int importance_of =
-        importance(distance_of(stmt.integer(8), scope, need_files(languages)), static_cast<int>(stmt.integer(9)));
+  // Takes a row whose name matched in `tier`, of a name whose rows are of `languages`: counted when
+  // `count`, and offered to the page when `offer`.
+  void take_row(const RowView& row, Tier tier, std::uint32_t languages, bool offer, bool count = true) {
+    if (filters_.by_path && !filters_.rows.holds(row.id)) return;
+    keep(row, tier);
+    const int importance_of = importance(distance_of(row.file_id, row.scope, need_files(languages)), row.rank);
     if (importance_of < 0) return;
+    kept_.reset();  // a match: the query is not repeated
     if (count) results_.count(1);
     const int rank = tier_rank(tier, q_.match);
-    const std::string_view name = stmt.text_view(1), kind = stmt.text_view(2);
-    if (!offer || !results_.page_takes(rank, importance_of, kind_class(kind), name.size())) return;
-    const FileFacts& f = file_facts(stmt.integer(8));
-    results_.offer(SymbolHit{std::string(name), std::string(kind), f.path, static_cast<int>(stmt.integer(3)),
-                             static_cast<int>(stmt.integer(4)), static_cast<int>(stmt.integer(5)), std::string(scope),
-                             f.language, rank, static_cast<int>(stmt.integer(7)), importance_of});
+    if (!offer || !results_.page_takes(rank, importance_of, kind_class(row.kind), row.name.size())) return;
+    const FileFacts& f = file_facts(row.file_id);
+    results_.offer(SymbolHit{std::string(row.name), std::string(row.kind), f.path, row.line, row.column, row.end_line,
+                             std::string(row.scope), f.language, rank, row.start_line, importance_of});
   }
+
+  // Keeps a row for matched_rows(), while they are few enough.
+  void keep(const RowView& row, Tier tier) {
+    if (!keeping_ || !kept_) return;
+    if (kept_->size() == kKeptRows) {
+      kept_.reset();
+      return;
+    }
+    kept_->push_back(MatchedRow{row.id, row.file_id, std::string(row.name), std::string(row.kind),
+                                std::string(row.scope), row.line, row.column, row.end_line, row.start_line, row.rank,
+                                tier, kind_class(row.kind)});
+  }
+  // Notes that some rows of the names that match were not read (not kept).
+  void skipped_rows() { kept_.reset(); }
 
   // How many files refer to where a hit lives (referred_scope), counted once per search.
   std::int64_t referrers(const SymbolHit& h) {
@@ -239,7 +316,7 @@ class Search {
       filters_.bind(stmt);
       while (stmt.step(file_, kOperation)) {
         const Tier tier = name_tier(pattern_, stmt.text_view(1));
-        if (tier != Tier::none) take_row(stmt, tier, ~std::uint32_t{0}, true);
+        if (tier != Tier::none) take_row(row_of(stmt), tier, ~std::uint32_t{0}, true);
       }
     }
   }
@@ -260,7 +337,7 @@ class Search {
       stages = {Stage::start, Stage::inside, Stage::loose};
     }
     for (Stage s : stages) {
-      if (!results_.page_takes(best_rank(s), 0, 0, 0) && !results_.counting()) return;
+      if (!results_.page_takes(best_rank(s), 0, 0, 0) && !results_.counting()) return skipped_rows();
       run_stage(s);
     }
   }
@@ -413,6 +490,7 @@ class Search {
   // Counts a name's matching rows: from its summary when that says every row passes the filters, else
   // from its rows.
   void count_name(const Candidate& c) {
+    skipped_rows();
     const NameCatalog& k = *catalog_;
     const std::size_t i = c.entry;
     if (!every_row_passes(i)) {
@@ -441,8 +519,11 @@ class Search {
     filters_.bind(stmt);
     if (best_first) results_.count(k.rows(c.entry));
     while (stmt.step(file_, kOperation)) {
-      if (best_first && !results_.page_takes(c.rank, static_cast<int>(stmt.integer(9)), 0, c.size)) break;
-      take_row(stmt, c.tier, k.languages(c.entry), offer, !best_first);
+      if (best_first && !results_.page_takes(c.rank, static_cast<int>(stmt.integer(9)), 0, c.size)) {
+        skipped_rows();
+        break;
+      }
+      take_row(row_of(stmt), c.tier, k.languages(c.entry), offer, !best_first);
     }
   }
 
@@ -481,6 +562,8 @@ class Search {
   const SymbolQuery& q_;
   const NamePattern pattern_;
   const std::string hint_;
+  const bool keeping_;  // rows for matched_rows()
+  std::optional<std::vector<MatchedRow>> kept_ = std::vector<MatchedRow>{};  // none once some were not
   NameCatalogs& catalogs_;
   std::shared_ptr<const NameCatalog> catalog_;
   Filters filters_;
@@ -511,7 +594,8 @@ std::string prefix_upper_bound(std::string prefix) {
 
 SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query,
                                NameCatalogs& catalogs) {
-  SymbolSearch found = Search(reader, file, query, catalogs).run();
+  Search scoped(reader, file, query, catalogs);
+  SymbolSearch found = scoped.run();
   if (found.total > 0 || found.more) return found;
   // A qualifier that nothing lives under (a namespace object re-exported under another name, a module
   // that imports its names from another, a namespace opened by a macro) leaves the name alone, first
@@ -520,7 +604,11 @@ SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file
   if (pattern.scope.empty() || pattern.text.empty()) return found;
   SymbolQuery bare = query;
   bare.text = pattern.text;
-  return Search(reader, file, bare, catalogs, std::move(pattern.scope)).run();
+  Search unscoped(reader, file, bare, catalogs, std::move(pattern.scope));
+  // The names that match do not depend on the qualifier: the rows that the first search read are
+  // ranked again, when it read (and kept) them all.
+  if (auto rows = std::move(scoped).matched_rows()) return unscoped.rank(std::move(*rows));
+  return unscoped.run();
 }
 
 }  // namespace brenloc::storage::detail

@@ -8,7 +8,7 @@
 // enough, else from the rows) until the count passes a cap, when the search says that more matched.
 // By file: every row of the files a path filter selects, when they hold few rows (or of all files while
 // the name index is missing), checked one by one. A qualified name that matches nothing is searched
-// again without its qualifier.
+// again without its qualifier: from the rows that the first search read, when it kept them all.
 #pragma once
 
 #include <cstdint>
