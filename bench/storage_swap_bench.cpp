@@ -149,7 +149,7 @@ std::vector<std::string> rebuild_indexes() {
           "DELETE FROM main.files",
           "INSERT INTO main.files SELECT * FROM staging.files WHERE 1",
           fmt::format("INSERT INTO main.symbols({0}) SELECT {0} FROM staging.symbols WHERE 1", kColumns),
-          "CREATE INDEX main.symbols_by_name ON symbols(name COLLATE NOCASE, rank, file_id)"};
+          "CREATE INDEX main.symbols_by_name ON symbols(name COLLATE NOCASE, rank)"};
 }
 
 // Names that exist in the index, for exact queries.

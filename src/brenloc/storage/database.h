@@ -18,7 +18,7 @@
 namespace brenloc::storage {
 
 // The schema version written to PRAGMA user_version by create_schema().
-inline constexpr int kSchemaVersion = 14;
+inline constexpr int kSchemaVersion = 13;
 
 // Whether the writer connection syncs the file to disk. `synced`: a crash of the machine may lose the
 // last commits but never leaves a corrupt file. `unsynced`: nothing is synced, which a bulk load into a

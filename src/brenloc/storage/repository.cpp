@@ -1092,7 +1092,7 @@ Counts Repository::swap_index_from(const std::filesystem::path& staging_path) {
            "emptying the live uses");
       // A cancelled bulk load may have left the live file without its name index; building it on the
       // empty table is free, and the copy below then goes b-tree to b-tree for it too.
-      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE, rank, file_id)",
+      step("CREATE INDEX IF NOT EXISTS main.symbols_by_name ON symbols(name COLLATE NOCASE, rank)",
            "restoring the name index");
       // The trigram index is made anew and its tables copied: a connection keeps what it has read of
       // such an index until the schema changes, so the writer must not go on from the old one.

@@ -47,9 +47,8 @@ CREATE TABLE IF NOT EXISTS symbols (
   -- (place_rank of symbol_match.h): under 2^15, two bytes.
   rank INTEGER NOT NULL
 );
--- Names compared ignoring ASCII case: exact and prefix search (a range), a name's rows best first, and the
--- files that define a name, from the index alone (ranking counts them among a name's referrers).
-CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE, rank, file_id);
+-- Names compared ignoring ASCII case: exact and prefix search (a range), and a name's rows best first.
+CREATE INDEX IF NOT EXISTS symbols_by_name ON symbols(name COLLATE NOCASE, rank);
 -- Where each file uses each name in its code: per name (by its key, name_uses.h) and file, the offsets and
 -- roles of the occurrences, coded in one blob, but for the definitions that the file's rows of symbols
 -- hold (name_uses.h): a file whose only uses of a name are those has no row for it. Keyed by name first,

@@ -107,8 +107,7 @@ std::int64_t files_using(Reader& r, const std::filesystem::path& file, std::stri
   }
   auto n = std::ssize(using_files);
   if (n >= kReferrersCap || !plain_name(name)) return std::min(n, kReferrersCap);
-  // And the files that define it, whose definitions the rows of symbols hold (the name index holds their
-  // files: no row is read).
+  // And the files that define it, whose definitions the rows of symbols hold.
   Statement& defining = r.statement(
       "SELECT DISTINCT file_id FROM symbols WHERE name = ?1 COLLATE NOCASE AND name = ?1",
       file);
