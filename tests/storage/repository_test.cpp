@@ -185,9 +185,12 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"fmt/core.h", "cpp", "format", "function", ""},
       {"c++/bits/stl_bvector.h", "cpp", "vector", "class", "std", true},
       {"c++/bits/stl_vector.h", "cpp", "vector", "class", "std"},
-      // Zeta is defined in three files and used in none, Beta used in one: their definitions refer too.
+      // Zeta is defined in three files and used in none, Beta used in one: their definitions refer too,
+      // once per file (Beta's constructors are in the file of its class).
       {"beta.hpp", "cpp", "Beta", "class", ""},
       {"beta.hpp", "cpp", "step", "method", "Beta"},
+      {"beta.hpp", "cpp", "Beta", "constructor", "Beta"},
+      {"beta.hpp", "cpp", "Beta", "constructor", "Beta"},
       {"zeta.hpp", "cpp", "Zeta", "class", ""},
       {"zeta.hpp", "cpp", "step", "method", "Zeta"},
       {"zeta_fwd.hpp", "cpp", "Zeta", "class", ""},

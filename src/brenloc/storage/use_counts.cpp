@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "brenloc/storage/fresh_uses.h"
 #include "brenloc/storage/name_uses.h"
@@ -107,14 +108,29 @@ std::int64_t files_using(Reader& r, const std::filesystem::path& file, std::stri
   }
   auto n = std::ssize(using_files);
   if (n >= kReferrersCap || !plain_name(name)) return std::min(n, kReferrersCap);
-  // And the files that define it, whose definitions the rows of symbols hold.
-  Statement& defining = r.statement(
-      "SELECT DISTINCT file_id FROM symbols WHERE name = ?1 COLLATE NOCASE AND name = ?1",
+  // And the files that define it, whose definitions the rows of symbols hold. A file's rows are one range
+  // of ids (files.first_symbol): the name's ids come from the name index alone, and each file costs one
+  // lookup of its range, however many of its rows bear the name (a class's constructors, overloads).
+  std::vector<std::int64_t> ids;
+  {
+    Statement& rows = r.statement("SELECT id FROM symbols WHERE name = ?1 COLLATE NOCASE AND name = ?1", file);
+    ResetOnExit done{rows};
+    rows.bind_static(1, name);
+    while (rows.step(file, kOperation)) ids.push_back(rows.integer(0));
+  }
+  std::sort(ids.begin(), ids.end());
+  Statement& owner = r.statement(
+      "SELECT f.id, f.first_symbol + f.symbol_count FROM symbols s JOIN files f ON f.id = s.file_id WHERE s.id = ?1",
       file);
-  ResetOnExit done{defining};
-  defining.bind_static(1, name);
-  while (n < kReferrersCap && defining.step(file, kOperation)) {
-    const std::int64_t id = defining.integer(0);
+  for (std::size_t i = 0; i < ids.size() && n < kReferrersCap;) {
+    ResetOnExit done{owner};
+    owner.bind(1, ids[i]);
+    if (!owner.step(file, kOperation)) {
+      ++i;
+      continue;
+    }
+    const std::int64_t id = owner.integer(0), end = owner.integer(1);
+    while (i < ids.size() && ids[i] < end) ++i;
     if (using_files.contains(id) || coding_all.contains(id) || (fresh && fresh->codes_every_definition(key, id))) continue;
     ++n;
   }
