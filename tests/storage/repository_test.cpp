@@ -254,6 +254,7 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
       {"snprintf", "snprintf stdio.h"},          // the declaration before a C header's inline wrapper
       {"array", "array lib/v3/core/types.ts"},   // benchmarks after the code they measure
       {"fmt::format", "format fmt/core.h"},      // nothing under "fmt": where a path holds it
+      {"stl_deque::push_back", "push_back c++/bits/stl_deque.h"},  // or a file's name
       {"std::vector", "vector c++/bits/stl_vector.h"},  // a template before its specialization
       {"uint64_t", "uint64_t x86/bits/stdint-uintn.h"},  // what is compiled always before a fallback under #if
       // Among equally likely hits, where more files refer to: a member of the class more used, a header
@@ -275,6 +276,17 @@ TEST_F(RepositoryTest, QualifiersAndImportancePickTheFirstHit) {
   // A qualifier that names nothing here finds nothing, unless the name alone does.
   EXPECT_TRUE(repo.search_symbols({.text = "nowhere.nothing"}).empty());
   EXPECT_EQ(repo.search_symbols({.text = "xml.loads"}).size(), 3u);
+  // A path that a later store brings holds it from then on.
+  auto first = [&](const std::string& text) {
+    const auto hits = repo.search_symbols({.text = text});
+    return hits.empty() ? "nothing" : hits.front().name + " " + hits.front().path;
+  };
+  EXPECT_EQ(first("Later.push_back"), "push_back c++/bits/stl_vector.h");
+  FileEntry later = file_entry("src/later/list.hpp", {});
+  later.file.language = "cpp";
+  later.symbols.push_back({"push_back", "method", 1, 1, 1, 1, "detail::List", 0});  // set aside but for the path
+  repo.store_files({later});
+  EXPECT_EQ(first("Later.push_back"), "push_back src/later/list.hpp");
 }
 
 // Every way a search runs (by name, with or without the name index, from summaries that a rebuild made

@@ -3,10 +3,12 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "brenloc/storage/sqlite_util.h"
 
@@ -18,6 +20,9 @@ struct Reader {
   sqlite3* db = nullptr;
   FreshUsesCache* fresh_uses = nullptr;  // of the reader's repository (fresh_uses.h)
   std::unordered_map<std::string, std::unique_ptr<Statement>> statements;
+  // The hashes of the parts of the files' paths, as of `path_parts_version` (path_parts.h).
+  std::unique_ptr<std::vector<std::uint64_t>> path_parts;
+  std::int64_t path_parts_version = 0;
 
   ~Reader() {
     statements.clear();

@@ -12,6 +12,7 @@
 
 #include "brenloc/storage/letters_in_order.h"
 #include "brenloc/storage/name_table.h"
+#include "brenloc/storage/path_parts.h"
 #include "brenloc/storage/row_ranges.h"
 #include "brenloc/storage/search_results.h"
 #include "brenloc/storage/symbol_match.h"
@@ -162,14 +163,15 @@ enum class Stage { start, inside, loose, glob };
 class Search {
  public:
   // `hint`: a qualifier that nothing lives under, dropped from the query: paths that hold it rank first.
+  // `keep`: with a qualifier, the rows of the names that match are kept for matched_rows().
   Search(Reader& r, const std::filesystem::path& file, const SymbolQuery& q, NameCatalogs& catalogs,
-         std::string hint = {})
+         std::string hint = {}, bool keep = false)
       : r_(r),
         file_(file),
         q_(q),
         pattern_(parse_pattern(q.text, q.match)),
         hint_(std::move(hint)),
-        keeping_(hint_.empty() && !pattern_.scope.empty() && !pattern_.text.empty()),
+        keeping_(keep && hint_.empty() && !pattern_.scope.empty() && !pattern_.text.empty()),
         catalogs_(catalogs),
         results_(q.limit, std::max<std::int64_t>(q.limit, kCountCap),
                  [this](const SymbolHit& h) { return referrers(h); }) {}
@@ -594,16 +596,19 @@ std::string prefix_upper_bound(std::string prefix) {
 
 SymbolSearch run_symbol_search(Reader& reader, const std::filesystem::path& file, const SymbolQuery& query,
                                NameCatalogs& catalogs) {
-  Search scoped(reader, file, query, catalogs);
-  SymbolSearch found = scoped.run();
-  if (found.total > 0 || found.more) return found;
+  NamePattern pattern = parse_pattern(query.text, query.match);
+  const bool qualified = !pattern.scope.empty() && !pattern.text.empty();
   // A qualifier that nothing lives under (a namespace object re-exported under another name, a module
   // that imports its names from another, a namespace opened by a macro) leaves the name alone, first
-  // where a path holds the qualifier (`fmt::format` of fmt/core.h).
-  NamePattern pattern = parse_pattern(query.text, query.match);
-  if (pattern.scope.empty() || pattern.text.empty()) return found;
+  // where a path holds the qualifier (`fmt::format` of fmt/core.h). Where no path can hold it, that is
+  // the plain search of the name, and the first search need not keep what it read for the repeat.
+  const bool hinted = qualified && some_path_may_hold(reader, file, pattern.scope);
+  Search scoped(reader, file, query, catalogs, {}, hinted);
+  SymbolSearch found = scoped.run();
+  if (found.total > 0 || found.more || !qualified) return found;
   SymbolQuery bare = query;
   bare.text = pattern.text;
+  if (!hinted) return Search(reader, file, bare, catalogs).run();
   Search unscoped(reader, file, bare, catalogs, std::move(pattern.scope));
   // The names that match do not depend on the qualifier: the rows that the first search read are
   // ranked again, when it read (and kept) them all.
