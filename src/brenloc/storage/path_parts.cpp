@@ -53,11 +53,11 @@ bool some_path_may_hold(Reader& r, const std::filesystem::path& file, std::strin
     r.path_parts_version = version;
   }
   const std::string folded = fold_case(qualifier);
+  const std::vector<std::uint64_t>& parts = *r.path_parts;
   for (std::size_t at = 0; at <= folded.size();) {
     const std::size_t end = std::min(folded.find('.', at), folded.size());
-    if (!std::binary_search(r.path_parts->begin(), r.path_parts->end(), part_hash(std::string_view(folded).substr(at, end - at)))) {
-      return false;
-    }
+    const std::uint64_t part = part_hash(std::string_view(folded).substr(at, end - at));
+    if (!std::binary_search(parts.begin(), parts.end(), part)) return false;
     at = end + 1;
   }
   return true;

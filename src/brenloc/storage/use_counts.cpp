@@ -130,9 +130,11 @@ std::int64_t files_using(Reader& r, const std::filesystem::path& file, std::stri
       continue;
     }
     const std::int64_t id = owner.integer(0), end = owner.integer(1);
-    while (i < ids.size() && ids[i] < end) ++i;
-    if (using_files.contains(id) || coding_all.contains(id) || (fresh && fresh->codes_every_definition(key, id))) continue;
-    ++n;
+    do {
+      ++i;
+    } while (i < ids.size() && ids[i] < end);
+    const bool counted = using_files.contains(id) || coding_all.contains(id);
+    if (!counted && !(fresh && fresh->codes_every_definition(key, id))) ++n;
   }
   return n;
 }
