@@ -24,14 +24,7 @@ std::vector<std::uint64_t> read_parts(Reader& r, const std::filesystem::path& fi
   std::string folded;
   while (stmt.step(file, kOperation)) {
     folded = fold_case(stmt.text_view(0));
-    const std::string_view path = folded;
-    for (std::size_t at = 0; at < path.size();) {
-      const std::size_t end = std::min(path.find('/', at), path.size());
-      std::string_view part = path.substr(at, end - at);
-      if (end == path.size()) part = part.substr(0, part.find('.'));
-      if (!part.empty()) out.push_back(part_hash(part));
-      at = end + 1;
-    }
+    for_each_path_part(folded, [&](std::string_view part) { out.push_back(part_hash(part)); });
   }
   std::sort(out.begin(), out.end());
   out.erase(std::unique(out.begin(), out.end()), out.end());
@@ -49,7 +42,7 @@ bool some_path_may_hold(Reader& r, const std::filesystem::path& file, std::strin
     if (stmt.step(file, kOperation)) version = stmt.integer(0);
   }
   if (!r.path_parts || r.path_parts_version != version) {
-    r.path_parts = std::make_unique<std::vector<std::uint64_t>>(read_parts(r, file));
+    r.path_parts = read_parts(r, file);
     r.path_parts_version = version;
   }
   const std::string folded = fold_case(qualifier);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -21,7 +22,7 @@ struct Reader {
   FreshUsesCache* fresh_uses = nullptr;  // of the reader's repository (fresh_uses.h)
   std::unordered_map<std::string, std::unique_ptr<Statement>> statements;
   // The hashes of the parts of the files' paths, as of `path_parts_version` (path_parts.h).
-  std::unique_ptr<std::vector<std::uint64_t>> path_parts;
+  std::optional<std::vector<std::uint64_t>> path_parts;
   std::int64_t path_parts_version = 0;
 
   ~Reader() {

@@ -188,14 +188,9 @@ class Parts {
     add_module(at.path, at.language);
     add_scope(at.scope);
   }
-  // The directories of a path and its file name without extensions.
+  // The parts of a path (for_each_path_part).
   explicit Parts(std::string_view path) {
-    for (std::size_t at = 0; at < path.size();) {
-      const std::size_t end = std::min(path.find('/', at), path.size());
-      const std::string_view part = path.substr(at, end - at);
-      push(end == path.size() ? part.substr(0, part.find('.')) : part);
-      at = end + 1;
-    }
+    for_each_path_part(path, [this](std::string_view part) { push(part); });
   }
   std::size_t size() const { return n_; }
   std::string_view operator[](std::size_t i) const { return part_[i]; }

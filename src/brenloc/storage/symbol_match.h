@@ -71,8 +71,20 @@ inline constexpr int kPlaceRankBits = 15, kPlaceRankLimit = 1 << kPlaceRankBits;
 // -1 when they do not hold it.
 int qualifier_distance(const NamePattern& pattern, const SymbolPlace& place);
 
-// Whether the directories and file name (without its extensions) of a path hold the parts of a
-// qualifier (folded, parts split by "."), in order.
+// The parts of a path that a qualifier may name: its directories and its file name without extensions,
+// in order, each passed to `fn` (empty ones left out).
+template <class Fn>
+void for_each_path_part(std::string_view path, Fn&& fn) {
+  for (std::size_t at = 0; at < path.size();) {
+    const std::size_t end = std::min(path.find('/', at), path.size());
+    const std::string_view part = path.substr(at, end - at);
+    if (const std::string_view p = end == path.size() ? part.substr(0, part.find('.')) : part; !p.empty()) fn(p);
+    at = end + 1;
+  }
+}
+
+// Whether the parts of a path (for_each_path_part) hold the parts of a qualifier (folded, parts split by
+// "."), in order.
 bool path_holds_qualifier(std::string_view qualifier, std::string_view path);
 
 // How likely a symbol is the one a query means, lower first: the qualifier's distance, then the place
